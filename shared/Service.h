@@ -1,0 +1,15 @@
+// Words by which messages name the background service.
+#ifndef QX_SHARED_SERVICE_H
+#define QX_SHARED_SERVICE_H
+
+#include <string>
+
+namespace Service {
+
+// "service": the noun that user-facing messages use for the background
+// process. Set when libQXShared is loaded, before any library that uses it.
+extern std::string const TERM4SVC;
+
+}  // namespace Service
+
+#endif  // QX_SHARED_SERVICE_H

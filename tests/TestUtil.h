@@ -1,0 +1,92 @@
+// Helpers of the unit tests: a temporary folder per fixture and a capture of
+// the log's lines.
+#ifndef QX_TESTS_TESTUTIL_H
+#define QX_TESTS_TESTUTIL_H
+
+#include "shared/Log.h"
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace qxtest {
+
+// A fresh folder under the system's temporary directory, removed with all its
+// content when the object dies.
+class TempDir {
+ public:
+  TempDir() : m_path(boost::filesystem::temp_directory_path() /
+                     boost::filesystem::unique_path("qxtest-%%%%-%%%%-%%%%")) {
+    boost::filesystem::create_directories(m_path);
+  }
+  ~TempDir() {
+    boost::system::error_code ec;
+    boost::filesystem::remove_all(m_path, ec);
+  }
+  TempDir(TempDir const&) = delete;
+  TempDir& operator=(TempDir const&) = delete;
+
+  boost::filesystem::path const& path() const { return m_path; }
+  boost::filesystem::path operator/(std::string const& name) const { return m_path / name; }
+
+ private:
+  boost::filesystem::path m_path;
+};
+
+// Writes content to file, creating or truncating it.
+inline void writeFile(boost::filesystem::path const& file, std::string const& content) {
+  std::ofstream out(file.string(), std::ios::binary | std::ios::trunc);
+  out << content;
+}
+
+inline std::string readFile(boost::filesystem::path const& file) {
+  std::ifstream in(file.string(), std::ios::binary);
+  std::ostringstream all;
+  all << in.rdbuf();
+  return all.str();
+}
+
+// Sends the log's lines to a string while it lives, then back to standard
+// error. lines() checks each line start (the timestamp) and returns the rest of
+// each line.
+class LogCapture {
+ public:
+  LogCapture() { Log::inst().toStream(m_stream); }
+  ~LogCapture() { Log::inst().toStderr(); }
+  LogCapture(LogCapture const&) = delete;
+  LogCapture& operator=(LogCapture const&) = delete;
+
+  std::vector<std::string> lines() {
+    static std::regex const lineStart(
+        R"(^\d{4}-\d{2}-\d{2}T\d{2}:\d{2}:\d{2}\.\d{3}Z (.*)$)");
+    std::string text;
+    {
+      boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
+      text = m_stream.str();
+    }
+    std::vector<std::string> result;
+    std::istringstream in(text);
+    for (std::string line; std::getline(in, line);) {
+      std::smatch m;
+      if (std::regex_match(line, m, lineStart)) {
+        result.push_back(m[1]);
+      } else {
+        ADD_FAILURE() << "log line without its timestamp: " << line;
+        result.push_back(line);
+      }
+    }
+    return result;
+  }
+
+ private:
+  std::ostringstream m_stream;
+};
+
+}  // namespace qxtest
+
+#endif  // QX_TESTS_TESTUTIL_H
