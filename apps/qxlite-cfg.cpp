@@ -103,6 +103,10 @@ int main(int argc, char** argv) {
     } catch (std::runtime_error const& e) {
       throw Failure("\"" + file.string() + "\" holds a value that is refused: " + e.what());
     }
+    // The record's extension caches still describe the default lists that
+    // its construction read; the rules must see the lists just read.
+    settings.IgnoredExtensionSet.clear();
+    settings.SrvFileExtsSet.clear();
     settings.fix();
     std::cout << settings.dump();
     std::ostringstream text;

@@ -103,6 +103,9 @@ class Settings {
   json::Object serialize() const;
   // Sets every member of the form from obj (a missing key gives the reader's
   // fall-back). Throws what the list assignment and the Inet readers throw.
+  // Neither normalises (call fix() afterwards) nor touches the extension
+  // caches: on a record whose caches were filled, clear them first if the
+  // rules are to follow the lists read here.
   void deserialize(json::Object const& obj);
 
   // Fills empty folders and lists with their defaults and derives

@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# Installs what the project needs, builds it and runs every test.
+#   scripts/test.sh                              plain build in build/
+#   scripts/test.sh --sanitize=address,undefined build-address-undefined/
+#   scripts/test.sh --sanitize=thread            build-thread/
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+
+sanitize=""
+for arg in "$@"; do
+  case "$arg" in
+    --sanitize=*) sanitize=${arg#--sanitize=} ;;
+    *) echo "usage: scripts/test.sh [--sanitize=address,undefined|thread]" >&2; exit 2 ;;
+  esac
+done
+
+bash "$root/scripts/install-deps.sh"
+
+build="$root/build"
+extra=()
+if [ -n "$sanitize" ]; then
+  build="$root/build-${sanitize//,/-}"
+  # Benchmarks measure the plain build only.
+  extra+=(-DQX_BUILD_BENCHMARKS=OFF)
+fi
+
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+  -DQX_SANITIZE="$sanitize" "${extra[@]}" >/dev/null
+cmake --build "$build"
+
+export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
+export UBSAN_OPTIONS=${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}
+export TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1}
+ctest --test-dir "$build" --output-on-failure -j"$(nproc)"
