@@ -1,0 +1,401 @@
+// The IPC commands of the user interface to the service.
+//
+// Each command is one class, used on both sides for one exchange: the user
+// interface constructs it with its request data and hands it to the transport
+// (Ipc::CmdClient); the service's transport builds a fresh object of the same
+// class from the type code (createLiteCmd), reads the request into it, and
+// dispatches it to the service's Ipc::CmdProcessorLiteI, whose visit for the
+// class fills the response fields; the response then travels back into the
+// user interface's object.
+//
+// Bodies are JSON objects. Writers leave out what the reader falls back to: a
+// flag is written only when true and read as true only for the JSON value
+// true; a message is written only when not empty and read only when it is a
+// string. The response readers never throw. Commands that carry a whole JSON
+// document keep it in their payload and share it by reference count: nothing
+// is deep-copied on the way in or out.
+//
+// Every command is owned by a std::shared_ptr. A command is used by one
+// thread at a time: the transport's, during its exchange.
+#ifndef QX_IPC_IPCCMDSLITE_H
+#define QX_IPC_IPCCMDSLITE_H
+
+#include "json/Json.h"
+#include "settings/Settings.h"
+#include "shared/CmdProcessorI.h"
+#include "shared/InetCfg.h"
+#include "shared/JsonCmdBase.h"
+
+#include <boost/filesystem/path.hpp>
+#include <boost/thread/mutex.hpp>
+
+#include <cstdint>
+#include <deque>
+#include <ios>
+#include <memory>
+#include <string>
+
+namespace Ipc {
+
+class CmdProcessorLiteI;
+class IsRunning;
+class GetCfg;
+class SaveCfg;
+class Pause;
+class Resume;
+class ServerRequest;
+class TestCfg;
+class FileDrop;
+class GetUploads;
+
+// The frame that every command of this library shares: the dispatch to
+// CmdProcessorLiteI. It has no data of its own.
+class CmdLiteBase : public JsonCmdBase {
+ public:
+  using JsonCmdBase::JsonCmdBase;
+
+  char const* name() const override = 0;
+  // Calls accept(CmdProcessorLiteI&) with p: only lite processors receive
+  // lite commands, so the reference is taken as one without a check.
+  void accept(CmdProcessorI& p) override;
+  // Calls p.visit(*this) with the overload for the command's own class.
+  virtual void accept(CmdProcessorLiteI& p) = 0;
+};
+
+// The service's handler of the commands. Each visit does nothing unless
+// overridden, so that a command whose visit is not overridden answers with
+// the response its constructor and request left.
+class CmdProcessorLiteI : public CmdProcessorI {
+ public:
+  virtual void visit(IsRunning&) {}
+  virtual void visit(GetCfg&) {}
+  virtual void visit(SaveCfg&) {}
+  virtual void visit(Pause&) {}
+  virtual void visit(Resume&) {}
+  virtual void visit(ServerRequest&) {}
+  virtual void visit(TestCfg&) {}
+  virtual void visit(FileDrop&) {}
+  virtual void visit(GetUploads&) {}
+};
+
+// Type codes: the receiving side builds a command of the class the code names.
+enum LiteCmdType : CmdI::TypeCode {
+  IS_RUNNING_TYPE = 1,
+  GET_CFG_TYPE = 2,
+  PAUSE_TYPE = 3,
+  RESUME_TYPE = 4,
+  SAVE_CFG_TYPE = 5,
+  GET_UPLOADS_TYPE = 6,
+  SERVER_REQUEST_TYPE = 8,
+  TEST_CFG_TYPE = 9,
+  FILE_DROP_TYPE = 10,
+};
+
+// For log lines that show a request or response body: text itself when
+// length is at most 30, otherwise its first 30 characters and "...". obj is
+// not read. A null text with a non-zero length throws std::logic_error.
+std::string dumpReqOrResp(json::Object const& obj, char const* text, unsigned long length);
+
+// Whether the service runs. Request: no body. Response: {FIELD_RESP: true}
+// when running, otherwise {}.
+class IsRunning : public CmdLiteBase {
+ public:
+  explicit IsRunning(std::shared_ptr<CmdProcessorI> processor)
+      : CmdLiteBase(std::move(processor), IS_RUNNING_TYPE) {}
+  ~IsRunning() override;
+  char const* name() const override;
+  void sendReq() override;
+  void readReq() override;
+  json::Object serializeResp() const override;
+  void deserializeResp(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  bool running = false;  // the answer, set by the service's visit
+};
+
+// The service's configuration. Request: no body. Response: the payload, the
+// JSON form of Settings.
+class GetCfg : public CmdLiteBase {
+ public:
+  explicit GetCfg(std::shared_ptr<CmdProcessorI> processor)
+      : CmdLiteBase(std::move(processor), GET_CFG_TYPE) {}
+  ~GetCfg() override;
+  char const* name() const override;
+  void sendReq() override;
+  void readReq() override;
+  json::Object serializeResp() const override;
+  void deserializeResp(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  // Service: replaces the payload by the JSON form of settings.
+  void setSetts(Settings const& settings);
+  // A new record built from the payload; the payload is not changed.
+  std::unique_ptr<Settings> pSetts() const;
+
+  json::Object payload;
+};
+
+// Stores a new configuration. Request: the payload. Response: "ok" when the
+// service stored it, "msg" for the user.
+class SaveCfg : public CmdLiteBase {
+ public:
+  SaveCfg(std::shared_ptr<CmdProcessorI> processor, Settings const& settings);
+  // The receiving side: an empty payload until the request is read.
+  explicit SaveCfg(std::shared_ptr<CmdProcessorI> processor);
+  ~SaveCfg() override;
+  char const* name() const override;
+  json::Object serializeReq() const override;
+  void deserializeReq(json::Object const& obj) override;
+  json::Object serializeResp() const override;
+  void deserializeResp(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  // A new record built from the payload; the payload is not changed.
+  std::unique_ptr<Settings> pSetts() const;
+
+  json::Object payload;
+  bool ok = false;
+  std::string msg;
+};
+
+// Resumes taking new items. Request: no body. Response: "ok", "msg".
+class Resume : public CmdLiteBase {
+ public:
+  explicit Resume(std::shared_ptr<CmdProcessorI> processor)
+      : CmdLiteBase(std::move(processor), RESUME_TYPE) {}
+  ~Resume() override;
+  char const* name() const override;
+  void sendReq() override;
+  void readReq() override;
+  json::Object serializeResp() const override;
+  void deserializeResp(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  bool ok = false;
+  std::string msg;
+
+ protected:
+  Resume(std::shared_ptr<CmdProcessorI> processor, TypeCode type)
+      : CmdLiteBase(std::move(processor), type) {}
+};
+
+// Pauses taking new items; with delAll the waiting items are discarded by the
+// service. Request: {"delAll": true} or {} (a body even when false).
+// Response: as Resume.
+class Pause : public Resume {
+ public:
+  explicit Pause(std::shared_ptr<CmdProcessorI> processor, bool delAll = false)
+      : Resume(std::move(processor), PAUSE_TYPE), delAll(delAll) {}
+  ~Pause() override;
+  char const* name() const override;
+  void sendReq() override;
+  void readReq() override;
+  json::Object serializeReq() const override;
+  void deserializeReq(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  bool delAll;
+};
+
+// Has the service call the server. Request: the payload {"method", "params",
+// and "inetCfg" when given}. Response: the payload as the service's visit
+// left it (the server's answer).
+class ServerRequest : public CmdLiteBase {
+ public:
+  ServerRequest(std::shared_ptr<CmdProcessorI> processor, std::string const& callName,
+                json::Object const& params, Inet::InetCfg const* inetCfg);
+  // The receiving side: an empty payload until the request is read.
+  explicit ServerRequest(std::shared_ptr<CmdProcessorI> processor);
+  ~ServerRequest() override;
+  char const* name() const override;
+  int reqTimeoutId() const override;
+  json::Object serializeReq() const override;
+  void deserializeReq(json::Object const& obj) override;
+  json::Object serializeResp() const override;
+  void deserializeResp(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  // "method"; throws json::Exc unless it is a string.
+  std::string callName() const;
+  // "params" (shared); throws json::Exc unless it is an object.
+  json::Object jParams() const;
+  // A new record from "inetCfg", or null without the key; throws json::Exc
+  // when the value is not an object or the record refuses it.
+  std::unique_ptr<Inet::InetCfg> pInetCfg() const;
+
+  json::Object payload;
+};
+
+// The service's list of uploads. Request: no body. Response: the payload as
+// the service's visit left it.
+class GetUploads : public CmdLiteBase {
+ public:
+  explicit GetUploads(std::shared_ptr<CmdProcessorI> processor)
+      : CmdLiteBase(std::move(processor), GET_UPLOADS_TYPE) {}
+  ~GetUploads() override;
+  char const* name() const override;
+  void sendReq() override;
+  void readReq() override;
+  json::Object serializeResp() const override;
+  void deserializeResp(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  json::Object payload;
+};
+
+// Hands files to the service. The user interface builds the command on a file
+// or folder (prepareReq) and/or on files held in memory (addMemFile); the
+// request {"files":[{"name","size"},...]} is followed on the wire by the
+// contents, back to back, in pieces of at most PIECE_SIZE bytes that never
+// span two files. The service builds its command on its spool folder:
+// deserializeReq creates an empty temporary file (one file) or folder (any
+// other count) whose name ends in ".noqx", the pieces are appended to their
+// targets, and setResp (from the service's visit) gives the item its final
+// name. Response: "ok" when the item has its final name, "msg".
+//
+// A piece's file is reopened for each piece on both sides, so nothing is held
+// open between pieces and what has arrived is on disk after every piece. The
+// transfer buffer grows to the largest piece and is reused. Nothing that a
+// failed drop left in the spool folder is removed: it keeps its ".noqx" name,
+// which the service's scanner ignores.
+//
+// The receiving side writes only into targets directly inside the folder
+// that it created: a sent name with a folder part ("docs/a.pdf", "../a",
+// "/etc/a") fails as a target that cannot be opened.
+class FileDrop : public CmdLiteBase {
+ public:
+  static constexpr std::size_t PIECE_SIZE = 1048576;
+
+  // One file of the drop.
+  struct FileInf {
+    // User interface: the file on disk, or the name of a file in memory.
+    // Service: the target the content is written to.
+    boost::filesystem::path path;
+    std::uint64_t size;
+    std::streampos pos;   // content bytes already sent or received
+    std::string content;  // a file held in memory; empty for a file on disk
+  };
+
+  // path: the file or folder to drop (user interface), or the spool folder
+  // (service).
+  FileDrop(std::shared_ptr<CmdProcessorI> processor, boost::filesystem::path const& path);
+  ~FileDrop() override;
+  char const* name() const override;
+  int reqTimeoutId() const override;
+  json::Object serializeReq() const override;
+  // Streams the contents, then finishes the request.
+  void sendReqDone() override;
+  // Creates the targets; throws json::Exc on a malformed request.
+  void deserializeReq(json::Object const& obj) override;
+  // Receives the contents, then finishes the request.
+  void readReqDone() override;
+  json::Object serializeResp() const override;
+  void deserializeResp(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  // Adds a file held in memory (the name is not checked).
+  void addMemFile(std::string const& name, std::string content);
+  // Lists the files to send: path itself, or the files directly in the
+  // folder path (sub-folders and empty files are skipped with a warning
+  // line). Returns whether there is anything to send. Throws
+  // boost::filesystem::filesystem_error for a path that does not exist or an
+  // entry that cannot be examined.
+  bool prepareReq();
+  void sendFilesContent();
+  void readFilesContent();
+  // Service: gives the received item its final name; sets ok and msg.
+  void setResp();
+  // Renames the temporary item p, within its folder, to its name without its
+  // last extension, under a name that no other entry holds.
+  static bool removeExtension(boost::filesystem::path const& p);
+
+  boost::filesystem::path path;
+  std::deque<FileInf> files;
+  bool ok = false;
+  std::string msg;
+
+ private:
+  void growBuffer(std::size_t size);
+  // Whether target lies directly inside the folder the drop writes into.
+  bool isOwnTarget(boost::filesystem::path const& target) const;
+
+  std::unique_ptr<char[]> buffer;  // the transfer buffer, shared by all pieces
+  std::size_t bufferSize = 0;
+};
+
+// Has the service test a configuration. Request: the payload (the JSON form
+// of the Settings under test). Response: a stream of result lines, each an
+// 8-byte length in host byte order and the text, produced while the service's
+// test runs, and ended by a record of length 0.
+//
+// The lines are queued in a SharedRespMsgs that the command shares with its
+// copies: on the user-interface side each line that arrives is appended (on a
+// transport thread, under the queue's mutex) and a copy of the command is
+// passed to the processor's processCmd, which takes lines with getRespLine.
+// The end reaches the user interface through the completion of the command.
+// On the service side the queue is used from the transport's thread only.
+class TestCfg : public CmdLiteBase {
+ public:
+  struct SharedRespMsgs {
+    std::deque<std::string> lines;  // oldest first; the empty line ends them
+    boost::mutex mutex;             // guards lines on the user-interface side
+  };
+
+  // The service's test, seen from the command.
+  class TestRunnerI {
+   public:
+    // Runs the next part of the test and appends its result lines to the
+    // back of the command's queue; false when the test is finished.
+    virtual bool runStep() = 0;
+    virtual ~TestRunnerI() = default;
+  };
+
+  // The user interface: the payload is the JSON form of settings.
+  TestCfg(std::shared_ptr<CmdProcessorI> processor, Settings const& settings);
+  // The receiving side: an empty payload.
+  explicit TestCfg(std::shared_ptr<CmdProcessorI> processor);
+  // A light copy that shares the queue; its payload is a new empty object and
+  // it has no runner.
+  TestCfg(TestCfg const& other);
+  ~TestCfg() override;
+  char const* name() const override;
+  int reqTimeoutId() const override;
+  void sendResp() override;
+  void readResp() override;
+  json::Object serializeReq() const override;
+  void deserializeReq(json::Object const& obj) override;
+  json::Object serializeResp() const override;
+  void deserializeResp(json::Object const& obj) override;
+  void accept(CmdProcessorLiteI& p) override;
+
+  // A new record built from the payload.
+  std::unique_ptr<Settings> pSetts() const;
+  // Runs test steps until a line is queued or the test ends, then sends the
+  // oldest queued line.
+  void execOneTest();
+  void sendRespLine(std::string const* line);
+  void sendRespLineBody(std::string const* line);
+  void lockAndAddToLines(std::string&& line);
+  // Moves the oldest result line into out; false when there is none (or only
+  // the end marker, which stays).
+  bool getRespLine(std::string& out);
+
+  std::shared_ptr<SharedRespMsgs> const& respMsgs() const { return lines; }
+
+  json::Object payload;
+  std::unique_ptr<TestRunnerI> runner;  // installed by the service's visit
+
+ private:
+  std::shared_ptr<SharedRespMsgs> lines;
+};
+
+// The service's factory: a new command of the class that type names, for the
+// receiving side, or null for a code it does not know. spoolFolder is where
+// dropped files go.
+std::shared_ptr<CmdLiteBase> createLiteCmd(CmdI::TypeCode type,
+                                           std::shared_ptr<CmdProcessorI> const& processor,
+                                           boost::filesystem::path const& spoolFolder);
+
+}  // namespace Ipc
+
+#endif  // QX_IPC_IPCCMDSLITE_H

@@ -1,0 +1,31 @@
+// Internal: the Asio types that the server and the client share. Not
+// installed.
+#ifndef QX_SHARED_ASIOTYPES_H
+#define QX_SHARED_ASIOTYPES_H
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <boost/asio/strand.hpp>
+
+#include <chrono>
+#include <string>
+
+namespace Ipc {
+namespace asio {
+
+using Strand = boost::asio::strand<boost::asio::io_context::executor_type>;
+// Sockets and timers whose handlers run on their connection's strand.
+using Socket = boost::asio::ip::tcp::socket::rebind_executor<Strand>::other;
+using Timer = boost::asio::steady_timer::rebind_executor<Strand>::other;
+
+// "60 s" or "250 ms".
+inline std::string durationText(std::chrono::milliseconds d) {
+  if (d.count() % 1000 == 0) return std::to_string(d.count() / 1000) + " s";
+  return std::to_string(d.count()) + " ms";
+}
+
+}  // namespace asio
+}  // namespace Ipc
+
+#endif  // QX_SHARED_ASIOTYPES_H

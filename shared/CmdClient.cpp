@@ -1,0 +1,410 @@
+#include "shared/CmdClient.h"
+
+#include "shared/AsioTypes.h"
+#include "shared/Wire.h"
+
+#include <sys/socket.h>
+
+#include <boost/asio/connect.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+
+#include <cerrno>
+#include <deque>
+#include <future>
+
+namespace Ipc {
+
+namespace ba = boost::asio;
+using ba::ip::tcp;
+using asio::Socket;
+using asio::Strand;
+using asio::Timer;
+
+class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_this<Conn> {
+ public:
+  Conn(IoThreads& io, CmdClientOptions options, SecretToken token)
+      : m_options(std::move(options)),
+        m_token(token),
+        m_strand(ba::make_strand(io.context())),
+        m_socket(m_strand),
+        m_timer(m_strand),
+        m_resolver(m_strand) {}
+
+  std::chrono::milliseconds timeoutFor(int id) const {
+    switch (id) {
+      case CmdI::TIMEOUT_LONG: return m_options.longTimeout;
+      case CmdI::TIMEOUT_TRANSFER: return m_options.transferTimeout;
+      default: return m_options.quickTimeout;
+    }
+  }
+
+  std::size_t connectionsMade() const { return m_connectionsMade.load(); }
+
+  void enqueue(std::shared_ptr<CmdI> cmd, Completion done) {
+    ba::post(m_strand, [self = shared_from_this(), cmd = std::move(cmd), done = std::move(done)] {
+      if (self->m_closing) {
+        done(cmd, "Ipc the client is closing");
+        return;
+      }
+      self->m_queue.push_back(Pending{cmd, done});
+      if (!self->m_current.cmd) self->startNext();
+    });
+  }
+
+  // Fails what is pending and closes the connection; returns when done.
+  void close() {
+    auto work = [self = shared_from_this()] {
+      self->m_closing = true;
+      std::deque<Pending> all;
+      all.swap(self->m_queue);
+      if (self->m_current.cmd) all.push_front(std::move(self->m_current));
+      self->m_current = Pending();
+      self->closeSocket();
+      self->m_resolver.cancel();
+      for (Pending& p : all) {
+        p.cmd->setChannel(nullptr);
+        self->complete(p, "Ipc the client is closing");
+      }
+    };
+    if (m_strand.running_in_this_thread()) {
+      work();
+      return;
+    }
+    std::promise<void> closed;
+    ba::post(m_strand, [&closed, work] {
+      work();
+      closed.set_value();
+    });
+    closed.get_future().wait();
+  }
+
+  // CmdChannel
+
+  void reqDone(std::shared_ptr<CmdI> const& cmd) override {
+    if (cmd != m_current.cmd) return;
+    m_reqSent = true;
+    arm(timeoutFor(cmd->reqTimeoutId()));
+    if (m_statusOk) readResponse(cmd);
+  }
+
+  void failCmd(std::shared_ptr<CmdI> const& cmd, std::string const& why) override {
+    if (cmd != m_current.cmd) return;
+    // The stream may be anywhere in the exchange: a new command reconnects.
+    closeSocket();
+    finishCurrent(why);
+  }
+
+  void finishCmd(std::shared_ptr<CmdI> const& cmd) override {
+    if (cmd != m_current.cmd) return;
+    m_timer.cancel();
+    finishCurrent(std::string());
+  }
+
+  void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
+                  std::function<void()> done) override {
+    ba::async_write(m_socket, ba::buffer(data, len),
+                    [self = shared_from_this(), cmd, serial = m_serial, done = std::move(done)](
+                        boost::system::error_code ec, std::size_t) {
+                      if (serial != self->m_serial || self->m_closing) return;
+                      if (ec && self->m_statusReadPending) {
+                        // The service may have refused the request while it
+                        // was being sent: its message is on its way, and is
+                        // the better reason to give.
+                        self->m_writeError = self->ioErrorText(ec);
+                        return;
+                      }
+                      self->onIo(ec, cmd, done);
+                    });
+  }
+
+  void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
+                 std::function<void()> done) override {
+    ba::async_read(m_socket, ba::buffer(buf, len),
+                   [self = shared_from_this(), cmd, serial = m_serial, done = std::move(done)](
+                       boost::system::error_code ec, std::size_t) {
+                     if (serial != self->m_serial || self->m_closing) return;
+                     self->onIo(ec, cmd, done);
+                   });
+  }
+
+ private:
+  struct Pending {
+    std::shared_ptr<CmdI> cmd;
+    Completion done;
+  };
+
+  std::string where() const { return m_options.host + ":" + std::to_string(m_options.port); }
+
+  std::string name() const { return m_current.cmd ? m_current.cmd->name() : "command"; }
+
+  void arm(std::chrono::milliseconds limit) {
+    m_limit = limit;
+    m_timer.expires_after(limit);
+    m_timer.async_wait([self = shared_from_this(), serial = m_serial](boost::system::error_code ec) {
+      if (ec == ba::error::operation_aborted || serial != self->m_serial) return;
+      if (self->m_timer.expiry() > Timer::clock_type::now()) return;
+      self->m_timedOut = true;
+      self->closeSocket();
+    });
+  }
+
+  std::string ioErrorText(boost::system::error_code ec) const {
+    if (m_timedOut) return "timed out: no byte moved for " + asio::durationText(m_limit);
+    if (ec == ba::error::eof) return "the service closed the connection";
+    return ec.message();
+  }
+
+  // Reports why to the command, which ends the exchange through failCmd.
+  void transferError(std::string const& why) {
+    std::shared_ptr<CmdI> const cmd = m_current.cmd;
+    if (!cmd) return;
+    cmd->onTransferError(why);
+    if (cmd == m_current.cmd) failCmd(cmd, why);  // an override that did not end it
+  }
+
+  template <class F>
+  void guarded(std::shared_ptr<CmdI> const& cmd, F&& f) {
+    try {
+      f();
+    } catch (std::exception const& e) {
+      if (cmd == m_current.cmd) transferError("Ipc " + std::string(cmd->name()) + " failed: " + e.what());
+    }
+  }
+
+  void onIo(boost::system::error_code ec, std::shared_ptr<CmdI> const& cmd,
+            std::function<void()> const& done) {
+    if (cmd != m_current.cmd) return;
+    if (ec) {
+      transferError("Ipc " + std::string(cmd->name()) + ": " + ioErrorText(ec));
+      return;
+    }
+    arm(timeoutFor(cmd->reqTimeoutId()));
+    guarded(cmd, done);
+  }
+
+  void complete(Pending& p, std::string const& error) {
+    try {
+      p.done(p.cmd, error);
+    } catch (...) {
+      // A completion's own failure must not stop the client.
+    }
+  }
+
+  void finishCurrent(std::string const& error) {
+    Pending p = std::move(m_current);
+    m_current = Pending();
+    ++m_serial;
+    p.cmd->setChannel(nullptr);
+    complete(p, error);
+    if (!m_closing) startNext();
+  }
+
+  void closeSocket() {
+    m_connected = false;
+    m_timer.cancel();
+    boost::system::error_code ignored;
+    m_socket.close(ignored);
+  }
+
+  // Whether the connection still stands: a service that closed an idle
+  // connection has left an end of file to be read.
+  bool stillOpen() {
+    if (!m_connected || !m_socket.is_open()) return false;
+    char c;
+    ssize_t const n = ::recv(m_socket.native_handle(), &c, 1, MSG_PEEK | MSG_DONTWAIT);
+    return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
+  }
+
+  void startNext() {
+    if (m_queue.empty() || m_closing) return;
+    m_current = std::move(m_queue.front());
+    m_queue.pop_front();
+    ++m_serial;
+    m_timedOut = false;
+    m_current.cmd->setChannel(this);
+    if (stillOpen()) {
+      beginExchange();
+    } else {
+      connect();
+    }
+  }
+
+  void connect() {
+    closeSocket();
+    arm(m_options.connectTimeout);
+    boost::system::error_code ec;
+    ba::ip::address const address = ba::ip::make_address(m_options.host, ec);
+    if (!ec) {
+      m_socket.async_connect(tcp::endpoint(address, m_options.port),
+                             [self = shared_from_this(), serial = m_serial](boost::system::error_code ec) {
+                               if (serial != self->m_serial || self->m_closing) return;
+                               self->onConnected(ec);
+                             });
+      return;
+    }
+    m_resolver.async_resolve(
+        m_options.host, std::to_string(m_options.port),
+        [self = shared_from_this(), serial = m_serial](boost::system::error_code ec,
+                                                        tcp::resolver::results_type results) {
+          if (serial != self->m_serial || self->m_closing) return;
+          if (ec) {
+            self->connectFailed(ec);
+            return;
+          }
+          ba::async_connect(self->m_socket, results,
+                            [self, serial](boost::system::error_code ec, tcp::endpoint const&) {
+                              if (serial != self->m_serial || self->m_closing) return;
+                              self->onConnected(ec);
+                            });
+        });
+  }
+
+  void connectFailed(boost::system::error_code ec) {
+    std::string const why = m_timedOut ? "no answer within " + asio::durationText(m_limit) : ec.message();
+    transferError("Ipc cannot connect to the service at " + where() + ": " + why);
+  }
+
+  void onConnected(boost::system::error_code ec) {
+    if (ec) {
+      connectFailed(ec);
+      return;
+    }
+    ++m_connectionsMade;
+    boost::system::error_code ignored;
+    m_socket.set_option(tcp::no_delay(true), ignored);
+    wire::putHello(m_hello, m_token.data());
+    ba::async_write(m_socket, ba::buffer(m_hello),
+                    [self = shared_from_this(), serial = m_serial](boost::system::error_code ec, std::size_t) {
+                      if (serial != self->m_serial || self->m_closing) return;
+                      if (ec) {
+                        self->connectFailed(ec);
+                        return;
+                      }
+                      self->readStatus([self](std::string const& refusal) {
+                        if (!refusal.empty()) {
+                          self->transferError(refusal);
+                          return;
+                        }
+                        self->m_connected = true;
+                        self->beginExchange();
+                      });
+                    });
+  }
+
+  // Reads a status frame; calls then with the empty string when it says ok,
+  // or with the service's refusal. Errors of the connection are reported
+  // directly.
+  void readStatus(std::function<void(std::string const&)> then) {
+    m_statusReadPending = true;
+    ba::async_read(
+        m_socket, ba::buffer(m_status),
+        [self = shared_from_this(), serial = m_serial, then](boost::system::error_code ec, std::size_t) {
+          if (serial != self->m_serial || self->m_closing) return;
+          self->m_statusReadPending = false;
+          if (ec) {
+            std::string const why = !self->m_writeError.empty() ? self->m_writeError : self->ioErrorText(ec);
+            self->transferError("Ipc " + self->name() + ": " + why);
+            return;
+          }
+          std::string const bad = wire::checkFrameStart(self->m_status);
+          if (!bad.empty()) {
+            self->transferError("Ipc " + self->name() + ": the service answered with " + bad);
+            return;
+          }
+          if (self->m_status[3] == wire::kStatusOk) {
+            then(std::string());
+            return;
+          }
+          std::uint32_t const len = wire::getU32(self->m_status + 4);
+          if (len == 0 || len > wire::kMaxMessage) {
+            self->transferError("Ipc " + self->name() + ": the service refused it without a reason");
+            return;
+          }
+          self->m_message.assign(len, '\0');
+          ba::async_read(self->m_socket, ba::buffer(&self->m_message[0], len),
+                         [self, serial, then](boost::system::error_code ec, std::size_t) {
+                           if (serial != self->m_serial || self->m_closing) return;
+                           if (ec) {
+                             self->transferError("Ipc " + self->name() + ": " + self->ioErrorText(ec));
+                             return;
+                           }
+                           then(self->m_message);
+                         });
+        });
+  }
+
+  void beginExchange() {
+    std::shared_ptr<CmdI> const cmd = m_current.cmd;
+    m_reqSent = false;
+    m_statusOk = false;
+    m_writeError.clear();
+    arm(timeoutFor(cmd->reqTimeoutId()));
+    // The status is read while the request is written, so that a refusal
+    // that comes early (a drop that the service cannot store) stops the
+    // sending at once.
+    readStatus([self = shared_from_this(), cmd](std::string const& refusal) {
+      if (cmd != self->m_current.cmd) return;
+      if (!refusal.empty()) {
+        self->transferError(refusal);
+        return;
+      }
+      self->m_statusOk = true;
+      if (self->m_reqSent) self->readResponse(cmd);
+    });
+    guarded(cmd, [&] { cmd->sendReq(); });
+  }
+
+  void readResponse(std::shared_ptr<CmdI> const& cmd) {
+    guarded(cmd, [&] { cmd->readResp(); });
+  }
+
+  CmdClientOptions const m_options;
+  SecretToken const m_token;
+  Strand const m_strand;
+  std::atomic<std::size_t> m_connectionsMade{0};
+
+  // Used on the strand only.
+  Socket m_socket;
+  Timer m_timer;
+  tcp::resolver::rebind_executor<Strand>::other m_resolver;
+  std::deque<Pending> m_queue;
+  Pending m_current;               // the exchange in progress
+  std::uint64_t m_serial = 0;      // tells handlers of an ended exchange apart
+  std::chrono::milliseconds m_limit{0};
+  unsigned char m_hello[wire::kHelloSize] = {};
+  unsigned char m_status[wire::kFrameSize] = {};
+  std::string m_message;           // a refusal being read
+  std::string m_writeError;        // a write failure while the status was awaited
+  bool m_connected = false;
+  bool m_reqSent = false;
+  bool m_statusOk = false;
+  bool m_statusReadPending = false;
+  bool m_timedOut = false;
+  bool m_closing = false;
+};
+
+CmdClient::CmdClient(IoThreads& io, CmdClientOptions options, SecretToken token)
+    : m_conn(std::make_shared<Conn>(io, std::move(options), token)) {}
+
+CmdClient::~CmdClient() { m_conn->close(); }
+
+void CmdClient::execute(std::shared_ptr<CmdI> cmd, Completion done) {
+  m_conn->enqueue(std::move(cmd), std::move(done));
+}
+
+std::string CmdClient::run(std::shared_ptr<CmdI> cmd) {
+  std::promise<std::string> result;
+  std::future<std::string> done = result.get_future();
+  execute(std::move(cmd), [&result](std::shared_ptr<CmdI> const&, std::string const& error) {
+    result.set_value(error);
+  });
+  return done.get();
+}
+
+std::chrono::milliseconds CmdClient::timeoutFor(int id) const { return m_conn->timeoutFor(id); }
+
+std::size_t CmdClient::connectionsMade() const { return m_conn->connectionsMade(); }
+
+}  // namespace Ipc

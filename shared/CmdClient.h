@@ -1,0 +1,78 @@
+// Ipc::CmdClient: the user interface's side of the IPC transport.
+//
+// A client keeps one connection to the service open across its commands and
+// runs one exchange on it at a time, in the order the commands were handed
+// over. The connection is made, and the secret token proven, when the first
+// command needs it; a command issued after the connection was lost or closed
+// by the service (an idle connection, a refused exchange) makes a new one.
+//
+// Time-outs: a command fails when no byte has moved for the time of its
+// reqTimeoutId(): 2 (quick commands) 10 s, 3 (server call, configuration
+// test) 120 s, 4 (file drop) 60 s. A drop therefore never times out for
+// being large, only for standing still. Making the connection has its own
+// limit, 5 s. All can be set in the options.
+//
+// A failed exchange reaches the command's onTransferError with the reason:
+// the service's own message when it refused the request, otherwise what
+// happened to the connection. The completion is then called with the same
+// text.
+//
+// Threads: execute() and run() may be called from any thread; completions,
+// and processor calls of the commands, run on the threads of the IoThreads
+// given, serialised per client. run() and the destructor must not be called
+// from those threads. The destructor fails the commands not yet completed
+// ("Ipc the client is closing") and returns when no completion is running.
+#ifndef QX_SHARED_CMDCLIENT_H
+#define QX_SHARED_CMDCLIENT_H
+
+#include "shared/CmdI.h"
+#include "shared/IoThreads.h"
+#include "shared/SecretToken.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+namespace Ipc {
+
+struct CmdClientOptions {
+  std::string host = "127.0.0.1";
+  std::uint16_t port = 0;
+  std::chrono::milliseconds connectTimeout = std::chrono::seconds(5);
+  std::chrono::milliseconds quickTimeout = std::chrono::seconds(10);     // identifier 2
+  std::chrono::milliseconds longTimeout = std::chrono::seconds(120);     // identifier 3
+  std::chrono::milliseconds transferTimeout = std::chrono::seconds(60);  // identifier 4
+};
+
+class CmdClient {
+ public:
+  // Called once per command: error is empty when the exchange completed.
+  using Completion = std::function<void(std::shared_ptr<CmdI> const& cmd, std::string const& error)>;
+
+  CmdClient(IoThreads& io, CmdClientOptions options, SecretToken token);
+  ~CmdClient();
+  CmdClient(CmdClient const&) = delete;
+  CmdClient& operator=(CmdClient const&) = delete;
+
+  // Queues cmd; done is called on a transport thread when it completes.
+  void execute(std::shared_ptr<CmdI> cmd, Completion done);
+  // Sends cmd and waits for its completion; returns the error, empty on
+  // success.
+  std::string run(std::shared_ptr<CmdI> cmd);
+
+  // The time-out of identifier id (unknown identifiers: the quick one).
+  std::chrono::milliseconds timeoutFor(int id) const;
+  // How many connections this client has made so far.
+  std::size_t connectionsMade() const;
+
+  class Conn;  // internal
+
+ private:
+  std::shared_ptr<Conn> m_conn;
+};
+
+}  // namespace Ipc
+
+#endif  // QX_SHARED_CMDCLIENT_H

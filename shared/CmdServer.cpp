@@ -1,0 +1,470 @@
+#include "shared/CmdServer.h"
+
+#include "shared/AsioTypes.h"
+#include "shared/Log.h"
+#include "shared/Wire.h"
+
+#include <boost/asio/ip/v6_only.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/read.hpp>
+#include <boost/asio/write.hpp>
+
+#include <array>
+#include <condition_variable>
+#include <mutex>
+#include <unordered_map>
+
+namespace Ipc {
+
+namespace ba = boost::asio;
+using ba::ip::tcp;
+using asio::Socket;
+using asio::Strand;
+using asio::Timer;
+
+namespace {
+
+void logError(std::string const& text) {
+  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
+  Log::inst().logStreamStartLine() << "ERR:" << text << std::endl;
+}
+
+void logWarning(std::string const& text) {
+  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
+  Log::inst().logStreamStartLine() << "WARNING:" << text << std::endl;
+}
+
+std::string endpointText(tcp::endpoint const& ep) {
+  ba::ip::address const a = ep.address();
+  std::string const host = a.is_v6() ? "[" + a.to_string() + "]" : a.to_string();
+  return host + ":" + std::to_string(ep.port());
+}
+
+// How long a refused connection is drained before it is closed, so that the
+// refusal reaches the client instead of a reset.
+constexpr std::chrono::milliseconds kLingerTime{2000};
+
+class Session;
+
+}  // namespace
+
+class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
+ public:
+  Core(IoThreads& io, CmdServerOptions options, SecretToken token, CmdFactory factory,
+       std::shared_ptr<CmdProcessorI> processor)
+      : io(io),
+        options(options),
+        token(token),
+        factory(std::move(factory)),
+        processor(std::move(processor)) {}
+
+  void start();
+  void stop();
+  void sessionEnded(Session* session);
+  std::size_t count() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return sessions.size();
+  }
+
+  IoThreads& io;
+  CmdServerOptions const options;
+  SecretToken const token;
+  CmdFactory const factory;
+  std::shared_ptr<CmdProcessorI> const processor;
+
+  // A listening socket with the strand of its accept handlers.
+  struct Listener {
+    explicit Listener(Strand s) : strand(s), acceptor(s) {}
+    Strand strand;
+    ba::basic_socket_acceptor<tcp, Strand> acceptor;
+  };
+  std::vector<std::unique_ptr<Listener>> listeners;  // set by start(), then constant
+  std::uint16_t port = 0;                             // set by start(), then constant
+
+  mutable std::mutex mutex;
+  std::condition_variable ended;                                // signalled on mutex
+  bool stopping = false;                                        // guarded by mutex
+  std::size_t openListeners = 0;                                // guarded by mutex
+  std::unordered_map<Session*, std::weak_ptr<Session>> sessions;  // guarded by mutex
+
+ private:
+  void acceptNext(Listener& listener);
+  void onAccept(Listener& listener, boost::system::error_code ec, Socket socket);
+};
+
+namespace {
+
+// One connection of a client: the channel of each of its commands in turn.
+class Session final : public CmdChannel, public std::enable_shared_from_this<Session> {
+ public:
+  Session(std::shared_ptr<CmdServer::Core> core, Socket socket)
+      : m_core(std::move(core)),
+        m_strand(socket.get_executor()),
+        m_peer(peerText(socket)),
+        m_socket(std::move(socket)),
+        m_timer(m_strand) {}
+
+  ~Session() { m_core->sessionEnded(this); }
+
+  Strand const& strand() const { return m_strand; }
+
+  // Starts the exchange of hello and token.
+  void start() {
+    arm(m_core->options.helloTimeout);
+    ba::async_read(m_socket, ba::buffer(m_hello),
+                   [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
+                     self->onHello(ec);
+                   });
+  }
+
+  // Refuses the connection at once (too many connections).
+  void refuseAtOnce(std::string const& why) {
+    logError("Ipc connection from " + m_peer + " refused: " + why);
+    refuse("Ipc connection refused: " + why);
+  }
+
+  // Run on the strand by CmdServer::stop().
+  void stop() {
+    m_stopping = true;
+    close();
+  }
+
+  void reqDone(std::shared_ptr<CmdI> const& cmd) override {
+    if (cmd != m_cmd) return;
+    try {
+      cmd->accept(*m_core->processor);
+    } catch (std::exception const& e) {
+      failCmd(cmd, "Ipc " + std::string(cmd->name()) + " failed in the service: " + e.what());
+      return;
+    }
+    if (cmd != m_cmd) return;  // the handler ended the exchange
+    arm(m_core->options.transferTimeout);  // the handler's own time does not count
+    m_okPending = true;
+    guarded(cmd, [&] { cmd->sendResp(); });
+  }
+
+  void failCmd(std::shared_ptr<CmdI> const& cmd, std::string const& why) override {
+    if (cmd != m_cmd) return;
+    m_cmd.reset();
+    cmd->setChannel(nullptr);
+    logError(why);
+    if (m_respStarted || m_closed) {
+      close();
+    } else {
+      refuse(why);
+    }
+  }
+
+  void finishCmd(std::shared_ptr<CmdI> const& cmd) override {
+    if (cmd != m_cmd) return;
+    m_cmd.reset();
+    cmd->setChannel(nullptr);
+    if (!m_okPending) {
+      readNextRequest();
+      return;
+    }
+    m_okPending = false;
+    wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
+    ba::async_write(m_socket, ba::buffer(m_okFrame),
+                    [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
+                      if (!ec) self->readNextRequest();
+                      else self->close();
+                    });
+  }
+
+  void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
+                  std::function<void()> done) override {
+    auto handler = [self = shared_from_this(), cmd, done = std::move(done)](
+                       boost::system::error_code ec, std::size_t) { self->onIo(ec, cmd, done); };
+    m_respStarted = m_respStarted || m_okPending;
+    if (m_okPending) {
+      // The status frame goes out with the first bytes of the response.
+      m_okPending = false;
+      wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
+      std::array<ba::const_buffer, 2> const buffers{ba::buffer(m_okFrame), ba::buffer(data, len)};
+      ba::async_write(m_socket, buffers, std::move(handler));
+    } else {
+      ba::async_write(m_socket, ba::buffer(data, len), std::move(handler));
+    }
+  }
+
+  void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
+                 std::function<void()> done) override {
+    ba::async_read(m_socket, ba::buffer(buf, len),
+                   [self = shared_from_this(), cmd, done = std::move(done)](
+                       boost::system::error_code ec, std::size_t) { self->onIo(ec, cmd, done); });
+  }
+
+ private:
+  static std::string peerText(Socket const& socket) {
+    boost::system::error_code ec;
+    tcp::endpoint const ep = socket.remote_endpoint(ec);
+    return ec ? std::string("an unknown peer") : endpointText(ep);
+  }
+
+  // The deadline of the operation that runs now; a new one replaces it.
+  void arm(std::chrono::milliseconds limit) {
+    m_limit = limit;
+    m_timer.expires_after(limit);
+    m_timer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
+      if (ec == ba::error::operation_aborted) return;  // replaced or cancelled
+      // A handler that was already queued when the deadline moved.
+      if (self->m_timer.expiry() > Timer::clock_type::now()) return;
+      self->m_timedOut = true;
+      self->close();
+    });
+  }
+
+  std::string ioErrorText(boost::system::error_code ec) const {
+    if (m_timedOut) return "no byte moved for " + asio::durationText(m_limit);
+    if (m_stopping) return "the service is stopping";
+    if (ec == ba::error::eof) return "the client closed the connection";
+    return ec.message();
+  }
+
+  // Runs f for cmd; an exception ends the exchange with its message.
+  template <class F>
+  void guarded(std::shared_ptr<CmdI> const& cmd, F&& f) {
+    try {
+      f();
+    } catch (std::exception const& e) {
+      failCmd(cmd, "Ipc " + std::string(cmd->name()) + " failed: " + e.what());
+    }
+  }
+
+  void onIo(boost::system::error_code ec, std::shared_ptr<CmdI> const& cmd,
+            std::function<void()> const& done) {
+    if (cmd != m_cmd) return;
+    if (ec) {
+      std::string const why = "Ipc " + std::string(cmd->name()) + ": " + ioErrorText(ec);
+      cmd->onTransferError(why);
+      if (cmd == m_cmd) failCmd(cmd, why);  // an override that did not end it
+      return;
+    }
+    arm(m_core->options.transferTimeout);
+    guarded(cmd, done);
+  }
+
+  void onHello(boost::system::error_code ec) {
+    if (ec) {
+      if (!m_stopping) {
+        logError("Ipc connection from " + m_peer + " refused: no token (" + ioErrorText(ec) + ")");
+      }
+      close();
+      return;
+    }
+    std::string why = wire::checkHelloStart(m_hello.data());
+    if (why.empty() && !m_core->token.matches(m_hello.data() + 8)) why = "wrong token";
+    if (!why.empty()) {
+      logError("Ipc connection from " + m_peer + " refused: " + why);
+      refuse("Ipc connection refused: " + why);
+      return;
+    }
+    wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
+    ba::async_write(m_socket, ba::buffer(m_okFrame),
+                    [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
+                      if (ec) self->close();
+                      else self->readNextRequest();
+                    });
+  }
+
+  void readNextRequest() {
+    m_respStarted = false;
+    arm(m_core->options.idleTimeout);
+    ba::async_read(m_socket, ba::buffer(m_frame),
+                   [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
+                     self->onRequestFrame(ec);
+                   });
+  }
+
+  void onRequestFrame(boost::system::error_code ec) {
+    if (ec) {
+      close();  // the client left, or stayed idle too long: a normal end
+      return;
+    }
+    arm(m_core->options.transferTimeout);
+    std::string why = wire::checkFrameStart(m_frame.data());
+    std::shared_ptr<CmdI> cmd;
+    if (why.empty()) {
+      try {
+        cmd = m_core->factory(m_frame[3], m_core->processor);
+      } catch (std::exception const& e) {
+        why = "command type code " + std::to_string(m_frame[3]) + " cannot be built: " + e.what();
+      }
+      if (!cmd && why.empty()) why = "unknown command type code " + std::to_string(m_frame[3]);
+    }
+    if (!why.empty()) {
+      why = "Ipc " + why + " from " + m_peer;
+      logError(why);
+      refuse(why);
+      return;
+    }
+    m_cmd = cmd;
+    cmd->setChannel(this, (m_frame[4] & wire::kFlagJsonBody) != 0);
+    guarded(cmd, [&] { cmd->readReq(); });
+  }
+
+  // Answers with a refusal, then drains what the client still sends until it
+  // closes, so that the refusal is read rather than lost to a reset.
+  void refuse(std::string const& why) {
+    std::string const msg = why.substr(0, wire::kMaxMessage);
+    m_refusal.assign(wire::kFrameSize, '\0');
+    wire::putStatusFrame(reinterpret_cast<unsigned char*>(&m_refusal[0]), wire::kStatusRefused,
+                         static_cast<std::uint32_t>(msg.size()));
+    m_refusal += msg;
+    arm(kLingerTime);
+    ba::async_write(m_socket, ba::buffer(m_refusal),
+                    [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
+                      if (ec) {
+                        self->close();
+                        return;
+                      }
+                      boost::system::error_code ignored;
+                      self->m_socket.shutdown(tcp::socket::shutdown_send, ignored);
+                      self->drain();
+                    });
+  }
+
+  void drain() {
+    m_socket.async_read_some(ba::buffer(m_drain),
+                             [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
+                               if (ec) self->close();
+                               else self->drain();
+                             });
+  }
+
+  void close() {
+    m_closed = true;
+    m_timer.cancel();
+    boost::system::error_code ignored;
+    m_socket.close(ignored);
+  }
+
+  std::shared_ptr<CmdServer::Core> const m_core;
+  Strand const m_strand;
+  std::string const m_peer;
+
+  // Used on the strand only.
+  Socket m_socket;
+  Timer m_timer;
+  std::chrono::milliseconds m_limit{0};  // the deadline armed last
+  std::array<unsigned char, wire::kHelloSize> m_hello{};
+  std::array<unsigned char, wire::kFrameSize> m_frame{};
+  unsigned char m_okFrame[wire::kFrameSize] = {};
+  std::string m_refusal;
+  std::array<char, 4096> m_drain{};
+  std::shared_ptr<CmdI> m_cmd;  // the command of the exchange in progress
+  bool m_okPending = false;     // the ok status frame is still to be written
+  bool m_respStarted = false;   // bytes of the response have been written
+  bool m_timedOut = false;
+  bool m_stopping = false;
+  bool m_closed = false;
+};
+
+}  // namespace
+
+void CmdServer::Core::start() {
+  std::vector<ba::ip::address> addresses{ba::ip::make_address("127.0.0.1")};
+  if (!options.forceIp4) addresses.push_back(ba::ip::make_address("::1"));
+  std::uint16_t chosen = options.port;
+  for (ba::ip::address const& address : addresses) {
+    auto listener = std::make_unique<Listener>(ba::make_strand(io.context()));
+    tcp::endpoint const ep(address, chosen);
+    boost::system::error_code ec;
+    ba::basic_socket_acceptor<tcp, Strand>& a = listener->acceptor;
+    a.open(ep.protocol(), ec);
+    if (!ec && address.is_v6()) a.set_option(ba::ip::v6_only(true), ec);
+    if (!ec) a.set_option(ba::socket_base::reuse_address(true), ec);
+    if (!ec) a.bind(ep, ec);
+    if (!ec) a.listen(ba::socket_base::max_listen_connections, ec);
+    if (ec) {
+      std::string const msg = "Ipc cannot listen on " + endpointText(ep) + ": " + ec.message();
+      if (address.is_v4()) throw std::runtime_error(msg);
+      logWarning(msg + "; IPv4 only");  // loopback IPv6 may be switched off
+      continue;
+    }
+    chosen = a.local_endpoint().port();
+    listeners.push_back(std::move(listener));
+  }
+  port = chosen;
+  std::lock_guard<std::mutex> lock(mutex);
+  openListeners = listeners.size();
+  for (auto& l : listeners) acceptNext(*l);
+}
+
+void CmdServer::Core::acceptNext(Listener& listener) {
+  listener.acceptor.async_accept(
+      ba::make_strand(io.context()),
+      [self = shared_from_this(), &listener](boost::system::error_code ec, Socket socket) {
+        self->onAccept(listener, ec, std::move(socket));
+      });
+}
+
+void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec, Socket socket) {
+  std::unique_lock<std::mutex> lock(mutex);
+  if (stopping || ec == ba::error::operation_aborted) {
+    if (--openListeners == 0) ended.notify_all();
+    return;
+  }
+  if (!ec) {
+    boost::system::error_code ignored;
+    socket.set_option(tcp::no_delay(true), ignored);
+    bool const full = sessions.size() >= options.maxConnections;
+    auto session = std::make_shared<Session>(shared_from_this(), std::move(socket));
+    sessions.emplace(session.get(), session);
+    lock.unlock();
+    ba::post(session->strand(), [session, full, max = options.maxConnections] {
+      if (full) session->refuseAtOnce("too many connections (" + std::to_string(max) + ")");
+      else session->start();
+    });
+  } else {
+    lock.unlock();
+    logError("Ipc accepting a connection failed: " + ec.message());
+  }
+  acceptNext(listener);
+}
+
+void CmdServer::Core::sessionEnded(Session* session) {
+  std::lock_guard<std::mutex> lock(mutex);
+  sessions.erase(session);
+  if (sessions.empty()) ended.notify_all();
+}
+
+void CmdServer::Core::stop() {
+  std::vector<std::shared_ptr<Session>> open;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    if (stopping) return;
+    stopping = true;
+    for (auto& entry : sessions) {
+      if (auto s = entry.second.lock()) open.push_back(std::move(s));
+    }
+  }
+  for (auto& l : listeners) {
+    ba::post(l->strand, [l = l.get()] {
+      boost::system::error_code ignored;
+      l->acceptor.close(ignored);
+    });
+  }
+  for (auto& s : open) ba::post(s->strand(), [s] { s->stop(); });
+  open.clear();
+  std::unique_lock<std::mutex> lock(mutex);
+  ended.wait(lock, [this] { return sessions.empty() && openListeners == 0; });
+}
+
+CmdServer::CmdServer(IoThreads& io, CmdServerOptions options, SecretToken token,
+                     CmdFactory factory, std::shared_ptr<CmdProcessorI> processor)
+    : m_core(std::make_shared<Core>(io, options, token, std::move(factory),
+                                    std::move(processor))) {}
+
+CmdServer::~CmdServer() { stop(); }
+
+void CmdServer::start() { m_core->start(); }
+
+std::uint16_t CmdServer::port() const { return m_core->port; }
+
+std::size_t CmdServer::connectionCount() const { return m_core->count(); }
+
+void CmdServer::stop() { m_core->stop(); }
+
+}  // namespace Ipc

@@ -1,0 +1,81 @@
+// Ipc::CmdServer: the service's side of the IPC transport, over TCP.
+//
+// It listens on loopback only (127.0.0.1, and ::1 unless IPv4 is forced),
+// and for each connection:
+//  1. waits for the client's hello and compares its secret token in constant
+//     time; a connection without the right token is refused and logged before
+//     any command is built;
+//  2. reads one request frame at a time, builds the command that its type code
+//     names through the factory, calls readReq (which reads the body and
+//     deserializes it), dispatches the command with accept(processor), and
+//     sends the response;
+//  3. keeps the connection for the client's next command until it has been
+//     idle for idleTimeout.
+// A refused request (wrong protocol version, unknown type code, a body over
+// 16 MiB, text that is not a JSON object, a deserializeReq that throws, a
+// transfer error) is logged with "ERR:", answered with its message (which
+// reaches the client's onTransferError) and ends that connection only.
+//
+// Limits: at most maxConnections connections at once (the next is refused
+// with a message); no byte moving for transferTimeout while an exchange runs,
+// or for helloTimeout before the hello, ends the connection.
+//
+// Completions run on the threads of the IoThreads given, serialised per
+// connection; processor handlers run there too. stop() (also run by the
+// destructor) closes the listening sockets, then every connection, and waits
+// until every command in flight has ended: call it from a thread of your own,
+// never from a handler.
+#ifndef QX_SHARED_CMDSERVER_H
+#define QX_SHARED_CMDSERVER_H
+
+#include "shared/CmdI.h"
+#include "shared/IoThreads.h"
+#include "shared/SecretToken.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+namespace Ipc {
+
+struct CmdServerOptions {
+  std::uint16_t port = 0;  // 0: a port that the system chooses (see port())
+  bool forceIp4 = false;
+  std::size_t maxConnections = 64;
+  std::chrono::milliseconds helloTimeout = std::chrono::seconds(10);
+  std::chrono::milliseconds idleTimeout = std::chrono::seconds(600);
+  std::chrono::milliseconds transferTimeout = std::chrono::seconds(60);
+};
+
+// Builds the command that a type code names, or returns null for a code the
+// service does not know.
+using CmdFactory =
+    std::function<std::shared_ptr<CmdI>(CmdI::TypeCode, std::shared_ptr<CmdProcessorI> const&)>;
+
+class CmdServer {
+ public:
+  CmdServer(IoThreads& io, CmdServerOptions options, SecretToken token, CmdFactory factory,
+            std::shared_ptr<CmdProcessorI> processor);
+  ~CmdServer();
+  CmdServer(CmdServer const&) = delete;
+  CmdServer& operator=(CmdServer const&) = delete;
+
+  // Binds and listens. Throws std::runtime_error naming the address and port
+  // when the port cannot be had.
+  void start();
+  // The port listened on (the chosen one when the options said 0).
+  std::uint16_t port() const;
+  // The number of connections open now.
+  std::size_t connectionCount() const;
+  void stop();
+
+  class Core;  // internal
+
+ private:
+  std::shared_ptr<Core> m_core;
+};
+
+}  // namespace Ipc
+
+#endif  // QX_SHARED_CMDSERVER_H
