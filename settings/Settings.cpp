@@ -12,6 +12,8 @@
 
 namespace fs = boost::filesystem;
 
+const long long Settings::INVALID_NODE_ID;
+
 // Built when the library is loaded, before the units of the IPC commands.
 std::string const Settings::RESERVED_IGNORED_EXT = "noqx";
 std::unordered_set<std::string> const Settings::INDIR_BAD_EXTS = {"zip", "enm"};

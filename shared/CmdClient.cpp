@@ -41,11 +41,13 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   }
 
   std::size_t connectionsMade() const { return m_connectionsMade.load(); }
+  std::uint64_t bytesSent() const { return m_bytesSent.load(); }
 
   void enqueue(std::shared_ptr<CmdI> cmd, Completion done) {
     ba::post(m_strand, [self = shared_from_this(), cmd = std::move(cmd), done = std::move(done)] {
       if (self->m_closing) {
-        done(cmd, "Ipc the client is closing");
+        Pending p{cmd, done};
+        self->failClosing(p);
         return;
       }
       self->m_queue.push_back(Pending{cmd, done});
@@ -63,10 +65,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
       self->m_current = Pending();
       self->closeSocket();
       self->m_resolver.cancel();
-      for (Pending& p : all) {
-        p.cmd->setChannel(nullptr);
-        self->complete(p, "Ipc the client is closing");
-      }
+      for (Pending& p : all) self->failClosing(p);
     };
     if (m_strand.running_in_this_thread()) {
       work();
@@ -106,7 +105,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
                   std::function<void()> done) override {
     ba::async_write(m_socket, ba::buffer(data, len),
                     [self = shared_from_this(), cmd, serial = m_serial, done = std::move(done)](
-                        boost::system::error_code ec, std::size_t) {
+                        boost::system::error_code ec, std::size_t written) {
+                      self->m_bytesSent.fetch_add(written);
                       if (serial != self->m_serial || self->m_closing) return;
                       if (ec && self->m_statusReadPending) {
                         // The service may have refused the request while it
@@ -135,7 +135,11 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     Completion done;
   };
 
-  std::string where() const { return m_options.host + ":" + std::to_string(m_options.port); }
+  // "127.0.0.1:5000", "[::1]:5000".
+  std::string where() const {
+    bool const ip6 = m_options.host.find(':') != std::string::npos;
+    return (ip6 ? "[" + m_options.host + "]" : m_options.host) + ":" + std::to_string(m_options.port);
+  }
 
   std::string name() const { return m_current.cmd ? m_current.cmd->name() : "command"; }
 
@@ -192,6 +196,21 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     }
   }
 
+  // Fails a command that the closing client will not run or finish: its
+  // onTransferError and then its completion learn why, as for any failed
+  // exchange. The channel is detached first, so the frame's onTransferError
+  // only records the reason.
+  void failClosing(Pending& p) {
+    std::string const why = "Ipc the client is closing";
+    p.cmd->setChannel(nullptr);
+    try {
+      p.cmd->onTransferError(why);
+    } catch (...) {
+      // The completion must still run.
+    }
+    complete(p, why);
+  }
+
   void finishCurrent(std::string const& error) {
     Pending p = std::move(m_current);
     m_current = Pending();
@@ -223,6 +242,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     m_queue.pop_front();
     ++m_serial;
     m_timedOut = false;
+    m_writeError.clear();  // a reason left by an earlier exchange is not this one's
     m_current.cmd->setChannel(this);
     if (stillOpen()) {
       beginExchange();
@@ -364,6 +384,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   SecretToken const m_token;
   Strand const m_strand;
   std::atomic<std::size_t> m_connectionsMade{0};
+  std::atomic<std::uint64_t> m_bytesSent{0};
 
   // Used on the strand only.
   Socket m_socket;
@@ -406,5 +427,7 @@ std::string CmdClient::run(std::shared_ptr<CmdI> cmd) {
 std::chrono::milliseconds CmdClient::timeoutFor(int id) const { return m_conn->timeoutFor(id); }
 
 std::size_t CmdClient::connectionsMade() const { return m_conn->connectionsMade(); }
+
+std::uint64_t CmdClient::bytesSent() const { return m_conn->bytesSent(); }
 
 }  // namespace Ipc

@@ -21,7 +21,8 @@
 // and processor calls of the commands, run on the threads of the IoThreads
 // given, serialised per client. run() and the destructor must not be called
 // from those threads. The destructor fails the commands not yet completed
-// ("Ipc the client is closing") and returns when no completion is running.
+// ("Ipc the client is closing", through onTransferError and the completion,
+// as any failed exchange) and returns when no completion is running.
 #ifndef QX_SHARED_CMDCLIENT_H
 #define QX_SHARED_CMDCLIENT_H
 
@@ -66,6 +67,9 @@ class CmdClient {
   std::chrono::milliseconds timeoutFor(int id) const;
   // How many connections this client has made so far.
   std::size_t connectionsMade() const;
+  // How many bytes this client has written to the service so far (for a
+  // progress display; any thread).
+  std::uint64_t bytesSent() const;
 
   class Conn;  // internal
 

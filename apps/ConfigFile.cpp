@@ -1,0 +1,110 @@
+#include "apps/ConfigFile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+namespace fs = boost::filesystem;
+
+namespace qxapp {
+
+namespace {
+
+std::string systemError(std::string const& what, fs::path const& file, int err) {
+  return what + " \"" + file.string() + "\": " + std::strerror(err);
+}
+
+void writeAll(int fd, std::string const& text, fs::path const& tmp) {
+  std::size_t done = 0;
+  while (done < text.size()) {
+    ssize_t const n = ::write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) throw ConfigError(systemError("cannot write", tmp, errno));
+    done += static_cast<std::size_t>(n);
+  }
+}
+
+}  // namespace
+
+json::Object readConfigObject(fs::path const& file) {
+  std::ifstream in(file.string(), std::ios::binary);
+  if (!in) {
+    if (errno == ENOENT) return json::Object();
+    throw ConfigError(systemError("cannot open", file, errno));
+  }
+  std::ostringstream text;
+  text << in.rdbuf();
+  if (in.bad()) throw ConfigError(systemError("cannot read", file, errno));
+  std::string const all = text.str();
+  try {
+    return json::strToObject(all.data(), all.size());
+  } catch (json::Exc const& e) {
+    throw ConfigError("\"" + file.string() + "\" is not a JSON object: " + e.what());
+  }
+}
+
+Settings settingsFromObject(json::Object const& obj, std::string const& what) {
+  Settings settings{json::Object()};
+  try {
+    settings.deserialize(obj);
+  } catch (std::runtime_error const& e) {
+    throw ConfigError(what + " holds a value that is refused: " + e.what());
+  }
+  // The caches still describe the default lists of the construction; the
+  // rules must follow the lists just read.
+  settings.IgnoredExtensionSet.clear();
+  settings.SrvFileExtsSet.clear();
+  try {
+    settings.fix();
+  } catch (std::runtime_error const& e) {
+    throw ConfigError(what + " holds a value that is refused: " + e.what());
+  }
+  return settings;
+}
+
+std::string configText(Settings const& settings) {
+  std::ostringstream text;
+  text.iword(json::m_gOStreamSortedIdx) = 1;
+  text << settings.serialize() << "\n";
+  return text.str();
+}
+
+void writeConfigAtomically(fs::path const& file, std::string const& text) {
+  fs::path const tmp = file.string() + ".tmp";
+  int const fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  if (fd < 0) throw ConfigError(systemError("cannot create", tmp, errno));
+  try {
+    writeAll(fd, text, tmp);
+    if (::fchmod(fd, 0600) != 0 || ::fsync(fd) != 0) {
+      throw ConfigError(systemError("cannot flush", tmp, errno));
+    }
+  } catch (...) {
+    ::close(fd);
+    ::unlink(tmp.c_str());
+    throw;
+  }
+  if (::close(fd) != 0) {
+    int const err = errno;
+    ::unlink(tmp.c_str());
+    throw ConfigError(systemError("cannot close", tmp, err));
+  }
+  if (::rename(tmp.c_str(), file.c_str()) != 0) {
+    int const err = errno;
+    ::unlink(tmp.c_str());
+    throw ConfigError(systemError("cannot rename the new configuration onto", file, err));
+  }
+  // The rename is durable once the folder is flushed too.
+  int const dir = ::open(file.has_parent_path() ? file.parent_path().c_str() : ".",
+                         O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dir >= 0) {
+    ::fsync(dir);
+    ::close(dir);
+  }
+}
+
+}  // namespace qxapp

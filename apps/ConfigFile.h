@@ -1,0 +1,40 @@
+// Reading and writing the configuration file of the reference programs.
+//
+// readConfigObject() reads a JSON object from a file; a missing file is an
+// empty object (a configuration of defaults). settingsFromObject() builds a
+// Settings strictly: a value that the reader refuses is an error, never a
+// silent default. writeConfigAtomically() replaces the file through a
+// temporary file beside it, flushed to disk and renamed over the old one,
+// with mode 0600 (the file may hold passwords): a reader sees the old file
+// or the new one, never a part.
+//
+// Every failure throws ConfigError with a message that names the file and
+// what is wrong.
+#ifndef QX_APPS_CONFIGFILE_H
+#define QX_APPS_CONFIGFILE_H
+
+#include "json/Json.h"
+#include "settings/Settings.h"
+
+#include <boost/filesystem/path.hpp>
+
+#include <stdexcept>
+#include <string>
+
+namespace qxapp {
+
+class ConfigError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+json::Object readConfigObject(boost::filesystem::path const& file);
+// what names the source in messages (a file name, "the request").
+Settings settingsFromObject(json::Object const& obj, std::string const& what);
+// The sparse form, keys sorted, one line.
+std::string configText(Settings const& settings);
+void writeConfigAtomically(boost::filesystem::path const& file, std::string const& text);
+
+}  // namespace qxapp
+
+#endif  // QX_APPS_CONFIGFILE_H

@@ -1,0 +1,410 @@
+// qxlite: the reference command-line client of the QXLite service.
+//
+// One sub-command per IPC command. Exit status 0 on success; on any failure
+// (service not running, refused token, failed drop, a configuration that the
+// service did not save, a failing configuration test) a one-line message on
+// standard error and a non-zero status: 1 for a failure of the command, 2 for
+// a wrong command line.
+#include "apps/ConfigFile.h"
+#include "ipc/IpcCmdsLite.h"
+#include "ipc/MsgsUItoSvc.h"
+#include "shared/CmdClient.h"
+#include "shared/Log.h"
+#include "shared/SecretToken.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <boost/filesystem/operations.hpp>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <ctime>
+#include <iomanip>
+#include <iostream>
+#include <mutex>
+#include <set>
+#include <sstream>
+#include <thread>
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+// A failure of the command: its message goes to standard error, status 1.
+struct Failure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+struct Global {
+  std::string host = "127.0.0.1";
+  int port = IPC_DEFAULT_SVC_PORT;
+  std::string tokenFile;
+  double timeoutSecs = 0;  // 0: the transport's own time-outs
+  bool verbose = false;
+};
+
+// The keys of the configuration that `config set` may change.
+std::set<std::string> const& knownKeys() {
+  static std::set<std::string> const keys{
+      "AccountId", "SpoolerId", "KeyId", "PublicKey", "IgnoredExtension", "SrvFileExts",
+      "ReceiveFolder", "SpoolFolder", "BackupExpireSecs", "BackupFolder", "EnableLogging",
+      "AllowRemoteConfig", "MinFilesToZip", "UseDirName", "ConcurrentUploads", "IpcPort",
+      "MaxConnIdleSecs", "IpcForceIP4", "EnableCurlDbgLog", "InetServer", "InetAltServer",
+      "InetUseProxy", "InetProxy", "InetProxyTunnel", "InetProxySocks", "InetInsecureTls",
+      "InetProxyAuth", "InetProxyUser", "InetProxyPassword", "EmailSmtpUrl", "EmailUser",
+      "EmailPassword", "EmailFrom", "EmailTo", "EmailRequireTls", "EmailNotifySuccess",
+      "EmailNotifyFailure"};
+  return keys;
+}
+
+bool colourOn(int fd) { return ::isatty(fd) && std::getenv("NO_COLOR") == nullptr; }
+
+std::string sizeText(double bytes) {
+  char const* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
+  int u = 0;
+  while (bytes >= 1024 && u < 4) {
+    bytes /= 1024;
+    ++u;
+  }
+  std::ostringstream os;
+  os << std::fixed << std::setprecision(u == 0 ? 0 : 1) << bytes << " " << units[u];
+  return os.str();
+}
+
+class Session {
+ public:
+  explicit Session(Global const& g) : m_io(2), m_client(m_io, options(g), token(g)) {}
+
+  // Runs cmd; a failed exchange is a Failure with the transport's message.
+  void run(std::shared_ptr<Ipc::CmdI> const& cmd) {
+    std::string const error = m_client.run(cmd);
+    if (!error.empty()) throw Failure(error);
+  }
+  Ipc::CmdClient& client() { return m_client; }
+
+ private:
+  static Ipc::CmdClientOptions options(Global const& g) {
+    Ipc::CmdClientOptions o;
+    o.host = g.host;
+    o.port = static_cast<std::uint16_t>(g.port);
+    if (g.timeoutSecs > 0) {
+      auto const t = std::chrono::milliseconds(static_cast<long>(g.timeoutSecs * 1000));
+      o.quickTimeout = o.longTimeout = o.transferTimeout = t;
+    }
+    return o;
+  }
+  static Ipc::SecretToken token(Global const& g) {
+    fs::path const file = g.tokenFile.empty() ? Ipc::SecretToken::clientDefaultPath() : fs::path(g.tokenFile);
+    return Ipc::SecretToken::load(file);
+  }
+
+  Ipc::IoThreads m_io;
+  Ipc::CmdClient m_client;
+};
+
+json::Object fetchConfig(Session& s) {
+  auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
+  s.run(cmd);
+  return cmd->payload;
+}
+
+void saveConfig(Session& s, json::Object const& obj) {
+  auto cmd = std::make_shared<Ipc::SaveCfg>(nullptr);
+  cmd->payload = obj;
+  s.run(cmd);
+  if (!cmd->ok) throw Failure(cmd->msg.empty() ? "the service did not save the configuration" : cmd->msg);
+  std::cout << cmd->msg << "\n";
+}
+
+// VALUE as JSON when it is JSON (7, true, ["pdf"], "text"), else as text.
+json::Value parseValue(std::string const& text) {
+  std::string const wrapped = "{\"v\":" + text + "}";
+  try {
+    return json::strToObject(wrapped.data(), wrapped.size())["v"];
+  } catch (json::Exc const&) {
+    return json::Value(text);
+  }
+}
+
+void cmdStatus(Session& s) {
+  auto cmd = std::make_shared<Ipc::IsRunning>(nullptr);
+  s.run(cmd);
+  std::cout << (cmd->running ? "running" : "paused") << "\n";
+}
+
+void cmdConfigGet(Session& s, bool asJson) {
+  auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
+  s.run(cmd);
+  if (asJson) {
+    std::cout << json::jsonToString(cmd->payload, true) << "\n";
+  } else {
+    std::cout << cmd->pSetts()->dump();
+  }
+}
+
+void cmdConfigSet(Session& s, std::vector<std::string> const& assignments) {
+  json::Object obj = fetchConfig(s);
+  for (std::string const& a : assignments) {
+    std::string::size_type const eq = a.find('=');
+    if (eq == std::string::npos || eq == 0) throw Failure("\"" + a + "\" is not KEY=VALUE");
+    std::string const key = a.substr(0, eq);
+    if (!knownKeys().count(key)) throw Failure("unknown configuration key \"" + key + "\"");
+    obj.setAt(key.c_str(), parseValue(a.substr(eq + 1)));
+  }
+  saveConfig(s, obj);
+}
+
+void cmdConfigSave(Session& s, std::string const& file) {
+  if (!fs::exists(file)) throw Failure("\"" + file + "\" does not exist");
+  saveConfig(s, qxapp::readConfigObject(file));
+}
+
+void cmdPauseResume(Session& s, bool pause, bool discard) {
+  std::shared_ptr<Ipc::Resume> cmd =
+      pause ? std::make_shared<Ipc::Pause>(nullptr, discard) : std::make_shared<Ipc::Resume>(nullptr);
+  s.run(cmd);
+  if (!cmd->ok) throw Failure(cmd->msg.empty() ? "the service refused it" : cmd->msg);
+  std::cout << cmd->msg << "\n";
+}
+
+// Draws "[#####-----] 12.0 MiB / 40.0 MiB  8.1 MiB/s  0:03 left" on standard
+// error while bytes move, when it is a terminal.
+class ProgressBar {
+ public:
+  ProgressBar(Ipc::CmdClient& client, std::uint64_t total)
+      : m_client(client), m_total(total), m_start(client.bytesSent()), m_on(::isatty(2)) {
+    if (m_on) m_thread = std::thread([this] { loop(); });
+  }
+  ~ProgressBar() {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_done = true;
+    }
+    m_wake.notify_all();
+    if (m_thread.joinable()) m_thread.join();
+    if (m_on) std::cerr << "\r\033[K" << std::flush;
+  }
+
+ private:
+  void loop() {
+    auto const begin = std::chrono::steady_clock::now();
+    std::unique_lock<std::mutex> lock(m_mutex);
+    while (!m_wake.wait_for(lock, std::chrono::milliseconds(200), [this] { return m_done; })) {
+      double const sent = static_cast<double>(std::min<std::uint64_t>(m_client.bytesSent() - m_start, m_total));
+      double const secs = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+      double const rate = secs > 0 ? sent / secs : 0;
+      int const filled = m_total ? static_cast<int>(30 * sent / m_total) : 30;
+      long const left = rate > 0 ? static_cast<long>((m_total - sent) / rate) : 0;
+      std::cerr << "\r[" << std::string(filled, '#') << std::string(30 - filled, '-') << "] "
+                << sizeText(sent) << " / " << sizeText(m_total) << "  " << sizeText(rate) << "/s  "
+                << left / 60 << ":" << std::setw(2) << std::setfill('0') << left % 60 << " left"
+                << std::setfill(' ') << "\033[K" << std::flush;
+    }
+  }
+
+  Ipc::CmdClient& m_client;
+  std::uint64_t const m_total;
+  std::uint64_t const m_start;
+  bool const m_on;
+  std::mutex m_mutex;
+  std::condition_variable m_wake;
+  bool m_done = false;  // guarded by m_mutex
+  std::thread m_thread;
+};
+
+void cmdDrop(Session& s, std::vector<std::string> const& paths) {
+  std::unique_ptr<Settings> const settings = [&] {
+    auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
+    s.run(cmd);
+    return cmd->pSetts();
+  }();
+  for (std::string const& p : paths) {
+    auto drop = std::make_shared<Ipc::FileDrop>(nullptr, p);
+    try {
+      std::string const bad = settings->checkPathForAcceptedExts(p);
+      if (!bad.empty()) throw Failure("\"" + p + "\": the service does not accept \"" + bad + "\"");
+      if (!drop->prepareReq()) throw Failure("\"" + p + "\" holds nothing to drop (only empty files or sub-folders)");
+    } catch (fs::filesystem_error const& e) {
+      throw Failure("\"" + p + "\": " + e.code().message());
+    }
+    std::uint64_t total = 0;
+    for (auto const& f : drop->files) total += f.size;
+    std::size_t const count = drop->files.size();
+    {
+      ProgressBar const bar(s.client(), total);
+      s.run(drop);
+    }
+    if (!drop->ok) throw Failure("\"" + p + "\": " + (drop->msg.empty() ? "the drop failed" : drop->msg));
+    std::cout << "dropped \"" << p << "\": " << count << " file(s), " << sizeText(static_cast<double>(total)) << "\n";
+  }
+}
+
+// Prints each result line as it arrives; colour by prefix on a terminal.
+class TestLinePrinter : public Ipc::CmdProcessorI {
+ public:
+  void processCmd(std::shared_ptr<Ipc::CmdI> cmd) override {
+    auto const test = std::static_pointer_cast<Ipc::TestCfg>(cmd);
+    bool const colour = colourOn(1);
+    std::string line;
+    while (test->getRespLine(line)) {
+      char const* c = "";
+      if (line.compare(0, Ipc::TST_LINE_START_ERR.size(), Ipc::TST_LINE_START_ERR) == 0) {
+        c = "\033[31m";
+        errors.fetch_add(1);
+      } else if (line.compare(0, Ipc::TST_LINE_START_WARN.size(), Ipc::TST_LINE_START_WARN) == 0) {
+        c = "\033[33m";
+      } else if (line.compare(0, Ipc::TST_LINE_START_PASS.size(), Ipc::TST_LINE_START_PASS) == 0) {
+        c = "\033[32m";
+      }
+      std::cout << (colour ? c : "") << line << (colour && *c ? "\033[0m" : "") << "\n" << std::flush;
+    }
+  }
+  std::atomic<int> errors{0};
+};
+
+void cmdTestConfig(Session& s, std::string const& file) {
+  json::Object obj;
+  if (file.empty()) {
+    obj = fetchConfig(s);
+  } else {
+    if (!fs::exists(file)) throw Failure("\"" + file + "\" does not exist");
+    obj = qxapp::readConfigObject(file);
+  }
+  auto printer = std::make_shared<TestLinePrinter>();
+  auto cmd = std::make_shared<Ipc::TestCfg>(printer);
+  cmd->payload = obj;
+  s.run(cmd);
+  if (printer->errors > 0) throw Failure("the configuration test found " + std::to_string(printer->errors) + " error(s)");
+}
+
+void cmdCall(Session& s, std::string const& method, std::string const& paramsText) {
+  json::Object params;
+  if (!paramsText.empty()) {
+    try {
+      params = json::strToObject(paramsText.data(), paramsText.size());
+    } catch (json::Exc const& e) {
+      throw Failure("PARAMS-JSON is not a JSON object: " + std::string(e.what()));
+    }
+  }
+  auto cmd = std::make_shared<Ipc::ServerRequest>(nullptr, method, params, nullptr);
+  s.run(cmd);
+  json::Value const error = cmd->payload["error"];
+  if (error.isString()) throw Failure("the server call failed: " + error.asStringSafe());
+  std::cout << json::jsonToString(cmd->payload, true) << "\n";
+}
+
+void cmdUploads(Session& s, bool asJson) {
+  auto cmd = std::make_shared<Ipc::GetUploads>(nullptr);
+  s.run(cmd);
+  if (asJson) {
+    std::cout << json::jsonToString(cmd->payload, true) << "\n";
+    return;
+  }
+  json::Value const list = cmd->payload["uploads"];
+  if (!list.isArray()) throw Failure("the service's list of uploads is not a list");
+  json::Array const items(list);
+  std::printf("%-40s %-9s %-6s %12s  %s\n", "NAME", "FOLDER", "TYPE", "SIZE", "MODIFIED (UTC)");
+  for (std::size_t i = 0; i < items.size(); ++i) {
+    json::Object const item(items[i]);
+    std::time_t const t = static_cast<std::time_t>(json_integer_value(item["modified"].get()));
+    std::tm utc{};
+    gmtime_r(&t, &utc);
+    char when[32];
+    std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &utc);
+    std::printf("%-40s %-9s %-6s %12lld  %s\n", item["name"].asStringSafe().c_str(),
+                item["folder"].asStringSafe().c_str(), item["type"].asStringSafe().c_str(),
+                static_cast<long long>(json_integer_value(item["size"].get())), when);
+  }
+  if (items.size() == 0) std::printf("(no uploads)\n");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  ::signal(SIGPIPE, SIG_IGN);
+  Global g;
+  CLI::App app{"qxlite: drive the QXLite service"};
+  app.require_subcommand(1);
+  app.add_option("--host", g.host, "Service host (default 127.0.0.1)");
+  app.add_option("--port", g.port, "Service IPC port (default " + Settings::IPC_DEFAULT_SVC_PORT_STR() + ")")
+      ->check(CLI::Range(1, 65535));
+  app.add_option("--token-file", g.tokenFile, "Secret token file (default: the service's)");
+  app.add_option("--timeout", g.timeoutSecs, "Seconds without progress before a command fails")
+      ->check(CLI::Range(0.001, 86400.0));
+  app.add_flag("--verbose", g.verbose, "Write TRACE lines");
+
+  auto* status = app.add_subcommand("status", "Whether the service runs or is paused");
+  auto* config = app.add_subcommand("config", "The service's configuration");
+  config->require_subcommand(1);
+  bool asJson = false;
+  auto* configGet = config->add_subcommand("get", "Show the configuration in force");
+  configGet->add_flag("--json", asJson, "As its JSON form");
+  std::vector<std::string> assignments;
+  auto* configSet = config->add_subcommand("set", "Change keys: fetch, change, save");
+  configSet->add_option("assignments", assignments, "KEY=VALUE (VALUE as JSON, or text)")->required();
+  std::string file;
+  auto* configSave = config->add_subcommand("save", "Save a configuration file as the service's");
+  configSave->add_option("FILE", file, "A JSON configuration file")->required();
+  bool discard = false;
+  auto* pause = app.add_subcommand("pause", "Stop taking new items");
+  pause->add_flag("--discard", discard, "Move the waiting items to the rejected folder");
+  auto* resume = app.add_subcommand("resume", "Take new items again");
+  std::vector<std::string> paths;
+  auto* drop = app.add_subcommand("drop", "Hand files or folders to the service");
+  drop->add_option("PATH", paths, "Files or folders")->required();
+  auto* testConfig = app.add_subcommand("test-config", "Have the service test a configuration");
+  testConfig->add_option("FILE", file, "A configuration file (default: the one in force)");
+  std::string method, paramsText;
+  auto* call = app.add_subcommand("call", "Have the service call the server");
+  call->add_option("METHOD", method, "The server method")->required();
+  call->add_option("PARAMS-JSON", paramsText, "Its parameters, a JSON object");
+  auto* uploads = app.add_subcommand("uploads", "List the service's uploads");
+  uploads->add_flag("--json", asJson, "As JSON");
+
+  // The first word that is neither an option nor its value must name a
+  // sub-command: say so plainly when it does not.
+  for (int i = 1; i < argc; ++i) {
+    std::string const arg = argv[i];
+    if (arg.rfind("-", 0) == 0) {
+      bool const takesValue = arg == "--host" || arg == "--port" || arg == "--token-file" || arg == "--timeout";
+      if (takesValue) ++i;
+      continue;
+    }
+    auto const named = app.get_subcommands([&arg](CLI::App* sub) { return sub->get_name() == arg; });
+    if (named.empty()) {
+      std::cerr << "qxlite: unknown sub-command \"" << arg << "\" (see qxlite --help)\n";
+      return 2;
+    }
+    break;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::ParseError const& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    std::cerr << "qxlite: " << e.what() << " (see qxlite --help)\n";
+    return 2;
+  }
+  g_LogVerbose = g.verbose;
+  try {
+    Session s(g);
+    if (*status) cmdStatus(s);
+    else if (*configGet) cmdConfigGet(s, asJson);
+    else if (*configSet) cmdConfigSet(s, assignments);
+    else if (*configSave) cmdConfigSave(s, file);
+    else if (*pause) cmdPauseResume(s, true, discard);
+    else if (*resume) cmdPauseResume(s, false, false);
+    else if (*drop) cmdDrop(s, paths);
+    else if (*testConfig) cmdTestConfig(s, file);
+    else if (*call) cmdCall(s, method, paramsText);
+    else if (*uploads) cmdUploads(s, asJson);
+    return 0;
+  } catch (std::exception const& e) {
+    std::cerr << "qxlite: " << e.what() << "\n";
+    return 1;
+  }
+}

@@ -1,0 +1,199 @@
+#include "apps/svc/ConfigTestRunner.h"
+
+#include "apps/ConfigFile.h"
+#include "apps/svc/HttpClient.h"
+#include "apps/svc/SpoolPolicy.h"
+#include "ipc/MsgsUItoSvc.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/filesystem/operations.hpp>
+
+namespace fs = boost::filesystem;
+
+namespace qxsvc {
+
+namespace {
+
+std::string quoted(fs::path const& p) { return "\"" + p.string() + "\""; }
+
+// Whether a file can be made in folder (made and removed at once).
+std::string canWriteIn(fs::path const& folder) {
+  std::string pattern = (folder / "qxlite-test-XXXXXX").string();
+  int const fd = ::mkstemp(&pattern[0]);
+  if (fd < 0) return std::strerror(errno);
+  ::close(fd);
+  ::unlink(pattern.c_str());
+  return std::string();
+}
+
+}  // namespace
+
+ConfigTestRunner::ConfigTestRunner(Ipc::TestCfg& cmd, std::uint16_t servicePort, long httpTimeoutSecs)
+    : m_cmd(cmd), m_servicePort(servicePort), m_httpTimeoutSecs(httpTimeoutSecs), m_settings(*cmd.pSetts()) {
+  m_steps.push_back([this] { checkValues(); });
+  for (std::size_t i = 0; i < 4; ++i) m_steps.push_back([this, i] { checkFolder(i); });
+  m_steps.push_back([this] { checkDistinct(); });
+  m_steps.push_back([this] { checkExtensionLists(); });
+  m_steps.push_back([this] { checkPort(); });
+  m_steps.push_back([this] { checkServers(); });
+  m_steps.push_back([this] { checkSmtp(); });
+  m_steps.push_back([this] { checkBackup(); });
+}
+
+bool ConfigTestRunner::runStep() {
+  if (m_next == m_steps.size()) return false;
+  m_steps[m_next++]();
+  return true;
+}
+
+void ConfigTestRunner::pass(std::string const& text) {
+  m_cmd.respMsgs()->lines.push_back(Ipc::TST_LINE_START_PASS + text);
+}
+
+void ConfigTestRunner::warn(std::string const& text) {
+  m_cmd.respMsgs()->lines.push_back(Ipc::TST_LINE_START_WARN + text);
+}
+
+void ConfigTestRunner::error(std::string const& text, std::string const& why) {
+  m_failed = true;
+  m_cmd.respMsgs()->lines.push_back(Ipc::TST_LINE_START_ERR + text);
+  if (!why.empty()) m_cmd.respMsgs()->lines.push_back(Ipc::TST_LINE_START_DESCR + why);
+}
+
+void ConfigTestRunner::checkValues() {
+  try {
+    qxapp::settingsFromObject(m_cmd.payload, "the configuration");
+    pass("The configuration's values are accepted");
+  } catch (std::exception const& e) {
+    error("The configuration holds a value that is refused", e.what());
+  }
+}
+
+void ConfigTestRunner::checkFolder(std::size_t index) {
+  SpoolFolder const f = spoolFolders(m_settings)[index];
+  std::string const name = std::string("The ") + f.role + " folder " + quoted(f.path);
+  std::string const why = checkNotSystemLocation(f.path);
+  if (!why.empty()) {
+    error(name + " cannot be used", why);
+    return;
+  }
+  boost::system::error_code ec;
+  if (fs::exists(f.path, ec)) {
+    if (!fs::is_directory(f.path, ec)) {
+      error(name + " cannot be used", quoted(f.path) + " is not a folder");
+      return;
+    }
+    std::string const bad = canWriteIn(f.path);
+    if (bad.empty()) pass(name + " exists and can be written");
+    else error(name + " cannot be written", bad);
+    return;
+  }
+  fs::path parent = f.path.parent_path();
+  while (!parent.empty() && !fs::exists(parent, ec)) parent = parent.parent_path();
+  if (parent.empty() || !fs::is_directory(parent, ec)) {
+    error(name + " cannot be made", quoted(parent) + " is not a folder");
+    return;
+  }
+  std::string const bad = canWriteIn(parent);
+  if (bad.empty()) pass(name + " does not exist yet and can be made");
+  else error(name + " cannot be made", quoted(parent) + ": " + bad);
+}
+
+void ConfigTestRunner::checkDistinct() {
+  std::string const why = checkFolders(m_settings);
+  if (why.empty()) pass("The spool folders are distinct");
+  else error("The spool folders overlap", why);
+}
+
+void ConfigTestRunner::checkExtensionLists() {
+  bool good = true;
+  for (char const* key : {"IgnoredExtension", "SrvFileExts"}) {
+    json::Value const v = m_cmd.payload[key];
+    if (v.empty()) continue;
+    if (!v.isArray()) {
+      error(std::string("The list ") + key + " is not a list", "it is a " + v.type2String());
+      good = false;
+      continue;
+    }
+    json::Array const list(v);
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      if (!list[i].isString()) {
+        error(std::string("The list ") + key + " holds a value that is not a text",
+              "element " + std::to_string(i) + " is a " + list[i].type2String());
+        good = false;
+        break;
+      }
+    }
+  }
+  if (good) pass("The extension lists hold texts only");
+}
+
+void ConfigTestRunner::checkPort() {
+  std::uint16_t const port = m_settings.IpcPort;
+  if (port == m_servicePort) {
+    pass("The IPC port " + std::to_string(port) + " is the one this service uses");
+    return;
+  }
+  boost::asio::io_context io;
+  boost::asio::ip::tcp::acceptor acceptor(io);
+  boost::system::error_code ec;
+  boost::asio::ip::tcp::endpoint const ep(boost::asio::ip::make_address("127.0.0.1"), port);
+  acceptor.open(ep.protocol(), ec);
+  if (!ec) acceptor.bind(ep, ec);
+  if (ec) error("The IPC port " + std::to_string(port) + " cannot be used", ec.message());
+  else pass("The IPC port " + std::to_string(port) + " can be used");
+}
+
+void ConfigTestRunner::checkServers() {
+  Inet::InetCfg const& inet = m_settings.InetConfig;
+  if (inet.serverAddress().empty()) {
+    warn("No server address is set");
+    return;
+  }
+  HttpClient const http(inet, m_settings.EnableLogging && m_settings.EnableCurlDbgLog, m_httpTimeoutSecs);
+  std::vector<std::string> addresses{inet.serverAddress()};
+  if (!inet.altServerAddress().empty() && inet.altServerAddress() != inet.serverAddress()) {
+    addresses.push_back(inet.altServerAddress());
+  }
+  for (std::string const& address : addresses) {
+    HttpResult const r = http.get(address);
+    std::string const name = "The server \"" + address + "\"";
+    if (!r.transferred) error(name + " does not answer", r.error);
+    else if (r.status >= 500) warn(name + " answers with HTTP " + std::to_string(r.status));
+    else pass(name + " answers (HTTP " + std::to_string(r.status) + ")");
+  }
+}
+
+void ConfigTestRunner::checkSmtp() {
+  std::string const& url = m_settings.EmailConfig.smtpUrl();
+  if (url.empty()) {
+    warn("No SMTP server is set: no e-mail notices");
+    return;
+  }
+  std::string const why = Inet::EmailCfg::checkSmtpUrl(url);
+  std::string const scheme = url.substr(0, url.find("://") == std::string::npos ? 0 : url.find("://") + 3);
+  if (!why.empty()) {
+    error("The SMTP URL \"" + url + "\" is not well formed", why);
+  } else if (!scheme.empty() && scheme != "smtp://" && scheme != "smtps://") {
+    error("The SMTP URL \"" + url + "\" is not well formed", "it must begin with smtp:// or smtps://");
+  } else {
+    pass("The SMTP URL \"" + url + "\" is well formed");
+  }
+}
+
+void ConfigTestRunner::checkBackup() {
+  std::uint32_t const secs = m_settings.BackupExpireSecs;
+  if (secs == 0) warn("Backup is off");
+  else if (secs == 0xFFFFFFFFu) pass("Backup is on; items never expire");
+  else if (secs < 3600) warn("Backup items expire after " + std::to_string(secs) + " s, less than an hour");
+  else pass("Backup items expire after " + std::to_string(secs) + " s (" + std::to_string(secs / 86400) + " day(s))");
+}
+
+}  // namespace qxsvc

@@ -1,0 +1,139 @@
+// qxlite-svc: the reference service.
+//
+// Loads its configuration (a missing file means defaults; an unreadable,
+// malformed or refused one stops the start with a message that names the file
+// and exit status 2), makes its spool folders, proves every IPC client by the
+// secret token, serves the nine commands on loopback, and moves the items
+// that arrive in its incoming folder to its outgoing (or rejected) folder.
+// It runs in the foreground: with --foreground its log goes to standard
+// error (as under systemd, whose journal keeps it), otherwise to a log file.
+// SIGTERM and SIGINT stop it cleanly: no new connection is taken, exchanges
+// in flight end, and nothing it should keep is removed.
+#include "apps/ConfigFile.h"
+#include "apps/svc/HttpClient.h"
+#include "apps/svc/SpoolPolicy.h"
+#include "apps/svc/Spooler.h"
+#include "apps/svc/SvcProcessor.h"
+#include "ipc/IpcCmdsLite.h"
+#include "shared/CmdServer.h"
+#include "shared/Log.h"
+#include "shared/SecretToken.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <boost/filesystem/operations.hpp>
+
+#include <iostream>
+
+namespace fs = boost::filesystem;
+
+namespace {
+
+struct Options {
+  std::string configFile;
+  std::string tokenFile;
+  std::string tokenGroup;
+  std::string logFile;
+  int port = -1;  // -1: the configuration's
+  bool foreground = false;
+  bool verbose = false;
+  unsigned threads = 4;
+  double scanSecs = 1.0;
+  long httpTimeoutSecs = 30;
+};
+
+void logLine(char const* level, std::string const& text) {
+  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
+  Log::inst().logStreamStartLine() << level << text << std::endl;
+}
+
+bool g_logToFile = false;
+
+int serve(Options const& opt) {
+  fs::path const configFile = opt.configFile.empty() ? Settings::OLD_CFG_FILE_PATH() : fs::path(opt.configFile);
+  Settings const settings = qxapp::settingsFromObject(qxapp::readConfigObject(configFile),
+                                                      "the configuration \"" + configFile.string() + "\"");
+  std::string why = qxsvc::checkChange(settings, settings, qxapp::readConfigObject(configFile));
+  if (why.empty()) why = qxsvc::prepareFolders(settings);
+  if (!why.empty()) throw qxapp::ConfigError("the configuration \"" + configFile.string() + "\": " + why);
+
+  fs::path const tokenFile = opt.tokenFile.empty() ? Ipc::SecretToken::defaultPath() : fs::path(opt.tokenFile);
+  Ipc::SecretToken const token = Ipc::SecretToken::loadOrCreate(tokenFile, opt.tokenGroup);
+
+  if (!opt.foreground || !opt.logFile.empty()) {
+    fs::path const logFile = !opt.logFile.empty() ? fs::path(opt.logFile)
+                             : ::geteuid() == 0 ? fs::path("/var/log/qxlite-svc.log")
+                                                : configFile.parent_path() / "qxlite-svc.log";
+    Log::inst().toFile(logFile);
+    g_logToFile = true;
+  }
+
+  // Signals are taken by sigwait below, never by a handler on another thread.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGTERM);
+  sigaddset(&stopSignals, SIGINT);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  qxsvc::HttpClient::globalInit();
+
+  qxsvc::Spooler spooler(settings, std::chrono::milliseconds(static_cast<long>(opt.scanSecs * 1000)));
+  auto processor = std::make_shared<qxsvc::SvcProcessor>(settings, configFile, spooler, opt.httpTimeoutSecs);
+  Ipc::IoThreads io(opt.threads);
+  Ipc::CmdServerOptions serverOptions;
+  serverOptions.port = opt.port >= 0 ? static_cast<std::uint16_t>(opt.port) : settings.IpcPort;
+  serverOptions.forceIp4 = settings.IpcForceIP4;
+  serverOptions.idleTimeout = std::chrono::seconds(settings.MaxConnIdleSecs);
+  qxsvc::SvcProcessor* const proc = processor.get();
+  Ipc::CmdServer server(
+      io, serverOptions, token,
+      [proc](Ipc::CmdI::TypeCode type, std::shared_ptr<Ipc::CmdProcessorI> const& p) -> std::shared_ptr<Ipc::CmdI> {
+        return Ipc::createLiteCmd(type, p, proc->incomingFolder());
+      },
+      processor);
+  server.start();
+  processor->setServicePort(server.port());
+  logLine("INFO:", "qxlite-svc " + std::string(LITE_VERSION_STR) + " serving on 127.0.0.1:" + std::to_string(server.port()) +
+                       " with configuration \"" + configFile.string() + "\", token file \"" +
+                       tokenFile.string() + "\", incoming folder \"" + settings.ReceiveFolder.string() + "\"");
+
+  int signal = 0;
+  sigwait(&stopSignals, &signal);
+  logLine("INFO:", std::string("qxlite-svc stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+  server.stop();
+  io.stop();
+  logLine("INFO:", "qxlite-svc stopped");
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options opt;
+  CLI::App app{"qxlite-svc: the QXLite reference service"};
+  app.add_option("--config", opt.configFile, "Configuration file (default: " + Settings::OLD_CFG_FILE_PATH().string() + ")");
+  app.add_option("--token-file", opt.tokenFile, "Secret token file (default: " + Ipc::SecretToken::defaultPath().string() + ")");
+  app.add_option("--token-group", opt.tokenGroup, "Group whose members may drive the service (token file mode 0640)");
+  app.add_option("--port", opt.port, "IPC port instead of the configuration's (0: the system chooses)")->check(CLI::Range(0, 65535));
+  app.add_flag("--foreground", opt.foreground, "Log to standard error (as under systemd) instead of the log file");
+  app.add_option("--log-file", opt.logFile, "Log file (default without --foreground: /var/log/qxlite-svc.log as root, else beside the configuration file)");
+  app.add_flag("--verbose", opt.verbose, "Write TRACE lines");
+  app.add_option("--threads", opt.threads, "Transport threads (at least 2)")->check(CLI::Range(2u, 64u));
+  app.add_option("--scan-interval", opt.scanSecs, "Seconds between scans of the incoming folder")->check(CLI::Range(0.05, 3600.0));
+  app.add_option("--http-timeout", opt.httpTimeoutSecs, "Seconds an HTTP request to the server may take")->check(CLI::Range(1L, 600L));
+  try {
+    app.parse(argc, argv);
+  } catch (CLI::ParseError const& e) {
+    return app.exit(e);
+  }
+  g_LogVerbose = opt.verbose;
+  try {
+    return serve(opt);
+  } catch (std::exception const& e) {
+    std::cerr << "qxlite-svc: " << e.what() << "\n";
+    if (g_logToFile) logLine("ERR:", std::string("qxlite-svc cannot start: ") + e.what());
+    return 2;
+  }
+}

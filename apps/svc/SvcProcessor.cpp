@@ -1,0 +1,222 @@
+#include "apps/svc/SvcProcessor.h"
+
+#include "apps/ConfigFile.h"
+#include "apps/svc/ConfigTestRunner.h"
+#include "apps/svc/HttpClient.h"
+#include "apps/svc/SpoolPolicy.h"
+#include "shared/Log.h"
+
+namespace fs = boost::filesystem;
+
+namespace qxsvc {
+
+namespace {
+
+void logLine(char const* level, std::string const& text) {
+  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
+  Log::inst().logStreamStartLine() << level << text << std::endl;
+}
+
+// What the reader of the configuration would pass over silently: numbers out
+// of range and lists that are not lists of texts.
+std::string checkRawValues(json::Object const& raw) {
+  struct Range {
+    char const* key;
+    json_int_t min;
+    json_int_t max;
+  };
+  static Range const ranges[] = {
+      {"IpcPort", 1, 65535},
+      {"ConcurrentUploads", 1, 1024},
+      {"MaxConnIdleSecs", 1, 4294967295LL},
+      {"BackupExpireSecs", 0, 4294967295LL},
+      {"MinFilesToZip", -10, 4294967285LL},
+  };
+  for (Range const& r : ranges) {
+    json::Value const v = raw[r.key];
+    if (v.empty()) continue;
+    if (!v.isInteger() || v.asInt() < r.min || v.asInt() > r.max) {
+      return std::string("\"") + r.key + "\" must be an integer from " + std::to_string(r.min) +
+             " to " + std::to_string(r.max);
+    }
+  }
+  for (char const* key : {"IgnoredExtension", "SrvFileExts"}) {
+    json::Value const v = raw[key];
+    if (v.empty()) continue;
+    if (!v.isArray()) return std::string("\"") + key + "\" must be a list of texts";
+    json::Array const list(v);
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      if (!list[i].isString()) return std::string("\"") + key + "\" must be a list of texts";
+    }
+  }
+  return std::string();
+}
+
+json::Object errorPayload(std::string const& text) {
+  json::Object obj;
+  obj.setAt("error", json::Value(text));
+  return obj;
+}
+
+}  // namespace
+
+std::string checkChange(Settings const& current, Settings const& next, json::Object const& raw) {
+  std::string why = checkRawValues(raw);
+  if (why.empty()) why = checkFolders(next);
+  if (!why.empty()) return why;
+  if (next.AllowRemoteConfig && !current.AllowRemoteConfig) {
+    return "configuration from remote clients can only be enabled in the configuration file";
+  }
+  if (next.IpcPort != current.IpcPort || next.IpcForceIP4 != current.IpcForceIP4) {
+    return "the IPC port and address family of the service can only be changed in the "
+           "configuration file";
+  }
+  return std::string();
+}
+
+SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Spooler& spooler,
+                           long httpTimeoutSecs)
+    : m_configFile(std::move(configFile)),
+      m_spooler(spooler),
+      m_httpTimeoutSecs(httpTimeoutSecs),
+      m_settings(settings) {}
+
+void SvcProcessor::setServicePort(std::uint16_t port) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_servicePort = port;
+}
+
+Settings SvcProcessor::current() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_settings;
+}
+
+fs::path SvcProcessor::incomingFolder() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_settings.ReceiveFolder;
+}
+
+void SvcProcessor::visit(Ipc::IsRunning& cmd) { cmd.running = !m_spooler.paused(); }
+
+void SvcProcessor::visit(Ipc::GetCfg& cmd) { cmd.setSetts(current()); }
+
+void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
+  std::lock_guard<std::mutex> save(m_saveMutex);
+  try {
+    Settings const next = qxapp::settingsFromObject(cmd.payload, "the configuration");
+    std::string why = checkChange(current(), next, cmd.payload);
+    if (why.empty()) why = prepareFolders(next);
+    if (!why.empty()) {
+      cmd.ok = false;
+      cmd.msg = "Configuration not saved: " + why;
+      logLine("WARNING:", "qxlite-svc " + cmd.msg);
+      return;
+    }
+    qxapp::writeConfigAtomically(m_configFile, qxapp::configText(next));
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_settings = next;
+    }
+    m_spooler.setSettings(next);
+    cmd.ok = true;
+    cmd.msg = "Configuration saved to \"" + m_configFile.string() + "\"";
+    logLine("INFO:", "qxlite-svc " + cmd.msg);
+  } catch (std::exception const& e) {
+    cmd.ok = false;
+    cmd.msg = std::string("Configuration not saved: ") + e.what();
+    logLine("WARNING:", "qxlite-svc " + cmd.msg);
+  }
+}
+
+void SvcProcessor::visit(Ipc::Pause& cmd) {
+  try {
+    std::size_t const moved = m_spooler.pause(cmd.delAll);
+    cmd.ok = true;
+    cmd.msg = cmd.delAll ? "Paused; " + std::to_string(moved) +
+                               " waiting item(s) moved to the rejected folder"
+                         : std::string("Paused");
+  } catch (std::exception const& e) {
+    cmd.ok = false;
+    cmd.msg = std::string("Paused, but the waiting items could not all be moved: ") + e.what();
+  }
+  logLine("INFO:", "qxlite-svc " + cmd.msg);
+}
+
+void SvcProcessor::visit(Ipc::Resume& cmd) {
+  m_spooler.resume();
+  cmd.ok = true;
+  cmd.msg = "Resumed";
+  logLine("INFO:", "qxlite-svc " + cmd.msg);
+}
+
+void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
+  std::string method;
+  json::Object params;
+  std::unique_ptr<Inet::InetCfg> inet;
+  try {
+    method = cmd.callName();
+    params = cmd.jParams();
+    inet = cmd.pInetCfg();
+  } catch (json::Exc const& e) {
+    cmd.payload = errorPayload(std::string("the request is malformed: ") + e.what());
+    return;
+  }
+  Settings const settings = current();
+  Inet::InetCfg const cfg = inet ? *inet : settings.InetConfig;
+  if (cfg.serverAddress().empty()) {
+    cmd.payload = errorPayload("no server address is set in the configuration");
+    return;
+  }
+  json::Object body;
+  body.setAt("method", json::Value(method));
+  body.setAt("params", params);
+  std::string const text = json::jsonToString(body, false);
+  HttpClient const http(cfg, settings.EnableCurlDbgLog, m_httpTimeoutSecs);
+  std::vector<std::string> addresses{cfg.serverAddress()};
+  if (!cfg.altServerAddress().empty() && cfg.altServerAddress() != cfg.serverAddress()) {
+    addresses.push_back(cfg.altServerAddress());
+  }
+  std::string failure;
+  for (std::string const& address : addresses) {
+    HttpResult const r = http.postJson(address, text);
+    if (!r.transferred) {
+      failure = "the server at " + address + " does not answer: " + r.error;
+      continue;  // the alternative address may
+    }
+    if (r.status < 200 || r.status >= 300) {
+      cmd.payload = errorPayload("the server at " + address + " answered with HTTP status " +
+                                 std::to_string(r.status));
+      return;
+    }
+    try {
+      cmd.payload = json::strToObject(r.body.data(), r.body.size());
+    } catch (json::Exc const& e) {
+      cmd.payload = errorPayload("the server at " + address +
+                                 " did not answer with a JSON object: " + e.what());
+    }
+    return;
+  }
+  cmd.payload = errorPayload(failure);
+}
+
+void SvcProcessor::visit(Ipc::TestCfg& cmd) {
+  std::uint16_t port;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    port = m_servicePort;
+  }
+  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, port, m_httpTimeoutSecs);
+}
+
+void SvcProcessor::visit(Ipc::FileDrop& cmd) {
+  cmd.setResp();
+  if (cmd.ok) {
+    logLine("INFO:", "qxlite-svc received a drop of " + std::to_string(cmd.files.size()) +
+                         " file(s)");
+    m_spooler.scanNow();
+  }
+}
+
+void SvcProcessor::visit(Ipc::GetUploads& cmd) { cmd.payload = m_spooler.uploads(); }
+
+}  // namespace qxsvc

@@ -1,0 +1,62 @@
+// The reference service's handler of the IPC commands.
+//
+// It holds the configuration in force (guarded by its mutex: visits run on
+// several transport threads), the path of the configuration file, and the
+// spooler. SaveCfg validates a configuration and, when it is good, writes the
+// file atomically and takes it into force; a refused configuration leaves
+// both the file and the configuration in force untouched.
+#ifndef QX_APPS_SVC_SVCPROCESSOR_H
+#define QX_APPS_SVC_SVCPROCESSOR_H
+
+#include "apps/svc/Spooler.h"
+#include "ipc/IpcCmdsLite.h"
+
+#include <boost/filesystem/path.hpp>
+
+#include <cstdint>
+#include <mutex>
+#include <string>
+
+namespace qxsvc {
+
+// Why the service refuses to take next over from current (a configuration
+// that would weaken access to the service, or folders it may not use), or
+// the empty string.
+std::string checkChange(Settings const& current, Settings const& next, json::Object const& raw);
+
+class SvcProcessor : public Ipc::CmdProcessorLiteI {
+ public:
+  SvcProcessor(Settings const& settings, boost::filesystem::path configFile, Spooler& spooler,
+               long httpTimeoutSecs);
+
+  // The port this service listens on, once it is known.
+  void setServicePort(std::uint16_t port);
+  // The folder where dropped items go now.
+  boost::filesystem::path incomingFolder() const;
+
+  void visit(Ipc::IsRunning& cmd) override;
+  void visit(Ipc::GetCfg& cmd) override;
+  void visit(Ipc::SaveCfg& cmd) override;
+  void visit(Ipc::Pause& cmd) override;
+  void visit(Ipc::Resume& cmd) override;
+  void visit(Ipc::ServerRequest& cmd) override;
+  void visit(Ipc::TestCfg& cmd) override;
+  void visit(Ipc::FileDrop& cmd) override;
+  void visit(Ipc::GetUploads& cmd) override;
+
+ private:
+  Settings current() const;
+
+  boost::filesystem::path const m_configFile;
+  Spooler& m_spooler;
+  long const m_httpTimeoutSecs;
+
+  mutable std::mutex m_mutex;
+  Settings m_settings;              // guarded by m_mutex
+  std::uint16_t m_servicePort = 0;  // guarded by m_mutex
+  std::mutex m_saveMutex;           // one save at a time
+};
+
+}  // namespace qxsvc
+
+#endif  // QX_APPS_SVC_SVCPROCESSOR_H
