@@ -161,7 +161,7 @@ bool sortedKeys(std::ostream& os) { return os.iword(m_gOStreamSortedIdx) != 0; }
 
 Value parse(char const* text, unsigned long length) {
   json_error_t error;
-  json_t* node = json_loadb(text ? text : "", text ? length : 0, JSON_REJECT_DUPLICATES, &error);
+  json_t* node = json_loadb(text ? text : "", text ? length : 0, JSON_REJECT_DUPLICATES | JSON_ALLOW_NUL, &error);
   if (!node) {
     throw Exc(std::string("JSON error: ") + error.text + " at line " + std::to_string(error.line) +
               ", column " + std::to_string(error.column));
