@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <fstream>
 #include <sstream>
 
 namespace fs = boost::filesystem;
@@ -32,15 +31,31 @@ void writeAll(int fd, std::string const& text, fs::path const& tmp) {
 }  // namespace
 
 json::Object readConfigObject(fs::path const& file) {
-  std::ifstream in(file.string(), std::ios::binary);
-  if (!in) {
+  // Plain descriptors: a stream would neither tell a folder from a file nor
+  // report a failed read.
+  int const fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+  if (fd < 0) {
     if (errno == ENOENT) return json::Object();
     throw ConfigError(systemError("cannot open", file, errno));
   }
-  std::ostringstream text;
-  text << in.rdbuf();
-  if (in.bad()) throw ConfigError(systemError("cannot read", file, errno));
-  std::string const all = text.str();
+  std::string all;
+  try {
+    struct stat st {};
+    if (::fstat(fd, &st) != 0) throw ConfigError(systemError("cannot examine", file, errno));
+    if (S_ISDIR(st.st_mode)) throw ConfigError("\"" + file.string() + "\" is a folder, not a configuration file");
+    char buffer[65536];
+    for (;;) {
+      ssize_t const n = ::read(fd, buffer, sizeof buffer);
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) throw ConfigError(systemError("cannot read", file, errno));
+      if (n == 0) break;
+      all.append(buffer, static_cast<std::size_t>(n));
+    }
+  } catch (...) {
+    ::close(fd);
+    throw;
+  }
+  ::close(fd);
   try {
     return json::strToObject(all.data(), all.size());
   } catch (json::Exc const& e) {

@@ -226,9 +226,24 @@ void cmdDrop(Session& s, std::vector<std::string> const& paths) {
   for (std::string const& p : paths) {
     auto drop = std::make_shared<Ipc::FileDrop>(nullptr, p);
     try {
+      // A missing path is named as such, not as a refused file type.
+      if (!fs::exists(fs::status(p))) throw Failure("\"" + p + "\" does not exist");
       std::string const bad = settings->checkPathForAcceptedExts(p);
       if (!bad.empty()) throw Failure("\"" + p + "\": the service does not accept \"" + bad + "\"");
-      if (!drop->prepareReq()) throw Failure("\"" + p + "\" holds nothing to drop (only empty files or sub-folders)");
+      // The library's notes on skipped entries are shown only when something
+      // is sent: a drop of nothing fails with its one line.
+      std::ostringstream notes;
+      Log::inst().toStream(notes);
+      bool prepared = false;
+      try {
+        prepared = drop->prepareReq();
+      } catch (...) {
+        Log::inst().toStderr();
+        throw;
+      }
+      Log::inst().toStderr();
+      if (!prepared) throw Failure("\"" + p + "\" holds nothing to drop (only empty files or sub-folders)");
+      std::cerr << notes.str() << std::flush;
     } catch (fs::filesystem_error const& e) {
       throw Failure("\"" + p + "\": " + e.code().message());
     }
@@ -366,21 +381,25 @@ int main(int argc, char** argv) {
   auto* uploads = app.add_subcommand("uploads", "List the service's uploads");
   uploads->add_flag("--json", asJson, "As JSON");
 
-  // The first word that is neither an option nor its value must name a
-  // sub-command: say so plainly when it does not.
-  for (int i = 1; i < argc; ++i) {
+  // The first words that are neither options nor their values must name a
+  // sub-command, and a sub-command of it when it has some ("config get"):
+  // say so plainly when they do not.
+  CLI::App* level = &app;
+  std::string named;
+  for (int i = 1; i < argc && !level->get_subcommands({}).empty(); ++i) {
     std::string const arg = argv[i];
     if (arg.rfind("-", 0) == 0) {
       bool const takesValue = arg == "--host" || arg == "--port" || arg == "--token-file" || arg == "--timeout";
-      if (takesValue) ++i;
+      if (takesValue && arg.find('=') == std::string::npos) ++i;
       continue;
     }
-    auto const named = app.get_subcommands([&arg](CLI::App* sub) { return sub->get_name() == arg; });
-    if (named.empty()) {
-      std::cerr << "qxlite: unknown sub-command \"" << arg << "\" (see qxlite --help)\n";
+    named += (named.empty() ? "" : " ") + arg;
+    auto const sub = level->get_subcommands([&arg](CLI::App* s) { return s->get_name() == arg; });
+    if (sub.empty()) {
+      std::cerr << "qxlite: unknown sub-command \"" << named << "\" (see qxlite --help)\n";
       return 2;
     }
-    break;
+    level = sub.front();
   }
   try {
     app.parse(argc, argv);

@@ -1,0 +1,1224 @@
+// The reference programs as processes: the service qxlite-svc started on a
+// port of the system's choice (read from its log) in a temporary folder that
+// holds its configuration, token file and spool folders, driven by the
+// command-line client qxlite, and a tiny HTTP server of the test standing in
+// for the upload server. Every outcome is checked exactly: output lines, exit
+// status, files on disk.
+#include "tests/TestUtil.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/filesystem/operations.hpp>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cctype>
+#include <cstdint>
+#include <cstring>
+#include <ctime>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace {
+
+namespace fs = boost::filesystem;
+using Clock = std::chrono::steady_clock;
+using qxtest::readFile;
+using qxtest::writeFile;
+
+char const* const kSvc = QX_SVC_PROGRAM;
+char const* const kCli = QX_CLI_PROGRAM;
+char const* const kCfg = QX_CFG_PROGRAM;
+
+// Generous: sanitized processes start and run several times slower.
+constexpr auto kProcessDeadline = std::chrono::seconds(30);
+
+constexpr char kSrvExts[] =
+    R"(["pdf","ps","xps","oxps","xml","json","js","csv","xls","xlsx","ods","zip","tar","enm","qxw"])";
+
+// Polls cond every millisecond until it holds or the deadline passes.
+bool waitFor(std::function<bool()> const& cond, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+  Clock::time_point const deadline = Clock::now() + limit;
+  for (;;) {
+    if (cond()) return true;
+    if (Clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+std::vector<std::string> splitLines(std::string const& text) {
+  std::vector<std::string> lines;
+  std::string::size_type start = 0;
+  while (start < text.size()) {
+    std::string::size_type const end = text.find('\n', start);
+    if (end == std::string::npos) {
+      lines.push_back(text.substr(start));
+      break;
+    }
+    lines.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return lines;
+}
+
+// Whether text matches pattern, where '9' stands for any decimal digit and
+// 'x' for any lower-case hexadecimal digit.
+bool matchesShape(std::string const& text, std::string const& pattern) {
+  if (text.size() != pattern.size()) return false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char const c = text[i];
+    bool const digit = c >= '0' && c <= '9';
+    if (pattern[i] == '9' ? !digit : pattern[i] == 'x' ? !(digit || (c >= 'a' && c <= 'f')) : c != pattern[i]) {
+      return false;
+    }
+  }
+  return true;
+}
+
+// The log lines without their timestamps ("2026-01-31T12:00:00.000Z "); a
+// line without one is kept whole, so that comparisons show it.
+std::vector<std::string> logLines(std::string const& text) {
+  static std::string const stamp = "9999-99-99T99:99:99.999Z ";
+  std::vector<std::string> result;
+  for (std::string const& line : splitLines(text)) {
+    bool const stamped = matchesShape(line.substr(0, stamp.size()), stamp);
+    result.push_back(stamped ? line.substr(stamp.size()) : line);
+  }
+  return result;
+}
+
+// The decimal number at text[pos...], or 0.
+unsigned long numberAt(std::string const& text, std::string::size_type pos) {
+  unsigned long n = 0;
+  for (; pos < text.size() && text[pos] >= '0' && text[pos] <= '9'; ++pos) n = n * 10 + (text[pos] - '0');
+  return n;
+}
+
+std::string lowerCase(std::string text) {
+  for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return text;
+}
+
+unsigned fileMode(fs::path const& p) {
+  struct stat st {};
+  if (::lstat(p.c_str(), &st) != 0) return 0;
+  return st.st_mode & 07777;
+}
+
+// The direct entries of folder with their sizes (a folder: the sum of its
+// files' sizes).
+std::map<std::string, std::uint64_t> listing(fs::path const& folder) {
+  std::map<std::string, std::uint64_t> result;
+  boost::system::error_code ec;
+  for (fs::directory_iterator it(folder, ec), end; !ec && it != end; it.increment(ec)) {
+    std::uint64_t size = 0;
+    if (fs::is_directory(it->path(), ec)) {
+      for (fs::directory_iterator f(it->path(), ec); !ec && f != end; f.increment(ec)) {
+        size += fs::file_size(f->path(), ec);
+      }
+    } else {
+      size = fs::file_size(it->path(), ec);
+    }
+    result[it->path().filename().string()] = size;
+  }
+  return result;
+}
+
+// A loopback socket bound to a port of the system's choice and never
+// listening: connections to the port are refused, and nothing else can bind
+// it, for as long as the object lives.
+class HeldPort {
+ public:
+  HeldPort() {
+    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+      ADD_FAILURE() << "cannot bind a loopback port: " << std::strerror(errno);
+      return;
+    }
+    m_port = ntohs(addr.sin_port);
+  }
+  ~HeldPort() { release(); }
+  HeldPort(HeldPort const&) = delete;
+  HeldPort& operator=(HeldPort const&) = delete;
+
+  std::uint16_t port() const { return m_port; }
+  std::string text() const { return std::to_string(m_port); }
+  // Frees the port (for a process that is to bind it next).
+  void release() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+  }
+
+ private:
+  int m_fd = -1;
+  std::uint16_t m_port = 0;
+};
+
+// ---------------------------------------------------------------------------
+// Processes
+
+// What a finished process left: its exit status (128 + the signal when a
+// signal ended it) and everything it wrote.
+struct Outcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+// A child process with standard input from /dev/null and its output in two
+// files. A child still running when the object dies is killed and reaped.
+class Child {
+ public:
+  Child(std::string const& program, std::vector<std::string> const& args, fs::path const& outFile,
+        fs::path const& errFile)
+      : m_outFile(outFile), m_errFile(errFile) {
+    std::vector<std::string> all{program};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& a : all) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_outFile.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_errFile.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int const rc = ::posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) {
+      ADD_FAILURE() << "cannot start " << program << ": " << std::strerror(rc);
+      m_pid = -1;
+    }
+  }
+  ~Child() {
+    if (running()) {
+      ::kill(m_pid, SIGKILL);
+      reap(0);
+    }
+  }
+  Child(Child const&) = delete;
+  Child& operator=(Child const&) = delete;
+
+  bool running() {
+    if (m_pid <= 0 || m_status >= 0) return false;
+    return !reap(WNOHANG);
+  }
+  // Whether the child ended before the deadline.
+  bool wait(std::chrono::milliseconds limit = kProcessDeadline) {
+    return waitFor([this] { return !running(); }, limit);
+  }
+  void signal(int sig) {
+    if (running()) ::kill(m_pid, sig);
+  }
+  int status() const { return m_status; }
+  std::string out() const { return readFile(m_outFile); }
+  std::string err() const { return readFile(m_errFile); }
+  Outcome outcome() const { return Outcome{m_status, out(), err()}; }
+
+ private:
+  // Whether the child was reaped.
+  bool reap(int flags) {
+    int st = 0;
+    pid_t r;
+    while ((r = ::waitpid(m_pid, &st, flags)) < 0 && errno == EINTR) {
+    }
+    if (r != m_pid) return false;
+    m_status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    return true;
+  }
+
+  fs::path const m_outFile;
+  fs::path const m_errFile;
+  pid_t m_pid = -1;
+  int m_status = -1;
+};
+
+// ---------------------------------------------------------------------------
+// A tiny HTTP/1.1 server: one connection per request, each answered with the
+// next of the given answers (the last one repeats), then closed.
+
+class TinyHttpServer {
+ public:
+  struct Answer {
+    int status;
+    std::string body;
+  };
+  struct Request {
+    std::string head;  // request line and headers
+    std::string body;
+  };
+
+  explicit TinyHttpServer(std::vector<Answer> answers) : m_answers(std::move(answers)) {
+    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t len = sizeof addr;
+    if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        ::listen(m_fd, 8) != 0 || ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+      ADD_FAILURE() << "the HTTP server cannot listen: " << std::strerror(errno);
+      return;
+    }
+    m_port = ntohs(addr.sin_port);
+    m_thread = std::thread([this] { serve(); });
+  }
+  ~TinyHttpServer() {
+    m_stop = true;
+    if (m_thread.joinable()) m_thread.join();
+    if (m_fd >= 0) ::close(m_fd);
+  }
+  TinyHttpServer(TinyHttpServer const&) = delete;
+  TinyHttpServer& operator=(TinyHttpServer const&) = delete;
+
+  std::uint16_t port() const { return m_port; }
+  std::string url() const { return "http://127.0.0.1:" + std::to_string(m_port) + "/api"; }
+  std::vector<Request> requests() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_requests;
+  }
+
+ private:
+  void serve() {
+    while (!m_stop) {
+      pollfd p{m_fd, POLLIN, 0};
+      if (::poll(&p, 1, 20) <= 0) continue;
+      int const c = ::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC);
+      if (c < 0) continue;
+      answer(c);
+      ::close(c);
+    }
+  }
+
+  // Reads one request (headers, then Content-Length bytes), each read within
+  // a deadline, and answers it.
+  void answer(int c) {
+    std::string data;
+    Clock::time_point const deadline = Clock::now() + std::chrono::seconds(10);
+    auto readMore = [&]() {
+      pollfd p{c, POLLIN, 0};
+      if (::poll(&p, 1, 50) <= 0) return Clock::now() < deadline;
+      char buf[4096];
+      ssize_t const n = ::recv(c, buf, sizeof buf, 0);
+      if (n <= 0) return false;
+      data.append(buf, static_cast<std::size_t>(n));
+      return true;
+    };
+    std::string::size_type headEnd;
+    while ((headEnd = data.find("\r\n\r\n")) == std::string::npos) {
+      if (m_stop || !readMore()) return;
+    }
+    Request request;
+    request.head = data.substr(0, headEnd);
+    std::string const head = lowerCase(request.head);
+    std::string::size_type at = head.find("\r\ncontent-length:");
+    std::size_t length = 0;
+    if (at != std::string::npos) {
+      at += 17;
+      while (at < head.size() && head[at] == ' ') ++at;
+      length = numberAt(head, at);
+    }
+    while (data.size() < headEnd + 4 + length) {
+      if (m_stop || !readMore()) return;
+    }
+    request.body = data.substr(headEnd + 4, length);
+    Answer const& a = m_answers[std::min(m_served, m_answers.size() - 1)];
+    ++m_served;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_requests.push_back(request);
+    }
+    std::string const response = "HTTP/1.1 " + std::to_string(a.status) +
+                                 (a.status == 200 ? " OK" : " Internal Server Error") +
+                                 "\r\nContent-Type: application/json\r\nContent-Length: " +
+                                 std::to_string(a.body.size()) + "\r\nConnection: close\r\n\r\n" + a.body;
+    ::send(c, response.data(), response.size(), MSG_NOSIGNAL);
+  }
+
+  std::vector<Answer> const m_answers;
+  std::size_t m_served = 0;  // the server's thread only
+  int m_fd = -1;
+  std::uint16_t m_port = 0;
+  std::atomic<bool> m_stop{false};
+  mutable std::mutex m_mutex;
+  std::vector<Request> m_requests;  // guarded by m_mutex
+  std::thread m_thread;
+};
+
+// ---------------------------------------------------------------------------
+// The fixture: a temporary folder with the configuration file, the token
+// file and the spool folders; the service and its client as processes.
+
+class AppsTest : public ::testing::Test {
+ protected:
+  AppsTest()
+      : cfgFile(tmp / "config.json"),
+        tokenFile(tmp / "ipc.token"),
+        in(tmp / "spool" / "in"),
+        out(tmp / "spool" / "out"),
+        backup(tmp / "spool" / "backup"),
+        rejected(backup / ".rejected") {}
+
+  // The configuration with the fixture's folders, keys sorted, as the service
+  // writes it (extra: more members, in sorted place, with a leading comma).
+  std::string configJson(std::string const& before = "", std::string const& after = "") const {
+    return "{" + before + "\"BackupFolder\":\"" + backup.string() +
+           "\",\"IgnoredExtension\":[\"noqx\",\"ds_store\",\"db\"]" + after + ",\"ReceiveFolder\":\"" +
+           in.string() + "\",\"SpoolFolder\":\"" + out.string() + "\",\"SrvFileExts\":" + kSrvExts + "}";
+  }
+  void writeConfig(std::string const& extra = "") const {
+    writeFile(cfgFile, "{\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" + out.string() +
+                           "\",\"BackupFolder\":\"" + backup.string() + "\"" + extra + "}");
+  }
+
+  fs::path nextOutput(char const* suffix) { return tmp / ("proc-" + std::to_string(++m_outputs) + suffix); }
+
+  std::vector<std::string> serviceArgs(std::uint16_t onPort = 0) const {
+    return {"--config", cfgFile.string(), "--token-file", tokenFile.string(), "--port", std::to_string(onPort),
+            "--foreground", "--scan-interval", "0.05"};
+  }
+
+  // Starts the service (on a port of the system's choice unless told) and
+  // reads its port from its log. False (with a failure) when it ends or does
+  // not serve in time.
+  bool startService(std::uint16_t onPort = 0) {
+    port = 0;
+    service = std::make_unique<Child>(kSvc, serviceArgs(onPort), nextOutput(".out"), nextOutput(".err"));
+    static std::string const serving = "INFO:qxlite-svc 7.0.1 serving on 127.0.0.1:";
+    bool const up = waitFor([&] {
+      std::string const log = service->err();
+      std::string::size_type const at = log.find(serving);
+      if (at != std::string::npos && log.find(' ', at + serving.size()) != std::string::npos) {
+        port = static_cast<std::uint16_t>(numberAt(log, at + serving.size()));
+        return true;
+      }
+      return !service->running();
+    }, kProcessDeadline);
+    if (!up || port == 0) {
+      ADD_FAILURE() << "the service does not serve; status " << service->status() << ", log:\n"
+                    << service->err();
+      return false;
+    }
+    return true;
+  }
+
+  // Stops the service with sig; it must end cleanly, its last lines saying so.
+  void stopService(int sig = SIGTERM) {
+    ASSERT_TRUE(service);
+    service->signal(sig);
+    ASSERT_TRUE(service->wait()) << "the service did not stop on a signal";
+    EXPECT_EQ(0, service->status()) << service->err();
+    std::vector<std::string> const lines = logLines(service->err());
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(std::string("INFO:qxlite-svc stopping on ") + (sig == SIGINT ? "SIGINT" : "SIGTERM"),
+              lines[lines.size() - 2]);
+    EXPECT_EQ("INFO:qxlite-svc stopped", lines.back());
+    port = 0;
+  }
+
+  // Runs a program to its end.
+  Outcome run(char const* program, std::vector<std::string> const& args) {
+    Child child(program, args, nextOutput(".out"), nextOutput(".err"));
+    if (!child.wait()) {
+      ADD_FAILURE() << program << " did not end in time";
+      return Outcome{};
+    }
+    return child.outcome();
+  }
+  // The client against the fixture's service, with the fixture's token.
+  Outcome qx(std::vector<std::string> args) {
+    std::vector<std::string> all{"--port", std::to_string(port), "--token-file", tokenFile.string()};
+    all.insert(all.end(), args.begin(), args.end());
+    return run(kCli, all);
+  }
+  // Runs the client; it must succeed and print exactly expected.
+  void expectOutput(std::vector<std::string> const& args, std::string const& expected) {
+    Outcome const o = qx(args);
+    EXPECT_EQ(0, o.status) << o.err;
+    EXPECT_EQ("", o.err);
+    EXPECT_EQ(expected, o.out);
+  }
+  // Runs the client; it must fail with status and exactly the one line error.
+  void expectFailure(std::vector<std::string> const& args, int status, std::string const& error) {
+    Outcome const o = qx(args);
+    EXPECT_EQ(status, o.status);
+    EXPECT_EQ("qxlite: " + error + "\n", o.err);
+    EXPECT_EQ("", o.out);
+  }
+
+  // What `qxlite config get` prints for the fixture's configuration.
+  std::string dump(std::string const& account = "", std::string const& backupLine = "Backup disabled",
+                   std::string const& server = "") const {
+    return "Account Id: " + account + "\nNode Id: 0\nKey Id: 0\nKey: empty\n"
+           "Ignored extensions: [\"noqx\",\"ds_store\",\"db\"]\n"
+           "Incoming Folder: \"" + in.string() + "\"\n"
+           "Outgoing Folder: \"" + out.string() + "\"\n"
+           "Server address: " + server + "\nAlternative server address: \n"
+           "Proxy: not used\nServer certificate check: on\n" + backupLine + "\n"
+           "Backup folder \"" + backup.string() + "\"\n"
+           "Rejected folder \"" + rejected.string() + "\"\n"
+           "Trace logging disabled\nRemote clients cannot configure the service\n"
+           "Zip uploads with 10 or more files\nNot using folder name\n"
+           "E-mail notices: off (no SMTP server)\n"
+           "Server accepted extensions: " + std::string(kSrvExts) + "\n"
+           "Max upload threads: 2\nIPC TCP port: 45654\n"
+           "Maximum idle connection time: 600s\nIP4 is not forced\n";
+  }
+
+  // The line of `qxlite uploads` for an item.
+  static std::string uploadLine(fs::path const& item, char const* folder, char const* type,
+                                std::uint64_t size) {
+    std::time_t const t = fs::last_write_time(item);
+    std::tm utc{};
+    gmtime_r(&t, &utc);
+    char when[32];
+    std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &utc);
+    char line[256];
+    std::snprintf(line, sizeof line, "%-40s %-9s %-6s %12llu  %s\n", item.filename().c_str(), folder,
+                  type, static_cast<unsigned long long>(size), when);
+    return line;
+  }
+  static std::string uploadJson(fs::path const& item, char const* folder, char const* type,
+                                std::uint64_t size) {
+    return "{\"folder\":\"" + std::string(folder) +
+           "\",\"modified\":" + std::to_string(fs::last_write_time(item)) + ",\"name\":\"" +
+           item.filename().string() + "\",\"size\":" + std::to_string(size) + ",\"type\":\"" + type + "\"}";
+  }
+
+  qxtest::TempDir tmp;
+  fs::path const cfgFile;
+  fs::path const tokenFile;
+  fs::path const in;
+  fs::path const out;
+  fs::path const backup;
+  fs::path const rejected;
+  std::unique_ptr<Child> service;
+  std::uint16_t port = 0;
+
+ private:
+  unsigned m_outputs = 0;
+};
+
+std::string const kUploadsHeader =
+    "NAME                                     FOLDER    TYPE           SIZE  MODIFIED (UTC)\n";
+
+// ---------------------------------------------------------------------------
+// Start and stop
+
+TEST_F(AppsTest, ServiceMakesItsFoldersAndStopsCleanlyOnSignals) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  EXPECT_EQ((std::vector<std::string>{
+                "INFO:qxlite-svc 7.0.1 serving on 127.0.0.1:" + std::to_string(port) +
+                " with configuration \"" + cfgFile.string() + "\", token file \"" + tokenFile.string() +
+                "\", incoming folder \"" + in.string() + "\""}),
+            logLines(service->err()));
+  for (fs::path const& folder : {in, out, backup, rejected}) {
+    EXPECT_TRUE(fs::is_directory(folder)) << folder;
+    EXPECT_EQ(0750u, fileMode(folder)) << folder;
+  }
+  EXPECT_EQ(0600u, fileMode(tokenFile));
+  std::string const token = readFile(tokenFile);
+  EXPECT_TRUE(matchesShape(token, std::string(64, 'x') + "\n")) << token;
+  EXPECT_EQ("", service->out());
+  stopService(SIGTERM);
+
+  // The same token serves again; SIGINT stops it as cleanly.
+  ASSERT_TRUE(startService());
+  EXPECT_EQ(token, readFile(tokenFile));
+  expectOutput({"status"}, "running\n");
+  std::uint16_t const stoppedPort = port;
+  stopService(SIGINT);
+  port = stoppedPort;
+  expectFailure({"status"}, 1,
+                "Ipc cannot connect to the service at 127.0.0.1:" + std::to_string(stoppedPort) +
+                    ": Connection refused");
+}
+
+// ---------------------------------------------------------------------------
+// The sub-commands
+
+TEST_F(AppsTest, StatusPauseAndResume) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectOutput({"status"}, "running\n");
+  expectOutput({"--host", "127.0.0.1", "--timeout", "10", "status"}, "running\n");
+  expectOutput({"pause"}, "Paused\n");
+  expectOutput({"status"}, "paused\n");
+  expectOutput({"pause"}, "Paused\n");
+  expectOutput({"resume"}, "Resumed\n");
+  expectOutput({"status"}, "running\n");
+  expectOutput({"resume"}, "Resumed\n");
+  expectOutput({"status"}, "running\n");
+}
+
+TEST_F(AppsTest, ConfigGetShowsTheConfigurationInForce) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectOutput({"config", "get"}, dump());
+  expectOutput({"config", "get", "--json"}, configJson() + "\n");
+}
+
+TEST_F(AppsTest, ConfigSetIsWrittenSortedWithMode0600AndSurvivesARestart) {
+  writeConfig();
+  ::chmod(cfgFile.c_str(), 0644);
+  ASSERT_TRUE(startService());
+  expectOutput({"config", "set", "BackupExpireSecs=86400", "AccountId=acme", "InetServer=http://127.0.0.1:9/api"},
+               "Configuration saved to \"" + cfgFile.string() + "\"\n");
+  std::string const saved =
+      configJson("\"AccountId\":\"acme\",\"BackupExpireSecs\":86400,", ",\"InetServer\":\"http://127.0.0.1:9/api\"");
+  EXPECT_EQ(saved + "\n", readFile(cfgFile));
+  EXPECT_EQ(0600u, fileMode(cfgFile));
+  EXPECT_FALSE(fs::exists(cfgFile.string() + ".tmp"));
+  expectOutput({"config", "get", "--json"}, saved + "\n");
+
+  stopService();
+  EXPECT_EQ(saved + "\n", readFile(cfgFile));
+  ASSERT_TRUE(startService());
+  expectOutput({"config", "get", "--json"}, saved + "\n");
+  expectOutput({"config", "get"},
+               dump("acme", "Backup items expire in 86400s (1 day(s) )", "http://127.0.0.1:9/api"));
+
+  // The configuration tool reads the saved file as it is: nothing to change.
+  Outcome const tool = run(kCfg, {cfgFile.string()});
+  EXPECT_EQ(0, tool.status) << tool.err;
+  EXPECT_EQ(saved + "\n", readFile(cfgFile));
+}
+
+TEST_F(AppsTest, ConfigSetValuesAreJsonOrText) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectOutput({"config", "set", "SrvFileExts=[\"pdf\",\"txt\"]", "UseDirName=true", "AccountId=7 x"},
+               "Configuration saved to \"" + cfgFile.string() + "\"\n");
+  EXPECT_EQ("{\"AccountId\":\"7 x\",\"BackupFolder\":\"" + backup.string() +
+                "\",\"IgnoredExtension\":[\"noqx\",\"ds_store\",\"db\"],\"ReceiveFolder\":\"" + in.string() +
+                "\",\"SpoolFolder\":\"" + out.string() + "\",\"SrvFileExts\":[\"pdf\",\"txt\"],\"UseDirName\":true}\n",
+            readFile(cfgFile));
+}
+
+TEST_F(AppsTest, ConfigSaveTakesAFileIntoForce) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  fs::path const newIn = tmp / "in2";
+  fs::path const file = tmp / "new.json";
+  std::string const text = "{\"ReceiveFolder\":\"" + newIn.string() + "\",\"SpoolFolder\":\"" + out.string() +
+                           "\",\"BackupFolder\":\"" + backup.string() + "\",\"KeyId\":5}";
+  writeFile(file, text);
+  expectOutput({"config", "save", file.string()}, "Configuration saved to \"" + cfgFile.string() + "\"\n");
+  EXPECT_EQ(text, readFile(file));
+  EXPECT_EQ("{\"BackupFolder\":\"" + backup.string() +
+                "\",\"IgnoredExtension\":[\"noqx\",\"ds_store\",\"db\"],\"KeyId\":5,\"ReceiveFolder\":\"" +
+                newIn.string() + "\",\"SpoolFolder\":\"" + out.string() + "\",\"SrvFileExts\":" + kSrvExts + "}\n",
+            readFile(cfgFile));
+  EXPECT_EQ(0750u, fileMode(newIn));
+  // Drops now go to the new incoming folder, and on to the outgoing one.
+  writeFile(tmp / "a.pdf", "pdf");
+  expectOutput({"drop", (tmp / "a.pdf").string()}, "dropped \"" + (tmp / "a.pdf").string() + "\": 1 file(s), 3 B\n");
+  EXPECT_TRUE(waitFor([&] { return fs::exists(out / "a.pdf"); }));
+  EXPECT_EQ("pdf", readFile(out / "a.pdf"));
+}
+
+TEST_F(AppsTest, DropOfAFolderAndOfAFileLandInTheOutgoingFolderAndAreListed) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  fs::path const docs = tmp / "docs";
+  fs::create_directories(docs);
+  writeFile(docs / "a.pdf", "first");
+  writeFile(docs / "b.csv", "x,y\n1,2\n");
+  writeFile(tmp / "report.pdf", std::string(3000, 'r'));
+
+  expectOutput({"drop", docs.string()}, "dropped \"" + docs.string() + "\": 2 file(s), 13 B\n");
+  ASSERT_TRUE(waitFor([&] { return fs::exists(out / "tmp"); }));
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"a.pdf", 5}, {"b.csv", 8}}), listing(out / "tmp"));
+  EXPECT_EQ("first", readFile(out / "tmp" / "a.pdf"));
+  EXPECT_EQ("x,y\n1,2\n", readFile(out / "tmp" / "b.csv"));
+
+  expectOutput({"drop", (tmp / "report.pdf").string()},
+               "dropped \"" + (tmp / "report.pdf").string() + "\": 1 file(s), 2.9 KiB\n");
+  ASSERT_TRUE(waitFor([&] { return fs::exists(out / "report.pdf"); }));
+  EXPECT_EQ(std::string(3000, 'r'), readFile(out / "report.pdf"));
+  EXPECT_TRUE(waitFor([&] { return listing(in).empty(); }));
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"report.pdf", 3000}, {"tmp", 13}}), listing(out));
+  // The originals stay where they were.
+  EXPECT_EQ("first", readFile(docs / "a.pdf"));
+
+  expectOutput({"uploads"}, kUploadsHeader + uploadLine(out / "report.pdf", "outgoing", "file", 3000) +
+                                uploadLine(out / "tmp", "outgoing", "folder", 13));
+  expectOutput({"uploads", "--json"}, "{\"uploads\":[" + uploadJson(out / "report.pdf", "outgoing", "file", 3000) +
+                                          "," + uploadJson(out / "tmp", "outgoing", "folder", 13) + "]}\n");
+
+  // Skipped entries are noted on standard error; the rest is dropped.
+  fs::create_directories(tmp / "more");
+  writeFile(tmp / "more" / "empty.pdf", "");
+  writeFile(tmp / "more" / "c.pdf", "cc");
+  writeFile(tmp / "more" / "d.pdf", "ddd");
+  Outcome const more = qx({"drop", (tmp / "more").string()});
+  EXPECT_EQ(0, more.status);
+  EXPECT_EQ("dropped \"" + (tmp / "more").string() + "\": 2 file(s), 5 B\n", more.out);
+  EXPECT_EQ((std::vector<std::string>{"WARNING:Ipc \"Drop File\" request with empty file. \"" +
+                                      (tmp / "more" / "empty.pdf").string() + "\" skipped!"}),
+            logLines(more.err));
+  ASSERT_TRUE(waitFor([&] { return fs::exists(out / "tmp_1"); }));
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"c.pdf", 2}, {"d.pdf", 3}}), listing(out / "tmp_1"));
+
+  // A second drop of the same file takes a free name.
+  expectOutput({"drop", (tmp / "report.pdf").string()},
+               "dropped \"" + (tmp / "report.pdf").string() + "\": 1 file(s), 2.9 KiB\n");
+  EXPECT_TRUE(waitFor([&] { return fs::exists(out / "report_1.pdf"); }));
+}
+
+TEST_F(AppsTest, UploadsOfAnEmptyServiceAndOfTheBackupFolder) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectOutput({"uploads"}, kUploadsHeader + "(no uploads)\n");
+  expectOutput({"uploads", "--json"}, "{\"uploads\":[]}\n");
+  writeFile(backup / "old.pdf", "12345");
+  expectOutput({"uploads"}, kUploadsHeader + uploadLine(backup / "old.pdf", "backup", "file", 5));
+}
+
+TEST_F(AppsTest, PauseKeepsItemsInIncomingAndDiscardMovesThemToRejected) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  fs::path const docs = tmp / "docs";
+  fs::create_directories(docs);
+  writeFile(docs / "a.pdf", "aa");
+  writeFile(docs / "b.pdf", "bbb");
+  writeFile(tmp / "c.pdf", "cccc");
+  writeFile(in / "partial.pdf.noqx", "half");
+  expectOutput({"pause"}, "Paused\n");
+  expectOutput({"drop", docs.string(), (tmp / "c.pdf").string()},
+               "dropped \"" + docs.string() + "\": 2 file(s), 5 B\n" + "dropped \"" + (tmp / "c.pdf").string() +
+                   "\": 1 file(s), 4 B\n");
+  std::map<std::string, std::uint64_t> const waiting{{"c.pdf", 4}, {"partial.pdf.noqx", 4}, {"tmp", 5}};
+  EXPECT_EQ(waiting, listing(in));
+  // Several scan intervals later, nothing moved.
+  expectOutput({"status"}, "paused\n");
+  EXPECT_EQ(waiting, listing(in));
+  EXPECT_TRUE(listing(out).empty());
+
+  expectOutput({"pause", "--discard"}, "Paused; 2 waiting item(s) moved to the rejected folder\n");
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"partial.pdf.noqx", 4}}), listing(in));
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"c.pdf", 4}, {"tmp", 5}}), listing(rejected));
+  expectOutput({"uploads"}, kUploadsHeader + uploadLine(rejected / "c.pdf", "rejected", "file", 4) +
+                                uploadLine(rejected / "tmp", "rejected", "folder", 5));
+  expectOutput({"resume"}, "Resumed\n");
+  writeFile(tmp / "d.pdf", "d");
+  expectOutput({"drop", (tmp / "d.pdf").string()}, "dropped \"" + (tmp / "d.pdf").string() + "\": 1 file(s), 1 B\n");
+  EXPECT_TRUE(waitFor([&] { return fs::exists(out / "d.pdf"); }));
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"partial.pdf.noqx", 4}}), listing(in));
+}
+
+TEST_F(AppsTest, DropFailuresAreOneLineErrors) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  writeFile(tmp / "tool.exe", "MZ");
+  expectFailure({"drop", (tmp / "tool.exe").string()}, 1,
+                "\"" + (tmp / "tool.exe").string() + "\": the service does not accept \"" +
+                    (tmp / "tool.exe").string() + "\"");
+  expectFailure({"drop", (tmp / "none.pdf").string()}, 1, "\"" + (tmp / "none.pdf").string() + "\" does not exist");
+  expectFailure({"drop", (tmp / "none").string()}, 1, "\"" + (tmp / "none").string() + "\" does not exist");
+  writeFile(tmp / "empty.pdf", "");
+  expectFailure({"drop", (tmp / "empty.pdf").string()}, 1,
+                "\"" + (tmp / "empty.pdf").string() + "\" holds nothing to drop (only empty files or sub-folders)");
+  fs::create_directories(tmp / "hollow");
+  writeFile(tmp / "hollow" / "empty.pdf", "");
+  writeFile(tmp / "hollow" / "empty.csv", "");
+  expectFailure({"drop", (tmp / "hollow").string()}, 1,
+                "\"" + (tmp / "hollow").string() + "\" holds nothing to drop (only empty files or sub-folders)");
+  fs::create_directories(tmp / "mixed");
+  writeFile(tmp / "mixed" / "a.pdf", "a");
+  writeFile(tmp / "mixed" / "b.exe", "b");
+  expectFailure({"drop", (tmp / "mixed").string()}, 1,
+                "\"" + (tmp / "mixed").string() + "\": the service does not accept \"" +
+                    (tmp / "mixed" / "b.exe").string() + "\"");
+  EXPECT_TRUE(listing(in).empty());
+  EXPECT_TRUE(listing(out).empty());
+  EXPECT_TRUE(listing(rejected).empty());
+}
+
+TEST_F(AppsTest, TestConfigOfTheConfigurationInForcePasses) {
+  // The service serves on the port of its configuration, so that the port
+  // check does not depend on what else binds ports on this machine.
+  HeldPort ipc;
+  writeConfig(",\"BackupExpireSecs\":4294967295,\"IpcPort\":" + ipc.text());
+  ipc.release();
+  ASSERT_TRUE(startService(ipc.port()));
+  EXPECT_EQ(ipc.port(), port);
+  expectOutput({"test-config"},
+               "+ The configuration's values are accepted\n"
+               "+ The incoming folder \"" + in.string() + "\" exists and can be written\n"
+               "+ The outgoing folder \"" + out.string() + "\" exists and can be written\n"
+               "+ The backup folder \"" + backup.string() + "\" exists and can be written\n"
+               "+ The rejected folder \"" + rejected.string() + "\" exists and can be written\n"
+               "+ The spool folders are distinct\n"
+               "+ The extension lists hold texts only\n"
+               "+ The IPC port " + ipc.text() + " is the one this service uses\n"
+               "* No server address is set\n"
+               "* No SMTP server is set: no e-mail notices\n"
+               "+ Backup is on; items never expire\n");
+  // The test made and changed nothing.
+  for (fs::path const& folder : {in, out, rejected}) {
+    EXPECT_TRUE(listing(folder).empty()) << folder;
+  }
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{".rejected", 0}}), listing(backup));
+}
+
+TEST_F(AppsTest, TestConfigPrintsTheFailingChecksAndFails) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  // A port where nothing listens and that nothing else can bind: the server
+  // and the IPC port of the configuration tested.
+  HeldPort held;
+  std::string const deadServer = "http://127.0.0.1:" + held.text() + "/api";
+
+  writeFile(tmp / "plain", "a file, not a folder");
+  fs::path const badIn = tmp / "plain" / "in";
+  fs::path const file = tmp / "test.json";
+  std::string const text = "{\"ReceiveFolder\":\"" + badIn.string() + "\",\"SpoolFolder\":\"" +
+                           (tmp / "o2").string() + "\",\"BackupFolder\":\"" + (tmp / "b2").string() +
+                           "\",\"InetServer\":\"" + deadServer + "\",\"IpcPort\":" + held.text() + "}";
+  writeFile(file, text);
+  Outcome const o = qx({"test-config", file.string()});
+  EXPECT_EQ(1, o.status);
+  EXPECT_EQ("qxlite: the configuration test found 3 error(s)\n", o.err);
+  std::vector<std::string> const lines = splitLines(o.out);
+  ASSERT_EQ(14u, lines.size()) << o.out;
+  std::vector<std::string> const expected{
+      "+ The configuration's values are accepted",
+      "- The incoming folder \"" + badIn.string() + "\" cannot be made",
+      "    -> \"" + (tmp / "plain").string() + "\" is not a folder",
+      "+ The outgoing folder \"" + (tmp / "o2").string() + "\" does not exist yet and can be made",
+      "+ The backup folder \"" + (tmp / "b2").string() + "\" does not exist yet and can be made",
+      "+ The rejected folder \"" + (tmp / "b2" / ".rejected").string() + "\" does not exist yet and can be made",
+      "+ The spool folders are distinct",
+      "+ The extension lists hold texts only",
+      "- The IPC port " + held.text() + " cannot be used",
+      "    -> Address already in use",
+      "- The server \"" + deadServer + "\" does not answer",
+  };
+  for (std::size_t i = 0; i < expected.size(); ++i) {
+    EXPECT_EQ(expected[i], lines[i]) << i;
+  }
+  EXPECT_EQ(0u, lines[11].rfind("    -> Failed to connect to 127.0.0.1 port " + held.text(), 0)) << lines[11];
+  EXPECT_EQ("* No SMTP server is set: no e-mail notices", lines[12]);
+  EXPECT_EQ("* Backup is off", lines[13]);
+  // Nothing was made by the test, and the file tested is unchanged.
+  EXPECT_FALSE(fs::exists(tmp / "o2"));
+  EXPECT_FALSE(fs::exists(tmp / "b2"));
+  EXPECT_EQ(text, readFile(file));
+  EXPECT_EQ("a file, not a folder", readFile(tmp / "plain"));
+}
+
+TEST_F(AppsTest, TestConfigOfAMissingOrMalformedFile) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectFailure({"test-config", (tmp / "none.json").string()}, 1, "\"" + (tmp / "none.json").string() + "\" does not exist");
+  writeFile(tmp / "bad.json", "[1,2]");
+  Outcome const o = qx({"test-config", (tmp / "bad.json").string()});
+  EXPECT_EQ(1, o.status);
+  EXPECT_EQ("", o.out);
+  EXPECT_EQ(0u, o.err.rfind("qxlite: \"" + (tmp / "bad.json").string() + "\" is not a JSON object: JSON error: ", 0)) << o.err;
+  EXPECT_EQ(1u, splitLines(o.err).size());
+}
+
+// ---------------------------------------------------------------------------
+// Server calls
+
+TEST_F(AppsTest, CallPostsMethodAndParamsAndPrintsTheAnswer) {
+  TinyHttpServer server({{200, R"({"result":{"pong":true,"n":[1,2]},"id":7})"}});
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectOutput({"config", "set", "InetServer=" + server.url()}, "Configuration saved to \"" + cfgFile.string() + "\"\n");
+  expectOutput({"call", "ping", R"({"a":1,"b":{"c":"d"}})"}, "{\"id\":7,\"result\":{\"n\":[1,2],\"pong\":true}}\n");
+  std::vector<TinyHttpServer::Request> const requests = server.requests();
+  ASSERT_EQ(1u, requests.size());
+  EXPECT_EQ(R"({"method":"ping","params":{"a":1,"b":{"c":"d"}}})", requests[0].body);
+  EXPECT_EQ(0u, requests[0].head.rfind("POST /api HTTP/1.1\r\n", 0)) << requests[0].head;
+  EXPECT_NE(std::string::npos, requests[0].head.find("\r\nContent-Type: application/json")) << requests[0].head;
+
+  // Without parameters, params is an empty object.
+  expectOutput({"call", "status"}, "{\"id\":7,\"result\":{\"n\":[1,2],\"pong\":true}}\n");
+  ASSERT_EQ(2u, server.requests().size());
+  EXPECT_EQ(R"({"method":"status","params":{}})", server.requests()[1].body);
+}
+
+TEST_F(AppsTest, CallFailuresAreOneLineErrors) {
+  TinyHttpServer server({{500, R"({"oops":1})"}, {200, "<html>not json</html>"}, {200, R"({"error":"no such method"})"}});
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectFailure({"call", "ping"}, 1, "the server call failed: no server address is set in the configuration");
+  expectOutput({"config", "set", "InetServer=" + server.url()}, "Configuration saved to \"" + cfgFile.string() + "\"\n");
+  expectFailure({"call", "ping", "{}"}, 1,
+                "the server call failed: the server at " + server.url() + " answered with HTTP status 500");
+  Outcome const o = qx({"call", "ping", "{}"});
+  EXPECT_EQ(1, o.status);
+  EXPECT_EQ("", o.out);
+  EXPECT_EQ(0u, o.err.rfind("qxlite: the server call failed: the server at " + server.url() +
+                                " did not answer with a JSON object: JSON error: ",
+                            0))
+      << o.err;
+  EXPECT_EQ(1u, splitLines(o.err).size()) << o.err;
+  expectFailure({"call", "ping", "{}"}, 1, "the server call failed: no such method");
+  EXPECT_EQ(3u, server.requests().size());
+
+  // Malformed parameters never reach the server.
+  Outcome const bad = qx({"call", "ping", R"({"a":)"});
+  EXPECT_EQ(1, bad.status);
+  EXPECT_EQ(0u, bad.err.rfind("qxlite: PARAMS-JSON is not a JSON object: JSON error: ", 0)) << bad.err;
+  EXPECT_EQ(1u, splitLines(bad.err).size());
+  expectFailure({"call", "ping", "[1]"}, 1, "PARAMS-JSON is not a JSON object: JSON error: text is a JSON array, not an object");
+  EXPECT_EQ(3u, server.requests().size());
+}
+
+TEST_F(AppsTest, CallToAServerThatDoesNotAnswer) {
+  HeldPort held;
+  std::string const url = "http://127.0.0.1:" + held.text() + "/api";
+  writeConfig(",\"InetServer\":\"" + url + "\"");
+  ASSERT_TRUE(startService());
+  Outcome const o = qx({"call", "ping"});
+  EXPECT_EQ(1, o.status);
+  EXPECT_EQ(0u, o.err.rfind("qxlite: the server call failed: the server at " + url +
+                                " does not answer: Failed to connect to 127.0.0.1 port ", 0))
+      << o.err;
+  EXPECT_EQ(1u, splitLines(o.err).size());
+}
+
+// ---------------------------------------------------------------------------
+// Bad input to the client
+
+TEST_F(AppsTest, ClientRefusesBadCommandLines) {
+  // None of these reaches a service: there is none.
+  port = 1;
+  struct Case {
+    std::vector<std::string> args;
+    std::string error;
+  };
+  std::vector<Case> const cases{
+      {{"bogus"}, "unknown sub-command \"bogus\" (see qxlite --help)"},
+      {{"config", "bogus"}, "unknown sub-command \"config bogus\" (see qxlite --help)"},
+      {{"config"}, "A subcommand is required (see qxlite --help)"},
+      {{"call"}, "METHOD is required (see qxlite --help)"},
+      {{"drop"}, "PATH is required (see qxlite --help)"},
+      {{"config", "set"}, "assignments is required (see qxlite --help)"},
+  };
+  for (Case const& c : cases) {
+    expectFailure(c.args, 2, c.error);
+  }
+  Outcome const none = run(kCli, {});
+  EXPECT_EQ(2, none.status);
+  EXPECT_EQ("qxlite: A subcommand is required (see qxlite --help)\n", none.err);
+  Outcome const badPort = run(kCli, {"--port", "70000", "status"});
+  EXPECT_EQ(2, badPort.status);
+  EXPECT_EQ(1u, splitLines(badPort.err).size()) << badPort.err;
+  EXPECT_EQ(0u, badPort.err.rfind("qxlite: --port: ", 0)) << badPort.err;
+}
+
+TEST_F(AppsTest, ClientFailsPlainlyWithoutAServiceOrToken) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  Outcome const noToken = run(kCli, {"--port", std::to_string(port), "--token-file", (tmp / "none.token").string(), "status"});
+  EXPECT_EQ(1, noToken.status);
+  EXPECT_EQ("qxlite: Ipc token file \"" + (tmp / "none.token").string() +
+                "\": cannot be opened: No such file or directory\n",
+            noToken.err);
+  EXPECT_EQ("", noToken.out);
+
+  writeFile(tmp / "wrong.token", std::string(64, 'a') + "\n");
+  ::chmod((tmp / "wrong.token").c_str(), 0600);
+  Outcome const wrong = run(kCli, {"--port", std::to_string(port), "--token-file", (tmp / "wrong.token").string(), "status"});
+  EXPECT_EQ(1, wrong.status);
+  EXPECT_EQ("qxlite: Ipc connection refused: wrong token\n", wrong.err);
+  EXPECT_EQ("", wrong.out);
+  // The service goes on serving those who hold its token.
+  expectOutput({"status"}, "running\n");
+
+  std::uint16_t const stoppedPort = port;
+  stopService();
+  port = stoppedPort;
+  expectFailure({"status"}, 1,
+                "Ipc cannot connect to the service at 127.0.0.1:" + std::to_string(stoppedPort) +
+                    ": Connection refused");
+}
+
+TEST_F(AppsTest, ConfigSetAndSaveRefuseBadInput) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  std::string const before = readFile(cfgFile);
+  expectFailure({"config", "set", "Foo=1"}, 1, "unknown configuration key \"Foo\"");
+  expectFailure({"config", "set", "AccountId"}, 1, "\"AccountId\" is not KEY=VALUE");
+  expectFailure({"config", "set", "IpcPort=\"x\""}, 1,
+                "Configuration not saved: \"IpcPort\" must be an integer from 1 to 65535");
+  expectFailure({"config", "save", (tmp / "none.json").string()}, 1, "\"" + (tmp / "none.json").string() + "\" does not exist");
+  writeFile(tmp / "bad.json", "{\"KeyId\": 5,");
+  Outcome const bad = qx({"config", "save", (tmp / "bad.json").string()});
+  EXPECT_EQ(1, bad.status);
+  EXPECT_EQ("", bad.out);
+  EXPECT_EQ(0u, bad.err.rfind("qxlite: \"" + (tmp / "bad.json").string() + "\" is not a JSON object: JSON error: ", 0))
+      << bad.err;
+  EXPECT_EQ(1u, splitLines(bad.err).size()) << bad.err;
+  EXPECT_EQ("{\"KeyId\": 5,", readFile(tmp / "bad.json"));
+  EXPECT_EQ(before, readFile(cfgFile));
+  expectOutput({"config", "get", "--json"}, configJson() + "\n");
+}
+
+// ---------------------------------------------------------------------------
+// What the service refuses to save
+
+// Folders in system locations that the service must never make. Each must
+// be missing at the start; one that a faulty service made is removed again
+// (only when empty) so that a failure leaves the machine as it was.
+class SystemProbes {
+ public:
+  explicit SystemProbes(std::vector<fs::path> paths) : m_paths(std::move(paths)) {
+    for (fs::path const& p : m_paths) {
+      m_existed.push_back(fs::exists(p));
+      EXPECT_FALSE(m_existed.back()) << p << " exists before the test";
+    }
+  }
+  ~SystemProbes() {
+    for (std::size_t i = 0; i < m_paths.size(); ++i) {
+      if (!m_existed[i] && fs::exists(m_paths[i])) {
+        ADD_FAILURE() << m_paths[i] << " was made";
+        ::rmdir(m_paths[i].c_str());
+      }
+    }
+  }
+
+ private:
+  std::vector<fs::path> const m_paths;
+  std::vector<bool> m_existed;
+};
+
+constexpr char kProbe[] = "qxlite-apps-test-probe";
+
+TEST_F(AppsTest, SaveCfgRefusesSystemLocationsAndWeakerAccess) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  std::string const before = readFile(cfgFile);
+  fs::create_directory_symlink("/etc", tmp / "etc-link");
+  struct Case {
+    std::string assignment;
+    std::string why;
+  };
+  std::vector<Case> cases;
+  std::vector<fs::path> probes;
+  for (char const* location : {"/etc", "/usr/local", "/var/lib", "/root", "/run", "/boot", "/dev", "/sys", "/proc"}) {
+    fs::path const folder = fs::path(location) / kProbe;
+    probes.push_back(folder);
+    std::string const system = std::string(location) == "/usr/local" ? "/usr" : location;
+    cases.push_back({"ReceiveFolder=" + folder.string(),
+                     "the incoming folder \"" + folder.string() + "\" is inside the system location " + system});
+  }
+  SystemProbes const guard(probes);
+  std::vector<Case> const more{
+      {"SpoolFolder=/etc", "the outgoing folder \"/etc\" is inside the system location /etc"},
+      {"BackupFolder=/", "the backup folder \"/\" is the root folder"},
+      {"ReceiveFolder=" + (tmp / "etc-link" / kProbe).string(),
+       "the incoming folder \"" + (tmp / "etc-link" / kProbe).string() + "\" is inside the system location /etc"},
+      {"ReceiveFolder=qx", "the incoming folder \"qx\" is not an absolute path"},
+      {"SpoolFolder=" + (in / "sub").string(),
+       "the outgoing folder \"" + (in / "sub").string() + "\" is the same as, or inside, the incoming folder \"" +
+           in.string() + "\""},
+      {"AllowRemoteConfig=true", "configuration from remote clients can only be enabled in the configuration file"},
+      {"IpcPort=45655", "the IPC port and address family of the service can only be changed in the configuration file"},
+      {"IpcForceIP4=true", "the IPC port and address family of the service can only be changed in the configuration file"},
+  };
+  cases.insert(cases.end(), more.begin(), more.end());
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.assignment);
+    expectFailure({"config", "set", c.assignment}, 1, "Configuration not saved: " + c.why);
+    EXPECT_EQ(before, readFile(cfgFile));
+  }
+  EXPECT_FALSE(fs::exists(in / "sub"));
+  EXPECT_FALSE(fs::exists(cfgFile.string() + ".tmp"));
+  expectOutput({"config", "get", "--json"}, configJson() + "\n");
+  std::vector<std::string> const lines = logLines(service->err());
+  EXPECT_EQ("WARNING:qxlite-svc Configuration not saved: " + cases.back().why, lines.back());
+}
+
+// ---------------------------------------------------------------------------
+// What the service refuses at start
+
+TEST_F(AppsTest, ServiceRefusesAConfigurationThatIsNotJson) {
+  writeFile(cfgFile, "ReceiveFolder = /srv/in\n");
+  Outcome const o = run(kSvc, serviceArgs());
+  EXPECT_EQ(2, o.status);
+  EXPECT_EQ(0u, o.err.rfind("qxlite-svc: \"" + cfgFile.string() + "\" is not a JSON object: JSON error: ", 0)) << o.err;
+  EXPECT_EQ(1u, splitLines(o.err).size()) << o.err;
+  EXPECT_EQ("ReceiveFolder = /srv/in\n", readFile(cfgFile));
+  EXPECT_FALSE(fs::exists(tokenFile));
+  EXPECT_FALSE(fs::exists(tmp / "spool"));
+}
+
+TEST_F(AppsTest, ServiceRefusesUnreadableOrRefusedConfigurations) {
+  SystemProbes const guard({fs::path("/etc") / kProbe});
+  struct Case {
+    std::string text;  // empty: cfgFile is a folder
+    std::string error;
+  };
+  std::vector<Case> const cases{
+      {"", "\"" + cfgFile.string() + "\" is a folder, not a configuration file"},
+      {"{\"EmailSmtpUrl\":\"smtp://h:99999\"}", ""},
+      {"{\"IpcPort\":70000}", "the configuration \"" + cfgFile.string() +
+                                  "\": \"IpcPort\" must be an integer from 1 to 65535"},
+      {"{\"ReceiveFolder\":\"/etc/" + std::string(kProbe) + "\"}",
+       "the configuration \"" + cfgFile.string() + "\": the incoming folder \"/etc/" + kProbe +
+           "\" is inside the system location /etc"},
+  };
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.text);
+    fs::remove_all(cfgFile);
+    if (c.text.empty()) fs::create_directory(cfgFile);
+    else writeFile(cfgFile, c.text);
+    Outcome const o = run(kSvc, serviceArgs());
+    EXPECT_EQ(2, o.status);
+    EXPECT_EQ(1u, splitLines(o.err).size()) << o.err;
+    if (c.error.empty()) {
+      EXPECT_EQ(0u, o.err.rfind("qxlite-svc: the configuration \"" + cfgFile.string() +
+                                    "\" holds a value that is refused: ", 0)) << o.err;
+      EXPECT_NE(std::string::npos, o.err.find("99999")) << o.err;
+    } else {
+      EXPECT_EQ("qxlite-svc: " + c.error + "\n", o.err);
+    }
+    if (!c.text.empty()) {
+      EXPECT_EQ(c.text, readFile(cfgFile));
+    }
+  }
+  EXPECT_FALSE(fs::exists(tokenFile));
+
+  // A configuration path below a file.
+  writeFile(tmp / "plain", "x");
+  std::vector<std::string> args = serviceArgs();
+  args[1] = (tmp / "plain" / "config.json").string();
+  Outcome const o = run(kSvc, args);
+  EXPECT_EQ(2, o.status);
+  EXPECT_EQ("qxlite-svc: cannot open \"" + args[1] + "\": Not a directory\n", o.err);
+}
+
+TEST_F(AppsTest, ServiceRefusesASpoolFolderWritableByOthers) {
+  writeConfig();
+  for (fs::path const& folder : {in, out, backup, rejected}) {
+    SCOPED_TRACE(folder.string());
+    fs::create_directories(rejected);
+    for (fs::path const& f : {in, out, backup, rejected}) {
+      fs::create_directories(f);
+      ::chmod(f.c_str(), 0750);
+    }
+    ASSERT_EQ(0, ::chmod(folder.c_str(), 0777));
+    Outcome const o = run(kSvc, serviceArgs());
+    EXPECT_EQ(2, o.status);
+    char const* role = folder == in ? "incoming" : folder == out ? "outgoing" : folder == backup ? "backup" : "rejected";
+    EXPECT_EQ("qxlite-svc: the configuration \"" + cfgFile.string() + "\": the " + role + " folder \"" +
+                  folder.string() + "\" is writable by other users\n",
+              o.err);
+    EXPECT_EQ(0777u, fileMode(folder));
+  }
+}
+
+TEST_F(AppsTest, ServiceRefusesAPortInUse) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  std::vector<std::string> args = serviceArgs();
+  args[5] = std::to_string(port);
+  Outcome const o = run(kSvc, args);
+  EXPECT_EQ(2, o.status);
+  EXPECT_EQ("qxlite-svc: Ipc cannot listen on 127.0.0.1:" + std::to_string(port) + ": Address already in use\n", o.err);
+  // The first service goes on.
+  expectOutput({"status"}, "running\n");
+}
+
+TEST_F(AppsTest, ServiceRefusesBadCommandLines) {
+  Outcome const o = run(kSvc, {"--port", "70000"});
+  EXPECT_NE(0, o.status);
+  EXPECT_NE(std::string::npos, o.err.find("--port")) << o.err;
+  Outcome const unknown = run(kSvc, {"--bogus"});
+  EXPECT_NE(0, unknown.status);
+  EXPECT_NE(std::string::npos, unknown.err.find("--bogus")) << unknown.err;
+}
+
+// ---------------------------------------------------------------------------
+// A service killed in the middle of a drop
+
+TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectOutput({"pause"}, "Paused\n");
+  // Items that must survive untouched: an ignored file and an earlier
+  // partial drop.
+  writeFile(in / "keep.db", "database");
+  writeFile(in / "earlier.pdf.noqx", "half");
+
+  std::uint64_t const bigSize = std::uint64_t(200) << 20;
+  fs::path const big = tmp / "big.pdf";
+  {
+    int const fd = ::open(big.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bigSize)));
+    ASSERT_EQ(5, ::pwrite(fd, "start", 5, 0));
+    ::close(fd);
+  }
+  Child client(kCli, {"--port", std::to_string(port), "--token-file", tokenFile.string(), "drop", big.string()},
+               nextOutput(".out"), nextOutput(".err"));
+  fs::path const partial = in / "big.pdf.noqx";
+  bool const caught = waitFor([&] {
+    boost::system::error_code ec;
+    std::uint64_t const size = fs::file_size(partial, ec);
+    return !ec && size > 0;
+  });
+  service->signal(SIGKILL);
+  ASSERT_TRUE(caught) << "no partial item appeared; client: " << client.err();
+  ASSERT_TRUE(service->wait());
+  EXPECT_EQ(128 + SIGKILL, service->status());
+  ASSERT_TRUE(client.wait());
+  EXPECT_EQ(1, client.status());
+  EXPECT_EQ("", client.out());
+  EXPECT_EQ(0u, client.err().rfind("qxlite: Ipc \"Drop File\": ", 0)) << client.err();
+  EXPECT_EQ(1u, splitLines(client.err()).size()) << client.err();
+
+  std::map<std::string, std::uint64_t> const afterKill = listing(in);
+  ASSERT_EQ(3u, afterKill.size());
+  EXPECT_EQ(8u, afterKill.at("keep.db"));
+  EXPECT_EQ(4u, afterKill.at("earlier.pdf.noqx"));
+  std::uint64_t const got = afterKill.at("big.pdf.noqx");
+  EXPECT_GT(got, 0u);
+  EXPECT_LT(got, bigSize);
+  EXPECT_EQ("start", readFile(partial).substr(0, 5));
+  EXPECT_TRUE(listing(out).empty());
+
+  // The restarted service is not paused: it scans, and leaves the partial
+  // and ignored items alone.
+  ASSERT_TRUE(startService());
+  expectOutput({"status"}, "running\n");
+  writeFile(tmp / "after.pdf", "after");
+  expectOutput({"drop", (tmp / "after.pdf").string()},
+               "dropped \"" + (tmp / "after.pdf").string() + "\": 1 file(s), 5 B\n");
+  EXPECT_TRUE(waitFor([&] { return fs::exists(out / "after.pdf"); }));
+  EXPECT_EQ("after", readFile(out / "after.pdf"));
+  expectOutput({"status"}, "running\n");
+  EXPECT_EQ(afterKill, listing(in));
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"after.pdf", 5}}), listing(out));
+}
+
+}  // namespace
