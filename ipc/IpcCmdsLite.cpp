@@ -368,9 +368,13 @@ void FileDrop::sendFilesContent() {
 void FileDrop::readReqDone() { readFilesContent(); }
 
 bool FileDrop::isOwnTarget(fs::path const& target) const {
+  if (path.empty()) return false;
+  // Targets are made as path / name, so their parent is compared with the
+  // parent of such a join: a folder given with a trailing separator
+  // ("/spool/in/") is then the same folder as the parent of its targets.
+  fs::path const folder = (path / "x").parent_path();
   fs::path const leaf = target.filename();
-  return !path.empty() && target.parent_path() == path && leaf != "." && leaf != ".." &&
-         !leaf.empty();
+  return target.parent_path() == folder && leaf != "." && leaf != ".." && !leaf.empty();
 }
 
 void FileDrop::readFilesContent() {
@@ -406,11 +410,15 @@ void FileDrop::readFilesContent() {
     // Flushed here, so that a full disk is seen now rather than lost at close.
     out.write(buffer.get(), static_cast<std::streamsize>(piece));
     out.flush();
-    if (out.bad() || out.fail()) {
+    bool const written = !(out.bad() || out.fail());
+    // Closed before the outcome is reported: the client hears of a failure
+    // only once the target is released (its space freed when it is removed).
+    // A failure to close is not reported.
+    out.close();
+    if (!written) {
       onTransferError("Ipc Failed to write to " + r->path.string());
       return;
     }
-    out.close();
     if (last) {
       JsonCmdBase::readReqDone();
     } else {

@@ -28,7 +28,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
       : m_options(std::move(options)),
         m_token(token),
         m_strand(ba::make_strand(io.context())),
-        m_socket(m_strand),
+        m_socket(std::make_shared<Socket>(m_strand)),
         m_timer(m_strand),
         m_resolver(m_strand) {}
 
@@ -103,8 +103,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
                   std::function<void()> done) override {
-    ba::async_write(m_socket, ba::buffer(data, len),
-                    [self = shared_from_this(), cmd, serial = m_serial, done = std::move(done)](
+    ba::async_write(*m_socket, ba::buffer(data, len),
+                    [self = shared_from_this(), sock = m_socket, cmd, serial = m_serial, done = std::move(done)](
                         boost::system::error_code ec, std::size_t written) {
                       self->m_bytesSent.fetch_add(written);
                       if (serial != self->m_serial || self->m_closing) return;
@@ -121,8 +121,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override {
-    ba::async_read(m_socket, ba::buffer(buf, len),
-                   [self = shared_from_this(), cmd, serial = m_serial, done = std::move(done)](
+    ba::async_read(*m_socket, ba::buffer(buf, len),
+                   [self = shared_from_this(), sock = m_socket, cmd, serial = m_serial, done = std::move(done)](
                        boost::system::error_code ec, std::size_t) {
                      if (serial != self->m_serial || self->m_closing) return;
                      self->onIo(ec, cmd, done);
@@ -224,15 +224,15 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     m_connected = false;
     m_timer.cancel();
     boost::system::error_code ignored;
-    m_socket.close(ignored);
+    m_socket->close(ignored);
   }
 
   // Whether the connection still stands: a service that closed an idle
   // connection has left an end of file to be read.
   bool stillOpen() {
-    if (!m_connected || !m_socket.is_open()) return false;
+    if (!m_connected || !m_socket->is_open()) return false;
     char c;
-    ssize_t const n = ::recv(m_socket.native_handle(), &c, 1, MSG_PEEK | MSG_DONTWAIT);
+    ssize_t const n = ::recv(m_socket->native_handle(), &c, 1, MSG_PEEK | MSG_DONTWAIT);
     return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
   }
 
@@ -253,28 +253,34 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void connect() {
     closeSocket();
+    // Each connection gets a socket object of its own. The steps of a
+    // composed read or write of the old connection may still be queued; they
+    // hold the old object and fail on it, instead of carrying the rest of an
+    // abandoned request into the new connection.
+    m_socket = std::make_shared<Socket>(m_strand);
     arm(m_options.connectTimeout);
     boost::system::error_code ec;
     ba::ip::address const address = ba::ip::make_address(m_options.host, ec);
     if (!ec) {
-      m_socket.async_connect(tcp::endpoint(address, m_options.port),
-                             [self = shared_from_this(), serial = m_serial](boost::system::error_code ec) {
-                               if (serial != self->m_serial || self->m_closing) return;
-                               self->onConnected(ec);
-                             });
+      m_socket->async_connect(
+          tcp::endpoint(address, m_options.port),
+          [self = shared_from_this(), sock = m_socket, serial = m_serial](boost::system::error_code ec) {
+            if (serial != self->m_serial || self->m_closing) return;
+            self->onConnected(ec);
+          });
       return;
     }
     m_resolver.async_resolve(
         m_options.host, std::to_string(m_options.port),
-        [self = shared_from_this(), serial = m_serial](boost::system::error_code ec,
-                                                        tcp::resolver::results_type results) {
+        [self = shared_from_this(), sock = m_socket, serial = m_serial](boost::system::error_code ec,
+                                                                        tcp::resolver::results_type results) {
           if (serial != self->m_serial || self->m_closing) return;
           if (ec) {
             self->connectFailed(ec);
             return;
           }
-          ba::async_connect(self->m_socket, results,
-                            [self, serial](boost::system::error_code ec, tcp::endpoint const&) {
+          ba::async_connect(*sock, results,
+                            [self, sock, serial](boost::system::error_code ec, tcp::endpoint const&) {
                               if (serial != self->m_serial || self->m_closing) return;
                               self->onConnected(ec);
                             });
@@ -293,10 +299,11 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     }
     ++m_connectionsMade;
     boost::system::error_code ignored;
-    m_socket.set_option(tcp::no_delay(true), ignored);
+    m_socket->set_option(tcp::no_delay(true), ignored);
     wire::putHello(m_hello, m_token.data());
-    ba::async_write(m_socket, ba::buffer(m_hello),
-                    [self = shared_from_this(), serial = m_serial](boost::system::error_code ec, std::size_t) {
+    ba::async_write(*m_socket, ba::buffer(m_hello),
+                    [self = shared_from_this(), sock = m_socket, serial = m_serial](boost::system::error_code ec,
+                                                                                    std::size_t) {
                       if (serial != self->m_serial || self->m_closing) return;
                       if (ec) {
                         self->connectFailed(ec);
@@ -319,8 +326,9 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   void readStatus(std::function<void(std::string const&)> then) {
     m_statusReadPending = true;
     ba::async_read(
-        m_socket, ba::buffer(m_status),
-        [self = shared_from_this(), serial = m_serial, then](boost::system::error_code ec, std::size_t) {
+        *m_socket, ba::buffer(m_status),
+        [self = shared_from_this(), sock = m_socket, serial = m_serial, then](boost::system::error_code ec,
+                                                                              std::size_t) {
           if (serial != self->m_serial || self->m_closing) return;
           self->m_statusReadPending = false;
           if (ec) {
@@ -343,8 +351,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
             return;
           }
           self->m_message.assign(len, '\0');
-          ba::async_read(self->m_socket, ba::buffer(&self->m_message[0], len),
-                         [self, serial, then](boost::system::error_code ec, std::size_t) {
+          ba::async_read(*sock, ba::buffer(&self->m_message[0], len),
+                         [self, sock, serial, then](boost::system::error_code ec, std::size_t) {
                            if (serial != self->m_serial || self->m_closing) return;
                            if (ec) {
                              self->transferError("Ipc " + self->name() + ": " + self->ioErrorText(ec));
@@ -387,7 +395,9 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   std::atomic<std::uint64_t> m_bytesSent{0};
 
   // Used on the strand only.
-  Socket m_socket;
+  // The connection of now (see connect()). Every handler of an operation on
+  // it holds the object (sock), which therefore outlives the operation.
+  std::shared_ptr<Socket> m_socket;
   Timer m_timer;
   tcp::resolver::rebind_executor<Strand>::other m_resolver;
   std::deque<Pending> m_queue;

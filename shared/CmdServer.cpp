@@ -60,7 +60,10 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
 
   void start();
   void stop();
-  void sessionEnded(Session* session);
+  // A session gives back its place among the maxConnections (refused, or
+  // ended); heldSlot says whether it had one.
+  void releaseSlot();
+  void sessionEnded(Session* session, bool heldSlot);
   std::size_t count() const {
     std::lock_guard<std::mutex> lock(mutex);
     return sessions.size();
@@ -85,6 +88,7 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   std::condition_variable ended;                                // signalled on mutex
   bool stopping = false;                                        // guarded by mutex
   std::size_t openListeners = 0;                                // guarded by mutex
+  std::size_t admitted = 0;  // sessions that hold a place; guarded by mutex
   std::unordered_map<Session*, std::weak_ptr<Session>> sessions;  // guarded by mutex
 
  private:
@@ -97,14 +101,17 @@ namespace {
 // One connection of a client: the channel of each of its commands in turn.
 class Session final : public CmdChannel, public std::enable_shared_from_this<Session> {
  public:
-  Session(std::shared_ptr<CmdServer::Core> core, Socket socket)
+  // holdsSlot: the session was admitted and counts against maxConnections
+  // until it is refused or ends.
+  Session(std::shared_ptr<CmdServer::Core> core, Socket socket, bool holdsSlot)
       : m_core(std::move(core)),
         m_strand(socket.get_executor()),
         m_peer(peerText(socket)),
         m_socket(std::move(socket)),
-        m_timer(m_strand) {}
+        m_timer(m_strand),
+        m_holdsSlot(holdsSlot) {}
 
-  ~Session() { m_core->sessionEnded(this); }
+  ~Session() { m_core->sessionEnded(this, m_holdsSlot); }
 
   Strand const& strand() const { return m_strand; }
 
@@ -205,14 +212,39 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   // The deadline of the operation that runs now; a new one replaces it.
   void arm(std::chrono::milliseconds limit) {
     m_limit = limit;
-    m_timer.expires_after(limit);
+    // A deadline that passed just as its operation completed no longer
+    // counts: only the new one can time out.
+    m_timedOut = false;
+    waitForDeadline();
+  }
+
+  void waitForDeadline() {
+    m_timer.expires_after(m_limit);
     m_timer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
       if (ec == ba::error::operation_aborted) return;  // replaced or cancelled
       // A handler that was already queued when the deadline moved.
       if (self->m_timer.expiry() > Timer::clock_type::now()) return;
       self->m_timedOut = true;
-      self->close();
+      if (self->mayStillRefuse()) {
+        // Before the hello and while a request is read, the client is still
+        // listening for a status: the read in progress is cancelled, and its
+        // handler answers with the reason instead of dropping the connection.
+        // A read whose last part had just arrived goes on with the next part,
+        // which cancel() could not reach; the deadline is therefore kept,
+        // and its next expiry cancels that part too.
+        boost::system::error_code ignored;
+        self->m_socket.cancel(ignored);
+        self->waitForDeadline();
+      } else {
+        self->close();
+      }
     });
+  }
+
+  // Whether a failure now can still be answered with a refusal: the status
+  // of the hello or of the request in progress has not been written.
+  bool mayStillRefuse() const {
+    return !m_closed && !m_refusing && !m_respStarted && (!m_helloDone || m_cmd);
   }
 
   std::string ioErrorText(boost::system::error_code ec) const {
@@ -247,10 +279,13 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 
   void onHello(boost::system::error_code ec) {
     if (ec) {
-      if (!m_stopping) {
-        logError("Ipc connection from " + m_peer + " refused: no token (" + ioErrorText(ec) + ")");
+      if (m_stopping) {
+        close();
+        return;
       }
-      close();
+      std::string const why = "no token (" + ioErrorText(ec) + ")";
+      logError("Ipc connection from " + m_peer + " refused: " + why);
+      refuse("Ipc connection refused: " + why);
       return;
     }
     std::string why = wire::checkHelloStart(m_hello.data());
@@ -260,6 +295,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
       refuse("Ipc connection refused: " + why);
       return;
     }
+    m_helloDone = true;
     wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
     ba::async_write(m_socket, ba::buffer(m_okFrame),
                     [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
@@ -307,6 +343,13 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   // Answers with a refusal, then drains what the client still sends until it
   // closes, so that the refusal is read rather than lost to a reset.
   void refuse(std::string const& why) {
+    m_refusing = true;
+    // A refused connection only lingers: it no longer counts against
+    // maxConnections.
+    if (m_holdsSlot) {
+      m_holdsSlot = false;
+      m_core->releaseSlot();
+    }
     std::string const msg = why.substr(0, wire::kMaxMessage);
     m_refusal.assign(wire::kFrameSize, '\0');
     wire::putStatusFrame(reinterpret_cast<unsigned char*>(&m_refusal[0]), wire::kStatusRefused,
@@ -359,6 +402,9 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   bool m_timedOut = false;
   bool m_stopping = false;
   bool m_closed = false;
+  bool m_helloDone = false;  // the hello was accepted
+  bool m_refusing = false;   // a refusal was written or is being written
+  bool m_holdsSlot;          // counts against maxConnections
 };
 
 }  // namespace
@@ -409,8 +455,9 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
   if (!ec) {
     boost::system::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
-    bool const full = sessions.size() >= options.maxConnections;
-    auto session = std::make_shared<Session>(shared_from_this(), std::move(socket));
+    bool const full = admitted >= options.maxConnections;
+    if (!full) ++admitted;
+    auto session = std::make_shared<Session>(shared_from_this(), std::move(socket), !full);
     sessions.emplace(session.get(), session);
     lock.unlock();
     ba::post(session->strand(), [session, full, max = options.maxConnections] {
@@ -424,8 +471,14 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
   acceptNext(listener);
 }
 
-void CmdServer::Core::sessionEnded(Session* session) {
+void CmdServer::Core::releaseSlot() {
   std::lock_guard<std::mutex> lock(mutex);
+  --admitted;
+}
+
+void CmdServer::Core::sessionEnded(Session* session, bool heldSlot) {
+  std::lock_guard<std::mutex> lock(mutex);
+  if (heldSlot) --admitted;
   sessions.erase(session);
   if (sessions.empty()) ended.notify_all();
 }

@@ -17,8 +17,11 @@
 // reaches the client's onTransferError) and ends that connection only.
 //
 // Limits: at most maxConnections connections at once (the next is refused
-// with a message); no byte moving for transferTimeout while an exchange runs,
-// or for helloTimeout before the hello, ends the connection.
+// with a message; a refused connection, while it lingers, holds no place);
+// no byte moving for transferTimeout while an exchange runs, or for
+// helloTimeout before the hello, ends the connection, with a refusal that
+// says so as long as the request (or the hello) is still being read. An idle
+// connection closed after idleTimeout is a normal end and is not logged.
 //
 // Completions run on the threads of the IoThreads given, serialised per
 // connection; processor handlers run there too. stop() (also run by the

@@ -65,6 +65,39 @@ std::string readAll(int fd, fs::path const& file) {
   return text;
 }
 
+// Opens the token file for reading. A symbolic link in its place is refused
+// (O_NOFOLLOW), and a special file cannot make the open block (O_NONBLOCK).
+int openForReading(fs::path const& file) {
+  int const fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  if (fd < 0) {
+    int const err = errno;
+    struct stat st {};
+    if (err == ELOOP && ::lstat(file.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) {
+      fail(file, "is a symbolic link");
+    }
+    fail(file, "cannot be opened", err);
+  }
+  return fd;
+}
+
+// The token held by the open file, which must be a regular file.
+std::array<unsigned char, SecretToken::SIZE> readToken(int fd, fs::path const& file) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0) fail(file, "cannot be examined", errno);
+  if (!S_ISREG(st.st_mode)) fail(file, "is not a regular file");
+  std::string text = readAll(fd, file);
+  if (!text.empty() && text.back() == '\n') text.pop_back();
+  if (text.size() != 2 * SecretToken::SIZE) fail(file, "does not hold a token of 64 hexadecimal digits");
+  std::array<unsigned char, SecretToken::SIZE> bytes{};
+  for (std::size_t i = 0; i < SecretToken::SIZE; ++i) {
+    int const hi = hexValue(text[2 * i]);
+    int const lo = hexValue(text[2 * i + 1]);
+    if (hi < 0 || lo < 0) fail(file, "does not hold a token of 64 hexadecimal digits");
+    bytes[i] = static_cast<unsigned char>(hi << 4 | lo);
+  }
+  return bytes;
+}
+
 gid_t groupId(std::string const& group) {
   long const bufSize = ::sysconf(_SC_GETGR_R_SIZE_MAX);
   std::vector<char> buf(bufSize > 0 ? static_cast<std::size_t>(bufSize) : 16384);
@@ -91,18 +124,9 @@ SecretToken SecretToken::generate() {
 }
 
 SecretToken SecretToken::load(fs::path const& file) {
-  Fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  if (fd.get() < 0) fail(file, "cannot be opened", errno);
-  std::string text = readAll(fd.get(), file);
-  if (!text.empty() && text.back() == '\n') text.pop_back();
-  if (text.size() != 2 * SIZE) fail(file, "does not hold a token of 64 hexadecimal digits");
+  Fd fd(openForReading(file));
   SecretToken token;
-  for (std::size_t i = 0; i < SIZE; ++i) {
-    int const hi = hexValue(text[2 * i]);
-    int const lo = hexValue(text[2 * i + 1]);
-    if (hi < 0 || lo < 0) fail(file, "does not hold a token of 64 hexadecimal digits");
-    token.m_bytes[i] = static_cast<unsigned char>(hi << 4 | lo);
-  }
+  token.m_bytes = readToken(fd.get(), file);
   return token;
 }
 
@@ -137,9 +161,9 @@ SecretToken SecretToken::loadOrCreate(fs::path const& file, std::string const& g
   }
 
   // Whether new or old, the file must be this user's own, and end with the
-  // mode and group that were asked for.
-  Fd fd(::open(file.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
-  if (fd.get() < 0) fail(file, "cannot be opened", errno);
+  // mode and group that were asked for. The token is read from the very file
+  // that was checked, not from whatever the path names afterwards.
+  Fd fd(openForReading(file));
   struct stat st {};
   if (::fstat(fd.get(), &st) != 0) fail(file, "cannot be examined", errno);
   if (!S_ISREG(st.st_mode)) fail(file, "is not a regular file");
@@ -148,7 +172,9 @@ SecretToken SecretToken::loadOrCreate(fs::path const& file, std::string const& g
   }
   if (::fchown(fd.get(), static_cast<uid_t>(-1), gid) != 0) fail(file, "cannot be given its group", errno);
   if (::fchmod(fd.get(), mode) != 0) fail(file, "cannot be given its mode", errno);
-  return load(file);
+  SecretToken token;
+  token.m_bytes = readToken(fd.get(), file);
+  return token;
 }
 
 fs::path SecretToken::defaultPath() {

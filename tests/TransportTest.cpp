@@ -1,0 +1,1836 @@
+// Tests of the IPC transport over real loopback connections: the service
+// (CmdServer) and the user interface (CmdClient) both run in this process, on
+// ports that the system chooses. Raw sockets stand in for either side where a
+// test needs to see or send exact bytes.
+//
+// The commands below exist only here: each records the operations of the
+// command frame that the transport calls on it, in its processor's recorder,
+// so that the order of those calls can be checked on both sides.
+#include "shared/CmdClient.h"
+#include "shared/CmdServer.h"
+#include "shared/IoThreads.h"
+#include "shared/JsonCmdBase.h"
+#include "shared/SecretToken.h"
+#include "shared/Wire.h"
+
+#include "tests/TestUtil.h"
+
+#include <boost/asio/post.hpp>
+#include <gtest/gtest.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <cstring>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <regex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using Ipc::CmdI;
+namespace wire = Ipc::wire;
+
+// How long a test waits for something that should come at once (long enough
+// for sanitizer builds running many tests at a time).
+constexpr auto kPatience = 15s;
+
+// Waits until pred() holds, looking every millisecond; false when it still
+// does not after limit. For states that announce no change (connection
+// counts, log lines written after the last byte that a test can see).
+template <class Pred>
+bool waitUntil(Pred pred, std::chrono::milliseconds limit = kPatience) {
+  auto const end = std::chrono::steady_clock::now() + limit;
+  while (!pred()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+  return true;
+}
+
+// ---------------------------------------------------------------------------
+// Bytes of the wire
+
+std::string bytes(unsigned char const* data, std::size_t len) {
+  return std::string(reinterpret_cast<char const*>(data), len);
+}
+
+std::string u32(std::uint32_t v) {
+  unsigned char out[4];
+  wire::putU32(out, v);
+  return bytes(out, 4);
+}
+
+std::string helloBytes(Ipc::SecretToken const& token) {
+  unsigned char out[wire::kHelloSize];
+  wire::putHello(out, token.data());
+  return bytes(out, sizeof out);
+}
+
+std::string requestFrame(CmdI::TypeCode type, std::uint8_t flags) {
+  unsigned char out[wire::kFrameSize];
+  wire::putRequestFrame(out, type, flags);
+  return bytes(out, sizeof out);
+}
+
+std::string okFrame() {
+  unsigned char out[wire::kFrameSize];
+  wire::putStatusFrame(out, wire::kStatusOk, 0);
+  return bytes(out, sizeof out);
+}
+
+std::string refusalBytes(std::string const& message) {
+  unsigned char out[wire::kFrameSize];
+  wire::putStatusFrame(out, wire::kStatusRefused, static_cast<std::uint32_t>(message.size()));
+  return bytes(out, sizeof out) + message;
+}
+
+// A JSON body as it travels: its length, then its text.
+std::string body(std::string const& text) { return u32(static_cast<std::uint32_t>(text.size())) + text; }
+
+// Log lines with the port of every loopback peer replaced by "PORT", for
+// lines about connections whose port the test does not know.
+std::vector<std::string> maskedLines(qxtest::LogCapture& log) {
+  static std::regex const peer(R"(127\.0\.0\.1:\d+)");
+  std::vector<std::string> lines = log.lines();
+  for (std::string& line : lines) line = std::regex_replace(line, peer, "127.0.0.1:PORT");
+  return lines;
+}
+
+std::string masked(std::string const& text) {
+  static std::regex const peer(R"(127\.0\.0\.1:\d+)");
+  return std::regex_replace(text, peer, "127.0.0.1:PORT");
+}
+
+// ---------------------------------------------------------------------------
+// Raw sockets
+
+// A blocking TCP socket whose reads and writes give up after 15 s, so that a
+// transport that stops answering fails the test instead of hanging it.
+class RawSocket {
+ public:
+  RawSocket() = default;
+  explicit RawSocket(int fd) : m_fd(fd) {
+    timeval tv{};
+    tv.tv_sec = 15;
+    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
+    ::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
+  }
+  RawSocket(RawSocket&& other) noexcept : m_fd(other.m_fd) { other.m_fd = -1; }
+  RawSocket& operator=(RawSocket&&) = delete;
+  ~RawSocket() { close(); }
+
+  static RawSocket connectTo(std::uint16_t port) {
+    int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in addr{};
+    addr.sin_family = AF_INET;
+    addr.sin_port = htons(port);
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
+      ADD_FAILURE() << "cannot connect to port " << port << ": " << std::strerror(errno);
+    }
+    return RawSocket(fd);
+  }
+
+  bool valid() const { return m_fd >= 0; }
+
+  std::uint16_t localPort() const {
+    sockaddr_in addr{};
+    socklen_t len = sizeof addr;
+    ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    return ntohs(addr.sin_port);
+  }
+
+  void send(std::string const& data) {
+    std::size_t done = 0;
+    while (done < data.size()) {
+      ssize_t const n = ::send(m_fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        ADD_FAILURE() << "raw send failed: " << std::strerror(errno);
+        return;
+      }
+      done += static_cast<std::size_t>(n);
+    }
+  }
+
+  // Exactly n bytes, or fewer when the stream ends, fails or stands still.
+  std::string read(std::size_t n) {
+    std::string out;
+    char buf[65536];
+    while (out.size() < n) {
+      ssize_t const got = ::recv(m_fd, buf, std::min(sizeof buf, n - out.size()), 0);
+      if (got < 0 && errno == EINTR) continue;
+      if (got <= 0) break;
+      out.append(buf, static_cast<std::size_t>(got));
+    }
+    return out;
+  }
+
+  struct Rest {
+    std::string data;
+    std::string end;  // "end of stream", "reset" or "no end"
+  };
+  // Everything until the peer ends the stream.
+  Rest readToEnd() {
+    Rest rest;
+    char buf[4096];
+    for (;;) {
+      ssize_t const got = ::recv(m_fd, buf, sizeof buf, 0);
+      if (got < 0 && errno == EINTR) continue;
+      if (got == 0) {
+        rest.end = "end of stream";
+        return rest;
+      }
+      if (got < 0) {
+        rest.end = errno == ECONNRESET ? "reset" : "no end";
+        return rest;
+      }
+      rest.data.append(buf, static_cast<std::size_t>(got));
+    }
+  }
+
+  void shutdownSend() { ::shutdown(m_fd, SHUT_WR); }
+
+  void close() {
+    if (m_fd >= 0) ::close(m_fd);
+    m_fd = -1;
+  }
+
+ private:
+  int m_fd = -1;
+};
+
+// A socket bound to a loopback port that the system chooses; it listens only
+// when asked, so that without listening it holds a port where connections are
+// refused.
+class RawPort {
+ public:
+  explicit RawPort(bool listening, bool ip6 = false) {
+    m_fd = ::socket(ip6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    int rc;
+    if (ip6) {
+      sockaddr_in6 addr{};
+      addr.sin6_family = AF_INET6;
+      addr.sin6_addr = in6addr_loopback;
+      rc = ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    } else {
+      sockaddr_in addr{};
+      addr.sin_family = AF_INET;
+      addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      rc = ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+    }
+    m_bound = rc == 0;
+    if (m_bound && listening) m_bound = ::listen(m_fd, 16) == 0;
+    sockaddr_storage addr{};
+    socklen_t len = sizeof addr;
+    ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
+    m_port = ip6 ? ntohs(reinterpret_cast<sockaddr_in6*>(&addr)->sin6_port)
+                 : ntohs(reinterpret_cast<sockaddr_in*>(&addr)->sin_port);
+  }
+  ~RawPort() { ::close(m_fd); }
+  RawPort(RawPort const&) = delete;
+  RawPort& operator=(RawPort const&) = delete;
+
+  bool bound() const { return m_bound; }
+  std::uint16_t port() const { return m_port; }
+
+  // The next connection; an invalid socket after 15 s without one.
+  RawSocket accept() {
+    pollfd p{m_fd, POLLIN, 0};
+    if (::poll(&p, 1, 15000) != 1) {
+      ADD_FAILURE() << "no connection came";
+      return RawSocket();
+    }
+    return RawSocket(::accept4(m_fd, nullptr, nullptr, SOCK_CLOEXEC));
+  }
+
+ private:
+  int m_fd = -1;
+  bool m_bound = false;
+  std::uint16_t m_port = 0;
+};
+
+bool ip6LoopbackWorks() {
+  RawPort probe(true, true);
+  return probe.bound();
+}
+
+// ---------------------------------------------------------------------------
+// The test processor and commands
+
+// The calls made on the commands of one side, in order.
+class Recorder {
+ public:
+  void add(std::string call) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_calls.push_back(std::move(call));
+    m_changed.notify_all();
+  }
+  std::vector<std::string> calls() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_calls;
+  }
+  // Waits until at least n calls are recorded; false after kPatience.
+  bool waitFor(std::size_t n) const {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, kPatience, [&] { return m_calls.size() >= n; });
+  }
+ private:
+  mutable std::mutex m_mutex;
+  mutable std::condition_variable m_changed;
+  std::vector<std::string> m_calls;
+};
+
+// Holds the service's slow commands until the test lets them go, one permit
+// each.
+class Gate {
+ public:
+  void enter() {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    ++m_entered;
+    m_changed.notify_all();
+    m_changed.wait(lock, [&] { return m_permits > 0; });
+    --m_permits;
+    ++m_left;
+    m_changed.notify_all();
+  }
+  bool waitEntered(int n) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, kPatience, [&] { return m_entered >= n; });
+  }
+  // Waits until n commands have passed the gate.
+  bool waitLeft(int n) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, kPatience, [&] { return m_left >= n; });
+  }
+  void release(int permits = 1) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_permits += permits;
+    m_changed.notify_all();
+  }
+
+ private:
+  std::mutex m_mutex;
+  std::condition_variable m_changed;
+  int m_entered = 0;
+  int m_permits = 0;
+  int m_left = 0;
+};
+
+class StreamCmd;
+
+class TestProcessor : public Ipc::CmdProcessorI {
+ public:
+  // Told of each line that a StreamCmd received.
+  void processCmd(std::shared_ptr<CmdI> cmd) override;
+
+  Recorder calls;
+  Gate gate;
+  std::atomic<int> served{0};
+};
+
+enum : CmdI::TypeCode {
+  kEcho = 1,
+  kBare = 2,
+  kPing = 3,
+  kThrowing = 4,
+  kStream = 5,
+  kSlow = 6,
+  kBroken = 7,  // the factory throws
+  kFailing = 8,
+  kBig = 9,
+  kSize = 10,
+  kUnknown = 200,
+};
+
+// Records every operation of the frame, then runs the base version. The
+// request and the response are JSON objects; the service answers with the
+// request unless a derived class serves otherwise.
+class RecordingCmd : public Ipc::JsonCmdBase {
+ public:
+  RecordingCmd(std::shared_ptr<Ipc::CmdProcessorI> processor, TypeCode type)
+      : JsonCmdBase(std::move(processor), type) {}
+
+  ~RecordingCmd() override { record("destroyed"); }
+  void onTransferError(std::string why) override {
+    record("onTransferError:" + why);
+    JsonCmdBase::onTransferError(std::move(why));
+  }
+  void sendReq() override {
+    record("sendReq");
+    JsonCmdBase::sendReq();
+  }
+  void readReq() override {
+    record("readReq");
+    JsonCmdBase::readReq();
+  }
+  void sendResp() override {
+    record("sendResp");
+    JsonCmdBase::sendResp();
+  }
+  void readResp() override {
+    record("readResp");
+    JsonCmdBase::readResp();
+  }
+  void accept(Ipc::CmdProcessorI& processor) override {
+    record("accept");
+    auto& p = dynamic_cast<TestProcessor&>(processor);
+    ++p.served;
+    serve(p);
+  }
+  json::Object serializeReq() const override {
+    record("serializeReq");
+    return request;
+  }
+  void sendReqDone() override {
+    record("sendReqDone");
+    JsonCmdBase::sendReqDone();
+  }
+  void deserializeReq(json::Object const& obj) override {
+    record("deserializeReq");
+    request = obj;
+  }
+  void readReqDone() override {
+    record("readReqDone");
+    JsonCmdBase::readReqDone();
+  }
+  json::Object serializeResp() const override {
+    record("serializeResp");
+    return response;
+  }
+  void sendRespDone() override {
+    record("sendRespDone");
+    JsonCmdBase::sendRespDone();
+  }
+  void deserializeResp(json::Object const& obj) override {
+    record("deserializeResp");
+    response = obj;
+  }
+  void readRespDone() override {
+    record("readRespDone");
+    JsonCmdBase::readRespDone();
+  }
+
+  // The service's work: the response is the request.
+  virtual void serve(TestProcessor&) { response = request; }
+
+  void record(std::string call) const {
+    static_cast<TestProcessor&>(*processor()).calls.add(std::move(call));
+  }
+
+  json::Object request;
+  json::Object response;
+};
+
+class EchoCmd : public RecordingCmd {
+ public:
+  explicit EchoCmd(std::shared_ptr<Ipc::CmdProcessorI> processor, TypeCode type = kEcho)
+      : RecordingCmd(std::move(processor), type) {}
+  char const* name() const override { return "Echo"; }
+};
+
+// A request without a body, as the small status commands send it; the
+// response is still JSON.
+class BareCmd : public RecordingCmd {
+ public:
+  explicit BareCmd(std::shared_ptr<Ipc::CmdProcessorI> processor) : RecordingCmd(std::move(processor), kBare) {}
+  char const* name() const override { return "Bare"; }
+  void sendReq() override {
+    record("sendReq");
+    CmdI::sendReq();
+  }
+  void readReq() override {
+    record("readReq");
+    CmdI::readReq();
+  }
+  void serve(TestProcessor&) override { response.setAt(FIELD_RESP, json::Value("pong")); }
+};
+
+// Neither request nor response has a body: all CmdI defaults.
+class PingCmd : public CmdI {
+ public:
+  explicit PingCmd(std::shared_ptr<Ipc::CmdProcessorI> processor) : CmdI(std::move(processor), kPing) {}
+  ~PingCmd() override { record("destroyed"); }
+  char const* name() const override { return "Ping"; }
+  void sendReq() override {
+    record("sendReq");
+    CmdI::sendReq();
+  }
+  void readReq() override {
+    record("readReq");
+    CmdI::readReq();
+  }
+  void sendResp() override {
+    record("sendResp");
+    CmdI::sendResp();
+  }
+  void readResp() override {
+    record("readResp");
+    CmdI::readResp();
+  }
+  void accept(Ipc::CmdProcessorI& processor) override {
+    record("accept");
+    ++dynamic_cast<TestProcessor&>(processor).served;
+  }
+
+ private:
+  void record(std::string call) const {
+    static_cast<TestProcessor&>(*processor()).calls.add(std::move(call));
+  }
+};
+
+// Its request reader insists on a member that the request lacks.
+class ThrowingCmd : public RecordingCmd {
+ public:
+  explicit ThrowingCmd(std::shared_ptr<Ipc::CmdProcessorI> processor)
+      : RecordingCmd(std::move(processor), kThrowing) {}
+  char const* name() const override { return "Throwing"; }
+  void deserializeReq(json::Object const& obj) override {
+    record("deserializeReq");
+    request = obj;
+    (void)obj["count"].asInt();
+  }
+};
+
+// Its handler in the service fails.
+class FailingCmd : public RecordingCmd {
+ public:
+  explicit FailingCmd(std::shared_ptr<Ipc::CmdProcessorI> processor)
+      : RecordingCmd(std::move(processor), kFailing) {}
+  char const* name() const override { return "Failing"; }
+  void serve(TestProcessor&) override { throw std::runtime_error("the disk is full"); }
+};
+
+// Its response is one byte over the limit of a body.
+class BigCmd : public RecordingCmd {
+ public:
+  explicit BigCmd(std::shared_ptr<Ipc::CmdProcessorI> processor) : RecordingCmd(std::move(processor), kBig) {}
+  char const* name() const override { return "Big"; }
+  void serve(TestProcessor&) override {
+    response = textObject(std::string(MAX_BODY + 1 - std::string(R"({"text":""})").size(), 'x'));
+  }
+
+ private:
+  static json::Object textObject(std::string const& text) {
+    json::Object obj;
+    obj.setAt("text", json::Value(text));
+    return obj;
+  }
+};
+
+// Answers with the length of the request's text only.
+class SizeCmd : public RecordingCmd {
+ public:
+  explicit SizeCmd(std::shared_ptr<Ipc::CmdProcessorI> processor) : RecordingCmd(std::move(processor), kSize) {}
+  char const* name() const override { return "Size"; }
+  void serve(TestProcessor&) override {
+    response.setAt("size", json::Value(json_int_t(request["text"].asStringSafe().size())));
+  }
+};
+
+// Its request cannot be written.
+class UnwritableCmd : public RecordingCmd {
+ public:
+  explicit UnwritableCmd(std::shared_ptr<Ipc::CmdProcessorI> processor) : RecordingCmd(std::move(processor), kEcho) {}
+  char const* name() const override { return "Unwritable"; }
+  json::Object serializeReq() const override { throw json::Exc("JSON error: no request today"); }
+};
+
+// Its response is a stream of lines written straight to the channel: each a
+// 4-byte length and its text, the last an empty one.
+class StreamCmd : public RecordingCmd {
+ public:
+  explicit StreamCmd(std::shared_ptr<Ipc::CmdProcessorI> processor) : RecordingCmd(std::move(processor), kStream) {}
+  char const* name() const override { return "Stream"; }
+
+  void sendResp() override {
+    record("sendResp");
+    writeLine(0);
+  }
+  void readResp() override {
+    record("readResp");
+    readLine();
+  }
+  // {"count": n}: "line 1" to "line n"; with "width": w, lines of w bytes.
+  void serve(TestProcessor&) override {
+    json_int_t const width = request["width"].isInteger() ? request["width"].asInt() : 0;
+    for (json_int_t i = 1; i <= request["count"].asInt(); ++i) {
+      lines.push_back(width ? std::string(static_cast<std::size_t>(width), 'x') : "line " + std::to_string(i));
+    }
+  }
+
+  std::vector<std::string> lines;  // to send (service) or received (user interface)
+
+ private:
+  void writeLine(std::size_t i) {
+    if (i > lines.size()) {
+      channel()->finishCmd(shared_from_this());
+      return;
+    }
+    std::string const text = i < lines.size() ? lines[i] : std::string();
+    m_out = u32(static_cast<std::uint32_t>(text.size())) + text;
+    channel()->writeAsync(shared_from_this(), m_out.data(), m_out.size(), [this, i] { writeLine(i + 1); });
+  }
+  void readLine() {
+    channel()->readAsync(shared_from_this(), m_len, sizeof m_len, [this] {
+      std::uint32_t const len = wire::getU32(m_len);
+      if (len == 0) {
+        channel()->finishCmd(shared_from_this());
+        return;
+      }
+      m_in.assign(len, '\0');
+      channel()->readAsync(shared_from_this(), &m_in[0], len, [this] {
+        lines.push_back(m_in);
+        processor()->processCmd(shared_from_this());
+        readLine();
+      });
+    });
+  }
+
+  std::string m_out;
+  std::string m_in;
+  unsigned char m_len[4] = {};
+};
+
+void TestProcessor::processCmd(std::shared_ptr<CmdI> cmd) {
+  auto const stream = std::dynamic_pointer_cast<StreamCmd>(cmd);
+  calls.add("processCmd:" + (stream ? stream->lines.back() : std::string("?")));
+}
+
+// The service holds it at the processor's gate.
+class SlowCmd : public RecordingCmd {
+ public:
+  explicit SlowCmd(std::shared_ptr<Ipc::CmdProcessorI> processor, int timeoutId = TIMEOUT_QUICK)
+      : RecordingCmd(std::move(processor), kSlow), m_timeoutId(timeoutId) {}
+  char const* name() const override { return "Slow"; }
+  int reqTimeoutId() const override { return m_timeoutId; }
+  void serve(TestProcessor& p) override {
+    p.gate.enter();
+    response = request;
+  }
+
+ private:
+  int const m_timeoutId;
+};
+
+// User-interface side only: sends a request frame of its own making (any type
+// code and flags, then the given bytes) and then, unless it stalls, reads a
+// JSON response.
+class RawReqCmd : public RecordingCmd {
+ public:
+  RawReqCmd(std::shared_ptr<Ipc::CmdProcessorI> processor, TypeCode type, std::uint8_t flags,
+            std::string after, bool stall = false)
+      : RecordingCmd(std::move(processor), type),
+        m_bytes(requestFrame(type, flags) + std::move(after)),
+        m_stall(stall) {}
+  char const* name() const override { return "Raw"; }
+  void sendReq() override {
+    record("sendReq");
+    channel()->writeAsync(shared_from_this(), m_bytes.data(), m_bytes.size(), [this] {
+      if (!m_stall) channel()->reqDone(shared_from_this());
+    });
+  }
+
+ private:
+  std::string const m_bytes;
+  bool const m_stall;
+};
+
+std::shared_ptr<CmdI> buildCmd(CmdI::TypeCode type, std::shared_ptr<Ipc::CmdProcessorI> const& p) {
+  switch (type) {
+    case kEcho: return std::make_shared<EchoCmd>(p);
+    case kBare: return std::make_shared<BareCmd>(p);
+    case kPing: return std::make_shared<PingCmd>(p);
+    case kThrowing: return std::make_shared<ThrowingCmd>(p);
+    case kStream: return std::make_shared<StreamCmd>(p);
+    case kSlow: return std::make_shared<SlowCmd>(p);
+    case kBroken: throw std::runtime_error("no such command here");
+    case kFailing: return std::make_shared<FailingCmd>(p);
+    case kBig: return std::make_shared<BigCmd>(p);
+    case kSize: return std::make_shared<SizeCmd>(p);
+    default: return nullptr;
+  }
+}
+
+json::Object textObject(std::string const& text) {
+  json::Object obj;
+  obj.setAt("text", json::Value(text));
+  return obj;
+}
+
+std::shared_ptr<EchoCmd> echo(std::shared_ptr<TestProcessor> const& p, std::string const& text) {
+  auto cmd = std::make_shared<EchoCmd>(p);
+  cmd->request = textObject(text);
+  return cmd;
+}
+
+// The completion of one command, once it comes.
+struct Outcome {
+  std::shared_ptr<std::promise<std::string>> promise = std::make_shared<std::promise<std::string>>();
+  std::future<std::string> future = promise->get_future();
+
+  Ipc::CmdClient::Completion completion(Recorder* recorder = nullptr) {
+    auto p = promise;
+    return [p, recorder](std::shared_ptr<CmdI> const&, std::string const& error) {
+      if (recorder) recorder->add("finish");
+      try {
+        p->set_value(error);
+      } catch (std::future_error const&) {
+        ADD_FAILURE() << "a second completion: " << error;
+      }
+    };
+  }
+  // The error; "<no completion>" (and a failure) when none came in time.
+  std::string get() {
+    if (future.wait_for(kPatience) != std::future_status::ready) {
+      ADD_FAILURE() << "the command did not complete";
+      return "<no completion>";
+    }
+    return future.get();
+  }
+  bool ready() { return future.wait_for(0s) == std::future_status::ready; }
+};
+
+// Runs cmd and returns its completion's error.
+std::string runCmd(Ipc::CmdClient& client, std::shared_ptr<CmdI> cmd) {
+  Outcome outcome;
+  client.execute(std::move(cmd), outcome.completion());
+  return outcome.get();
+}
+
+// ---------------------------------------------------------------------------
+// The fixture: a service and its processor; clients are made by the tests.
+
+class TransportTest : public ::testing::Test {
+ protected:
+  ~TransportTest() override {
+    svc->gate.release(1000);
+    if (server) server->stop();
+  }
+
+  static Ipc::CmdServerOptions serverOptions() {
+    Ipc::CmdServerOptions options;
+    options.forceIp4 = true;
+    return options;
+  }
+  void startServer(Ipc::CmdServerOptions options = serverOptions()) {
+    server = std::make_unique<Ipc::CmdServer>(svcIo, options, token, buildCmd, svc);
+    server->start();
+  }
+  Ipc::CmdClientOptions clientOptions() const {
+    Ipc::CmdClientOptions options;
+    options.port = server->port();
+    return options;
+  }
+  std::unique_ptr<Ipc::CmdClient> makeClient() {
+    return std::make_unique<Ipc::CmdClient>(uiIo, clientOptions(), token);
+  }
+  std::unique_ptr<Ipc::CmdClient> makeClient(Ipc::CmdClientOptions const& options) {
+    return std::make_unique<Ipc::CmdClient>(uiIo, options, token);
+  }
+
+  // A raw connection that has proven the token.
+  RawSocket helloConnection() {
+    RawSocket raw = RawSocket::connectTo(server->port());
+    raw.send(helloBytes(token));
+    EXPECT_EQ(okFrame(), raw.read(wire::kFrameSize));
+    return raw;
+  }
+
+  // An echo from a new client succeeds.
+  void expectServiceWorks() {
+    auto client = makeClient();
+    auto cmd = echo(ui, "still there");
+    EXPECT_EQ("", runCmd(*client, cmd));
+    EXPECT_EQ(textObject("still there"), cmd->response);
+  }
+
+  static std::string peer(RawSocket const& raw) { return "127.0.0.1:" + std::to_string(raw.localPort()); }
+
+  qxtest::LogCapture log;  // first: outlives the service
+  Ipc::IoThreads svcIo;
+  Ipc::IoThreads uiIo;
+  Ipc::SecretToken const token = Ipc::SecretToken::generate();
+  std::shared_ptr<TestProcessor> const svc = std::make_shared<TestProcessor>();
+  std::shared_ptr<TestProcessor> const ui = std::make_shared<TestProcessor>();
+  std::unique_ptr<Ipc::CmdServer> server;
+};
+
+using Calls = std::vector<std::string>;
+
+// ---------------------------------------------------------------------------
+// Round trips and the order of the frame's calls
+
+TEST_F(TransportTest, JsonCommandRoundTripCallsTheFrameInOrder) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<EchoCmd>(ui);
+  cmd->request = textObject("hello \"world\"");
+  cmd->request.setAt("n", json::Value(json_int_t(42)));
+
+  Outcome outcome;
+  client->execute(cmd, outcome.completion(&ui->calls));
+  EXPECT_EQ("", outcome.get());
+  EXPECT_EQ(cmd->request, cmd->response);
+  EXPECT_EQ("", cmd->transferError());
+  EXPECT_EQ(nullptr, cmd->channel());
+  EXPECT_EQ((Calls{"sendReq", "serializeReq", "sendReqDone", "readResp", "deserializeResp",
+                   "readRespDone", "finish"}),
+            ui->calls.calls());
+
+  ASSERT_TRUE(svc->calls.waitFor(8));
+  EXPECT_EQ((Calls{"readReq", "deserializeReq", "readReqDone", "accept", "sendResp", "serializeResp",
+                   "sendRespDone", "destroyed"}),
+            svc->calls.calls());
+  EXPECT_EQ(1, svc->served.load());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, BareCommandRoundTripCallsTheFrameInOrder) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<BareCmd>(ui);
+
+  Outcome outcome;
+  client->execute(cmd, outcome.completion(&ui->calls));
+  EXPECT_EQ("", outcome.get());
+  EXPECT_EQ("pong", cmd->response[Ipc::JsonCmdBase::FIELD_RESP].asStringSafe());
+  EXPECT_EQ((Calls{"sendReq", "readResp", "deserializeResp", "readRespDone", "finish"}), ui->calls.calls());
+
+  ASSERT_TRUE(svc->calls.waitFor(6));
+  EXPECT_EQ((Calls{"readReq", "accept", "sendResp", "serializeResp", "sendRespDone", "destroyed"}),
+            svc->calls.calls());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, CommandWithoutAnyBodyRoundTrip) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<PingCmd>(ui);
+
+  Outcome outcome;
+  client->execute(cmd, outcome.completion(&ui->calls));
+  EXPECT_EQ("", outcome.get());
+  EXPECT_EQ((Calls{"sendReq", "readResp", "finish"}), ui->calls.calls());
+
+  ASSERT_TRUE(svc->calls.waitFor(4));
+  EXPECT_EQ((Calls{"readReq", "accept", "sendResp", "destroyed"}), svc->calls.calls());
+
+  // The connection is still in step: the next command uses it.
+  auto second = echo(ui, "after ping");
+  EXPECT_EQ("", runCmd(*client, second));
+  EXPECT_EQ(textObject("after ping"), second->response);
+  EXPECT_EQ(1u, client->connectionsMade());
+}
+
+TEST_F(TransportTest, StreamedResponseReachesTheCommandThroughTheChannel) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<StreamCmd>(ui);
+  cmd->request.setAt("count", json::Value(json_int_t(3)));
+
+  Outcome outcome;
+  client->execute(cmd, outcome.completion(&ui->calls));
+  EXPECT_EQ("", outcome.get());
+  EXPECT_EQ((std::vector<std::string>{"line 1", "line 2", "line 3"}), cmd->lines);
+  EXPECT_EQ((Calls{"sendReq", "serializeReq", "sendReqDone", "readResp", "processCmd:line 1",
+                   "processCmd:line 2", "processCmd:line 3", "finish"}),
+            ui->calls.calls());
+
+  ASSERT_TRUE(svc->calls.waitFor(6));
+  EXPECT_EQ((Calls{"readReq", "deserializeReq", "readReqDone", "accept", "sendResp", "destroyed"}),
+            svc->calls.calls());
+
+  // The stream ended where the command said: the connection goes on.
+  auto second = echo(ui, "after the stream");
+  EXPECT_EQ("", client->run(second));
+  EXPECT_EQ(textObject("after the stream"), second->response);
+  EXPECT_EQ(1u, client->connectionsMade());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, RunReturnsTheErrorOfTheCompletion) {
+  startServer();
+  auto client = makeClient();
+  EXPECT_EQ("", client->run(echo(ui, "run")));
+  EXPECT_EQ("Ipc unknown command type code 200 from 127.0.0.1:PORT",
+            masked(client->run(std::make_shared<EchoCmd>(ui, kUnknown))));
+}
+
+// ---------------------------------------------------------------------------
+// Bytes on the wire
+
+TEST_F(TransportTest, WireBytesOfABareRequest) {
+  RawPort service(true);
+  ASSERT_TRUE(service.bound());
+  Ipc::CmdClientOptions options;
+  options.port = service.port();
+  auto client = makeClient(options);
+  auto cmd = std::make_shared<BareCmd>(ui);
+  Outcome outcome;
+  client->execute(cmd, outcome.completion());
+
+  RawSocket conn = service.accept();
+  ASSERT_TRUE(conn.valid());
+  std::string const expectedHello = std::string("QXLC\x01\x00\x00\x00", 8) + bytes(token.data(), 32);
+  EXPECT_EQ(expectedHello, conn.read(40));
+  conn.send(okFrame());
+  EXPECT_EQ(std::string("QX\x01\x02\x00\x00\x00\x00", 8), conn.read(8));
+  conn.send(std::string("QX\x01\x00\x00\x00\x00\x00", 8) + std::string("\x0f\x00\x00\x00", 4) +
+            "{\"resp\":\"pong\"}");
+  EXPECT_EQ("", outcome.get());
+  EXPECT_EQ("pong", cmd->response[Ipc::JsonCmdBase::FIELD_RESP].asStringSafe());
+
+  // Nothing else was sent.
+  client.reset();
+  RawSocket::Rest const rest = conn.readToEnd();
+  EXPECT_EQ("", rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+}
+
+TEST_F(TransportTest, WireBytesOfAJsonRequest) {
+  RawPort service(true);
+  ASSERT_TRUE(service.bound());
+  Ipc::CmdClientOptions options;
+  options.port = service.port();
+  auto client = makeClient(options);
+  auto cmd = echo(ui, "a \"quoted\" word");
+  Outcome outcome;
+  client->execute(cmd, outcome.completion());
+
+  RawSocket conn = service.accept();
+  ASSERT_TRUE(conn.valid());
+  EXPECT_EQ(helloBytes(token), conn.read(40));
+  conn.send(okFrame());
+  std::string const text = R"({"text":"a \"quoted\" word"})";
+  ASSERT_EQ(28u, text.size());
+  std::string const expected =
+      std::string("QX\x01\x01\x01\x00\x00\x00", 8) + std::string("\x1c\x00\x00\x00", 4) + text;
+  EXPECT_EQ(expected, conn.read(expected.size()));
+  conn.send(okFrame() + body(R"({"text":"back"})"));
+  EXPECT_EQ("", outcome.get());
+  EXPECT_EQ(textObject("back"), cmd->response);
+
+  client.reset();
+  RawSocket::Rest const rest = conn.readToEnd();
+  EXPECT_EQ("", rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+}
+
+TEST_F(TransportTest, WireBytesOfTheServiceAnswers) {
+  startServer();
+  RawSocket raw = RawSocket::connectTo(server->port());
+  raw.send(helloBytes(token));
+  EXPECT_EQ(std::string("QX\x01\x00\x00\x00\x00\x00", 8), raw.read(8));
+
+  raw.send(requestFrame(kEcho, wire::kFlagJsonBody) + body(R"({"text":"hi"})"));
+  std::string const answer = std::string("QX\x01\x00\x00\x00\x00\x00", 8) +
+                             std::string("\x0d\x00\x00\x00", 4) + R"({"text":"hi"})";
+  EXPECT_EQ(answer, raw.read(answer.size()));
+
+  raw.send(requestFrame(kPing, 0));
+  EXPECT_EQ(okFrame(), raw.read(8));
+
+  raw.send(requestFrame(kBare, 0));
+  std::string const pong = okFrame() + body(R"({"resp":"pong"})");
+  EXPECT_EQ(pong, raw.read(pong.size()));
+
+  // Nothing more comes until the client leaves; then the service closes too.
+  raw.shutdownSend();
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ("", rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_TRUE(waitUntil([&] { return server->connectionCount() == 0; }));
+  EXPECT_TRUE(log.lines().empty());
+}
+
+// ---------------------------------------------------------------------------
+// The connection across commands
+
+TEST_F(TransportTest, OneConnectionServesManyCommands) {
+  startServer();
+  auto client = makeClient();
+  for (int i = 0; i < 100; ++i) {
+    auto cmd = echo(ui, "command " + std::to_string(i));
+    ASSERT_EQ("", runCmd(*client, cmd));
+    ASSERT_EQ(textObject("command " + std::to_string(i)), cmd->response);
+  }
+  EXPECT_EQ(1u, client->connectionsMade());
+  EXPECT_EQ(1u, server->connectionCount());
+  EXPECT_EQ(100, svc->served.load());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, QueuedCommandsCompleteInOrder) {
+  startServer();
+  auto client = makeClient();
+  std::vector<std::shared_ptr<EchoCmd>> cmds;
+  std::vector<Outcome> outcomes(50);
+  Recorder order;
+  for (int i = 0; i < 50; ++i) {
+    cmds.push_back(echo(ui, std::to_string(i)));
+    auto p = outcomes[i].promise;
+    client->execute(cmds.back(), [p, &order, i](std::shared_ptr<CmdI> const&, std::string const& error) {
+      order.add(std::to_string(i));
+      p->set_value(error);
+    });
+  }
+  Calls expected;
+  for (int i = 0; i < 50; ++i) {
+    EXPECT_EQ("", outcomes[i].get());
+    EXPECT_EQ(textObject(std::to_string(i)), cmds[i]->response);
+    expected.push_back(std::to_string(i));
+  }
+  EXPECT_EQ(expected, order.calls());
+  EXPECT_EQ(1u, client->connectionsMade());
+}
+
+TEST_F(TransportTest, CommandAfterIdleCloseReconnects) {
+  Ipc::CmdServerOptions options = serverOptions();
+  options.idleTimeout = 500ms;
+  startServer(options);
+  auto client = makeClient();
+  EXPECT_EQ("", runCmd(*client, echo(ui, "first")));
+  EXPECT_EQ(1u, client->connectionsMade());
+
+  ASSERT_TRUE(waitUntil([&] { return server->connectionCount() == 0; }));
+  auto cmd = echo(ui, "second");
+  EXPECT_EQ("", runCmd(*client, cmd));
+  EXPECT_EQ(textObject("second"), cmd->response);
+  EXPECT_EQ(2u, client->connectionsMade());
+  // Closing an idle connection is a normal end.
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, IdleConnectionAfterHelloIsClosedQuietly) {
+  Ipc::CmdServerOptions options = serverOptions();
+  options.idleTimeout = 500ms;
+  startServer(options);
+  RawSocket raw = helloConnection();
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ("", rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_TRUE(waitUntil([&] { return server->connectionCount() == 0; }));
+  EXPECT_TRUE(log.lines().empty());
+  expectServiceWorks();
+}
+
+// ---------------------------------------------------------------------------
+// Refusals
+
+TEST_F(TransportTest, WrongTokenIsRefused) {
+  startServer();
+  auto intruder =
+      std::make_unique<Ipc::CmdClient>(uiIo, clientOptions(), Ipc::SecretToken::generate());
+  auto cmd = echo(ui, "let me in");
+  EXPECT_EQ("Ipc connection refused: wrong token", runCmd(*intruder, cmd));
+  EXPECT_EQ("Ipc connection refused: wrong token", cmd->transferError());
+  EXPECT_EQ(0, svc->served.load());
+  EXPECT_EQ((Calls{"ERR:Ipc connection from 127.0.0.1:PORT refused: wrong token"}), maskedLines(log));
+
+  // It stays refused, on a new connection each time.
+  EXPECT_EQ("Ipc connection refused: wrong token", runCmd(*intruder, echo(ui, "again")));
+  EXPECT_EQ(2u, intruder->connectionsMade());
+  expectServiceWorks();
+  EXPECT_EQ(2u, log.lines().size());
+}
+
+TEST_F(TransportTest, NoTokenUntilTheHelloTimeoutIsRefused) {
+  Ipc::CmdServerOptions options = serverOptions();
+  options.helloTimeout = 500ms;
+  startServer(options);
+  RawSocket raw = RawSocket::connectTo(server->port());
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ(refusalBytes("Ipc connection refused: no token (no byte moved for 500 ms)"), rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_EQ((Calls{"ERR:Ipc connection from " + peer(raw) + " refused: no token (no byte moved for 500 ms)"}),
+            log.lines());
+  raw.close();
+  expectServiceWorks();
+  EXPECT_EQ(1u, log.lines().size());
+}
+
+TEST_F(TransportTest, HelloOfAnotherProtocolVersionIsRefused) {
+  startServer();
+  RawSocket raw = RawSocket::connectTo(server->port());
+  std::string hello = helloBytes(token);
+  hello[4] = 2;
+  raw.send(hello);
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ(refusalBytes("Ipc connection refused: unsupported protocol version 2 (this side speaks 1)"),
+            rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_EQ((Calls{"ERR:Ipc connection from " + peer(raw) +
+                   " refused: unsupported protocol version 2 (this side speaks 1)"}),
+            log.lines());
+  raw.close();
+  expectServiceWorks();
+}
+
+TEST_F(TransportTest, HelloOfSomethingElseIsRefused) {
+  startServer();
+  RawSocket raw = RawSocket::connectTo(server->port());
+  std::string notHello = "GET / HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n";
+  notHello.resize(wire::kHelloSize, '.');
+  raw.send(notHello);
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ(refusalBytes("Ipc connection refused: not an IPC client"), rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_EQ((Calls{"ERR:Ipc connection from " + peer(raw) + " refused: not an IPC client"}), log.lines());
+  raw.close();
+  expectServiceWorks();
+}
+
+TEST_F(TransportTest, RequestOfAnotherProtocolVersionIsRefused) {
+  startServer();
+  RawSocket raw = helloConnection();
+  std::string frame = requestFrame(kEcho, wire::kFlagJsonBody);
+  frame[2] = 7;
+  raw.send(frame + body("{}"));
+  std::string const why = "Ipc unsupported protocol version 7 (this side speaks 1) from " + peer(raw);
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ(refusalBytes(why), rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_EQ((Calls{"ERR:" + why}), log.lines());
+  raw.close();
+  expectServiceWorks();
+}
+
+TEST_F(TransportTest, UnknownTypeCodeIsRefused) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<EchoCmd>(ui, kUnknown);
+  std::string const error = runCmd(*client, cmd);
+  EXPECT_EQ("Ipc unknown command type code 200 from 127.0.0.1:PORT", masked(error));
+  EXPECT_EQ(error, cmd->transferError());
+  EXPECT_EQ((Calls{"ERR:" + error}), log.lines());
+
+  // The refusal ended that connection; the client makes a new one.
+  auto next = echo(ui, "next");
+  EXPECT_EQ("", runCmd(*client, next));
+  EXPECT_EQ(textObject("next"), next->response);
+  EXPECT_EQ(2u, client->connectionsMade());
+  EXPECT_EQ(1u, log.lines().size());
+}
+
+TEST_F(TransportTest, CommandThatCannotBeBuiltIsRefused) {
+  startServer();
+  auto client = makeClient();
+  std::string const error = runCmd(*client, std::make_shared<EchoCmd>(ui, kBroken));
+  EXPECT_EQ("Ipc command type code 7 cannot be built: no such command here from 127.0.0.1:PORT", masked(error));
+  EXPECT_EQ((Calls{"ERR:" + error}), log.lines());
+  EXPECT_EQ("", runCmd(*client, echo(ui, "next")));
+}
+
+TEST_F(TransportTest, BodyOverTheLimitIsRefused) {
+  startServer();
+  RawSocket raw = helloConnection();
+  raw.send(requestFrame(kEcho, wire::kFlagJsonBody) + u32(16777217));
+  std::string const why = "Ipc Echo request body of 16777217 bytes is over the limit of 16777216 bytes";
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ(refusalBytes(why), rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_EQ((Calls{"ERR:" + why}), log.lines());
+  raw.close();
+  expectServiceWorks();
+}
+
+TEST_F(TransportTest, BodyAtTheLimitIsAccepted) {
+  startServer();
+  RawSocket raw = helloConnection();
+  // Mostly white space, which is quick to parse.
+  std::string text = R"({"text":"at the limit"})";
+  text.resize(Ipc::JsonCmdBase::MAX_BODY, ' ');
+  ASSERT_EQ(16777216u, text.size());
+  raw.send(requestFrame(kSize, wire::kFlagJsonBody) + body(text));
+  std::string const answer = okFrame() + body(R"({"size":12})");
+  EXPECT_EQ(answer, raw.read(answer.size()));
+  EXPECT_EQ(1, svc->served.load());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, ClientRefusesToSendABodyOverTheLimit) {
+  startServer();
+  auto client = makeClient();
+  std::string const filler(Ipc::JsonCmdBase::MAX_BODY + 1 - std::string(R"({"text":""})").size(), 'x');
+  auto cmd = echo(ui, filler);
+  std::string const why = "Ipc Echo request body of 16777217 bytes is over the limit of 16777216 bytes";
+  EXPECT_EQ(why, runCmd(*client, cmd));
+  EXPECT_EQ(why, cmd->transferError());
+  EXPECT_EQ(0, svc->served.load());
+  auto next = echo(ui, "small");
+  EXPECT_EQ("", runCmd(*client, next));
+  EXPECT_EQ(textObject("small"), next->response);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+// Sends a request of its own making through a real client; returns the
+// client's error, which must equal the service's log line.
+class RequestRefusalTest : public TransportTest {
+ protected:
+  void expectRefused(CmdI::TypeCode type, std::uint8_t flags, std::string const& after,
+                     std::string const& why) {
+    startServer();
+    auto client = makeClient();
+    auto cmd = std::make_shared<RawReqCmd>(ui, type, flags, after);
+    EXPECT_EQ(why, runCmd(*client, cmd));
+    EXPECT_EQ(why, cmd->transferError());
+    EXPECT_EQ((Calls{"ERR:" + why}), log.lines());
+    EXPECT_EQ(0, svc->served.load());
+    auto next = echo(ui, "next");
+    EXPECT_EQ("", runCmd(*client, next));
+    EXPECT_EQ(textObject("next"), next->response);
+    EXPECT_EQ(2u, client->connectionsMade());
+  }
+};
+
+TEST_F(RequestRefusalTest, MalformedJson) {
+  expectRefused(kEcho, wire::kFlagJsonBody, body(R"({"text":)"),
+                "Ipc Echo request is not a JSON object: JSON error: unexpected token near end of file "
+                "at line 1, column 8");
+}
+
+TEST_F(RequestRefusalTest, JsonThatIsNotAnObject) {
+  expectRefused(kEcho, wire::kFlagJsonBody, body("[1,2]"),
+                "Ipc Echo request is not a JSON object: JSON error: text is a JSON array, not an object");
+}
+
+TEST_F(RequestRefusalTest, EmptyJsonBody) {
+  expectRefused(kEcho, wire::kFlagJsonBody, body(""),
+                "Ipc Echo request is not a JSON object: JSON error: '[' or '{' expected near end of file "
+                "at line 1, column 0");
+}
+
+TEST_F(RequestRefusalTest, JsonCommandWithoutItsBody) {
+  expectRefused(kEcho, 0, "", "Ipc Echo request has no JSON body");
+}
+
+TEST_F(RequestRefusalTest, BareCommandWithABody) {
+  expectRefused(kBare, wire::kFlagJsonBody, body("{}"), "Ipc Bare request carries a body it does not take");
+}
+
+TEST_F(RequestRefusalTest, DeserializeReqThatThrows) {
+  expectRefused(kThrowing, wire::kFlagJsonBody, body(R"({"text":"no count"})"),
+                "Ipc Throwing request refused: JSON error: Wrong type: empty. Expected type: integer");
+}
+
+TEST_F(TransportTest, DeserializeReqThatThrowsCallsTheFrameUpToIt) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<ThrowingCmd>(ui);
+  std::string const why = "Ipc Throwing request refused: JSON error: Wrong type: empty. Expected type: integer";
+  EXPECT_EQ(why, runCmd(*client, cmd));
+  ASSERT_TRUE(svc->calls.waitFor(4));
+  EXPECT_EQ((Calls{"readReq", "deserializeReq", "onTransferError:" + why, "destroyed"}), svc->calls.calls());
+  EXPECT_EQ((Calls{"sendReq", "serializeReq", "sendReqDone", "onTransferError:" + why}), ui->calls.calls());
+}
+
+TEST_F(TransportTest, HandlerThatThrowsIsRefused) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<FailingCmd>(ui);
+  std::string const why = "Ipc Failing failed in the service: the disk is full";
+  EXPECT_EQ(why, runCmd(*client, cmd));
+  EXPECT_EQ((Calls{"ERR:" + why}), log.lines());
+  EXPECT_EQ("", runCmd(*client, echo(ui, "next")));
+}
+
+TEST_F(TransportTest, ClientThatLeavesInTheMiddleOfARequest) {
+  startServer();
+  RawSocket raw = helloConnection();
+  raw.send(requestFrame(kEcho, wire::kFlagJsonBody) + u32(100) + R"({"text":)");
+  raw.close();
+  ASSERT_TRUE(waitUntil([&] { return server->connectionCount() == 0; }));
+  EXPECT_EQ((Calls{"ERR:Ipc Echo: the client closed the connection"}), log.lines());
+  EXPECT_EQ(0, svc->served.load());
+  expectServiceWorks();
+}
+
+TEST_F(TransportTest, ClientThatStopsSendingInTheMiddleOfARequestIsAnswered) {
+  startServer();
+  RawSocket raw = helloConnection();
+  raw.send(requestFrame(kEcho, wire::kFlagJsonBody) + u32(100) + R"({"text":)");
+  raw.shutdownSend();
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ(refusalBytes("Ipc Echo: the client closed the connection"), rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_EQ((Calls{"ERR:Ipc Echo: the client closed the connection"}), log.lines());
+  raw.close();
+  expectServiceWorks();
+}
+
+TEST_F(TransportTest, RequestThatStallsTimesOut) {
+  Ipc::CmdServerOptions options = serverOptions();
+  options.transferTimeout = 200ms;
+  startServer(options);
+  auto client = makeClient();
+  auto cmd = std::make_shared<RawReqCmd>(ui, kEcho, wire::kFlagJsonBody, "", true);
+  std::string const why = "Ipc Echo: no byte moved for 200 ms";
+  EXPECT_EQ(why, runCmd(*client, cmd));
+  EXPECT_EQ(why, cmd->transferError());
+  EXPECT_EQ((Calls{"ERR:" + why}), log.lines());
+  EXPECT_EQ("", runCmd(*client, echo(ui, "next")));
+}
+
+TEST_F(TransportTest, RawRequestThatStallsIsAnswered) {
+  Ipc::CmdServerOptions options = serverOptions();
+  options.transferTimeout = 200ms;
+  startServer(options);
+  RawSocket raw = helloConnection();
+  raw.send(requestFrame(kEcho, wire::kFlagJsonBody) + u32(100) + "{");
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ(refusalBytes("Ipc Echo: no byte moved for 200 ms"), rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  EXPECT_EQ((Calls{"ERR:Ipc Echo: no byte moved for 200 ms"}), log.lines());
+  raw.close();
+  expectServiceWorks();
+}
+
+TEST_F(TransportTest, ResponseThatIsNotReadTimesOut) {
+  Ipc::CmdServerOptions options = serverOptions();
+  options.transferTimeout = 200ms;
+  startServer(options);
+  RawSocket raw = helloConnection();
+  // 64 MiB in lines of 1 MiB: more than the connection can hold unread.
+  raw.send(requestFrame(kStream, wire::kFlagJsonBody) + body(R"({"count":64,"width":1048576})"));
+  ASSERT_TRUE(waitUntil([&] { return server->connectionCount() == 0; }));
+  EXPECT_EQ((Calls{"ERR:Ipc Stream: no byte moved for 200 ms"}), log.lines());
+  std::string const start = raw.read(wire::kFrameSize + 4);
+  EXPECT_EQ(okFrame() + u32(1048576), start);
+}
+
+// ---------------------------------------------------------------------------
+// Limits and time-outs
+
+TEST_F(TransportTest, ConnectionsOverTheMaximumAreRefused) {
+  Ipc::CmdServerOptions options = serverOptions();
+  options.maxConnections = 2;
+  startServer(options);
+  auto first = makeClient();
+  auto second = makeClient();
+  auto third = makeClient();
+  EXPECT_EQ("", runCmd(*first, echo(ui, "1")));
+  EXPECT_EQ("", runCmd(*second, echo(ui, "2")));
+  auto cmd = echo(ui, "3");
+  EXPECT_EQ("Ipc connection refused: too many connections (2)", runCmd(*third, cmd));
+  EXPECT_EQ("Ipc connection refused: too many connections (2)", cmd->transferError());
+  EXPECT_EQ((Calls{"ERR:Ipc connection from 127.0.0.1:PORT refused: too many connections (2)"}),
+            maskedLines(log));
+  EXPECT_EQ("", runCmd(*first, echo(ui, "1 again")));
+  EXPECT_EQ("", runCmd(*second, echo(ui, "2 again")));
+
+  // Once one leaves, a place is free again; a refused connection that its
+  // peer keeps open does not take it.
+  second.reset();
+  ASSERT_TRUE(waitUntil([&] { return server->connectionCount() == 1; }));
+  RawSocket stubborn = RawSocket::connectTo(server->port());
+  stubborn.send(helloBytes(Ipc::SecretToken::generate()));
+  std::string const refusal = refusalBytes("Ipc connection refused: wrong token");
+  EXPECT_EQ(refusal, stubborn.read(refusal.size()));
+  auto late = echo(ui, "3 again");
+  EXPECT_EQ("", runCmd(*third, late));
+  EXPECT_EQ(textObject("3 again"), late->response);
+  EXPECT_EQ(2u, third->connectionsMade());
+  std::vector<std::string> const lines = log.lines();
+  ASSERT_EQ(2u, lines.size());
+  EXPECT_EQ("ERR:Ipc connection from " + peer(stubborn) + " refused: wrong token", lines[1]);
+}
+
+TEST_F(TransportTest, ClientTimeOutsFollowTheIdentifier) {
+  startServer();
+  Ipc::CmdClientOptions options = clientOptions();
+  // Short enough for a test, long enough for the service to have read the
+  // request before the client gives up.
+  options.quickTimeout = 300ms;
+  options.transferTimeout = 400ms;
+  options.longTimeout = 20s;
+  auto client = makeClient(options);
+  EXPECT_EQ(300ms, client->timeoutFor(CmdI::TIMEOUT_QUICK));
+  EXPECT_EQ(20000ms, client->timeoutFor(CmdI::TIMEOUT_LONG));
+  EXPECT_EQ(400ms, client->timeoutFor(CmdI::TIMEOUT_TRANSFER));
+  EXPECT_EQ(300ms, client->timeoutFor(99));
+
+  auto quick = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_QUICK);
+  EXPECT_EQ("Ipc Slow: timed out: no byte moved for 300 ms", runCmd(*client, quick));
+  EXPECT_EQ("Ipc Slow: timed out: no byte moved for 300 ms", quick->transferError());
+  svc->gate.release();
+  ASSERT_TRUE(svc->gate.waitLeft(1));
+
+  auto transfer = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_TRANSFER);
+  EXPECT_EQ("Ipc Slow: timed out: no byte moved for 400 ms", runCmd(*client, transfer));
+  svc->gate.release();
+  ASSERT_TRUE(svc->gate.waitLeft(2));
+
+  auto unknownId = std::make_shared<SlowCmd>(ui, 99);
+  EXPECT_EQ("Ipc Slow: timed out: no byte moved for 300 ms", runCmd(*client, unknownId));
+  svc->gate.release();
+  ASSERT_TRUE(svc->gate.waitLeft(3));
+
+  auto slow = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_LONG);
+  slow->request = textObject("worth the wait");
+  Outcome outcome;
+  client->execute(slow, outcome.completion());
+  ASSERT_TRUE(svc->gate.waitEntered(4));
+  svc->gate.release();
+  EXPECT_EQ("", outcome.get());
+  EXPECT_EQ(textObject("worth the wait"), slow->response);
+  EXPECT_EQ(4u, client->connectionsMade());
+  // The service wrote its late answers to connections that were gone:
+  // nothing to report.
+  server->stop();
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, ConnectingWhereNothingListens) {
+  RawPort nothing(false);
+  ASSERT_TRUE(nothing.bound());
+  Ipc::CmdClientOptions options;
+  options.port = nothing.port();
+  auto client = makeClient(options);
+  auto cmd = echo(ui, "anyone?");
+  std::string const why =
+      "Ipc cannot connect to the service at 127.0.0.1:" + std::to_string(nothing.port()) + ": Connection refused";
+  EXPECT_EQ(why, runCmd(*client, cmd));
+  EXPECT_EQ(why, cmd->transferError());
+  EXPECT_EQ(0u, client->connectionsMade());
+}
+
+TEST_F(TransportTest, ConnectingWhereNothingListensOnIp6) {
+  if (!ip6LoopbackWorks()) GTEST_SKIP() << "no IPv6 loopback";
+  RawPort nothing(false, true);
+  ASSERT_TRUE(nothing.bound());
+  Ipc::CmdClientOptions options;
+  options.host = "::1";
+  options.port = nothing.port();
+  auto client = makeClient(options);
+  EXPECT_EQ("Ipc cannot connect to the service at [::1]:" + std::to_string(nothing.port()) +
+                ": Connection refused",
+            runCmd(*client, echo(ui, "anyone?")));
+}
+
+TEST_F(TransportTest, ServiceAnswersOnIp6Too) {
+  if (!ip6LoopbackWorks()) GTEST_SKIP() << "no IPv6 loopback";
+  Ipc::CmdServerOptions options = serverOptions();
+  options.forceIp4 = false;
+  startServer(options);
+  Ipc::CmdClientOptions six = clientOptions();
+  six.host = "::1";
+  auto client6 = makeClient(six);
+  auto cmd = echo(ui, "over IPv6");
+  EXPECT_EQ("", runCmd(*client6, cmd));
+  EXPECT_EQ(textObject("over IPv6"), cmd->response);
+  auto client4 = makeClient();
+  EXPECT_EQ("", runCmd(*client4, echo(ui, "over IPv4")));
+  EXPECT_EQ(2u, server->connectionCount());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, PortTakenOnIp6OnlyLeavesIp4) {
+  if (!ip6LoopbackWorks()) GTEST_SKIP() << "no IPv6 loopback";
+  RawPort taken(true, true);
+  ASSERT_TRUE(taken.bound());
+  Ipc::CmdServerOptions options = serverOptions();
+  options.forceIp4 = false;
+  options.port = taken.port();
+  startServer(options);
+  EXPECT_EQ(taken.port(), server->port());
+  EXPECT_EQ((Calls{"WARNING:Ipc cannot listen on [::1]:" + std::to_string(taken.port()) +
+                   ": Address already in use; IPv4 only"}),
+            log.lines());
+  expectServiceWorks();
+}
+
+TEST_F(TransportTest, PortTakenOnIp4Throws) {
+  RawPort taken(true);
+  ASSERT_TRUE(taken.bound());
+  Ipc::CmdServerOptions options = serverOptions();
+  options.port = taken.port();
+  server = std::make_unique<Ipc::CmdServer>(svcIo, options, token, buildCmd, svc);
+  try {
+    server->start();
+    ADD_FAILURE() << "start() did not throw";
+  } catch (std::runtime_error const& e) {
+    EXPECT_EQ("Ipc cannot listen on 127.0.0.1:" + std::to_string(taken.port()) + ": Address already in use",
+              std::string(e.what()));
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Stopping, closing, and load
+
+TEST_F(TransportTest, StopWaitsForTheCommandInFlight) {
+  startServer();
+  auto client = makeClient();
+  auto slow = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_LONG);
+  slow->request = textObject("finish me");
+  Outcome outcome;
+  client->execute(slow, outcome.completion());
+  ASSERT_TRUE(svc->gate.waitEntered(1));
+
+  auto stopped = std::async(std::launch::async, [&] { server->stop(); });
+  EXPECT_EQ(std::future_status::timeout, stopped.wait_for(200ms));
+  EXPECT_FALSE(outcome.ready());
+  svc->gate.release();
+  EXPECT_EQ(std::future_status::ready, stopped.wait_for(kPatience));
+  EXPECT_EQ(0u, server->connectionCount());
+  ASSERT_TRUE(svc->calls.waitFor(8));
+  EXPECT_EQ((Calls{"readReq", "deserializeReq", "readReqDone", "accept", "sendResp", "serializeResp",
+                   "sendRespDone", "destroyed"}),
+            svc->calls.calls());
+  // The answer was on its way before the connection closed.
+  EXPECT_EQ("", outcome.get());
+  EXPECT_EQ(textObject("finish me"), slow->response);
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, StopClosesIdleConnections) {
+  startServer();
+  auto client = makeClient();
+  EXPECT_EQ("", runCmd(*client, echo(ui, "hi")));
+  RawSocket raw = helloConnection();
+  EXPECT_EQ(2u, server->connectionCount());
+  server->stop();
+  EXPECT_EQ(0u, server->connectionCount());
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ("", rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+  server->stop();  // idempotent
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, ManyClientsInParallel) {
+  startServer();
+  constexpr int kClients = 8;
+  constexpr int kCommands = 200;
+  std::vector<std::thread> threads;
+  std::vector<int> ok(kClients, 0);
+  std::vector<std::size_t> connections(kClients, 0);
+  for (int c = 0; c < kClients; ++c) {
+    threads.emplace_back([&, c] {
+      auto processor = std::make_shared<TestProcessor>();
+      Ipc::CmdClient client(uiIo, clientOptions(), token);
+      for (int i = 0; i < kCommands; ++i) {
+        std::string const text = std::to_string(c) + "/" + std::to_string(i);
+        auto cmd = echo(processor, text);
+        if (client.run(cmd).empty() && cmd->response == textObject(text)) ++ok[c];
+      }
+      connections[c] = client.connectionsMade();
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  for (int c = 0; c < kClients; ++c) {
+    EXPECT_EQ(kCommands, ok[c]) << "client " << c;
+    EXPECT_EQ(1u, connections[c]) << "client " << c;
+  }
+  EXPECT_EQ(kClients * kCommands, svc->served.load());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, OneClientSharedByThreads) {
+  startServer();
+  auto client = makeClient();
+  constexpr int kThreads = 4;
+  constexpr int kCommands = 100;
+  std::vector<std::thread> threads;
+  std::vector<int> ok(kThreads, 0);
+  for (int t = 0; t < kThreads; ++t) {
+    threads.emplace_back([&, t] {
+      auto processor = std::make_shared<TestProcessor>();
+      for (int i = 0; i < kCommands; ++i) {
+        std::string const text = std::to_string(t) + "/" + std::to_string(i);
+        auto cmd = echo(processor, text);
+        if (client->run(cmd).empty() && cmd->response == textObject(text)) ++ok[t];
+      }
+    });
+  }
+  for (std::thread& t : threads) t.join();
+  for (int t = 0; t < kThreads; ++t) EXPECT_EQ(kCommands, ok[t]) << "thread " << t;
+  EXPECT_EQ(1u, client->connectionsMade());
+  EXPECT_EQ(kThreads * kCommands, svc->served.load());
+}
+
+TEST_F(TransportTest, ClientDestructorFailsWhatIsPending) {
+  startServer();
+  auto client = makeClient();
+  auto slow = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_LONG);
+  auto queued1 = echo(ui, "queued 1");
+  auto queued2 = echo(ui, "queued 2");
+  Recorder order;
+  std::vector<Outcome> outcomes(3);
+  std::vector<std::shared_ptr<RecordingCmd>> cmds{slow, queued1, queued2};
+  for (int i = 0; i < 3; ++i) {
+    auto p = outcomes[i].promise;
+    client->execute(cmds[i], [p, &order, i](std::shared_ptr<CmdI> const&, std::string const& error) {
+      order.add(std::to_string(i) + ":" + error);
+      p->set_value(error);
+    });
+  }
+  ASSERT_TRUE(svc->gate.waitEntered(1));
+  client.reset();
+  // Every completion ran before the destructor returned.
+  EXPECT_EQ((Calls{"0:Ipc the client is closing", "1:Ipc the client is closing", "2:Ipc the client is closing"}),
+            order.calls());
+  for (auto const& cmd : cmds) {
+    EXPECT_EQ("Ipc the client is closing", cmd->transferError());
+    EXPECT_EQ(nullptr, cmd->channel());
+  }
+  svc->gate.release();
+  server->stop();
+  EXPECT_EQ(1, svc->served.load());
+}
+
+// ---------------------------------------------------------------------------
+// More refusals and failures seen by the client
+
+TEST_F(TransportTest, RefusalStopsARequestStillBeingSent) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<EchoCmd>(ui, kUnknown);
+  cmd->request = textObject(std::string(12 << 20, 'x'));
+  std::string const error = runCmd(*client, cmd);
+  EXPECT_EQ("Ipc unknown command type code 200 from 127.0.0.1:PORT", masked(error));
+  EXPECT_EQ((Calls{"ERR:" + error}), log.lines());
+  EXPECT_EQ("", runCmd(*client, echo(ui, "next")));
+}
+
+// A command queued behind one that the service refuses while its request is
+// still being written starts on a new connection, and nothing of the refused
+// request may follow it there. Repeated, because the last pieces of the
+// refused request are in flight at varying moments.
+TEST_F(TransportTest, CommandQueuedBehindARefusedRequestGetsACleanConnection) {
+  startServer();
+  auto client = makeClient();
+  std::string const big(2 << 20, 'x');
+  constexpr int kRounds = 10;
+  for (int round = 0; round < kRounds; ++round) {
+    auto refused = std::make_shared<EchoCmd>(ui, kUnknown);
+    refused->request = textObject(big);
+    std::string const text = "next " + std::to_string(round);
+    auto next = echo(ui, text);
+    Outcome first;
+    Outcome second;
+    client->execute(refused, first.completion());
+    client->execute(next, second.completion());
+    EXPECT_EQ("Ipc unknown command type code 200 from 127.0.0.1:PORT", masked(first.get()));
+    ASSERT_EQ("", second.get()) << "round " << round;
+    EXPECT_EQ(textObject(text), next->response);
+  }
+  EXPECT_EQ(std::size_t(kRounds + 1), client->connectionsMade());
+  EXPECT_EQ(Calls(kRounds, "ERR:Ipc unknown command type code 200 from 127.0.0.1:PORT"), maskedLines(log));
+}
+
+TEST_F(TransportTest, ResponseOverTheLimitIsRefusedByTheService) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<BigCmd>(ui);
+  std::string const why = "Ipc Big response body of 16777217 bytes is over the limit of 16777216 bytes";
+  EXPECT_EQ(why, runCmd(*client, cmd));
+  EXPECT_EQ((Calls{"ERR:" + why}), log.lines());
+  EXPECT_EQ("", runCmd(*client, echo(ui, "next")));
+}
+
+TEST_F(TransportTest, RequestThatCannotBeWrittenFailsOnTheClient) {
+  startServer();
+  auto client = makeClient();
+  auto cmd = std::make_shared<UnwritableCmd>(ui);
+  std::string const why = "Ipc Unwritable failed: JSON error: no request today";
+  EXPECT_EQ(why, runCmd(*client, cmd));
+  EXPECT_EQ(why, cmd->transferError());
+  EXPECT_EQ("", runCmd(*client, echo(ui, "next")));
+  EXPECT_EQ(1, svc->served.load());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, PipelinedRequestsAreAnsweredInOrder) {
+  startServer();
+  RawSocket raw = helloConnection();
+  raw.send(requestFrame(kEcho, wire::kFlagJsonBody) + body(R"({"text":"one"})") + requestFrame(kPing, 0) +
+           requestFrame(kBare, 0) + requestFrame(kEcho, wire::kFlagJsonBody) + body(R"({"text":"two"})"));
+  std::string const expected = okFrame() + body(R"({"text":"one"})") + okFrame() + okFrame() +
+                               body(R"({"resp":"pong"})") + okFrame() + body(R"({"text":"two"})");
+  EXPECT_EQ(expected, raw.read(expected.size()));
+  EXPECT_EQ(4, svc->served.load());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, CompletionMayIssueTheNextCommand) {
+  startServer();
+  auto client = makeClient();
+  std::promise<int> allDone;
+  std::function<void(int)> issue = [&](int i) {
+    client->execute(echo(ui, std::to_string(i)), [&, i](std::shared_ptr<CmdI> const& cmd, std::string const& error) {
+      auto const& e = static_cast<EchoCmd const&>(*cmd);
+      if (!error.empty() || e.response != textObject(std::to_string(i))) {
+        allDone.set_value(-i);
+      } else if (i == 20) {
+        allDone.set_value(i);
+      } else {
+        issue(i + 1);
+      }
+    });
+  };
+  issue(1);
+  auto result = allDone.get_future();
+  ASSERT_EQ(std::future_status::ready, result.wait_for(kPatience));
+  EXPECT_EQ(20, result.get());
+  EXPECT_EQ(1u, client->connectionsMade());
+}
+
+// A stand-in for the service that answers the first request with bytes of
+// the test's choosing.
+class BadServiceTest : public TransportTest {
+ protected:
+  // The client's error for an echo that the service answers with answer.
+  std::string answerWith(std::string const& answer, bool thenClose = false) {
+    RawPort service(true);
+    EXPECT_TRUE(service.bound());
+    Ipc::CmdClientOptions options;
+    options.port = service.port();
+    auto client = makeClient(options);
+    auto cmd = echo(ui, "question");
+    Outcome outcome;
+    client->execute(cmd, outcome.completion());
+    RawSocket conn = service.accept();
+    EXPECT_EQ(helloBytes(token), conn.read(wire::kHelloSize));
+    conn.send(okFrame());
+    std::string const request = requestFrame(kEcho, wire::kFlagJsonBody) + body(R"({"text":"question"})");
+    EXPECT_EQ(request, conn.read(request.size()));
+    conn.send(answer);
+    if (thenClose) conn.close();
+    std::string const error = outcome.get();
+    EXPECT_EQ(error, cmd->transferError());
+    return error;
+  }
+};
+
+TEST_F(BadServiceTest, RefusalMessageReachesTheCommand) {
+  EXPECT_EQ("Ipc the service says no", answerWith(refusalBytes("Ipc the service says no")));
+}
+
+TEST_F(BadServiceTest, RefusalWithoutAReason) {
+  EXPECT_EQ("Ipc Echo: the service refused it without a reason", answerWith(refusalBytes("")));
+}
+
+TEST_F(BadServiceTest, AnswerThatIsNoFrame) {
+  EXPECT_EQ("Ipc Echo: the service answered with not an IPC frame", answerWith("HTTP/1.1 200 OK\r\n"));
+}
+
+TEST_F(BadServiceTest, AnswerOfAnotherProtocolVersion) {
+  std::string status = okFrame();
+  status[2] = 9;
+  EXPECT_EQ("Ipc Echo: the service answered with unsupported protocol version 9 (this side speaks 1)",
+            answerWith(status + body("{}")));
+}
+
+TEST_F(BadServiceTest, ResponseThatIsNotAnObject) {
+  EXPECT_EQ("Ipc Echo response is not a JSON object: JSON error: text is a JSON array, not an object",
+            answerWith(okFrame() + body("[1]")));
+}
+
+TEST_F(BadServiceTest, ResponseBodyOverTheLimit) {
+  EXPECT_EQ("Ipc Echo response body of 16777217 bytes is over the limit of 16777216 bytes",
+            answerWith(okFrame() + u32(16777217)));
+}
+
+TEST_F(BadServiceTest, ServiceThatLeavesInTheMiddleOfTheResponse) {
+  EXPECT_EQ("Ipc Echo: the service closed the connection", answerWith(okFrame() + u32(100) + "{", true));
+}
+
+TEST_F(TransportTest, ServiceThatNeverAnswersTheHello) {
+  RawPort service(true);
+  ASSERT_TRUE(service.bound());
+  Ipc::CmdClientOptions options;
+  options.port = service.port();
+  options.connectTimeout = 500ms;
+  auto client = makeClient(options);
+  auto cmd = echo(ui, "hello?");
+  Outcome outcome;
+  client->execute(cmd, outcome.completion());
+  RawSocket conn = service.accept();
+  EXPECT_EQ(helloBytes(token), conn.read(wire::kHelloSize));
+  EXPECT_EQ("Ipc Echo: timed out: no byte moved for 500 ms", outcome.get());
+  RawSocket::Rest const rest = conn.readToEnd();
+  EXPECT_EQ("", rest.data);
+  EXPECT_EQ("end of stream", rest.end);
+}
+
+// A failed exchange leaves nothing behind that the next one would report as
+// its own failure.
+TEST_F(TransportTest, EachFailureIsReportedWithItsOwnReason) {
+  RawPort service(true);
+  ASSERT_TRUE(service.bound());
+  Ipc::CmdClientOptions options;
+  options.port = service.port();
+  auto client = makeClient(options);
+
+  // The service drops the first connection, unread bytes and all, while the
+  // request is still being written: the client's write fails.
+  auto big = echo(ui, std::string(12 << 20, 'x'));
+  Outcome first;
+  client->execute(big, first.completion());
+  {
+    RawSocket conn = service.accept();
+    EXPECT_EQ(helloBytes(token), conn.read(wire::kHelloSize));
+    conn.send(okFrame());
+    EXPECT_EQ(requestFrame(kEcho, wire::kFlagJsonBody), conn.read(wire::kFrameSize));
+  }
+  // Which of the two the system reports depends on whether the write or the
+  // read meets the reset first.
+  std::string const firstError = first.get();
+  EXPECT_TRUE(firstError == "Ipc Echo: Connection reset by peer" ||
+              firstError == "Ipc Echo: the service closed the connection")
+      << firstError;
+
+  // The second connection ends before the hello is answered.
+  Outcome second;
+  client->execute(echo(ui, "small"), second.completion());
+  {
+    RawSocket conn = service.accept();
+    EXPECT_EQ(helloBytes(token), conn.read(wire::kHelloSize));
+  }
+  EXPECT_EQ("Ipc Echo: the service closed the connection", second.get());
+  EXPECT_EQ(2u, client->connectionsMade());
+}
+
+TEST(IoThreadsTest, RunsHandlersOnTwoThreadsAtLeastAndStopsOnce) {
+  Ipc::IoThreads io(1);
+  std::mutex mutex;
+  std::condition_variable both;
+  int arrived = 0;
+  std::atomic<int> met{0};
+  for (int i = 0; i < 2; ++i) {
+    boost::asio::post(io.context(), [&] {
+      std::unique_lock<std::mutex> lock(mutex);
+      ++arrived;
+      both.notify_all();
+      if (both.wait_for(lock, kPatience, [&] { return arrived == 2; })) ++met;
+    });
+  }
+  std::atomic<int> later{0};
+  for (int i = 0; i < 100; ++i) boost::asio::post(io.context(), [&] { ++later; });
+  io.stop();
+  EXPECT_EQ(2, met.load());
+  EXPECT_EQ(100, later.load());
+  io.stop();
+}
+
+}  // namespace
