@@ -103,7 +103,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
                   std::function<void()> done) override {
-    ba::async_write(*m_socket, ba::buffer(data, len),
+    ba::async_write(*m_socket, ba::buffer(data, len), asio::TransferAll(),
                     [self = shared_from_this(), sock = m_socket, cmd, serial = m_serial, done = std::move(done)](
                         boost::system::error_code ec, std::size_t written) {
                       self->m_bytesSent.fetch_add(written);
@@ -121,7 +121,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override {
-    ba::async_read(*m_socket, ba::buffer(buf, len),
+    ba::async_read(*m_socket, ba::buffer(buf, len), asio::TransferAll(),
                    [self = shared_from_this(), sock = m_socket, cmd, serial = m_serial, done = std::move(done)](
                        boost::system::error_code ec, std::size_t) {
                      if (serial != self->m_serial || self->m_closing) return;

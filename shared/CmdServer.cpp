@@ -189,15 +189,15 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
       m_okPending = false;
       wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
       std::array<ba::const_buffer, 2> const buffers{ba::buffer(m_okFrame), ba::buffer(data, len)};
-      ba::async_write(m_socket, buffers, std::move(handler));
+      ba::async_write(m_socket, buffers, asio::TransferAll(), std::move(handler));
     } else {
-      ba::async_write(m_socket, ba::buffer(data, len), std::move(handler));
+      ba::async_write(m_socket, ba::buffer(data, len), asio::TransferAll(), std::move(handler));
     }
   }
 
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override {
-    ba::async_read(m_socket, ba::buffer(buf, len),
+    ba::async_read(m_socket, ba::buffer(buf, len), asio::TransferAll(),
                    [self = shared_from_this(), cmd, done = std::move(done)](
                        boost::system::error_code ec, std::size_t) { self->onIo(ec, cmd, done); });
   }
