@@ -122,4 +122,12 @@ void writeConfigAtomically(fs::path const& file, std::string const& text) {
   }
 }
 
+Settings independentCopy(Settings const& settings) {
+  Settings copy(settings);
+  // The list assignment from a plain array takes a deep copy.
+  copy.IgnoredExtension = static_cast<json::Array const&>(settings.IgnoredExtension);
+  copy.SrvFileExts = static_cast<json::Array const&>(settings.SrvFileExts);
+  return copy;
+}
+
 }  // namespace qxapp

@@ -35,6 +35,12 @@ Settings settingsFromObject(json::Object const& obj, std::string const& what);
 std::string configText(Settings const& settings);
 void writeConfigAtomically(boost::filesystem::path const& file, std::string const& text);
 
+// A copy of settings that shares no JSON node with it. JSON reference counts
+// are not atomic, so a record handed to another thread must not share its
+// extension lists with a record that stays: call this with the source
+// record's owner lock held (or on a record that no other thread sees).
+Settings independentCopy(Settings const& settings);
+
 }  // namespace qxapp
 
 #endif  // QX_APPS_CONFIGFILE_H

@@ -41,6 +41,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   }
 
   std::size_t connectionsMade() const { return m_connectionsMade.load(); }
+  void post(std::function<void()> f) { ba::post(m_strand, std::move(f)); }
   std::uint64_t bytesSent() const { return m_bytesSent.load(); }
 
   void enqueue(std::shared_ptr<CmdI> cmd, Completion done) {
@@ -428,8 +429,13 @@ void CmdClient::execute(std::shared_ptr<CmdI> cmd, Completion done) {
 std::string CmdClient::run(std::shared_ptr<CmdI> cmd) {
   std::promise<std::string> result;
   std::future<std::string> done = result.get_future();
-  execute(std::move(cmd), [&result](std::shared_ptr<CmdI> const&, std::string const& error) {
-    result.set_value(error);
+  std::shared_ptr<Conn> const conn = m_conn;
+  execute(std::move(cmd), [&result, conn](std::shared_ptr<CmdI> const&, std::string const& error) {
+    // The caller is woken only from a later handler, once the handlers of
+    // this exchange have let go of the command: the caller's thread then
+    // holds its last reference, and its JSON documents are the caller's
+    // alone again (their reference counts are not atomic).
+    conn->post([&result, error] { result.set_value(error); });
   });
   return done.get();
 }

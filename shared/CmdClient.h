@@ -60,7 +60,10 @@ class CmdClient {
   // Queues cmd; done is called on a transport thread when it completes.
   void execute(std::shared_ptr<CmdI> cmd, Completion done);
   // Sends cmd and waits for its completion; returns the error, empty on
-  // success.
+  // success. When it returns, the transport holds no reference to cmd, so
+  // the JSON documents cmd shares are the caller's alone again. (With
+  // execute(), the transport lets go of the command just after the
+  // completion returns, on its own thread.)
   std::string run(std::shared_ptr<CmdI> cmd);
 
   // The time-out of identifier id (unknown identifiers: the quick one).

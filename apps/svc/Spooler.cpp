@@ -1,5 +1,7 @@
 #include "apps/svc/Spooler.h"
 
+#include "apps/ConfigFile.h"
+
 #include "shared/Log.h"
 
 #include <fcntl.h>
@@ -54,7 +56,7 @@ fs::path moveUnique(fs::path const& src, fs::path const& folder) {
 }
 
 Spooler::Spooler(Settings const& settings, std::chrono::milliseconds interval)
-    : m_interval(interval), m_settings(settings), m_thread([this] { run(); }) {}
+    : m_interval(interval), m_settings(qxapp::independentCopy(settings)), m_thread([this] { run(); }) {}
 
 Spooler::~Spooler() {
   {
@@ -66,8 +68,9 @@ Spooler::~Spooler() {
 }
 
 void Spooler::setSettings(Settings const& settings) {
+  Settings copy = qxapp::independentCopy(settings);
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_settings = settings;
+  m_settings = std::move(copy);
 }
 
 std::size_t Spooler::pause(bool discard) {
@@ -75,7 +78,7 @@ std::size_t Spooler::pause(bool discard) {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_paused = true;
-    settings = m_settings;
+    settings = qxapp::independentCopy(m_settings);
   }
   if (!discard) return 0;
   std::lock_guard<std::mutex> scan(m_scanMutex);
@@ -106,7 +109,7 @@ void Spooler::scanNow() {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (m_paused) return;
-    settings = m_settings;
+    settings = qxapp::independentCopy(m_settings);
   }
   scanOnce(settings);
 }
@@ -116,7 +119,7 @@ void Spooler::run() {
   while (!m_stop) {
     m_wake.wait_for(lock, m_interval);
     if (m_stop || m_paused) continue;
-    Settings const settings = m_settings;
+    Settings const settings = qxapp::independentCopy(m_settings);
     lock.unlock();
     try {
       scanOnce(settings);
@@ -152,7 +155,7 @@ json::Object Spooler::uploads() const {
   Settings settings{json::Object()};
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    settings = m_settings;
+    settings = qxapp::independentCopy(m_settings);
   }
   struct Place {
     char const* folder;

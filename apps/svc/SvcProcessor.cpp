@@ -79,7 +79,7 @@ SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Spoole
     : m_configFile(std::move(configFile)),
       m_spooler(spooler),
       m_httpTimeoutSecs(httpTimeoutSecs),
-      m_settings(settings) {}
+      m_settings(qxapp::independentCopy(settings)) {}
 
 void SvcProcessor::setServicePort(std::uint16_t port) {
   std::lock_guard<std::mutex> lock(m_mutex);
@@ -88,7 +88,7 @@ void SvcProcessor::setServicePort(std::uint16_t port) {
 
 Settings SvcProcessor::current() const {
   std::lock_guard<std::mutex> lock(m_mutex);
-  return m_settings;
+  return qxapp::independentCopy(m_settings);
 }
 
 fs::path SvcProcessor::incomingFolder() const {
@@ -114,8 +114,9 @@ void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
     }
     qxapp::writeConfigAtomically(m_configFile, qxapp::configText(next));
     {
+      Settings copy = qxapp::independentCopy(next);
       std::lock_guard<std::mutex> lock(m_mutex);
-      m_settings = next;
+      m_settings = std::move(copy);
     }
     m_spooler.setSettings(next);
     cmd.ok = true;
