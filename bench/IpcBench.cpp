@@ -80,6 +80,7 @@ std::shared_ptr<Ipc::CmdProcessorI> const g_uiProcessor = std::make_shared<Ipc::
 
 // Medians of the last run of each latency benchmark, in microseconds.
 std::atomic<double> g_ipcMedianUs{0};
+std::atomic<double> g_ipcCallerMedianUs{0};
 std::atomic<double> g_tcpMedianUs{0};
 
 Ipc::CmdClientOptions clientOptions() {
@@ -116,9 +117,9 @@ bool isRunning(Ipc::CmdClient& client, benchmark::State& state) {
   return true;
 }
 
-void BM_IsRunningRoundTrip(benchmark::State& state) {
-  Ipc::CmdClient client(*g_clientIo, clientOptions(), g_service->token);
-  if (!isRunning(client, state)) return;  // connects outside the measurement
+// Times each IsRunning round trip of client; returns the median in us.
+double measureRoundTrips(Ipc::CmdClient& client, benchmark::State& state) {
+  if (!isRunning(client, state)) return 0;  // connects outside the measurement
   std::vector<double> samples;
   samples.reserve(1 << 16);
   for (auto _ : state) {
@@ -134,12 +135,25 @@ void BM_IsRunningRoundTrip(benchmark::State& state) {
     state.SetIterationTime(ns / 1e9);
     samples.push_back(ns);
   }
-  g_ipcMedianUs = reportLatency(state, samples);
+  return reportLatency(state, samples);
+}
+
+// A client whose completions run on the transport's threads.
+void BM_IsRunningRoundTrip(benchmark::State& state) {
+  Ipc::CmdClient client(*g_clientIo, clientOptions(), g_service->token);
+  g_ipcMedianUs = measureRoundTrips(client, state);
 }
 BENCHMARK(BM_IsRunningRoundTrip)->UseManualTime()->Unit(benchmark::kMicrosecond);
 
-void BM_IsRunning8Clients(benchmark::State& state) {
-  Ipc::CmdClient client(*g_clientIo, clientOptions(), g_service->token);
+// A client without threads: its bytes move on the caller's thread.
+void BM_IsRunningRoundTripCallerThread(benchmark::State& state) {
+  Ipc::CmdClient client(clientOptions(), g_service->token);
+  g_ipcCallerMedianUs = measureRoundTrips(client, state);
+}
+BENCHMARK(BM_IsRunningRoundTripCallerThread)->UseManualTime()->Unit(benchmark::kMicrosecond);
+
+// Requests per second of 8 clients at once, each run by its own thread.
+void runClients(Ipc::CmdClient& client, benchmark::State& state) {
   if (!isRunning(client, state)) return;
   for (auto _ : state) {
     auto const cmd = std::make_shared<Ipc::IsRunning>(g_uiProcessor);
@@ -151,7 +165,18 @@ void BM_IsRunning8Clients(benchmark::State& state) {
   }
   state.SetItemsProcessed(state.iterations());
 }
+
+void BM_IsRunning8Clients(benchmark::State& state) {
+  Ipc::CmdClient client(*g_clientIo, clientOptions(), g_service->token);
+  runClients(client, state);
+}
 BENCHMARK(BM_IsRunning8Clients)->Threads(8)->UseRealTime()->Unit(benchmark::kMicrosecond);
+
+void BM_IsRunning8ClientsCallerThread(benchmark::State& state) {
+  Ipc::CmdClient client(clientOptions(), g_service->token);
+  runClients(client, state);
+}
+BENCHMARK(BM_IsRunning8ClientsCallerThread)->Threads(8)->UseRealTime()->Unit(benchmark::kMicrosecond);
 
 // ---------------------------------------------------------------------------
 // The bare TCP ping-pong
@@ -259,6 +284,10 @@ int main(int argc, char** argv) {
   if (ipc > 0 && tcp > 0) {
     std::printf("Median round trip: IsRunning %.1f us, bare TCP %.1f us, ratio %.2f\n", ipc, tcp,
                 ipc / tcp);
+  }
+  if (g_ipcCallerMedianUs > 0 && tcp > 0) {
+    std::printf("Median round trip: IsRunning on the caller's thread %.1f us, bare TCP %.1f us, ratio %.2f\n",
+                g_ipcCallerMedianUs.load(), tcp, g_ipcCallerMedianUs.load() / tcp);
   }
   g_clientIo.reset();  // no client is left by now
   g_service.reset();

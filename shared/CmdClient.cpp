@@ -24,10 +24,12 @@ using asio::Timer;
 
 class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_this<Conn> {
  public:
-  Conn(IoThreads& io, CmdClientOptions options, SecretToken token)
+  // callerDriven: only the thread in CmdClient::run() runs the context.
+  Conn(ba::io_context& context, CmdClientOptions options, SecretToken token, bool callerDriven)
       : m_options(std::move(options)),
         m_token(token),
-        m_strand(ba::make_strand(io.context())),
+        m_callerDriven(callerDriven),
+        m_strand(ba::make_strand(context)),
         m_socket(std::make_shared<Socket>(m_strand)),
         m_timer(m_strand),
         m_resolver(m_strand) {}
@@ -68,7 +70,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
       self->m_resolver.cancel();
       for (Pending& p : all) self->failClosing(p);
     };
-    if (m_strand.running_in_this_thread()) {
+    if (m_callerDriven || m_strand.running_in_this_thread()) {
       work();
       return;
     }
@@ -98,7 +100,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void finishCmd(std::shared_ptr<CmdI> const& cmd) override {
     if (cmd != m_current.cmd) return;
-    m_timer.cancel();
+    disarm();
     finishCurrent(std::string());
   }
 
@@ -144,15 +146,36 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   std::string name() const { return m_current.cmd ? m_current.cmd->name() : "command"; }
 
+  // Moving the deadline later costs no system call: the wait in progress
+  // fires at its old time and then waits again for the new one.
   void arm(std::chrono::milliseconds limit) {
     m_limit = limit;
-    m_timer.expires_after(limit);
-    m_timer.async_wait([self = shared_from_this(), serial = m_serial](boost::system::error_code ec) {
-      if (ec == ba::error::operation_aborted || serial != self->m_serial) return;
-      if (self->m_timer.expiry() > Timer::clock_type::now()) return;
+    m_deadline = Timer::clock_type::now() + limit;
+    if (m_timerWaiting && m_timer.expiry() <= m_deadline) return;
+    waitForDeadline();
+  }
+
+  void waitForDeadline() {
+    m_timerWaiting = true;
+    m_timer.expires_at(m_deadline);
+    m_timer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
+      if (ec == ba::error::operation_aborted) return;  // replaced or cancelled
+      self->m_timerWaiting = false;
+      if (self->m_deadline > Timer::clock_type::now()) {  // moved since
+        self->waitForDeadline();
+        return;
+      }
+      if (!self->m_current.cmd || self->m_closing) return;  // nothing runs
       self->m_timedOut = true;
       self->closeSocket();
     });
+  }
+
+  // No deadline until the next exchange arms one.
+  void disarm() {
+    m_deadline = Timer::time_point::max();
+    m_timer.cancel();
+    m_timerWaiting = false;
   }
 
   std::string ioErrorText(boost::system::error_code ec) const {
@@ -223,7 +246,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void closeSocket() {
     m_connected = false;
-    m_timer.cancel();
+    disarm();
     boost::system::error_code ignored;
     m_socket->close(ignored);
   }
@@ -391,6 +414,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   CmdClientOptions const m_options;
   SecretToken const m_token;
+  bool const m_callerDriven;
   Strand const m_strand;
   std::atomic<std::size_t> m_connectionsMade{0};
   std::atomic<std::uint64_t> m_bytesSent{0};
@@ -413,20 +437,48 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   bool m_reqSent = false;
   bool m_statusOk = false;
   bool m_statusReadPending = false;
+  Timer::time_point m_deadline = Timer::time_point::max();  // of the exchange in progress
+  bool m_timerWaiting = false;  // a wait of m_timer is in progress
   bool m_timedOut = false;
   bool m_closing = false;
 };
 
 CmdClient::CmdClient(IoThreads& io, CmdClientOptions options, SecretToken token)
-    : m_conn(std::make_shared<Conn>(io, std::move(options), token)) {}
+    : m_conn(std::make_shared<Conn>(io.context(), std::move(options), token, false)) {}
 
-CmdClient::~CmdClient() { m_conn->close(); }
+CmdClient::CmdClient(CmdClientOptions options, SecretToken token)
+    : m_ownContext(std::make_unique<ba::io_context>(1)),
+      m_conn(std::make_shared<Conn>(*m_ownContext, std::move(options), token, true)) {}
+
+CmdClient::~CmdClient() {
+  m_conn->close();
+  if (m_ownContext) {
+    // The handlers that the close cancelled let go of the connection here.
+    m_ownContext->restart();
+    m_ownContext->poll();
+  }
+}
 
 void CmdClient::execute(std::shared_ptr<CmdI> cmd, Completion done) {
   m_conn->enqueue(std::move(cmd), std::move(done));
 }
 
 std::string CmdClient::run(std::shared_ptr<CmdI> cmd) {
+  if (m_ownContext) {
+    std::string error;
+    bool done = false;
+    execute(std::move(cmd), [&error, &done](std::shared_ptr<CmdI> const&, std::string const& e) {
+      error = e;
+      done = true;
+    });
+    m_ownContext->restart();
+    while (!done && m_ownContext->run_one() > 0) {
+    }
+    // Handlers made ready by the end of the exchange (cancelled waits) run
+    // now, so that none of them is left holding the command.
+    m_ownContext->poll();
+    return done ? error : "Ipc the client stopped before the command completed";
+  }
   std::promise<std::string> result;
   std::future<std::string> done = result.get_future();
   std::shared_ptr<Conn> const conn = m_conn;

@@ -19,8 +19,9 @@
 //
 // Threads: execute() and run() may be called from any thread; completions,
 // and processor calls of the commands, run on the threads of the IoThreads
-// given, serialised per client. run() and the destructor must not be called
-// from those threads. The destructor fails the commands not yet completed
+// given, serialised per client (or on the caller's thread, in the mode
+// without threads). run() and the destructor must not be called from the
+// transport's threads. The destructor fails the commands not yet completed
 // ("Ipc the client is closing", through onTransferError and the completion,
 // as any failed exchange) and returns when no completion is running.
 #ifndef QX_SHARED_CMDCLIENT_H
@@ -53,6 +54,12 @@ class CmdClient {
   using Completion = std::function<void(std::shared_ptr<CmdI> const& cmd, std::string const& error)>;
 
   CmdClient(IoThreads& io, CmdClientOptions options, SecretToken token);
+  // A client without threads of its own: its bytes move on the thread that
+  // calls run(), and its completions and processor calls run there too, so
+  // a program that waits for each answer pays no hand-over between threads.
+  // In this mode execute() only queues a command; it is carried out by the
+  // next run(). Use it from one thread at a time.
+  CmdClient(CmdClientOptions options, SecretToken token);
   ~CmdClient();
   CmdClient(CmdClient const&) = delete;
   CmdClient& operator=(CmdClient const&) = delete;
@@ -77,6 +84,7 @@ class CmdClient {
   class Conn;  // internal
 
  private:
+  std::unique_ptr<boost::asio::io_context> m_ownContext;  // the thread-less mode's
   std::shared_ptr<Conn> m_conn;
 };
 

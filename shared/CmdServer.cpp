@@ -24,16 +24,6 @@ using asio::Timer;
 
 namespace {
 
-void logError(std::string const& text) {
-  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
-  Log::inst().logStreamStartLine() << "ERR:" << text << std::endl;
-}
-
-void logWarning(std::string const& text) {
-  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
-  Log::inst().logStreamStartLine() << "WARNING:" << text << std::endl;
-}
-
 std::string endpointText(tcp::endpoint const& ep) {
   ba::ip::address const a = ep.address();
   std::string const host = a.is_v6() ? "[" + a.to_string() + "]" : a.to_string();
@@ -126,7 +116,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 
   // Refuses the connection at once (too many connections).
   void refuseAtOnce(std::string const& why) {
-    logError("Ipc connection from " + m_peer + " refused: " + why);
+    Log::inst().writeLine("ERR:", "Ipc connection from " + m_peer + " refused: " + why);
     refuse("Ipc connection refused: " + why);
   }
 
@@ -154,7 +144,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
     if (cmd != m_cmd) return;
     m_cmd.reset();
     cmd->setChannel(nullptr);
-    logError(why);
+    Log::inst().writeLine("ERR:", why);
     if (m_respStarted || m_closed) {
       close();
     } else {
@@ -210,20 +200,29 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   }
 
   // The deadline of the operation that runs now; a new one replaces it.
+  // Moving the deadline later costs no system call: the wait in progress
+  // fires at its old time and then waits again for the new one.
   void arm(std::chrono::milliseconds limit) {
     m_limit = limit;
     // A deadline that passed just as its operation completed no longer
     // counts: only the new one can time out.
     m_timedOut = false;
+    m_deadline = Timer::clock_type::now() + limit;
+    if (m_timerWaiting && m_timer.expiry() <= m_deadline) return;
     waitForDeadline();
   }
 
   void waitForDeadline() {
-    m_timer.expires_after(m_limit);
+    m_timerWaiting = true;
+    m_timer.expires_at(m_deadline);
     m_timer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
       if (ec == ba::error::operation_aborted) return;  // replaced or cancelled
-      // A handler that was already queued when the deadline moved.
-      if (self->m_timer.expiry() > Timer::clock_type::now()) return;
+      self->m_timerWaiting = false;
+      if (self->m_closed) return;
+      if (self->m_deadline > Timer::clock_type::now()) {  // moved since
+        self->waitForDeadline();
+        return;
+      }
       self->m_timedOut = true;
       if (self->mayStillRefuse()) {
         // Before the hello and while a request is read, the client is still
@@ -234,6 +233,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
         // and its next expiry cancels that part too.
         boost::system::error_code ignored;
         self->m_socket.cancel(ignored);
+        self->m_deadline = Timer::clock_type::now() + self->m_limit;
         self->waitForDeadline();
       } else {
         self->close();
@@ -284,14 +284,14 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
         return;
       }
       std::string const why = "no token (" + ioErrorText(ec) + ")";
-      logError("Ipc connection from " + m_peer + " refused: " + why);
+      Log::inst().writeLine("ERR:", "Ipc connection from " + m_peer + " refused: " + why);
       refuse("Ipc connection refused: " + why);
       return;
     }
     std::string why = wire::checkHelloStart(m_hello.data());
     if (why.empty() && !m_core->token.matches(m_hello.data() + 8)) why = "wrong token";
     if (!why.empty()) {
-      logError("Ipc connection from " + m_peer + " refused: " + why);
+      Log::inst().writeLine("ERR:", "Ipc connection from " + m_peer + " refused: " + why);
       refuse("Ipc connection refused: " + why);
       return;
     }
@@ -331,7 +331,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
     }
     if (!why.empty()) {
       why = "Ipc " + why + " from " + m_peer;
-      logError(why);
+      Log::inst().writeLine("ERR:", why);
       refuse(why);
       return;
     }
@@ -379,6 +379,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   void close() {
     m_closed = true;
     m_timer.cancel();
+    m_timerWaiting = false;
     boost::system::error_code ignored;
     m_socket.close(ignored);
   }
@@ -399,6 +400,8 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   std::shared_ptr<CmdI> m_cmd;  // the command of the exchange in progress
   bool m_okPending = false;     // the ok status frame is still to be written
   bool m_respStarted = false;   // bytes of the response have been written
+  Timer::time_point m_deadline{};  // when the operation in progress times out
+  bool m_timerWaiting = false;     // a wait of m_timer is in progress
   bool m_timedOut = false;
   bool m_stopping = false;
   bool m_closed = false;
@@ -426,7 +429,7 @@ void CmdServer::Core::start() {
     if (ec) {
       std::string const msg = "Ipc cannot listen on " + endpointText(ep) + ": " + ec.message();
       if (address.is_v4()) throw std::runtime_error(msg);
-      logWarning(msg + "; IPv4 only");  // loopback IPv6 may be switched off
+      Log::inst().writeLine("WARNING:", msg + "; IPv4 only");  // loopback IPv6 may be switched off
       continue;
     }
     chosen = a.local_endpoint().port();
@@ -466,7 +469,7 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
     });
   } else {
     lock.unlock();
-    logError("Ipc accepting a connection failed: " + ec.message());
+    Log::inst().writeLine("ERR:", "Ipc accepting a connection failed: " + ec.message());
   }
   acceptNext(listener);
 }

@@ -33,6 +33,11 @@ std::ostream& Log::logStreamStartLine() {
   return *m_out << start;
 }
 
+void Log::writeLine(char const* level, std::string const& text) {
+  boost::lock_guard<boost::mutex> lock(m_mutex);
+  logStreamStartLine() << level << text << std::endl;
+}
+
 void Log::toStderr() {
   boost::lock_guard<boost::mutex> lock(m_mutex);
   m_out = &std::cerr;

@@ -26,6 +26,7 @@
 #include <fstream>
 #include <iosfwd>
 #include <memory>
+#include <string>
 
 // Whether TRACE lines are written. Set by the process (for instance from a
 // --verbose option); may be read and written from any thread.
@@ -44,6 +45,10 @@ class Log {
   // Writes the line start and returns the stream of the line. Call with
   // mutex() held.
   std::ostream& logStreamStartLine();
+
+  // Writes one whole line: the line start, level ("ERR:", "WARNING:", ...)
+  // directly followed by text, and a line feed. Takes mutex() itself.
+  void writeLine(char const* level, std::string const& text);
 
   // Targets. Each takes mutex() itself: do not call with it held.
   void toStderr();

@@ -434,3 +434,14 @@ TEST(Log, ChangingTheTargetNeverSplitsALine) {
 }
 
 }  // namespace
+
+TEST(Log, WriteLineWritesLineStartLevelTextAndLineFeed) {
+  qxtest::LogCapture capture;
+  Log::inst().writeLine("WARNING:", "disk \"a\" nearly full");
+  Log::inst().writeLine("ERR:", "");
+  std::vector<std::string> const lines = capture.lines();
+  ASSERT_EQ(2u, lines.size());
+  EXPECT_EQ("WARNING:disk \"a\" nearly full", lines[0]);
+  EXPECT_EQ("ERR:", lines[1]);
+}
+

@@ -980,6 +980,43 @@ TEST_F(TransportTest, OneConnectionServesManyCommands) {
   EXPECT_TRUE(log.lines().empty());
 }
 
+TEST_F(TransportTest, ClientWithoutThreadsRunsOnTheCallersThreadOverOneConnection) {
+  startServer();
+  Ipc::CmdClient client(clientOptions(), token);
+  std::thread::id const caller = std::this_thread::get_id();
+  for (int i = 0; i < 20; ++i) {
+    auto cmd = echo(ui, "command " + std::to_string(i));
+    std::thread::id completedOn;
+    client.execute(cmd, [&completedOn](std::shared_ptr<CmdI> const&, std::string const&) {
+      completedOn = std::this_thread::get_id();
+    });
+    // Queued only: the next run() carries it out, before its own command.
+    auto second = echo(ui, "second " + std::to_string(i));
+    ASSERT_EQ("", client.run(second));
+    EXPECT_EQ(caller, completedOn);
+    EXPECT_EQ(textObject("command " + std::to_string(i)), cmd->response);
+    EXPECT_EQ(textObject("second " + std::to_string(i)), second->response);
+  }
+  EXPECT_EQ(1u, client.connectionsMade());
+  EXPECT_TRUE(log.lines().empty());
+}
+
+TEST_F(TransportTest, ClientWithoutThreadsReportsRefusalsAndFailsWhatItLeavesQueued) {
+  startServer();
+  std::string queuedError;
+  {
+    Ipc::CmdClient intruder(clientOptions(), Ipc::SecretToken::generate());
+    auto cmd = echo(ui, "let me in");
+    EXPECT_EQ("Ipc connection refused: wrong token", intruder.run(cmd));
+    EXPECT_EQ("Ipc connection refused: wrong token", cmd->transferError());
+    intruder.execute(echo(ui, "never sent"), [&queuedError](std::shared_ptr<CmdI> const&, std::string const& e) {
+      queuedError = e;
+    });
+  }
+  EXPECT_EQ("Ipc the client is closing", queuedError);
+  expectServiceWorks();
+}
+
 TEST_F(TransportTest, QueuedCommandsCompleteInOrder) {
   startServer();
   auto client = makeClient();

@@ -78,7 +78,9 @@ std::string sizeText(double bytes) {
 
 class Session {
  public:
-  explicit Session(Global const& g) : m_io(2), m_client(m_io, options(g), token(g)) {}
+  // The client moves its bytes on this thread: one command at a time, each
+  // awaited, needs no threads of its own.
+  explicit Session(Global const& g) : m_client(options(g), token(g)) {}
 
   // Runs cmd; a failed exchange is a Failure with the transport's message.
   void run(std::shared_ptr<Ipc::CmdI> const& cmd) {
@@ -103,7 +105,6 @@ class Session {
     return Ipc::SecretToken::load(file);
   }
 
-  Ipc::IoThreads m_io;
   Ipc::CmdClient m_client;
 };
 

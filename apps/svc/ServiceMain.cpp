@@ -44,11 +44,6 @@ struct Options {
   long httpTimeoutSecs = 30;
 };
 
-void logLine(char const* level, std::string const& text) {
-  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
-  Log::inst().logStreamStartLine() << level << text << std::endl;
-}
-
 bool g_logToFile = false;
 
 int serve(Options const& opt) {
@@ -95,16 +90,16 @@ int serve(Options const& opt) {
       processor);
   server.start();
   processor->setServicePort(server.port());
-  logLine("INFO:", "qxlite-svc " + std::string(LITE_VERSION_STR) + " serving on 127.0.0.1:" + std::to_string(server.port()) +
+  Log::inst().writeLine("INFO:", "qxlite-svc " + std::string(LITE_VERSION_STR) + " serving on 127.0.0.1:" + std::to_string(server.port()) +
                        " with configuration \"" + configFile.string() + "\", token file \"" +
                        tokenFile.string() + "\", incoming folder \"" + settings.ReceiveFolder.string() + "\"");
 
   int signal = 0;
   sigwait(&stopSignals, &signal);
-  logLine("INFO:", std::string("qxlite-svc stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+  Log::inst().writeLine("INFO:", std::string("qxlite-svc stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
   server.stop();
   io.stop();
-  logLine("INFO:", "qxlite-svc stopped");
+  Log::inst().writeLine("INFO:", "qxlite-svc stopped");
   return 0;
 }
 
@@ -133,7 +128,7 @@ int main(int argc, char** argv) {
     return serve(opt);
   } catch (std::exception const& e) {
     std::cerr << "qxlite-svc: " << e.what() << "\n";
-    if (g_logToFile) logLine("ERR:", std::string("qxlite-svc cannot start: ") + e.what());
+    if (g_logToFile) Log::inst().writeLine("ERR:", std::string("qxlite-svc cannot start: ") + e.what());
     return 2;
   }
 }

@@ -19,11 +19,6 @@ namespace qxsvc {
 
 namespace {
 
-void logLine(char const* level, std::string const& text) {
-  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
-  Log::inst().logStreamStartLine() << level << text << std::endl;
-}
-
 std::uint64_t totalSize(fs::path const& p) {
   boost::system::error_code ec;
   if (!fs::is_directory(p, ec)) {
@@ -124,7 +119,7 @@ void Spooler::run() {
     try {
       scanOnce(settings);
     } catch (std::exception const& e) {
-      logLine("ERR:", std::string("qxlite-svc spool scan failed: ") + e.what());
+      Log::inst().writeLine("ERR:", std::string("qxlite-svc spool scan failed: ") + e.what());
     }
     lock.lock();
   }
@@ -142,10 +137,10 @@ void Spooler::scanOnce(Settings const& settings) {
     std::string const bad = settings.checkPathForAcceptedExts(item);
     if (bad.empty()) {
       fs::path const to = moveUnique(item, settings.SpoolFolder);
-      logLine("INFO:", "qxlite-svc queued " + item.filename().string() + " as \"" + to.string() + "\"");
+      Log::inst().writeLine("INFO:", "qxlite-svc queued " + item.filename().string() + " as \"" + to.string() + "\"");
     } else {
       fs::path const to = moveUnique(item, settings.RejectedFolder);
-      logLine("WARNING:", "qxlite-svc rejected " + item.filename().string() + ": \"" + bad +
+      Log::inst().writeLine("WARNING:", "qxlite-svc rejected " + item.filename().string() + ": \"" + bad +
                               "\" is not accepted; moved to \"" + to.string() + "\"");
     }
   }

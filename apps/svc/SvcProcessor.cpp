@@ -12,11 +12,6 @@ namespace qxsvc {
 
 namespace {
 
-void logLine(char const* level, std::string const& text) {
-  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
-  Log::inst().logStreamStartLine() << level << text << std::endl;
-}
-
 // What the reader of the configuration would pass over silently: numbers out
 // of range and lists that are not lists of texts.
 std::string checkRawValues(json::Object const& raw) {
@@ -38,6 +33,12 @@ std::string checkRawValues(json::Object const& raw) {
     if (!v.isInteger() || v.asInt() < r.min || v.asInt() > r.max) {
       return std::string("\"") + r.key + "\" must be an integer from " + std::to_string(r.min) +
              " to " + std::to_string(r.max);
+    }
+  }
+  // A folder name with a NUL byte would be cut short by the system calls.
+  for (char const* key : {"ReceiveFolder", "SpoolFolder", "BackupFolder"}) {
+    if (raw[key].asStringSafe().find('\0') != std::string::npos) {
+      return std::string("\"") + key + "\" holds a NUL character";
     }
   }
   for (char const* key : {"IgnoredExtension", "SrvFileExts"}) {
@@ -109,7 +110,7 @@ void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
     if (!why.empty()) {
       cmd.ok = false;
       cmd.msg = "Configuration not saved: " + why;
-      logLine("WARNING:", "qxlite-svc " + cmd.msg);
+      Log::inst().writeLine("WARNING:", "qxlite-svc " + cmd.msg);
       return;
     }
     qxapp::writeConfigAtomically(m_configFile, qxapp::configText(next));
@@ -121,11 +122,11 @@ void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
     m_spooler.setSettings(next);
     cmd.ok = true;
     cmd.msg = "Configuration saved to \"" + m_configFile.string() + "\"";
-    logLine("INFO:", "qxlite-svc " + cmd.msg);
+    Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg);
   } catch (std::exception const& e) {
     cmd.ok = false;
     cmd.msg = std::string("Configuration not saved: ") + e.what();
-    logLine("WARNING:", "qxlite-svc " + cmd.msg);
+    Log::inst().writeLine("WARNING:", "qxlite-svc " + cmd.msg);
   }
 }
 
@@ -140,14 +141,14 @@ void SvcProcessor::visit(Ipc::Pause& cmd) {
     cmd.ok = false;
     cmd.msg = std::string("Paused, but the waiting items could not all be moved: ") + e.what();
   }
-  logLine("INFO:", "qxlite-svc " + cmd.msg);
+  Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg);
 }
 
 void SvcProcessor::visit(Ipc::Resume& cmd) {
   m_spooler.resume();
   cmd.ok = true;
   cmd.msg = "Resumed";
-  logLine("INFO:", "qxlite-svc " + cmd.msg);
+  Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg);
 }
 
 void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
@@ -212,7 +213,7 @@ void SvcProcessor::visit(Ipc::TestCfg& cmd) {
 void SvcProcessor::visit(Ipc::FileDrop& cmd) {
   cmd.setResp();
   if (cmd.ok) {
-    logLine("INFO:", "qxlite-svc received a drop of " + std::to_string(cmd.files.size()) +
+    Log::inst().writeLine("INFO:", "qxlite-svc received a drop of " + std::to_string(cmd.files.size()) +
                          " file(s)");
     m_spooler.scanNow();
   }
