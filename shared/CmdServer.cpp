@@ -161,12 +161,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
       return;
     }
     m_okPending = false;
-    wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
-    ba::async_write(m_socket, ba::buffer(m_okFrame),
-                    [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
-                      if (!ec) self->readNextRequest();
-                      else self->close();
-                    });
+    answerOkThenReadNext();
   }
 
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
@@ -296,6 +291,11 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
       return;
     }
     m_helloDone = true;
+    answerOkThenReadNext();
+  }
+
+  // Writes the ok status frame alone, then waits for the next request.
+  void answerOkThenReadNext() {
     wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
     ba::async_write(m_socket, ba::buffer(m_okFrame),
                     [self = shared_from_this()](boost::system::error_code ec, std::size_t) {

@@ -15,11 +15,15 @@ std::string JsonCmdBase::what(Part part) const {
   return "Ipc " + std::string(name()) + (part == Part::Request ? " request" : " response");
 }
 
+std::string JsonCmdBase::overLimit(Part part, std::uint64_t size) const {
+  return what(part) + " body of " + std::to_string(size) + " bytes is over the limit of " +
+         std::to_string(MAX_BODY) + " bytes";
+}
+
 void JsonCmdBase::writeBody(Part part, json::Object const& obj, void (JsonCmdBase::*done)()) {
   std::string const text = json::jsonToString(obj, false);
   if (text.size() > MAX_BODY) {
-    onTransferError(what(part) + " body of " + std::to_string(text.size()) +
-                    " bytes is over the limit of " + std::to_string(MAX_BODY) + " bytes");
+    onTransferError(overLimit(part, text.size()));
     return;
   }
   std::size_t const frame = part == Part::Request ? wire::kFrameSize : 0;
@@ -39,8 +43,7 @@ void JsonCmdBase::readBody(Part part) {
   channel()->readAsync(shared_from_this(), m_lenBytes, sizeof m_lenBytes, [this, part] {
     std::uint32_t const len = wire::getU32(m_lenBytes);
     if (len > MAX_BODY) {
-      onTransferError(what(part) + " body of " + std::to_string(len) +
-                      " bytes is over the limit of " + std::to_string(MAX_BODY) + " bytes");
+      onTransferError(overLimit(part, len));
       return;
     }
     m_bufferLen = len;

@@ -17,6 +17,7 @@
 #include "shared/CmdI.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 namespace Ipc {
@@ -62,6 +63,8 @@ class JsonCmdBase : public CmdI {
   void readBody(Part part);
   void onBodyRead(Part part);
   std::string what(Part part) const;
+  // Why a body of size bytes is refused.
+  std::string overLimit(Part part, std::uint64_t size) const;
 
   // One JSON transfer at a time.
   std::unique_ptr<char[]> m_buffer;  // the body being written or read

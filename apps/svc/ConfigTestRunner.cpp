@@ -158,11 +158,7 @@ void ConfigTestRunner::checkServers() {
     return;
   }
   HttpClient const http(inet, m_settings.EnableLogging && m_settings.EnableCurlDbgLog, m_httpTimeoutSecs);
-  std::vector<std::string> addresses{inet.serverAddress()};
-  if (!inet.altServerAddress().empty() && inet.altServerAddress() != inet.serverAddress()) {
-    addresses.push_back(inet.altServerAddress());
-  }
-  for (std::string const& address : addresses) {
+  for (std::string const& address : serverAddresses(inet)) {
     HttpResult const r = http.get(address);
     std::string const name = "The server \"" + address + "\"";
     if (!r.transferred) error(name + " does not answer", r.error);

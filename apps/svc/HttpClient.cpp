@@ -42,6 +42,14 @@ long curlAuth(Inet::InetCfg::ProxyAuthMethod method) {
 
 }  // namespace
 
+std::vector<std::string> serverAddresses(Inet::InetCfg const& inet) {
+  std::vector<std::string> addresses{inet.serverAddress()};
+  if (!inet.altServerAddress().empty() && inet.altServerAddress() != inet.serverAddress()) {
+    addresses.push_back(inet.altServerAddress());
+  }
+  return addresses;
+}
+
 void HttpClient::globalInit() { curl_global_init(CURL_GLOBAL_DEFAULT); }
 
 HttpClient::HttpClient(Inet::InetCfg const& inet, bool debugLog, long timeoutSecs)

@@ -9,6 +9,7 @@
 #include "shared/InetCfg.h"
 
 #include <string>
+#include <vector>
 
 namespace qxsvc {
 
@@ -18,6 +19,10 @@ struct HttpResult {
   std::string body;
   std::string error;         // what went wrong when nothing arrived
 };
+
+// The addresses to try, in order: the server address, then the alternative
+// one when it is set and differs.
+std::vector<std::string> serverAddresses(Inet::InetCfg const& inet);
 
 class HttpClient {
  public:

@@ -48,9 +48,9 @@ bool g_logToFile = false;
 
 int serve(Options const& opt) {
   fs::path const configFile = opt.configFile.empty() ? Settings::OLD_CFG_FILE_PATH() : fs::path(opt.configFile);
-  Settings const settings = qxapp::settingsFromObject(qxapp::readConfigObject(configFile),
-                                                      "the configuration \"" + configFile.string() + "\"");
-  std::string why = qxsvc::checkChange(settings, settings, qxapp::readConfigObject(configFile));
+  json::Object const raw = qxapp::readConfigObject(configFile);
+  Settings const settings = qxapp::settingsFromObject(raw, "the configuration \"" + configFile.string() + "\"");
+  std::string why = qxsvc::checkChange(settings, settings, raw);
   if (why.empty()) why = qxsvc::prepareFolders(settings);
   if (!why.empty()) throw qxapp::ConfigError("the configuration \"" + configFile.string() + "\": " + why);
 

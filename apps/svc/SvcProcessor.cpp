@@ -174,12 +174,8 @@ void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
   body.setAt("params", params);
   std::string const text = json::jsonToString(body, false);
   HttpClient const http(cfg, settings.EnableCurlDbgLog, m_httpTimeoutSecs);
-  std::vector<std::string> addresses{cfg.serverAddress()};
-  if (!cfg.altServerAddress().empty() && cfg.altServerAddress() != cfg.serverAddress()) {
-    addresses.push_back(cfg.altServerAddress());
-  }
   std::string failure;
-  for (std::string const& address : addresses) {
+  for (std::string const& address : serverAddresses(cfg)) {
     HttpResult const r = http.postJson(address, text);
     if (!r.transferred) {
       failure = "the server at " + address + " does not answer: " + r.error;
