@@ -13,6 +13,8 @@
 #include "shared/Wire.h"
 
 #include <boost/filesystem.hpp>
+#include "tests/WireBytes.h"
+
 #include <gtest/gtest.h>
 
 #include <arpa/inet.h>
@@ -233,24 +235,12 @@ class RawClient {
   int m_fd;
 };
 
-std::string helloBytes(Ipc::SecretToken const& token) {
-  unsigned char out[Ipc::wire::kHelloSize];
-  Ipc::wire::putHello(out, token.data());
-  return std::string(reinterpret_cast<char*>(out), sizeof out);
-}
-
-std::string okStatusFrame() {
-  unsigned char out[Ipc::wire::kFrameSize];
-  Ipc::wire::putStatusFrame(out, Ipc::wire::kStatusOk, 0);
-  return std::string(reinterpret_cast<char*>(out), sizeof out);
-}
+using qxtest::helloBytes;
+std::string okStatusFrame() { return qxtest::okFrame(); }
 
 // A drop request frame with its JSON body.
 std::string dropRequestBytes(std::string const& json) {
-  unsigned char frame[Ipc::wire::kFrameSize + 4];
-  Ipc::wire::putRequestFrame(frame, Ipc::FILE_DROP_TYPE, Ipc::wire::kFlagJsonBody);
-  Ipc::wire::putU32(frame + Ipc::wire::kFrameSize, static_cast<std::uint32_t>(json.size()));
-  return std::string(reinterpret_cast<char*>(frame), sizeof frame) + json;
+  return qxtest::requestFrame(Ipc::FILE_DROP_TYPE, Ipc::wire::kFlagJsonBody) + qxtest::jsonBody(json);
 }
 
 class FileDropEndToEnd : public ::testing::Test {

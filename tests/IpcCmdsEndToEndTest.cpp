@@ -11,6 +11,7 @@
 #include "shared/Wire.h"
 #include "tests/IpcTestProcessor.h"
 #include "tests/TestUtil.h"
+#include "tests/WireBytes.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -42,6 +43,12 @@ namespace {
 
 using qxtest::TestLiteProcessor;
 
+std::string hello(Ipc::SecretToken const& token) { return qxtest::helloBytes(token); }
+using qxtest::okFrame;
+std::string frame(std::uint8_t type, std::uint8_t flags) { return qxtest::requestFrame(type, flags); }
+std::string body(std::string const& json) { return qxtest::jsonBody(json); }
+std::string hex(std::string const& bytes) { return qxtest::printable(bytes); }
+
 constexpr char kClientCfgText[] = R"({"AccountId":"acct-ui","KeyId":3,"UseDirName":true})";
 
 json::Object parse(std::string const& text) { return json::strToObject(text.data(), text.size()); }
@@ -55,45 +62,6 @@ std::shared_ptr<Ipc::CmdProcessorI> uiProcessor() {
 
 // ---------------------------------------------------------------------------
 // Expected bytes
-
-std::string hello(Ipc::SecretToken const& token) {
-  unsigned char out[Ipc::wire::kHelloSize];
-  Ipc::wire::putHello(out, token.data());
-  return std::string(reinterpret_cast<char*>(out), sizeof out);
-}
-
-std::string okFrame() {
-  unsigned char out[Ipc::wire::kFrameSize];
-  Ipc::wire::putStatusFrame(out, Ipc::wire::kStatusOk, 0);
-  return std::string(reinterpret_cast<char*>(out), sizeof out);
-}
-
-std::string frame(std::uint8_t type, std::uint8_t flags) {
-  unsigned char out[Ipc::wire::kFrameSize];
-  Ipc::wire::putRequestFrame(out, type, flags);
-  return std::string(reinterpret_cast<char*>(out), sizeof out);
-}
-
-std::string body(std::string const& json) {
-  unsigned char len[4];
-  Ipc::wire::putU32(len, static_cast<std::uint32_t>(json.size()));
-  return std::string(reinterpret_cast<char*>(len), 4) + json;
-}
-
-std::string hex(std::string const& bytes) {
-  static char const digits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : bytes) {
-    if (c >= 0x20 && c < 0x7f && c != '\\') {
-      out += static_cast<char>(c);
-    } else {
-      out += "\\x";
-      out += digits[c >> 4];
-      out += digits[c & 15];
-    }
-  }
-  return out;
-}
 
 // ---------------------------------------------------------------------------
 // The two sides

@@ -8,6 +8,8 @@
 #include "shared/CmdChannel.h"
 #include "shared/Wire.h"
 
+#include "tests/WireBytes.h"
+
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -26,6 +28,10 @@ namespace {
 using Ipc::CmdI;
 using Ipc::CmdLiteBase;
 
+std::string frame(std::uint8_t type, std::uint8_t flags) { return qxtest::requestFrame(type, flags); }
+std::string body(std::string const& json) { return qxtest::jsonBody(json); }
+std::string hex(std::string const& bytes) { return qxtest::printable(bytes); }
+
 // A configuration that the user interface would send.
 constexpr char kClientCfgText[] =
     R"({"AccountId":"acct-ui","KeyId":3,"SpoolFolder":"/srv/spool","UseDirName":true})";
@@ -38,37 +44,6 @@ Settings clientSettings() { return Settings(parse(kClientCfgText)); }
 
 std::shared_ptr<Ipc::CmdProcessorI> anyProcessor() {
   return std::make_shared<Ipc::CmdProcessorLiteI>();
-}
-
-// The request frame as it goes on the wire.
-std::string frame(std::uint8_t type, std::uint8_t flags) {
-  unsigned char out[Ipc::wire::kFrameSize];
-  Ipc::wire::putRequestFrame(out, type, flags);
-  return std::string(reinterpret_cast<char*>(out), sizeof out);
-}
-
-// A JSON body as it goes on the wire: its length (4 bytes, little-endian),
-// then its text.
-std::string body(std::string const& json) {
-  unsigned char len[4];
-  Ipc::wire::putU32(len, static_cast<std::uint32_t>(json.size()));
-  return std::string(reinterpret_cast<char*>(len), 4) + json;
-}
-
-// Printable form of bytes for failure messages.
-std::string hex(std::string const& bytes) {
-  static char const digits[] = "0123456789abcdef";
-  std::string out;
-  for (unsigned char c : bytes) {
-    if (c >= 0x20 && c < 0x7f && c != '\\') {
-      out += static_cast<char>(c);
-    } else {
-      out += "\\x";
-      out += digits[c >> 4];
-      out += digits[c & 15];
-    }
-  }
-  return out;
 }
 
 // The message of the json::Exc that f throws.

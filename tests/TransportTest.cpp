@@ -14,6 +14,7 @@
 #include "shared/Wire.h"
 
 #include "tests/TestUtil.h"
+#include "tests/WireBytes.h"
 
 #include <boost/asio/post.hpp>
 #include <gtest/gtest.h>
@@ -79,32 +80,11 @@ std::string u32(std::uint32_t v) {
   return bytes(out, 4);
 }
 
-std::string helloBytes(Ipc::SecretToken const& token) {
-  unsigned char out[wire::kHelloSize];
-  wire::putHello(out, token.data());
-  return bytes(out, sizeof out);
-}
-
-std::string requestFrame(CmdI::TypeCode type, std::uint8_t flags) {
-  unsigned char out[wire::kFrameSize];
-  wire::putRequestFrame(out, type, flags);
-  return bytes(out, sizeof out);
-}
-
-std::string okFrame() {
-  unsigned char out[wire::kFrameSize];
-  wire::putStatusFrame(out, wire::kStatusOk, 0);
-  return bytes(out, sizeof out);
-}
-
-std::string refusalBytes(std::string const& message) {
-  unsigned char out[wire::kFrameSize];
-  wire::putStatusFrame(out, wire::kStatusRefused, static_cast<std::uint32_t>(message.size()));
-  return bytes(out, sizeof out) + message;
-}
-
-// A JSON body as it travels: its length, then its text.
-std::string body(std::string const& text) { return u32(static_cast<std::uint32_t>(text.size())) + text; }
+using qxtest::helloBytes;
+using qxtest::okFrame;
+using qxtest::refusalBytes;
+using qxtest::requestFrame;
+std::string body(std::string const& text) { return qxtest::jsonBody(text); }
 
 // Log lines with the port of every loopback peer replaced by "PORT", for
 // lines about connections whose port the test does not know.
