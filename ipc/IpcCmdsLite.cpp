@@ -489,9 +489,9 @@ void TestCfg::execOneTest() {
 }
 
 void TestCfg::sendRespLine(std::string const* line) {
-  auto const length = std::make_shared<std::uint64_t>(line->size());
-  channel()->writeAsync(shared_from_this(), length.get(), sizeof *length,
-                        [this, length, line] { sendRespLineBody(line); });
+  m_wireLength = line->size();
+  channel()->writeAsync(shared_from_this(), &m_wireLength, sizeof m_wireLength,
+                        [this, line] { sendRespLineBody(line); });
 }
 
 void TestCfg::sendRespLineBody(std::string const* line) {
@@ -511,22 +511,21 @@ void TestCfg::sendRespLineBody(std::string const* line) {
 }
 
 void TestCfg::readResp() {
-  auto const length = std::make_shared<std::uint64_t>(0);
-  channel()->readAsync(shared_from_this(), length.get(), sizeof *length, [this, length] {
-    if (*length == 0) {
+  channel()->readAsync(shared_from_this(), &m_wireLength, sizeof m_wireLength, [this] {
+    if (m_wireLength == 0) {
       lockAndAddToLines(std::string());
       channel()->finishCmd(shared_from_this());
       return;
     }
-    if (*length > MAX_BODY) {
-      onTransferError("Ipc " + std::string(name()) + " result line of " + std::to_string(*length) +
+    if (m_wireLength > MAX_BODY) {
+      onTransferError("Ipc " + std::string(name()) + " result line of " + std::to_string(m_wireLength) +
                       " bytes is over the limit of " + std::to_string(MAX_BODY) + " bytes");
       return;
     }
-    std::size_t const n = static_cast<std::size_t>(*length);
-    std::shared_ptr<char[]> const text(new char[n]);
-    channel()->readAsync(shared_from_this(), text.get(), n, [this, text, n] {
-      lockAndAddToLines(std::string(text.get(), n));
+    m_wireLine.resize(static_cast<std::size_t>(m_wireLength));
+    channel()->readAsync(shared_from_this(), &m_wireLine[0], m_wireLine.size(), [this] {
+      lockAndAddToLines(std::move(m_wireLine));
+      m_wireLine.clear();  // a moved-from string is valid but unspecified
       if (processor()) processor()->processCmd(std::make_shared<TestCfg>(*this));
       readResp();
     });

@@ -387,6 +387,8 @@ class TestCfg : public CmdLiteBase {
 
  private:
   std::shared_ptr<SharedRespMsgs> lines;
+  std::uint64_t m_wireLength = 0;  // the length record being sent or read
+  std::string m_wireLine;          // the line being read
 };
 
 // The service's factory: a new command of the class that type names, for the

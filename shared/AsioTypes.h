@@ -8,6 +8,8 @@
 #include <boost/asio/steady_timer.hpp>
 #include <boost/asio/strand.hpp>
 
+#include <time.h>
+
 #include <chrono>
 #include <string>
 
@@ -27,6 +29,16 @@ struct TransferAll {
     return ec ? 0 : static_cast<std::size_t>(-1);
   }
 };
+
+// The steady clock as of its last tick, a few milliseconds behind at most: a
+// deadline of seconds that moves with every read and write needs no finer
+// reading, and this one reads no hardware clock.
+inline Timer::time_point coarseNow() {
+  timespec ts{};
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &ts);
+  return Timer::time_point(std::chrono::duration_cast<Timer::duration>(
+      std::chrono::seconds(ts.tv_sec) + std::chrono::nanoseconds(ts.tv_nsec)));
+}
 
 // "60 s" or "250 ms".
 inline std::string durationText(std::chrono::milliseconds d) {

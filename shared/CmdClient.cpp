@@ -1,15 +1,15 @@
 #include "shared/CmdClient.h"
 
 #include "shared/AsioTypes.h"
+#include "shared/BufferedStream.h"
 #include "shared/Wire.h"
 
 #include <sys/socket.h>
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 
+#include <algorithm>
 #include <cerrno>
 #include <deque>
 #include <future>
@@ -22,6 +22,11 @@ using asio::Socket;
 using asio::Strand;
 using asio::Timer;
 
+namespace {
+// Many records of a configuration test at once.
+constexpr std::size_t kReadAhead = 64 * 1024;
+}  // namespace
+
 class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_this<Conn> {
  public:
   // callerDriven: only the thread in CmdClient::run() runs the context.
@@ -30,7 +35,9 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
         m_token(token),
         m_callerDriven(callerDriven),
         m_strand(ba::make_strand(context)),
-        m_socket(std::make_shared<Socket>(m_strand)),
+        m_stride(std::min({m_options.connectTimeout, m_options.quickTimeout, m_options.longTimeout,
+                           m_options.transferTimeout})),
+        m_stream(m_strand, kReadAhead),
         m_timer(m_strand),
         m_resolver(m_strand) {}
 
@@ -44,18 +51,27 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   std::size_t connectionsMade() const { return m_connectionsMade.load(); }
   void post(std::function<void()> f) { ba::post(m_strand, std::move(f)); }
-  std::uint64_t bytesSent() const { return m_bytesSent.load(); }
+  std::uint64_t bytesSent() const { return m_stream.bytesWritten(); }
 
-  void enqueue(std::shared_ptr<CmdI> cmd, Completion done) {
-    ba::post(m_strand, [self = shared_from_this(), cmd = std::move(cmd), done = std::move(done)] {
+  // Queues cmd, and starts it when nothing runs. A client with threads
+  // does it on its strand; a client without threads does it at once (its
+  // caller's thread alone touches it), and starts only when start is set:
+  // from run().
+  void enqueue(std::shared_ptr<CmdI> cmd, Completion done, bool start = true) {
+    auto add = [self = shared_from_this(), cmd = std::move(cmd), done = std::move(done), start] {
       if (self->m_closing) {
         Pending p{cmd, done};
         self->failClosing(p);
         return;
       }
       self->m_queue.push_back(Pending{cmd, done});
-      if (!self->m_current.cmd) self->startNext();
-    });
+      if (start && !self->m_current.cmd) self->m_stream.drive([&] { self->startNext(); });
+    };
+    if (m_callerDriven) {
+      add();
+    } else {
+      ba::post(m_strand, std::move(add));
+    }
   }
 
   // Fails what is pending and closes the connection; returns when done.
@@ -100,36 +116,36 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void finishCmd(std::shared_ptr<CmdI> const& cmd) override {
     if (cmd != m_current.cmd) return;
-    disarm();
+    // The wait in progress stays: the next exchange most likely needs one
+    // no later, and its end, with nothing running, costs no more than a
+    // cancellation would.
+    m_deadline = Timer::time_point::max();
     finishCurrent(std::string());
   }
 
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
                   std::function<void()> done) override {
-    ba::async_write(*m_socket, ba::buffer(data, len), asio::TransferAll(),
-                    [self = shared_from_this(), sock = m_socket, cmd, serial = m_serial, done = std::move(done)](
-                        boost::system::error_code ec, std::size_t written) {
-                      self->m_bytesSent.fetch_add(written);
-                      if (serial != self->m_serial || self->m_closing) return;
-                      if (ec && self->m_statusReadPending) {
-                        // The service may have refused the request while it
-                        // was being sent: its message is on its way, and is
-                        // the better reason to give.
-                        self->m_writeError = self->ioErrorText(ec);
-                        return;
-                      }
-                      self->onIo(ec, cmd, done);
-                    });
+    m_stream.write(ba::buffer(data, len), ba::const_buffer(), shared_from_this(),
+                   [this, cmd, serial = m_serial, done = std::move(done)](boost::system::error_code ec) {
+                     if (serial != m_serial || m_closing) return;
+                     if (ec && m_statusReadPending) {
+                       // The service may have refused the request while it
+                       // was being sent: its message is on its way, and is
+                       // the better reason to give.
+                       m_writeError = ioErrorText(ec);
+                       return;
+                     }
+                     onIo(ec, cmd, done);
+                   });
   }
 
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override {
-    ba::async_read(*m_socket, ba::buffer(buf, len), asio::TransferAll(),
-                   [self = shared_from_this(), sock = m_socket, cmd, serial = m_serial, done = std::move(done)](
-                       boost::system::error_code ec, std::size_t) {
-                     if (serial != self->m_serial || self->m_closing) return;
-                     self->onIo(ec, cmd, done);
-                   });
+    m_stream.read(buf, len, shared_from_this(),
+                  [this, cmd, serial = m_serial, done = std::move(done)](boost::system::error_code ec) {
+                    if (serial != m_serial || m_closing) return;
+                    onIo(ec, cmd, done);
+                  });
   }
 
  private:
@@ -146,26 +162,27 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   std::string name() const { return m_current.cmd ? m_current.cmd->name() : "command"; }
 
-  // Moving the deadline later costs no system call: the wait in progress
-  // fires at its old time and then waits again for the new one.
+  // Moving the deadline costs no system call: a wait never reaches further
+  // than m_stride, the shortest of the limits, so the wait in progress ends
+  // no later than the new deadline; when it fires early it waits again.
   void arm(std::chrono::milliseconds limit) {
     m_limit = limit;
-    m_deadline = Timer::clock_type::now() + limit;
+    m_deadline = asio::coarseNow() + limit;
     if (m_timerWaiting && m_timer.expiry() <= m_deadline) return;
     waitForDeadline();
   }
 
   void waitForDeadline() {
     m_timerWaiting = true;
-    m_timer.expires_at(m_deadline);
+    m_timer.expires_at(std::min(m_deadline, asio::coarseNow() + m_stride));
     m_timer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
       if (ec == ba::error::operation_aborted) return;  // replaced or cancelled
       self->m_timerWaiting = false;
+      if (!self->m_current.cmd || self->m_closing) return;  // nothing runs
       if (self->m_deadline > Timer::clock_type::now()) {  // moved since
         self->waitForDeadline();
         return;
       }
-      if (!self->m_current.cmd || self->m_closing) return;  // nothing runs
       self->m_timedOut = true;
       self->closeSocket();
     });
@@ -188,12 +205,16 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   void transferError(std::string const& why) {
     std::shared_ptr<CmdI> const cmd = m_current.cmd;
     if (!cmd) return;
-    cmd->onTransferError(why);
+    {
+      IoThreads::Busy busy;
+      cmd->onTransferError(why);
+    }
     if (cmd == m_current.cmd) failCmd(cmd, why);  // an override that did not end it
   }
 
   template <class F>
   void guarded(std::shared_ptr<CmdI> const& cmd, F&& f) {
+    IoThreads::Busy busy;
     try {
       f();
     } catch (std::exception const& e) {
@@ -213,6 +234,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   }
 
   void complete(Pending& p, std::string const& error) {
+    IoThreads::Busy busy;
     try {
       p.done(p.cmd, error);
     } catch (...) {
@@ -228,6 +250,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     std::string const why = "Ipc the client is closing";
     p.cmd->setChannel(nullptr);
     try {
+      IoThreads::Busy busy;
       p.cmd->onTransferError(why);
     } catch (...) {
       // The completion must still run.
@@ -247,16 +270,15 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   void closeSocket() {
     m_connected = false;
     disarm();
-    boost::system::error_code ignored;
-    m_socket->close(ignored);
+    m_stream.close();
   }
 
   // Whether the connection still stands: a service that closed an idle
   // connection has left an end of file to be read.
   bool stillOpen() {
-    if (!m_connected || !m_socket->is_open()) return false;
+    if (!m_connected || !m_stream.socket().is_open()) return false;
     char c;
-    ssize_t const n = ::recv(m_socket->native_handle(), &c, 1, MSG_PEEK | MSG_DONTWAIT);
+    ssize_t const n = ::recv(m_stream.socket().native_handle(), &c, 1, MSG_PEEK | MSG_DONTWAIT);
     return n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK);
   }
 
@@ -277,18 +299,14 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void connect() {
     closeSocket();
-    // Each connection gets a socket object of its own. The steps of a
-    // composed read or write of the old connection may still be queued; they
-    // hold the old object and fail on it, instead of carrying the rest of an
-    // abandoned request into the new connection.
-    m_socket = std::make_shared<Socket>(m_strand);
+    m_stream.renew();  // each connection gets a socket object of its own
     arm(m_options.connectTimeout);
     boost::system::error_code ec;
     ba::ip::address const address = ba::ip::make_address(m_options.host, ec);
     if (!ec) {
-      m_socket->async_connect(
+      m_stream.socket().async_connect(
           tcp::endpoint(address, m_options.port),
-          [self = shared_from_this(), sock = m_socket, serial = m_serial](boost::system::error_code ec) {
+          [self = shared_from_this(), sock = m_stream.socketHandle(), serial = m_serial](boost::system::error_code ec) {
             if (serial != self->m_serial || self->m_closing) return;
             self->onConnected(ec);
           });
@@ -296,8 +314,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     }
     m_resolver.async_resolve(
         m_options.host, std::to_string(m_options.port),
-        [self = shared_from_this(), sock = m_socket, serial = m_serial](boost::system::error_code ec,
-                                                                        tcp::resolver::results_type results) {
+        [self = shared_from_this(), sock = m_stream.socketHandle(), serial = m_serial](
+            boost::system::error_code ec, tcp::resolver::results_type results) {
           if (serial != self->m_serial || self->m_closing) return;
           if (ec) {
             self->connectFailed(ec);
@@ -323,25 +341,26 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     }
     ++m_connectionsMade;
     boost::system::error_code ignored;
-    m_socket->set_option(tcp::no_delay(true), ignored);
+    m_stream.socket().set_option(tcp::no_delay(true), ignored);
     wire::putHello(m_hello, m_token.data());
-    ba::async_write(*m_socket, ba::buffer(m_hello),
-                    [self = shared_from_this(), sock = m_socket, serial = m_serial](boost::system::error_code ec,
-                                                                                    std::size_t) {
-                      if (serial != self->m_serial || self->m_closing) return;
-                      if (ec) {
-                        self->connectFailed(ec);
-                        return;
-                      }
-                      self->readStatus([self](std::string const& refusal) {
-                        if (!refusal.empty()) {
-                          self->transferError(refusal);
-                          return;
-                        }
-                        self->m_connected = true;
-                        self->beginExchange();
-                      });
-                    });
+    m_stream.drive([&] {
+      m_stream.write(ba::buffer(m_hello), ba::const_buffer(), shared_from_this(),
+                     [this, serial = m_serial](boost::system::error_code ec) {
+                       if (serial != m_serial || m_closing) return;
+                       if (ec) {
+                         connectFailed(ec);
+                         return;
+                       }
+                       readStatus([this](std::string const& refusal) {
+                         if (!refusal.empty()) {
+                           transferError(refusal);
+                           return;
+                         }
+                         m_connected = true;
+                         beginExchange();
+                       });
+                     });
+    });
   }
 
   // Reads a status frame; calls then with the empty string when it says ok,
@@ -349,10 +368,9 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   // directly.
   void readStatus(std::function<void(std::string const&)> then) {
     m_statusReadPending = true;
-    ba::async_read(
-        *m_socket, ba::buffer(m_status),
-        [self = shared_from_this(), sock = m_socket, serial = m_serial, then](boost::system::error_code ec,
-                                                                              std::size_t) {
+    m_stream.read(
+        m_status, sizeof m_status, shared_from_this(),
+        [self = this, serial = m_serial, then](boost::system::error_code ec) {
           if (serial != self->m_serial || self->m_closing) return;
           self->m_statusReadPending = false;
           if (ec) {
@@ -375,8 +393,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
             return;
           }
           self->m_message.assign(len, '\0');
-          ba::async_read(*sock, ba::buffer(&self->m_message[0], len),
-                         [self, sock, serial, then](boost::system::error_code ec, std::size_t) {
+          self->m_stream.read(&self->m_message[0], len, self->shared_from_this(),
+                         [self, serial, then](boost::system::error_code ec) {
                            if (serial != self->m_serial || self->m_closing) return;
                            if (ec) {
                              self->transferError("Ipc " + self->name() + ": " + self->ioErrorText(ec));
@@ -393,17 +411,18 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     m_statusOk = false;
     m_writeError.clear();
     arm(timeoutFor(cmd->reqTimeoutId()));
-    // The status is read while the request is written, so that a refusal
-    // that comes early (a drop that the service cannot store) stops the
-    // sending at once.
-    readStatus([self = shared_from_this(), cmd](std::string const& refusal) {
-      if (cmd != self->m_current.cmd) return;
+    // The status is read while the rest of the request is written, so that
+    // a refusal that comes early (a drop that the service cannot store)
+    // stops the sending at once. Started after the first write, the read
+    // often finds the answer already there.
+    readStatus([this, cmd](std::string const& refusal) {
+      if (cmd != m_current.cmd) return;
       if (!refusal.empty()) {
-        self->transferError(refusal);
+        transferError(refusal);
         return;
       }
-      self->m_statusOk = true;
-      if (self->m_reqSent) self->readResponse(cmd);
+      m_statusOk = true;
+      if (m_reqSent) readResponse(cmd);
     });
     guarded(cmd, [&] { cmd->sendReq(); });
   }
@@ -416,13 +435,12 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   SecretToken const m_token;
   bool const m_callerDriven;
   Strand const m_strand;
+  std::chrono::milliseconds const m_stride;  // the longest single wait of m_timer
   std::atomic<std::size_t> m_connectionsMade{0};
-  std::atomic<std::uint64_t> m_bytesSent{0};
 
-  // Used on the strand only.
-  // The connection of now (see connect()). Every handler of an operation on
-  // it holds the object (sock), which therefore outlives the operation.
-  std::shared_ptr<Socket> m_socket;
+  // Used on the strand only, but for m_stream.bytesWritten().
+  // The connection of now (see connect()).
+  asio::BufferedStream m_stream;
   Timer m_timer;
   tcp::resolver::rebind_executor<Strand>::other m_resolver;
   std::deque<Pending> m_queue;
@@ -460,23 +478,26 @@ CmdClient::~CmdClient() {
 }
 
 void CmdClient::execute(std::shared_ptr<CmdI> cmd, Completion done) {
-  m_conn->enqueue(std::move(cmd), std::move(done));
+  m_conn->enqueue(std::move(cmd), std::move(done), !m_ownContext);
 }
 
 std::string CmdClient::run(std::shared_ptr<CmdI> cmd) {
   if (m_ownContext) {
     std::string error;
     bool done = false;
-    execute(std::move(cmd), [&error, &done](std::shared_ptr<CmdI> const&, std::string const& e) {
-      error = e;
-      done = true;
-    });
+    m_conn->enqueue(
+        std::move(cmd),
+        [&error, &done](std::shared_ptr<CmdI> const&, std::string const& e) {
+          error = e;
+          done = true;
+        });
     m_ownContext->restart();
     while (!done && m_ownContext->run_one() > 0) {
     }
-    // Handlers made ready by the end of the exchange (cancelled waits) run
-    // now, so that none of them is left holding the command.
-    m_ownContext->poll();
+    // An exchange that completed leaves no operation behind; a failed one
+    // may leave cancelled operations, whose handlers hold the command until
+    // they run: they run now.
+    if (!done || !error.empty()) m_ownContext->poll();
     return done ? error : "Ipc the client stopped before the command completed";
   }
   std::promise<std::string> result;

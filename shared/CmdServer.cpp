@@ -1,14 +1,14 @@
 #include "shared/CmdServer.h"
 
 #include "shared/AsioTypes.h"
+#include "shared/BufferedStream.h"
 #include "shared/Log.h"
 #include "shared/Wire.h"
 
 #include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 
+#include <algorithm>
 #include <array>
 #include <condition_variable>
 #include <mutex>
@@ -33,6 +33,9 @@ std::string endpointText(tcp::endpoint const& ep) {
 // How long a refused connection is drained before it is closed, so that the
 // refusal reaches the client instead of a reset.
 constexpr std::chrono::milliseconds kLingerTime{2000};
+
+// A request frame, a JSON body and the start of a dropped file's piece.
+constexpr std::size_t kReadAhead = 16 * 1024;
 
 class Session;
 
@@ -97,7 +100,9 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
       : m_core(std::move(core)),
         m_strand(socket.get_executor()),
         m_peer(peerText(socket)),
-        m_socket(std::move(socket)),
+        m_stride(std::min({m_core->options.helloTimeout, m_core->options.transferTimeout,
+                           m_core->options.idleTimeout})),
+        m_stream(std::move(socket), kReadAhead),
         m_timer(m_strand),
         m_holdsSlot(holdsSlot) {}
 
@@ -107,17 +112,17 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 
   // Starts the exchange of hello and token.
   void start() {
-    arm(m_core->options.helloTimeout);
-    ba::async_read(m_socket, ba::buffer(m_hello),
-                   [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
-                     self->onHello(ec);
-                   });
+    m_stream.drive([&] {
+      arm(m_core->options.helloTimeout);
+      m_stream.read(m_hello.data(), m_hello.size(), shared_from_this(),
+                    [this](boost::system::error_code ec) { onHello(ec); });
+    });
   }
 
   // Refuses the connection at once (too many connections).
   void refuseAtOnce(std::string const& why) {
     Log::inst().writeLine("ERR:", "Ipc connection from " + m_peer + " refused: " + why);
-    refuse("Ipc connection refused: " + why);
+    m_stream.drive([&] { refuse("Ipc connection refused: " + why); });
   }
 
   // Run on the strand by CmdServer::stop().
@@ -129,6 +134,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   void reqDone(std::shared_ptr<CmdI> const& cmd) override {
     if (cmd != m_cmd) return;
     try {
+      IoThreads::Busy busy;
       cmd->accept(*m_core->processor);
     } catch (std::exception const& e) {
       failCmd(cmd, "Ipc " + std::string(cmd->name()) + " failed in the service: " + e.what());
@@ -166,25 +172,26 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
                   std::function<void()> done) override {
-    auto handler = [self = shared_from_this(), cmd, done = std::move(done)](
-                       boost::system::error_code ec, std::size_t) { self->onIo(ec, cmd, done); };
+    auto then = [this, cmd, done = std::move(done)](boost::system::error_code ec) {
+      onIo(ec, cmd, done);
+    };
     m_respStarted = m_respStarted || m_okPending;
+    ba::const_buffer status;
     if (m_okPending) {
       // The status frame goes out with the first bytes of the response.
       m_okPending = false;
       wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
-      std::array<ba::const_buffer, 2> const buffers{ba::buffer(m_okFrame), ba::buffer(data, len)};
-      ba::async_write(m_socket, buffers, asio::TransferAll(), std::move(handler));
-    } else {
-      ba::async_write(m_socket, ba::buffer(data, len), asio::TransferAll(), std::move(handler));
+      status = ba::buffer(m_okFrame);
     }
+    m_stream.write(status, ba::buffer(data, len), shared_from_this(), std::move(then));
   }
 
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override {
-    ba::async_read(m_socket, ba::buffer(buf, len), asio::TransferAll(),
-                   [self = shared_from_this(), cmd, done = std::move(done)](
-                       boost::system::error_code ec, std::size_t) { self->onIo(ec, cmd, done); });
+    m_stream.read(buf, len, shared_from_this(),
+                  [this, cmd, done = std::move(done)](boost::system::error_code ec) {
+                    onIo(ec, cmd, done);
+                  });
   }
 
  private:
@@ -195,21 +202,22 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   }
 
   // The deadline of the operation that runs now; a new one replaces it.
-  // Moving the deadline later costs no system call: the wait in progress
-  // fires at its old time and then waits again for the new one.
+  // Moving the deadline costs no system call: a wait never reaches further
+  // than m_stride, the shortest of the usual limits, so the wait in progress
+  // ends no later than the new deadline; when it fires early it waits again.
   void arm(std::chrono::milliseconds limit) {
     m_limit = limit;
     // A deadline that passed just as its operation completed no longer
     // counts: only the new one can time out.
     m_timedOut = false;
-    m_deadline = Timer::clock_type::now() + limit;
+    m_deadline = asio::coarseNow() + limit;
     if (m_timerWaiting && m_timer.expiry() <= m_deadline) return;
     waitForDeadline();
   }
 
   void waitForDeadline() {
     m_timerWaiting = true;
-    m_timer.expires_at(m_deadline);
+    m_timer.expires_at(std::min(m_deadline, asio::coarseNow() + m_stride));
     m_timer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
       if (ec == ba::error::operation_aborted) return;  // replaced or cancelled
       self->m_timerWaiting = false;
@@ -227,7 +235,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
         // which cancel() could not reach; the deadline is therefore kept,
         // and its next expiry cancels that part too.
         boost::system::error_code ignored;
-        self->m_socket.cancel(ignored);
+        self->m_stream.socket().cancel(ignored);
         self->m_deadline = Timer::clock_type::now() + self->m_limit;
         self->waitForDeadline();
       } else {
@@ -252,6 +260,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   // Runs f for cmd; an exception ends the exchange with its message.
   template <class F>
   void guarded(std::shared_ptr<CmdI> const& cmd, F&& f) {
+    IoThreads::Busy busy;
     try {
       f();
     } catch (std::exception const& e) {
@@ -264,7 +273,10 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
     if (cmd != m_cmd) return;
     if (ec) {
       std::string const why = "Ipc " + std::string(cmd->name()) + ": " + ioErrorText(ec);
-      cmd->onTransferError(why);
+      {
+        IoThreads::Busy busy;
+        cmd->onTransferError(why);
+      }
       if (cmd == m_cmd) failCmd(cmd, why);  // an override that did not end it
       return;
     }
@@ -297,20 +309,18 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   // Writes the ok status frame alone, then waits for the next request.
   void answerOkThenReadNext() {
     wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
-    ba::async_write(m_socket, ba::buffer(m_okFrame),
-                    [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
-                      if (ec) self->close();
-                      else self->readNextRequest();
-                    });
+    m_stream.write(ba::buffer(m_okFrame), ba::const_buffer(), shared_from_this(),
+                   [this](boost::system::error_code ec) {
+                     if (ec) close();
+                     else readNextRequest();
+                   });
   }
 
   void readNextRequest() {
     m_respStarted = false;
     arm(m_core->options.idleTimeout);
-    ba::async_read(m_socket, ba::buffer(m_frame),
-                   [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
-                     self->onRequestFrame(ec);
-                   });
+    m_stream.read(m_frame.data(), m_frame.size(), shared_from_this(),
+                  [this](boost::system::error_code ec) { onRequestFrame(ec); });
   }
 
   void onRequestFrame(boost::system::error_code ec) {
@@ -323,6 +333,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
     std::shared_ptr<CmdI> cmd;
     if (why.empty()) {
       try {
+        IoThreads::Busy busy;
         cmd = m_core->factory(m_frame[3], m_core->processor);
       } catch (std::exception const& e) {
         why = "command type code " + std::to_string(m_frame[3]) + " cannot be built: " + e.what();
@@ -356,20 +367,20 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
                          static_cast<std::uint32_t>(msg.size()));
     m_refusal += msg;
     arm(kLingerTime);
-    ba::async_write(m_socket, ba::buffer(m_refusal),
-                    [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
-                      if (ec) {
-                        self->close();
-                        return;
-                      }
-                      boost::system::error_code ignored;
-                      self->m_socket.shutdown(tcp::socket::shutdown_send, ignored);
-                      self->drain();
-                    });
+    m_stream.write(ba::buffer(m_refusal), ba::const_buffer(), shared_from_this(),
+                   [this](boost::system::error_code ec) {
+                     if (ec) {
+                       close();
+                       return;
+                     }
+                     boost::system::error_code ignored;
+                     m_stream.socket().shutdown(tcp::socket::shutdown_send, ignored);
+                     drain();
+                   });
   }
 
   void drain() {
-    m_socket.async_read_some(ba::buffer(m_drain),
+    m_stream.socket().async_read_some(ba::buffer(m_drain),
                              [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
                                if (ec) self->close();
                                else self->drain();
@@ -380,16 +391,16 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
     m_closed = true;
     m_timer.cancel();
     m_timerWaiting = false;
-    boost::system::error_code ignored;
-    m_socket.close(ignored);
+    m_stream.close();
   }
 
   std::shared_ptr<CmdServer::Core> const m_core;
   Strand const m_strand;
   std::string const m_peer;
+  std::chrono::milliseconds const m_stride;  // the longest single wait of m_timer
 
   // Used on the strand only.
-  Socket m_socket;
+  asio::BufferedStream m_stream;
   Timer m_timer;
   std::chrono::milliseconds m_limit{0};  // the deadline armed last
   std::array<unsigned char, wire::kHelloSize> m_hello{};

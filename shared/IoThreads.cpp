@@ -1,23 +1,179 @@
 #include "shared/IoThreads.h"
 
+#include <boost/asio/executor_work_guard.hpp>
+
 #include <algorithm>
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
 
 namespace Ipc {
 
-IoThreads::IoThreads(unsigned threads) : m_work(boost::asio::make_work_guard(m_context)) {
-  unsigned const count = std::max(2u, threads);
-  m_threads.reserve(count);
-  for (unsigned i = 0; i < count; ++i) m_threads.emplace_back([this] { m_context.run(); });
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+std::int64_t nowNs() {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(Clock::now().time_since_epoch())
+      .count();
 }
+
+// One thread of an IoThreads.
+struct Slot {
+  // When the outermost Busy of the thread began (0: none); written by the
+  // thread, read by the standbys.
+  std::atomic<std::int64_t> busySince{0};
+  std::atomic<bool> running{false};  // in the io_context; changed under State::mutex
+  int depth = 0;                     // nested Busy; the thread's own
+};
+
+thread_local Slot* t_slot = nullptr;
+thread_local IoThreads::State* t_state = nullptr;
+
+}  // namespace
+
+class IoThreads::State {
+ public:
+  State(unsigned threads, std::chrono::milliseconds takeOverAfter)
+      : m_takeOverAfter(takeOverAfter),
+        m_slotCount(std::max(2u, threads)),
+        m_slots(new Slot[m_slotCount]),
+        m_work(boost::asio::make_work_guard(context)) {
+    m_slots[0].running = true;
+    m_threads.reserve(m_slotCount);
+    m_threads.emplace_back([this] { runFirst(); });
+    for (unsigned i = 1; i < m_slotCount; ++i) {
+      m_threads.emplace_back([this, i] { standBy(m_slots[i]); });
+    }
+  }
+
+  void stop() {
+    m_work.reset();
+    for (std::thread& t : m_threads) {
+      if (t.joinable()) t.join();
+    }
+    m_threads.clear();
+  }
+
+  // Called by the outermost Busy of a thread of this object.
+  void onBusy() {
+    m_busyEntries.fetch_add(1);
+    if (m_asleep.load() > 0) {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_changed.notify_all();
+    }
+  }
+
+  boost::asio::io_context context;
+
+ private:
+  void runFirst() {
+    t_slot = &m_slots[0];
+    t_state = this;
+    context.run();
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_slots[0].running = false;
+    m_ended = true;
+    m_changed.notify_all();
+  }
+
+  bool held(Slot const& s, std::int64_t now) const {
+    std::int64_t const since = s.busySince.load(std::memory_order_relaxed);
+    return s.running.load() && since != 0 &&
+           std::chrono::nanoseconds(now - since) >= m_takeOverAfter;
+  }
+
+  bool anyBusy() const {
+    for (unsigned i = 0; i < m_slotCount; ++i) {
+      if (m_slots[i].busySince.load(std::memory_order_relaxed) != 0) return true;
+    }
+    return false;
+  }
+
+  // Whether a thread other than self runs, and every one that runs is held.
+  bool allRunningHeld(Slot const& self) const {
+    std::int64_t const now = nowNs();
+    bool anyRunning = false;
+    for (unsigned i = 0; i < m_slotCount; ++i) {
+      Slot const& s = m_slots[i];
+      if (&s == &self || !s.running.load()) continue;
+      if (!held(s, now)) return false;
+      anyRunning = true;
+    }
+    return anyRunning;
+  }
+
+  bool anyOtherHeld(Slot const& self) const {
+    std::int64_t const now = nowNs();
+    for (unsigned i = 0; i < m_slotCount; ++i) {
+      if (&m_slots[i] != &self && held(m_slots[i], now)) return true;
+    }
+    return false;
+  }
+
+  // Watches the running threads; joins them while all are held.
+  void standBy(Slot& self) {
+    t_slot = &self;
+    t_state = this;
+    std::unique_lock<std::mutex> lock(m_mutex);
+    std::uint64_t seen = m_busyEntries.load();
+    while (!m_ended) {
+      std::uint64_t const entries = m_busyEntries.load();
+      if (entries == seen && !anyBusy()) {
+        // No marked code ran for a whole period: sleep until some does.
+        m_asleep.fetch_add(1);
+        m_changed.wait(lock, [&] { return m_ended || m_busyEntries.load() != entries; });
+        m_asleep.fetch_sub(1);
+        seen = m_busyEntries.load();
+        continue;
+      }
+      seen = entries;
+      m_changed.wait_for(lock, m_takeOverAfter);
+      if (m_ended || !allRunningHeld(self)) continue;
+      self.running = true;
+      lock.unlock();
+      while (!context.stopped() && anyOtherHeld(self)) context.run_one_for(m_takeOverAfter);
+      lock.lock();
+      self.running = false;
+    }
+  }
+
+  std::chrono::nanoseconds const m_takeOverAfter;
+  unsigned const m_slotCount;
+  std::unique_ptr<Slot[]> const m_slots;
+  std::atomic<std::uint64_t> m_busyEntries{0};  // outermost Busy scopes begun so far
+  std::atomic<int> m_asleep{0};                 // standbys waiting for a Busy
+
+  std::mutex m_mutex;
+  std::condition_variable m_changed;  // on m_mutex: a Busy began, or the first thread ended
+  bool m_ended = false;  // the first thread's run() returned: no work is left; guarded by m_mutex
+  std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> m_work;
+  std::vector<std::thread> m_threads;  // started by the constructor, joined by stop()
+};
+
+IoThreads::IoThreads(unsigned threads, std::chrono::milliseconds takeOverAfter)
+    : m_state(std::make_unique<State>(threads, takeOverAfter)) {}
 
 IoThreads::~IoThreads() { stop(); }
 
-void IoThreads::stop() {
-  m_work.reset();
-  for (std::thread& t : m_threads) {
-    if (t.joinable()) t.join();
-  }
-  m_threads.clear();
+boost::asio::io_context& IoThreads::context() { return m_state->context; }
+
+void IoThreads::stop() { m_state->stop(); }
+
+IoThreads::Busy::Busy() {
+  Slot* const slot = t_slot;
+  if (!slot || slot->depth++ > 0) return;
+  slot->busySince.store(nowNs(), std::memory_order_relaxed);
+  t_state->onBusy();
+}
+
+IoThreads::Busy::~Busy() {
+  Slot* const slot = t_slot;
+  if (slot && --slot->depth == 0) slot->busySince.store(0, std::memory_order_relaxed);
 }
 
 }  // namespace Ipc

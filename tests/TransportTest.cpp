@@ -38,6 +38,7 @@
 #include <memory>
 #include <mutex>
 #include <regex>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -1829,26 +1830,71 @@ TEST_F(TransportTest, EachFailureIsReportedWithItsOwnReason) {
   EXPECT_EQ(2u, client->connectionsMade());
 }
 
-TEST(IoThreadsTest, RunsHandlersOnTwoThreadsAtLeastAndStopsOnce) {
-  Ipc::IoThreads io(1);
+TEST(IoThreadsTest, QuickHandlersRunOnOneThreadAndStopRunsThemAll) {
+  Ipc::IoThreads io(3);
   std::mutex mutex;
-  std::condition_variable both;
-  int arrived = 0;
-  std::atomic<int> met{0};
-  for (int i = 0; i < 2; ++i) {
+  std::set<std::thread::id> threads;  // guarded by mutex
+  std::atomic<int> ran{0};
+  for (int i = 0; i < 100; ++i) {
     boost::asio::post(io.context(), [&] {
-      std::unique_lock<std::mutex> lock(mutex);
-      ++arrived;
-      both.notify_all();
-      if (both.wait_for(lock, kPatience, [&] { return arrived == 2; })) ++met;
+      std::lock_guard<std::mutex> lock(mutex);
+      threads.insert(std::this_thread::get_id());
+      ++ran;
     });
   }
-  std::atomic<int> later{0};
-  for (int i = 0; i < 100; ++i) boost::asio::post(io.context(), [&] { ++later; });
   io.stop();
-  EXPECT_EQ(2, met.load());
-  EXPECT_EQ(100, later.load());
+  EXPECT_EQ(100, ran.load());
+  EXPECT_EQ(1u, threads.size());
   io.stop();
+}
+
+// A handler held in code marked busy does not stall the others: a standby
+// joins once it has been held for the take-over time, and not before.
+TEST(IoThreadsTest, AStandbyRelievesAThreadHeldInBusyCode) {
+  auto const takeOver = std::chrono::milliseconds(30);
+  Ipc::IoThreads io(2, takeOver);
+  std::promise<void> laterRan;
+  std::atomic<bool> released{false};
+  std::chrono::steady_clock::time_point heldSince;
+  std::chrono::steady_clock::duration waited{};
+  std::thread::id heldThread, laterThread;
+  boost::asio::post(io.context(), [&] {
+    Ipc::IoThreads::Busy busy;
+    heldThread = std::this_thread::get_id();
+    heldSince = std::chrono::steady_clock::now();
+    boost::asio::post(io.context(), [&] {
+      waited = std::chrono::steady_clock::now() - heldSince;
+      laterThread = std::this_thread::get_id();
+      laterRan.set_value();
+    });
+    released = laterRan.get_future().wait_for(kPatience) == std::future_status::ready;
+  });
+  io.stop();
+  EXPECT_TRUE(released.load());
+  EXPECT_NE(heldThread, laterThread);
+  EXPECT_GE(waited, takeOver);
+}
+
+// With every thread held, the next handler waits for one of them.
+TEST(IoThreadsTest, TwoHeldThreadsRelieveEachOtherInTurn) {
+  Ipc::IoThreads io(2, std::chrono::milliseconds(20));
+  std::mutex mutex;
+  std::condition_variable changed;
+  int held = 0;  // guarded by mutex
+  std::atomic<int> ranAfter{0};
+  for (int i = 0; i < 2; ++i) {
+    boost::asio::post(io.context(), [&] {
+      Ipc::IoThreads::Busy busy;
+      std::unique_lock<std::mutex> lock(mutex);
+      ++held;
+      changed.notify_all();
+      changed.wait_for(lock, kPatience, [&] { return held == 2; });
+    });
+  }
+  boost::asio::post(io.context(), [&] { ++ranAfter; });
+  io.stop();
+  EXPECT_EQ(2, held);
+  EXPECT_EQ(1, ranAfter.load());
 }
 
 }  // namespace
