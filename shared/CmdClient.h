@@ -10,7 +10,8 @@
 // reqTimeoutId(): 2 (quick commands) 10 s, 3 (server call, configuration
 // test) 120 s, 4 (file drop) 60 s. A drop therefore never times out for
 // being large, only for standing still. Making the connection has its own
-// limit, 5 s. All can be set in the options.
+// limit, 5 s. All can be set in the options, and hold to within a few
+// milliseconds (the clock's tick).
 //
 // A failed exchange reaches the command's onTransferError with the reason:
 // the service's own message when it refused the request, otherwise what

@@ -22,6 +22,7 @@
 // helloTimeout before the hello, ends the connection, with a refusal that
 // says so as long as the request (or the hello) is still being read. An idle
 // connection closed after idleTimeout is a normal end and is not logged.
+// Time-outs hold to within a few milliseconds (the clock's tick).
 //
 // Completions run on the threads of the IoThreads given, serialised per
 // connection; processor handlers run there too. stop() (also run by the
