@@ -132,6 +132,13 @@ void BufferedStream::receive() {
 
 void BufferedStream::write(ba::const_buffer first, ba::const_buffer second, std::shared_ptr<void> keep,
                            Handler then) {
+  if (second.size() != 0 && first.size() + second.size() <= sizeof m_joined) {
+    // Small pieces go out in one plain send, copied together.
+    std::memcpy(m_joined, first.data(), first.size());
+    std::memcpy(m_joined + first.size(), second.data(), second.size());
+    first = ba::buffer(m_joined, first.size() + second.size());
+    second = ba::const_buffer();
+  }
   std::array<ba::const_buffer, 2> buffers{first, second};
   boost::system::error_code ec;
   std::size_t written = 0;

@@ -115,6 +115,7 @@ class BufferedStream {
   std::size_t m_readGot = 0;
   Handler m_readThen;
   std::shared_ptr<void> m_readKeep;
+  char m_joined[256];  // the two small pieces of the write in progress, joined
   std::vector<Ready> m_ready;  // completions to run when the driving handler returns
   std::size_t m_readyHead = 0; // the next of m_ready to run
   bool m_driving = false;

@@ -172,9 +172,8 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
                   std::function<void()> done) override {
-    auto then = [this, cmd, done = std::move(done)](boost::system::error_code ec) {
-      onIo(ec, cmd, done);
-    };
+    m_opCmd = cmd;
+    m_opDone = std::move(done);
     m_respStarted = m_respStarted || m_okPending;
     ba::const_buffer status;
     if (m_okPending) {
@@ -183,15 +182,15 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
       wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
       status = ba::buffer(m_okFrame);
     }
-    m_stream.write(status, ba::buffer(data, len), shared_from_this(), std::move(then));
+    m_stream.write(status, ba::buffer(data, len), shared_from_this(),
+                   [this](boost::system::error_code ec) { onOp(ec); });
   }
 
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override {
-    m_stream.read(buf, len, shared_from_this(),
-                  [this, cmd, done = std::move(done)](boost::system::error_code ec) {
-                    onIo(ec, cmd, done);
-                  });
+    m_opCmd = cmd;
+    m_opDone = std::move(done);
+    m_stream.read(buf, len, shared_from_this(), [this](boost::system::error_code ec) { onOp(ec); });
   }
 
  private:
@@ -266,6 +265,16 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
     } catch (std::exception const& e) {
       failCmd(cmd, "Ipc " + std::string(cmd->name()) + " failed: " + e.what());
     }
+  }
+
+  // The operation of a command ended. Its command and completion are taken
+  // out first: the completion may start the next operation.
+  void onOp(boost::system::error_code ec) {
+    std::shared_ptr<CmdI> const cmd = std::move(m_opCmd);
+    std::function<void()> const done = std::move(m_opDone);
+    m_opCmd.reset();
+    m_opDone = nullptr;
+    onIo(ec, cmd, done);
   }
 
   void onIo(boost::system::error_code ec, std::shared_ptr<CmdI> const& cmd,
@@ -409,6 +418,10 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   std::string m_refusal;
   std::array<char, 4096> m_drain{};
   std::shared_ptr<CmdI> m_cmd;  // the command of the exchange in progress
+  // The command whose operation is in progress, and the operation's
+  // completion (one at a time).
+  std::shared_ptr<CmdI> m_opCmd;
+  std::function<void()> m_opDone;
   bool m_okPending = false;     // the ok status frame is still to be written
   bool m_respStarted = false;   // bytes of the response have been written
   Timer::time_point m_deadline{};  // when the operation in progress times out

@@ -3,7 +3,8 @@
 //
 // One thread runs the completions, so a stream of quick exchanges pays no
 // hand-over between threads. The others stand by: once every running thread
-// has been held for takeOverAfter by code marked Busy (the transport marks
+// has been held for takeOverAfter (to within the clock's tick of a few
+// milliseconds) by code marked Busy (the transport marks
 // the code of commands and processors it calls: a visit, a step of a test,
 // a piece of a file written to disk), one more joins, and leaves again once
 // the thread it relieved is back. A slow visit therefore stalls the other
