@@ -95,7 +95,7 @@ void BufferedStream::receive() {
   m_receiving = true;
   std::size_t const rest = m_readLen - m_readGot;
   auto done = [this, keep = m_readKeep, socket = m_socket, generation = m_generation](
-                        boost::system::error_code ec, std::size_t n, bool direct) {
+                  boost::system::error_code ec, std::size_t n, bool direct) {
     if (generation != m_generation) return;
     drive([&] {
       m_receiving = false;
@@ -141,11 +141,14 @@ void BufferedStream::write(ba::const_buffer first, ba::const_buffer second, std:
   }
   std::array<ba::const_buffer, 2> buffers{first, second};
   boost::system::error_code ec;
-  std::size_t written = 0;
   if (!m_socket->is_open()) {
     ec = ba::error::bad_descriptor;
-  } else if (m_socket->non_blocking() || !m_socket->non_blocking(true, ec)) {
-    // One buffer: a plain send.
+  } else if (!m_socket->non_blocking()) {
+    m_socket->non_blocking(true, ec);  // what the socket cannot take now is not waited for here
+  }
+  std::size_t written = 0;
+  if (!ec) {
+    // One buffer goes out as a plain send.
     written = second.size() == 0 ? m_socket->write_some(first, ec) : m_socket->write_some(buffers, ec);
   }
   m_bytesWritten.fetch_add(written, std::memory_order_relaxed);

@@ -2,6 +2,7 @@
 
 #include "shared/AsioTypes.h"
 #include "shared/BufferedStream.h"
+#include "shared/PendingOp.h"
 #include "shared/Wire.h"
 
 #include <sys/socket.h>
@@ -82,8 +83,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
       all.swap(self->m_queue);
       if (self->m_current.cmd) all.push_front(std::move(self->m_current));
       self->m_current = Pending();
-      self->m_opCmd.reset();
-      self->m_opDone = nullptr;
+      self->m_op = PendingOp();
       self->closeSocket();
       self->m_resolver.cancel();
       for (Pending& p : all) self->failClosing(p);
@@ -127,8 +127,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
                   std::function<void()> done) override {
-    m_opCmd = cmd;
-    m_opDone = std::move(done);
+    m_op = PendingOp{cmd, std::move(done)};
     m_stream.write(ba::buffer(data, len), ba::const_buffer(), shared_from_this(),
                    [this, serial = m_serial](boost::system::error_code ec) {
                      if (serial != m_serial || m_closing) return;
@@ -145,8 +144,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override {
-    m_opCmd = cmd;
-    m_opDone = std::move(done);
+    m_op = PendingOp{cmd, std::move(done)};
     m_stream.read(buf, len, shared_from_this(), [this, serial = m_serial](boost::system::error_code ec) {
       if (serial != m_serial || m_closing) return;
       onOp(ec);
@@ -227,14 +225,10 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     }
   }
 
-  // The operation of the command ended. Its command and completion are
-  // taken out first: the completion may start the next operation.
+  // The operation of the command ended.
   void onOp(boost::system::error_code ec) {
-    std::shared_ptr<CmdI> const cmd = std::move(m_opCmd);
-    std::function<void()> const done = std::move(m_opDone);
-    m_opCmd.reset();
-    m_opDone = nullptr;
-    onIo(ec, cmd, done);
+    PendingOp const op = m_op.take();
+    onIo(ec, op.cmd, op.done);
   }
 
   void onIo(boost::system::error_code ec, std::shared_ptr<CmdI> const& cmd,
@@ -277,8 +271,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     Pending p = std::move(m_current);
     m_current = Pending();
     ++m_serial;
-    m_opCmd.reset();  // an operation the failure left behind
-    m_opDone = nullptr;
+    m_op = PendingOp();  // an operation the failure left behind
     p.cmd->setChannel(nullptr);
     complete(p, error);
     if (!m_closing) startNext();
@@ -462,9 +455,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   tcp::resolver::rebind_executor<Strand>::other m_resolver;
   std::deque<Pending> m_queue;
   Pending m_current;               // the exchange in progress
-  // The operation of m_current.cmd in progress: its command and completion.
-  std::shared_ptr<CmdI> m_opCmd;
-  std::function<void()> m_opDone;
+  PendingOp m_op;                  // the operation of m_current.cmd in progress
   std::uint64_t m_serial = 0;      // tells handlers of an ended exchange apart
   std::chrono::milliseconds m_limit{0};
   unsigned char m_hello[wire::kHelloSize] = {};

@@ -2,6 +2,7 @@
 
 #include "shared/AsioTypes.h"
 #include "shared/BufferedStream.h"
+#include "shared/PendingOp.h"
 #include "shared/Log.h"
 #include "shared/Wire.h"
 
@@ -172,8 +173,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
                   std::function<void()> done) override {
-    m_opCmd = cmd;
-    m_opDone = std::move(done);
+    m_op = PendingOp{cmd, std::move(done)};
     m_respStarted = m_respStarted || m_okPending;
     ba::const_buffer status;
     if (m_okPending) {
@@ -188,8 +188,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override {
-    m_opCmd = cmd;
-    m_opDone = std::move(done);
+    m_op = PendingOp{cmd, std::move(done)};
     m_stream.read(buf, len, shared_from_this(), [this](boost::system::error_code ec) { onOp(ec); });
   }
 
@@ -267,14 +266,10 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
     }
   }
 
-  // The operation of a command ended. Its command and completion are taken
-  // out first: the completion may start the next operation.
+  // The operation of the command ended.
   void onOp(boost::system::error_code ec) {
-    std::shared_ptr<CmdI> const cmd = std::move(m_opCmd);
-    std::function<void()> const done = std::move(m_opDone);
-    m_opCmd.reset();
-    m_opDone = nullptr;
-    onIo(ec, cmd, done);
+    PendingOp const op = m_op.take();
+    onIo(ec, op.cmd, op.done);
   }
 
   void onIo(boost::system::error_code ec, std::shared_ptr<CmdI> const& cmd,
@@ -418,10 +413,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   std::string m_refusal;
   std::array<char, 4096> m_drain{};
   std::shared_ptr<CmdI> m_cmd;  // the command of the exchange in progress
-  // The command whose operation is in progress, and the operation's
-  // completion (one at a time).
-  std::shared_ptr<CmdI> m_opCmd;
-  std::function<void()> m_opDone;
+  PendingOp m_op;               // the operation of m_cmd in progress
   bool m_okPending = false;     // the ok status frame is still to be written
   bool m_respStarted = false;   // bytes of the response have been written
   Timer::time_point m_deadline{};  // when the operation in progress times out

@@ -41,6 +41,14 @@ class BufferedStreamTest : public ::testing::Test {
 
   void peerWrite(std::string const& bytes) { ba::write(m_peer, ba::buffer(bytes)); }
 
+  // Starts a read of a request frame that records how it ended.
+  void readFrame(boost::system::error_code& error, bool& done) {
+    m_stream->read(m_frame, sizeof m_frame, m_keep, [&error, &done](boost::system::error_code ec) {
+      error = ec;
+      done = true;
+    });
+  }
+
   std::string peerRead(std::size_t n) {
     std::string bytes(n, '\0');
     ba::read(m_peer, ba::buffer(&bytes[0], n));
@@ -51,6 +59,7 @@ class BufferedStreamTest : public ::testing::Test {
   ba::io_context m_peerIo;  // never run: the peer uses blocking calls
   tcp::socket m_peer{m_peerIo};
   std::unique_ptr<BufferedStream> m_stream;
+  char m_frame[8] = {};
   std::shared_ptr<void> const m_keep = std::make_shared<int>(0);
 };
 
@@ -196,25 +205,17 @@ TEST_F(BufferedStreamTest, AWriteLargerThanTheSocketTakesGoesOutWhole) {
 TEST_F(BufferedStreamTest, TheEndOfTheStreamInTheMiddleOfAReadIsAnError) {
   peerWrite("QX\x01");
   m_peer.close();
-  char frame[8];
   boost::system::error_code error;
   bool done = false;
-  m_stream->read(frame, sizeof frame, m_keep, [&](boost::system::error_code ec) {
-    error = ec;
-    done = true;
-  });
+  readFrame(error, done);
   ASSERT_TRUE(runUntil(done));
   EXPECT_EQ(ba::error::eof, error);
 }
 
 TEST_F(BufferedStreamTest, ClosingFailsTheReadInProgress) {
-  char frame[8];
   boost::system::error_code error;
   bool done = false;
-  m_stream->read(frame, sizeof frame, m_keep, [&](boost::system::error_code ec) {
-    error = ec;
-    done = true;
-  });
+  readFrame(error, done);
   m_io.poll();
   EXPECT_FALSE(done);
   m_stream->close();
@@ -223,9 +224,9 @@ TEST_F(BufferedStreamTest, ClosingFailsTheReadInProgress) {
 }
 
 TEST_F(BufferedStreamTest, RenewingForgetsTheOldSocketAndItsHandlers) {
-  char frame[8];
+  boost::system::error_code error;
   bool called = false;
-  m_stream->read(frame, sizeof frame, m_keep, [&](boost::system::error_code) { called = true; });
+  readFrame(error, called);
   m_io.poll();
   m_stream->renew();
   peerWrite("too late");

@@ -115,7 +115,9 @@ int main(int argc, char** argv) {
   app.add_flag("--foreground", opt.foreground, "Log to standard error (as under systemd) instead of the log file");
   app.add_option("--log-file", opt.logFile, "Log file (default without --foreground: /var/log/qxlite-svc.log as root, else beside the configuration file)");
   app.add_flag("--verbose", opt.verbose, "Write TRACE lines");
-  app.add_option("--threads", opt.threads, "Transport threads (at least 2)")->check(CLI::Range(2u, 64u));
+  app.add_option("--threads", opt.threads,
+                 "Transport threads: one runs, the others take over from a held one (at least 2)")
+      ->check(CLI::Range(2u, 64u));
   app.add_option("--scan-interval", opt.scanSecs, "Seconds between scans of the incoming folder")->check(CLI::Range(0.05, 3600.0));
   app.add_option("--http-timeout", opt.httpTimeoutSecs, "Seconds an HTTP request to the server may take")->check(CLI::Range(1L, 600L));
   try {
