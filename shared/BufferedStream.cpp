@@ -132,6 +132,7 @@ void BufferedStream::receive() {
 
 void BufferedStream::write(ba::const_buffer first, ba::const_buffer second, std::shared_ptr<void> keep,
                            Handler then) {
+  if (first.size() == 0) std::swap(first, second);
   if (second.size() != 0 && first.size() + second.size() <= sizeof m_joined) {
     // Small pieces go out in one plain send, copied together.
     std::memcpy(m_joined, first.data(), first.size());

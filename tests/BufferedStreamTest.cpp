@@ -173,6 +173,18 @@ TEST_F(BufferedStreamTest, AWriteTakenAtOnceCompletesWhenTheDrivingHandlerReturn
   EXPECT_EQ(8u, m_stream->bytesWritten());
 }
 
+TEST_F(BufferedStreamTest, AWriteOfAnEmptyPieceAndAFullOneSendsTheFullOne) {
+  bool done = false;
+  m_stream->drive([&] {
+    m_stream->write(ba::const_buffer(), ba::buffer("body", 4), m_keep, [&](boost::system::error_code ec) {
+      EXPECT_FALSE(ec);
+      done = true;
+    });
+  });
+  EXPECT_TRUE(done);
+  EXPECT_EQ("body", peerRead(4));
+}
+
 TEST_F(BufferedStreamTest, AWriteStartedOutsideADrivingHandlerCompletesFromTheStrand) {
   bool done = false;
   m_stream->write(ba::buffer("ping", 4), ba::const_buffer(), m_keep,
