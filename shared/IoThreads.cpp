@@ -31,7 +31,7 @@ struct Slot {
   // When the outermost Busy of the thread began (0: none); written by the
   // thread, read by the standbys.
   std::atomic<std::int64_t> busySince{0};
-  std::atomic<bool> running{false};  // in the io_context; changed under State::mutex
+  std::atomic<bool> running{false};  // in the io_context; changed under State::m_mutex
   int depth = 0;                     // nested Busy; the thread's own
 };
 
