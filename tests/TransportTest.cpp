@@ -1496,6 +1496,29 @@ TEST_F(TransportTest, PortTakenOnIp4Throws) {
 // ---------------------------------------------------------------------------
 // Stopping, closing, and load
 
+// The service's running thread is held by one visit; a standby serves the
+// other clients meanwhile, and each of the visits held in turn.
+TEST_F(TransportTest, AVisitThatHoldsItsThreadDoesNotStallOtherClients) {
+  startServer();
+  auto holder = makeClient();
+  auto slow = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_LONG);
+  slow->request = textObject("held");
+  Outcome held;
+  holder->execute(slow, held.completion());
+  ASSERT_TRUE(svc->gate.waitEntered(1));
+
+  auto other = makeClient();
+  for (int i = 0; i < 3; ++i) {
+    auto cmd = echo(ui, "meanwhile " + std::to_string(i));
+    ASSERT_EQ("", runCmd(*other, cmd));
+    EXPECT_EQ(textObject("meanwhile " + std::to_string(i)), cmd->response);
+  }
+  EXPECT_FALSE(held.ready());
+  svc->gate.release();
+  EXPECT_EQ("", held.get());
+  EXPECT_EQ(textObject("held"), slow->response);
+}
+
 TEST_F(TransportTest, StopWaitsForTheCommandInFlight) {
   startServer();
   auto client = makeClient();
