@@ -729,6 +729,15 @@ class TransportTest : public ::testing::Test {
   std::unique_ptr<Ipc::CmdClient> makeClient(Ipc::CmdClientOptions const& options) {
     return std::make_unique<Ipc::CmdClient>(uiIo, options, token);
   }
+  // Sends a command that the service holds at its gate, then answers with
+  // request; outcome learns how it ended.
+  std::shared_ptr<SlowCmd> sendHeld(Ipc::CmdClient& client, std::string const& request,
+                                    Outcome& outcome) {
+    auto slow = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_LONG);
+    slow->request = textObject(request);
+    client.execute(slow, outcome.completion());
+    return slow;
+  }
 
   // A raw connection that has proven the token.
   RawSocket helloConnection() {
@@ -1404,10 +1413,8 @@ TEST_F(TransportTest, ClientTimeOutsFollowTheIdentifier) {
   svc->gate.release();
   ASSERT_TRUE(svc->gate.waitLeft(3));
 
-  auto slow = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_LONG);
-  slow->request = textObject("worth the wait");
   Outcome outcome;
-  client->execute(slow, outcome.completion());
+  auto slow = sendHeld(*client, "worth the wait", outcome);
   ASSERT_TRUE(svc->gate.waitEntered(4));
   svc->gate.release();
   EXPECT_EQ("", outcome.get());
@@ -1497,14 +1504,12 @@ TEST_F(TransportTest, PortTakenOnIp4Throws) {
 // Stopping, closing, and load
 
 // The service's running thread is held by one visit; a standby serves the
-// other clients meanwhile, and each of the visits held in turn.
+// other clients meanwhile.
 TEST_F(TransportTest, AVisitThatHoldsItsThreadDoesNotStallOtherClients) {
   startServer();
   auto holder = makeClient();
-  auto slow = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_LONG);
-  slow->request = textObject("held");
   Outcome held;
-  holder->execute(slow, held.completion());
+  auto slow = sendHeld(*holder, "held", held);
   ASSERT_TRUE(svc->gate.waitEntered(1));
 
   auto other = makeClient();
@@ -1522,10 +1527,8 @@ TEST_F(TransportTest, AVisitThatHoldsItsThreadDoesNotStallOtherClients) {
 TEST_F(TransportTest, StopWaitsForTheCommandInFlight) {
   startServer();
   auto client = makeClient();
-  auto slow = std::make_shared<SlowCmd>(ui, CmdI::TIMEOUT_LONG);
-  slow->request = textObject("finish me");
   Outcome outcome;
-  client->execute(slow, outcome.completion());
+  auto slow = sendHeld(*client, "finish me", outcome);
   ASSERT_TRUE(svc->gate.waitEntered(1));
 
   auto stopped = std::async(std::launch::async, [&] { server->stop(); });
