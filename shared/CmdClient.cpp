@@ -2,6 +2,7 @@
 
 #include "shared/AsioTypes.h"
 #include "shared/BufferedStream.h"
+#include "shared/Deadline.h"
 #include "shared/PendingOp.h"
 #include "shared/Wire.h"
 
@@ -21,7 +22,6 @@ namespace ba = boost::asio;
 using ba::ip::tcp;
 using asio::Socket;
 using asio::Strand;
-using asio::Timer;
 
 namespace {
 // Many records of a configuration test at once.
@@ -36,10 +36,11 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
         m_token(token),
         m_callerDriven(callerDriven),
         m_strand(ba::make_strand(context)),
-        m_stride(std::min({m_options.connectTimeout, m_options.quickTimeout, m_options.longTimeout,
-                           m_options.transferTimeout})),
         m_stream(m_strand, kReadAhead),
-        m_timer(m_strand),
+        m_deadline(m_strand,
+                   std::min({m_options.connectTimeout, m_options.quickTimeout, m_options.longTimeout,
+                             m_options.transferTimeout}),
+                   [this] { onDeadline(); }),
         m_resolver(m_strand) {}
 
   std::chrono::milliseconds timeoutFor(int id) const {
@@ -118,10 +119,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void finishCmd(std::shared_ptr<CmdI> const& cmd) override {
     if (cmd != m_current.cmd) return;
-    // The wait in progress stays: the next exchange most likely needs one
-    // no later, and its end, with nothing running, costs no more than a
-    // cancellation would.
-    m_deadline = Timer::time_point::max();
+    m_deadline.clear();
     finishCurrent(std::string());
   }
 
@@ -165,41 +163,18 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   std::string name() const { return m_current.cmd ? m_current.cmd->name() : "command"; }
 
-  // Moving the deadline costs no system call: a wait never reaches further
-  // than m_stride, the shortest of the limits, so the wait in progress ends
-  // no later than the new deadline; when it fires early it waits again.
   void arm(std::chrono::milliseconds limit) {
-    m_limit = limit;
-    m_deadline = asio::coarseNow() + limit;
-    if (m_timerWaiting && m_timer.expiry() <= m_deadline) return;
-    waitForDeadline();
+    m_deadline.arm(limit, [this] { return shared_from_this(); });
   }
 
-  void waitForDeadline() {
-    m_timerWaiting = true;
-    m_timer.expires_at(std::min(m_deadline, asio::coarseNow() + m_stride));
-    m_timer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
-      if (ec == ba::error::operation_aborted) return;  // replaced or cancelled
-      self->m_timerWaiting = false;
-      if (!self->m_current.cmd || self->m_closing) return;  // nothing runs
-      if (self->m_deadline > Timer::clock_type::now()) {  // moved since
-        self->waitForDeadline();
-        return;
-      }
-      self->m_timedOut = true;
-      self->closeSocket();
-    });
-  }
-
-  // No deadline until the next exchange arms one.
-  void disarm() {
-    m_deadline = Timer::time_point::max();
-    m_timer.cancel();
-    m_timerWaiting = false;
+  void onDeadline() {
+    if (!m_current.cmd || m_closing) return;  // nothing runs
+    m_timedOut = true;
+    closeSocket();
   }
 
   std::string ioErrorText(boost::system::error_code ec) const {
-    if (m_timedOut) return "timed out: no byte moved for " + asio::durationText(m_limit);
+    if (m_timedOut) return "timed out: no byte moved for " + asio::durationText(m_deadline.limit());
     if (ec == ba::error::eof) return "the service closed the connection";
     return ec.message();
   }
@@ -279,7 +254,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void closeSocket() {
     m_connected = false;
-    disarm();
+    m_deadline.cancel();  // no deadline until the next exchange arms one
     m_stream.close();
   }
 
@@ -340,7 +315,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   }
 
   void connectFailed(boost::system::error_code ec) {
-    std::string const why = m_timedOut ? "no answer within " + asio::durationText(m_limit) : ec.message();
+    std::string const why =
+        m_timedOut ? "no answer within " + asio::durationText(m_deadline.limit()) : ec.message();
     transferError("Ipc cannot connect to the service at " + where() + ": " + why);
   }
 
@@ -445,19 +421,17 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   SecretToken const m_token;
   bool const m_callerDriven;
   Strand const m_strand;
-  std::chrono::milliseconds const m_stride;  // the longest single wait of m_timer
   std::atomic<std::size_t> m_connectionsMade{0};
 
   // Used on the strand only, but for m_stream.bytesWritten().
   // The connection of now (see connect()).
   asio::BufferedStream m_stream;
-  Timer m_timer;
+  asio::Deadline m_deadline;  // of the exchange in progress
   tcp::resolver::rebind_executor<Strand>::other m_resolver;
   std::deque<Pending> m_queue;
   Pending m_current;               // the exchange in progress
   PendingOp m_op;                  // the operation of m_current.cmd in progress
   std::uint64_t m_serial = 0;      // tells handlers of an ended exchange apart
-  std::chrono::milliseconds m_limit{0};
   unsigned char m_hello[wire::kHelloSize] = {};
   unsigned char m_status[wire::kFrameSize] = {};
   std::string m_message;           // a refusal being read
@@ -466,8 +440,6 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   bool m_reqSent = false;
   bool m_statusOk = false;
   bool m_statusReadPending = false;
-  Timer::time_point m_deadline = Timer::time_point::max();  // of the exchange in progress
-  bool m_timerWaiting = false;  // a wait of m_timer is in progress
   bool m_timedOut = false;
   bool m_closing = false;
 };

@@ -2,6 +2,7 @@
 
 #include "shared/AsioTypes.h"
 #include "shared/BufferedStream.h"
+#include "shared/Deadline.h"
 #include "shared/PendingOp.h"
 #include "shared/Log.h"
 #include "shared/Wire.h"
@@ -21,7 +22,6 @@ namespace ba = boost::asio;
 using ba::ip::tcp;
 using asio::Socket;
 using asio::Strand;
-using asio::Timer;
 
 namespace {
 
@@ -101,10 +101,11 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
       : m_core(std::move(core)),
         m_strand(socket.get_executor()),
         m_peer(peerText(socket)),
-        m_stride(std::min({m_core->options.helloTimeout, m_core->options.transferTimeout,
-                           m_core->options.idleTimeout})),
         m_stream(std::move(socket), kReadAhead),
-        m_timer(m_strand),
+        m_deadline(m_strand,
+                   std::min({m_core->options.helloTimeout, m_core->options.transferTimeout,
+                             m_core->options.idleTimeout}),
+                   [this] { onDeadline(); }),
         m_holdsSlot(holdsSlot) {}
 
   ~Session() { m_core->sessionEnded(this, m_holdsSlot); }
@@ -200,46 +201,29 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   }
 
   // The deadline of the operation that runs now; a new one replaces it.
-  // Moving the deadline costs no system call: a wait never reaches further
-  // than m_stride, the shortest of the usual limits, so the wait in progress
-  // ends no later than the new deadline; when it fires early it waits again.
   void arm(std::chrono::milliseconds limit) {
-    m_limit = limit;
     // A deadline that passed just as its operation completed no longer
     // counts: only the new one can time out.
     m_timedOut = false;
-    m_deadline = asio::coarseNow() + limit;
-    if (m_timerWaiting && m_timer.expiry() <= m_deadline) return;
-    waitForDeadline();
+    m_deadline.arm(limit, [this] { return shared_from_this(); });
   }
 
-  void waitForDeadline() {
-    m_timerWaiting = true;
-    m_timer.expires_at(std::min(m_deadline, asio::coarseNow() + m_stride));
-    m_timer.async_wait([self = shared_from_this()](boost::system::error_code ec) {
-      if (ec == ba::error::operation_aborted) return;  // replaced or cancelled
-      self->m_timerWaiting = false;
-      if (self->m_closed) return;
-      if (self->m_deadline > Timer::clock_type::now()) {  // moved since
-        self->waitForDeadline();
-        return;
-      }
-      self->m_timedOut = true;
-      if (self->mayStillRefuse()) {
-        // Before the hello and while a request is read, the client is still
-        // listening for a status: the read in progress is cancelled, and its
-        // handler answers with the reason instead of dropping the connection.
-        // A read whose last part had just arrived goes on with the next part,
-        // which cancel() could not reach; the deadline is therefore kept,
-        // and its next expiry cancels that part too.
-        boost::system::error_code ignored;
-        self->m_stream.socket().cancel(ignored);
-        self->m_deadline = Timer::clock_type::now() + self->m_limit;
-        self->waitForDeadline();
-      } else {
-        self->close();
-      }
-    });
+  void onDeadline() {
+    if (m_closed) return;
+    m_timedOut = true;
+    if (!mayStillRefuse()) {
+      close();
+      return;
+    }
+    // Before the hello and while a request is read, the client is still
+    // listening for a status: the read in progress is cancelled, and its
+    // handler answers with the reason instead of dropping the connection.
+    // A read whose last part had just arrived goes on with the next part,
+    // which cancel() could not reach; the deadline is therefore kept, and its
+    // next expiry cancels that part too.
+    boost::system::error_code ignored;
+    m_stream.socket().cancel(ignored);
+    m_deadline.arm(m_deadline.limit(), [this] { return shared_from_this(); });
   }
 
   // Whether a failure now can still be answered with a refusal: the status
@@ -249,7 +233,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   }
 
   std::string ioErrorText(boost::system::error_code ec) const {
-    if (m_timedOut) return "no byte moved for " + asio::durationText(m_limit);
+    if (m_timedOut) return "no byte moved for " + asio::durationText(m_deadline.limit());
     if (m_stopping) return "the service is stopping";
     if (ec == ba::error::eof) return "the client closed the connection";
     return ec.message();
@@ -393,20 +377,17 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 
   void close() {
     m_closed = true;
-    m_timer.cancel();
-    m_timerWaiting = false;
+    m_deadline.cancel();
     m_stream.close();
   }
 
   std::shared_ptr<CmdServer::Core> const m_core;
   Strand const m_strand;
   std::string const m_peer;
-  std::chrono::milliseconds const m_stride;  // the longest single wait of m_timer
 
   // Used on the strand only.
   asio::BufferedStream m_stream;
-  Timer m_timer;
-  std::chrono::milliseconds m_limit{0};  // the deadline armed last
+  asio::Deadline m_deadline;  // of the operation in progress
   std::array<unsigned char, wire::kHelloSize> m_hello{};
   std::array<unsigned char, wire::kFrameSize> m_frame{};
   unsigned char m_okFrame[wire::kFrameSize] = {};
@@ -416,8 +397,6 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   PendingOp m_op;               // the operation of m_cmd in progress
   bool m_okPending = false;     // the ok status frame is still to be written
   bool m_respStarted = false;   // bytes of the response have been written
-  Timer::time_point m_deadline{};  // when the operation in progress times out
-  bool m_timerWaiting = false;     // a wait of m_timer is in progress
   bool m_timedOut = false;
   bool m_stopping = false;
   bool m_closed = false;
