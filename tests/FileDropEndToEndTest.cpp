@@ -13,6 +13,7 @@
 #include "shared/Wire.h"
 
 #include <boost/filesystem.hpp>
+#include "tests/RawSocket.h"
 #include "tests/WireBytes.h"
 
 #include <gtest/gtest.h>
@@ -171,70 +172,7 @@ class DropProcessor : public Ipc::CmdProcessorLiteI {
   int m_visits = 0;
 };
 
-// A blocking loopback socket whose reads and writes give up after 30 s.
-class RawClient {
- public:
-  explicit RawClient(std::uint16_t port) : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    timeval tv{};
-    tv.tv_sec = 30;
-    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    ::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      ADD_FAILURE() << "cannot connect to port " << port << ": " << std::strerror(errno);
-    }
-  }
-  ~RawClient() { close(); }
-  RawClient(RawClient const&) = delete;
-  RawClient& operator=(RawClient const&) = delete;
-
-  void send(std::string const& data) {
-    for (std::size_t done = 0; done < data.size();) {
-      ssize_t const n = ::send(m_fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) {
-        ADD_FAILURE() << "raw send failed: " << std::strerror(errno);
-        return;
-      }
-      done += static_cast<std::size_t>(n);
-    }
-  }
-  // Exactly n bytes, or fewer when the stream ends or stands still.
-  std::string read(std::size_t n) {
-    std::string out;
-    char buf[4096];
-    while (out.size() < n) {
-      ssize_t const got = ::recv(m_fd, buf, std::min(sizeof buf, n - out.size()), 0);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) break;
-      out.append(buf, static_cast<std::size_t>(got));
-    }
-    return out;
-  }
-  // How the stream ends: "end of stream", "reset", or another error text
-  // ("bytes" when the peer sent something instead).
-  std::string readEnd() {
-    char c;
-    for (;;) {
-      ssize_t const got = ::recv(m_fd, &c, 1, 0);
-      if (got < 0 && errno == EINTR) continue;
-      if (got == 0) return "end of stream";
-      if (got > 0) return "bytes";
-      return errno == ECONNRESET ? "reset" : std::strerror(errno);
-    }
-  }
-  void close() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
-  }
-
- private:
-  int m_fd;
-};
-
+using qxtest::RawSocket;
 using qxtest::helloBytes;
 std::string okStatusFrame() { return qxtest::okFrame(); }
 
@@ -657,7 +595,7 @@ TEST_F(FileDropEndToEnd, ClientThatStandsStillIsDroppedByTheService) {
   Ipc::CmdServerOptions options = serverOptions();
   options.transferTimeout = 300ms;
   startService(spool, options);
-  RawClient raw(server->port());
+  RawSocket raw = RawSocket::connectTo(server->port());
   raw.send(helloBytes(token));
   ASSERT_EQ(okStatusFrame(), raw.read(Ipc::wire::kFrameSize));
   raw.send(dropRequestBytes(R"({"files":[{"name":"still.bin","size":-1}]})") + "abc");
@@ -671,7 +609,9 @@ TEST_F(FileDropEndToEnd, ClientThatStandsStillIsDroppedByTheService) {
   EXPECT_EQ("", Ipc::wire::checkFrameStart(frame));
   EXPECT_EQ(Ipc::wire::kStatusRefused, frame[3]);
   EXPECT_EQ(why, raw.read(Ipc::wire::getU32(frame + 4)));
-  EXPECT_EQ("end of stream", raw.readEnd());
+  RawSocket::Rest const rest = raw.readToEnd();
+  EXPECT_EQ("", rest.data);
+  EXPECT_EQ("end of stream", rest.end);
 
   EXPECT_TRUE(log.waitFor("ERR:" + why));
   EXPECT_EQ(std::vector<std::string>{"still.bin.noqx"}, listNames(spool));
@@ -682,7 +622,7 @@ TEST_F(FileDropEndToEnd, ClientThatDisconnectsInTheMiddleOfAPieceLeavesWhatArriv
   startService();
   std::string const content = pattern(kPiece + 500000, 14);
   {
-    RawClient raw(server->port());
+    RawSocket raw = RawSocket::connectTo(server->port());
     raw.send(helloBytes(token));
     ASSERT_EQ(okStatusFrame(), raw.read(Ipc::wire::kFrameSize));
     raw.send(dropRequestBytes(R"({"files":[{"name":"half.bin","size":2500000}]})"));

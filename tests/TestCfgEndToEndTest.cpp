@@ -11,6 +11,7 @@
 #include "shared/IoThreads.h"
 #include "shared/SecretToken.h"
 #include "shared/Wire.h"
+#include "tests/RawSocket.h"
 #include "tests/TestUtil.h"
 
 #include <arpa/inet.h>
@@ -288,92 +289,7 @@ class Completion {
 // ---------------------------------------------------------------------------
 // Raw sockets, for a peer that speaks the byte layout itself.
 
-class RawSocket {
- public:
-  RawSocket() = default;
-  explicit RawSocket(int fd) : m_fd(fd) { setTimeouts(); }
-  RawSocket(RawSocket&& o) noexcept : m_fd(o.m_fd) { o.m_fd = -1; }
-  RawSocket& operator=(RawSocket&& o) noexcept {
-    std::swap(m_fd, o.m_fd);
-    return *this;
-  }
-  ~RawSocket() { close(); }
-
-  static RawSocket connectTo(std::uint16_t port) {
-    RawSocket s(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in addr = loopback(port);
-    if (::connect(s.m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) s.close();
-    return s;
-  }
-
-  // A listening socket on 127.0.0.1 with a port the system chooses.
-  static RawSocket listenLoopback(std::uint16_t& port) {
-    RawSocket s(::socket(AF_INET, SOCK_STREAM, 0));
-    sockaddr_in addr = loopback(0);
-    socklen_t len = sizeof addr;
-    if (::bind(s.m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(s.m_fd, 4) != 0 ||
-        ::getsockname(s.m_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-      s.close();
-      return s;
-    }
-    port = ntohs(addr.sin_port);
-    return s;
-  }
-
-  RawSocket accept() const { return RawSocket(::accept(m_fd, nullptr, nullptr)); }
-
-  bool ok() const { return m_fd >= 0; }
-
-  bool sendAll(std::string const& bytes) const {
-    std::size_t done = 0;
-    while (done < bytes.size()) {
-      ssize_t const n = ::send(m_fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      done += static_cast<std::size_t>(n);
-    }
-    return true;
-  }
-
-  // Exactly n bytes, or false at the end of the stream or an error.
-  bool recvAll(std::size_t n, std::string& out) const {
-    out.assign(n, '\0');
-    std::size_t done = 0;
-    while (done < n) {
-      ssize_t const got = ::recv(m_fd, &out[done], n - done, 0);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) return false;
-      done += static_cast<std::size_t>(got);
-    }
-    return true;
-  }
-
-  void close() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
-  }
-
- private:
-  static sockaddr_in loopback(std::uint16_t port) {
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    return addr;
-  }
-
-  // No call of a test blocks for longer than kWait.
-  void setTimeouts() {
-    if (m_fd < 0) return;
-    timeval tv{};
-    tv.tv_sec = kWait.count();
-    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    ::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-  }
-
-  int m_fd = -1;
-};
+using qxtest::RawSocket;
 
 std::string statusOk() {
   unsigned char frame[Ipc::wire::kFrameSize];
@@ -397,10 +313,10 @@ std::string testCfgRequest(std::string const& body) {
 // Reads one result record; false when the stream ended or broke.
 bool readRecord(RawSocket const& s, std::string& line) {
   std::string len;
-  if (!s.recvAll(8, len)) return false;
+  if (!s.readExactly(8, len)) return false;
   std::uint64_t n = 0;
   for (int i = 7; i >= 0; --i) n = (n << 8) | static_cast<unsigned char>(len[i]);
-  return s.recvAll(static_cast<std::size_t>(n), line);
+  return s.readExactly(static_cast<std::size_t>(n), line);
 }
 
 // ---------------------------------------------------------------------------
@@ -607,13 +523,13 @@ TEST_F(TestCfgEndToEnd, UiThreadTakesLinesWhileTheTransportAppends) {
 TEST_F(TestCfgEndToEnd, ServiceStopsTheTestWhenTheClientLeavesMidStream) {
   state->addPlan(Plan{{{"+ one", "* two"}}, 1, true});
   RawSocket raw = RawSocket::connectTo(server->port());
-  ASSERT_TRUE(raw.ok());
+  ASSERT_TRUE(raw.valid());
   std::string bytes;
-  ASSERT_TRUE(raw.sendAll(helloWith(token)));
-  ASSERT_TRUE(raw.recvAll(8, bytes));
+  ASSERT_TRUE(raw.send(helloWith(token)));
+  ASSERT_TRUE(raw.readExactly(8, bytes));
   ASSERT_EQ(bytes, statusOk());
-  ASSERT_TRUE(raw.sendAll(testCfgRequest(R"({"AccountId":"acct-raw"})")));
-  ASSERT_TRUE(raw.recvAll(8, bytes));
+  ASSERT_TRUE(raw.send(testCfgRequest(R"({"AccountId":"acct-raw"})")));
+  ASSERT_TRUE(raw.readExactly(8, bytes));
   ASSERT_EQ(bytes, statusOk());
   std::string line;
   ASSERT_TRUE(readRecord(raw, line));
@@ -667,20 +583,20 @@ TEST_F(TestCfgEndToEnd, ServiceStopsTheTestWhenTheClientIsDestroyedMidStream) {
 TEST_F(TestCfgEndToEnd, ClientKeepsReceivedLinesWhenTheServiceClosesMidLine) {
   std::uint16_t port = 0;
   RawSocket listener = RawSocket::listenLoopback(port);
-  ASSERT_TRUE(listener.ok());
+  ASSERT_TRUE(listener.valid());
   std::promise<std::string> requestBody;
   std::thread fakeService([&] {
     RawSocket s = listener.accept();
     std::string hello, frame, len, body;
-    if (!s.ok() || !s.recvAll(Ipc::wire::kHelloSize, hello) || !s.sendAll(statusOk()) ||
-        !s.recvAll(8, frame) || !s.recvAll(4, len) ||
-        !s.recvAll(Ipc::wire::getU32(reinterpret_cast<unsigned char const*>(len.data())), body)) {
+    if (!s.valid() || !s.readExactly(Ipc::wire::kHelloSize, hello) || !s.send(statusOk()) ||
+        !s.readExactly(8, frame) || !s.readExactly(4, len) ||
+        !s.readExactly(Ipc::wire::getU32(reinterpret_cast<unsigned char const*>(len.data())), body)) {
       requestBody.set_value("(request not read)");
       return;
     }
     requestBody.set_value(frame.substr(0, 5) + body);
     // Two whole lines, then a third cut short: its length and 4 of its 10 bytes.
-    s.sendAll(statusOk() + record("+ one") + record("* two") + lengthRecord(10) + "- pa");
+    s.send(statusOk() + record("+ one") + record("* two") + lengthRecord(10) + "- pa");
   });  // s closes here, after the whole request was read: an orderly end
 
   Ipc::CmdClientOptions options;

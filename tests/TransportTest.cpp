@@ -14,6 +14,7 @@
 #include "shared/Wire.h"
 
 #include "tests/TestUtil.h"
+#include "tests/RawSocket.h"
 #include "tests/WireBytes.h"
 
 #include <boost/asio/post.hpp>
@@ -105,101 +106,7 @@ std::string masked(std::string const& text) {
 // ---------------------------------------------------------------------------
 // Raw sockets
 
-// A blocking TCP socket whose reads and writes give up after 15 s, so that a
-// transport that stops answering fails the test instead of hanging it.
-class RawSocket {
- public:
-  RawSocket() = default;
-  explicit RawSocket(int fd) : m_fd(fd) {
-    timeval tv{};
-    tv.tv_sec = 15;
-    ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &tv, sizeof tv);
-    ::setsockopt(m_fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-  }
-  RawSocket(RawSocket&& other) noexcept : m_fd(other.m_fd) { other.m_fd = -1; }
-  RawSocket& operator=(RawSocket&&) = delete;
-  ~RawSocket() { close(); }
-
-  static RawSocket connectTo(std::uint16_t port) {
-    int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_port = htons(port);
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-      ADD_FAILURE() << "cannot connect to port " << port << ": " << std::strerror(errno);
-    }
-    return RawSocket(fd);
-  }
-
-  bool valid() const { return m_fd >= 0; }
-
-  std::uint16_t localPort() const {
-    sockaddr_in addr{};
-    socklen_t len = sizeof addr;
-    ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len);
-    return ntohs(addr.sin_port);
-  }
-
-  void send(std::string const& data) {
-    std::size_t done = 0;
-    while (done < data.size()) {
-      ssize_t const n = ::send(m_fd, data.data() + done, data.size() - done, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) {
-        ADD_FAILURE() << "raw send failed: " << std::strerror(errno);
-        return;
-      }
-      done += static_cast<std::size_t>(n);
-    }
-  }
-
-  // Exactly n bytes, or fewer when the stream ends, fails or stands still.
-  std::string read(std::size_t n) {
-    std::string out;
-    char buf[65536];
-    while (out.size() < n) {
-      ssize_t const got = ::recv(m_fd, buf, std::min(sizeof buf, n - out.size()), 0);
-      if (got < 0 && errno == EINTR) continue;
-      if (got <= 0) break;
-      out.append(buf, static_cast<std::size_t>(got));
-    }
-    return out;
-  }
-
-  struct Rest {
-    std::string data;
-    std::string end;  // "end of stream", "reset" or "no end"
-  };
-  // Everything until the peer ends the stream.
-  Rest readToEnd() {
-    Rest rest;
-    char buf[4096];
-    for (;;) {
-      ssize_t const got = ::recv(m_fd, buf, sizeof buf, 0);
-      if (got < 0 && errno == EINTR) continue;
-      if (got == 0) {
-        rest.end = "end of stream";
-        return rest;
-      }
-      if (got < 0) {
-        rest.end = errno == ECONNRESET ? "reset" : "no end";
-        return rest;
-      }
-      rest.data.append(buf, static_cast<std::size_t>(got));
-    }
-  }
-
-  void shutdownSend() { ::shutdown(m_fd, SHUT_WR); }
-
-  void close() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
-  }
-
- private:
-  int m_fd = -1;
-};
+using qxtest::RawSocket;
 
 // A socket bound to a loopback port that the system chooses; it listens only
 // when asked, so that without listening it holds a port where connections are
