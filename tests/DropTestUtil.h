@@ -1,9 +1,10 @@
 // Helpers of the file-drop tests: ways to make a folder refuse writes that
 // hold for root (an immutable folder, a tiny tmpfs), a log watcher that a test
-// can wait on, and small file helpers.
+// can wait on, and small file and JSON helpers.
 #ifndef QX_TESTS_DROPTESTUTIL_H
 #define QX_TESTS_DROPTESTUTIL_H
 
+#include "json/Json.h"
 #include "shared/Log.h"
 
 #include <boost/filesystem.hpp>
@@ -260,6 +261,26 @@ inline void fillBlock(std::vector<char>& block, std::uint64_t seed, std::uint64_
     block[i] = static_cast<char>(x >> (8 * (i & 7)));
   }
 }
+
+// A string of size deterministic bytes.
+inline std::string pattern(std::size_t size, unsigned seed) {
+  std::vector<char> bytes(size);
+  fillBlock(bytes, seed, 0);
+  return std::string(bytes.begin(), bytes.end());
+}
+
+// The size of a piece of a dropped file.
+constexpr std::size_t kPiece = 1048576;
+// The message a user sees when the service cannot rename a dropped file.
+constexpr char kRenameFailed[] =
+    "Service file operation failed. Please contact customer service for help";
+
+inline json::Object parse(std::string const& text) {
+  return json::strToObject(text.data(), text.size());
+}
+inline std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
+// A path as the log writes it (Boost's stream operator: in double quotes).
+inline std::string quoted(boost::filesystem::path const& p) { return "\"" + p.string() + "\""; }
 
 // Writes size deterministic bytes (blocks of 1 MiB, each different) to file
 // and returns their hash.

@@ -43,19 +43,12 @@ using qxtest::listNames;
 using qxtest::readFile;
 using qxtest::writeFile;
 
-constexpr std::size_t kPiece = 1048576;
-constexpr char kRenameFailed[] =
-    "Service file operation failed. Please contact customer service for help";
-
-json::Object parse(std::string const& text) { return json::strToObject(text.data(), text.size()); }
-std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
-std::string quoted(fs::path const& p) { return "\"" + p.string() + "\""; }
-
-std::string pattern(std::size_t size, unsigned seed) {
-  std::vector<char> bytes(size);
-  qxtest::fillBlock(bytes, seed, 0);
-  return std::string(bytes.begin(), bytes.end());
-}
+using qxtest::kPiece;
+using qxtest::kRenameFailed;
+using qxtest::parse;
+using qxtest::pattern;
+using qxtest::quoted;
+using qxtest::text;
 
 // The large test is skipped with QX_SKIP_LARGE=1 in the environment.
 bool skipLarge() {

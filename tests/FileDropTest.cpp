@@ -76,20 +76,12 @@ using qxtest::listNames;
 using qxtest::readFile;
 using qxtest::writeFile;
 
-constexpr std::size_t kPiece = 1048576;
-constexpr char kRenameFailed[] =
-    "Service file operation failed. Please contact customer service for help";
-
-json::Object parse(std::string const& text) { return json::strToObject(text.data(), text.size()); }
-std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
-// A path as the log writes it (Boost's stream operator: in double quotes).
-std::string quoted(fs::path const& p) { return "\"" + p.string() + "\""; }
-
-std::string pattern(std::size_t size, unsigned seed) {
-  std::vector<char> bytes(size);
-  qxtest::fillBlock(bytes, seed, 0);
-  return std::string(bytes.begin(), bytes.end());
-}
+using qxtest::kPiece;
+using qxtest::kRenameFailed;
+using qxtest::parse;
+using qxtest::pattern;
+using qxtest::quoted;
+using qxtest::text;
 
 // The transport's channel, played by the test: it records every call with its
 // length, takes the bytes of writes, serves reads from feed, and queues each
