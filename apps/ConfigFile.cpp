@@ -67,14 +67,10 @@ Settings settingsFromObject(json::Object const& obj, std::string const& what) {
   Settings settings{json::Object()};
   try {
     settings.deserialize(obj);
-  } catch (std::runtime_error const& e) {
-    throw ConfigError(what + " holds a value that is refused: " + e.what());
-  }
-  // The caches still describe the default lists of the construction; the
-  // rules must follow the lists just read.
-  settings.IgnoredExtensionSet.clear();
-  settings.SrvFileExtsSet.clear();
-  try {
+    // The caches still describe the default lists of the construction; the
+    // rules must follow the lists just read.
+    settings.IgnoredExtensionSet.clear();
+    settings.SrvFileExtsSet.clear();
     settings.fix();
   } catch (std::runtime_error const& e) {
     throw ConfigError(what + " holds a value that is refused: " + e.what());
@@ -120,6 +116,19 @@ void writeConfigAtomically(fs::path const& file, std::string const& text) {
     ::fsync(dir);
     ::close(dir);
   }
+}
+
+char const* const kExtensionListKeys[2] = {"IgnoredExtension", "SrvFileExts"};
+
+std::optional<NonText> firstNonText(json::Object const& raw, char const* key) {
+  json::Value const v = raw[key];
+  if (v.empty()) return std::nullopt;
+  if (!v.isArray()) return NonText{-1, v.type2String()};
+  json::Array const list(v);
+  for (std::size_t i = 0; i < list.size(); ++i) {
+    if (!list[i].isString()) return NonText{static_cast<long>(i), list[i].type2String()};
+  }
+  return std::nullopt;
 }
 
 Settings independentCopy(Settings const& settings) {

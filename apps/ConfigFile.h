@@ -18,6 +18,7 @@
 
 #include <boost/filesystem/path.hpp>
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 
@@ -34,6 +35,20 @@ Settings settingsFromObject(json::Object const& obj, std::string const& what);
 // The sparse form, keys sorted, one line.
 std::string configText(Settings const& settings);
 void writeConfigAtomically(boost::filesystem::path const& file, std::string const& text);
+
+// The keys of the extension lists, which the reader passes over silently
+// when they are not lists of texts.
+extern char const* const kExtensionListKeys[2];
+
+// What is wrong with the extension list under key: index is -1 when the
+// value is not a list, else the first element that is not a text; type is
+// the offending value's type. Empty when the list is missing or holds texts
+// only.
+struct NonText {
+  long index;
+  std::string type;
+};
+std::optional<NonText> firstNonText(json::Object const& raw, char const* key);
 
 // A copy of settings that shares no JSON node with it. JSON reference counts
 // are not atomic, so a record handed to another thread must not share its

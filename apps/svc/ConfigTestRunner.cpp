@@ -114,22 +114,15 @@ void ConfigTestRunner::checkDistinct() {
 
 void ConfigTestRunner::checkExtensionLists() {
   bool good = true;
-  for (char const* key : {"IgnoredExtension", "SrvFileExts"}) {
-    json::Value const v = m_cmd.payload[key];
-    if (v.empty()) continue;
-    if (!v.isArray()) {
-      error(std::string("The list ") + key + " is not a list", "it is a " + v.type2String());
-      good = false;
-      continue;
-    }
-    json::Array const list(v);
-    for (std::size_t i = 0; i < list.size(); ++i) {
-      if (!list[i].isString()) {
-        error(std::string("The list ") + key + " holds a value that is not a text",
-              "element " + std::to_string(i) + " is a " + list[i].type2String());
-        good = false;
-        break;
-      }
+  for (char const* key : qxapp::kExtensionListKeys) {
+    std::optional<qxapp::NonText> const bad = qxapp::firstNonText(m_cmd.payload, key);
+    if (!bad) continue;
+    good = false;
+    if (bad->index < 0) {
+      error(std::string("The list ") + key + " is not a list", "it is a " + bad->type);
+    } else {
+      error(std::string("The list ") + key + " holds a value that is not a text",
+            "element " + std::to_string(bad->index) + " is a " + bad->type);
     }
   }
   if (good) pass("The extension lists hold texts only");

@@ -41,14 +41,8 @@ std::string checkRawValues(json::Object const& raw) {
       return std::string("\"") + key + "\" holds a NUL character";
     }
   }
-  for (char const* key : {"IgnoredExtension", "SrvFileExts"}) {
-    json::Value const v = raw[key];
-    if (v.empty()) continue;
-    if (!v.isArray()) return std::string("\"") + key + "\" must be a list of texts";
-    json::Array const list(v);
-    for (std::size_t i = 0; i < list.size(); ++i) {
-      if (!list[i].isString()) return std::string("\"") + key + "\" must be a list of texts";
-    }
+  for (char const* key : qxapp::kExtensionListKeys) {
+    if (qxapp::firstNonText(raw, key)) return std::string("\"") + key + "\" must be a list of texts";
   }
   return std::string();
 }
