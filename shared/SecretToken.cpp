@@ -80,11 +80,16 @@ int openForReading(fs::path const& file) {
   return fd;
 }
 
-// The token held by the open file, which must be a regular file.
-std::array<unsigned char, SecretToken::SIZE> readToken(int fd, fs::path const& file) {
+// The status of the open file, which must be a regular file.
+struct stat examineRegular(int fd, fs::path const& file) {
   struct stat st {};
   if (::fstat(fd, &st) != 0) fail(file, "cannot be examined", errno);
   if (!S_ISREG(st.st_mode)) fail(file, "is not a regular file");
+  return st;
+}
+
+// The token held by the open file (examined with examineRegular first).
+std::array<unsigned char, SecretToken::SIZE> readToken(int fd, fs::path const& file) {
   std::string text = readAll(fd, file);
   if (!text.empty() && text.back() == '\n') text.pop_back();
   if (text.size() != 2 * SecretToken::SIZE) fail(file, "does not hold a token of 64 hexadecimal digits");
@@ -125,6 +130,7 @@ SecretToken SecretToken::generate() {
 
 SecretToken SecretToken::load(fs::path const& file) {
   Fd fd(openForReading(file));
+  examineRegular(fd.get(), file);
   SecretToken token;
   token.m_bytes = readToken(fd.get(), file);
   return token;
@@ -164,9 +170,7 @@ SecretToken SecretToken::loadOrCreate(fs::path const& file, std::string const& g
   // mode and group that were asked for. The token is read from the very file
   // that was checked, not from whatever the path names afterwards.
   Fd fd(openForReading(file));
-  struct stat st {};
-  if (::fstat(fd.get(), &st) != 0) fail(file, "cannot be examined", errno);
-  if (!S_ISREG(st.st_mode)) fail(file, "is not a regular file");
+  struct stat const st = examineRegular(fd.get(), file);
   if (st.st_uid != ::geteuid()) {
     fail(file, "belongs to user id " + std::to_string(st.st_uid) + ", not to this service");
   }
