@@ -68,14 +68,18 @@ void Spooler::setSettings(Settings const& settings) {
   m_settings = std::move(copy);
 }
 
+Settings Spooler::current() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return qxapp::independentCopy(m_settings);
+}
+
 std::size_t Spooler::pause(bool discard) {
-  Settings settings{json::Object()};
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_paused = true;
-    settings = qxapp::independentCopy(m_settings);
   }
   if (!discard) return 0;
+  Settings const settings = current();
   std::lock_guard<std::mutex> scan(m_scanMutex);
   std::size_t moved = 0;
   for (fs::directory_iterator it(settings.ReceiveFolder), end; it != end; ++it) {
@@ -100,13 +104,7 @@ bool Spooler::paused() const {
 }
 
 void Spooler::scanNow() {
-  Settings settings{json::Object()};
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    if (m_paused) return;
-    settings = qxapp::independentCopy(m_settings);
-  }
-  scanOnce(settings);
+  if (!paused()) scanOnce(current());
 }
 
 void Spooler::run() {
@@ -147,11 +145,7 @@ void Spooler::scanOnce(Settings const& settings) {
 }
 
 json::Object Spooler::uploads() const {
-  Settings settings{json::Object()};
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    settings = qxapp::independentCopy(m_settings);
-  }
+  Settings const settings = current();
   struct Place {
     char const* folder;
     fs::path path;

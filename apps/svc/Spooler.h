@@ -49,6 +49,8 @@ class Spooler {
   json::Object uploads() const;
 
  private:
+  // A copy of the settings in force that shares nothing with them.
+  Settings current() const;
   void run();
   void scanOnce(Settings const& settings);
 
