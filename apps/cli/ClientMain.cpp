@@ -108,10 +108,18 @@ class Session {
   Ipc::CmdClient m_client;
 };
 
-json::Object fetchConfig(Session& s) {
+// The configuration in force.
+std::shared_ptr<Ipc::GetCfg> fetchConfig(Session& s) {
   auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
   s.run(cmd);
-  return cmd->payload;
+  return cmd;
+}
+
+// A configuration file that must exist: readConfigObject takes a missing
+// file for a configuration of defaults.
+json::Object readExistingConfig(std::string const& file) {
+  if (!fs::exists(file)) throw Failure("\"" + file + "\" does not exist");
+  return qxapp::readConfigObject(file);
 }
 
 void saveConfig(Session& s, json::Object const& obj) {
@@ -139,8 +147,7 @@ void cmdStatus(Session& s) {
 }
 
 void cmdConfigGet(Session& s, bool asJson) {
-  auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
-  s.run(cmd);
+  std::shared_ptr<Ipc::GetCfg> const cmd = fetchConfig(s);
   if (asJson) {
     std::cout << json::jsonToString(cmd->payload, true) << "\n";
   } else {
@@ -149,7 +156,7 @@ void cmdConfigGet(Session& s, bool asJson) {
 }
 
 void cmdConfigSet(Session& s, std::vector<std::string> const& assignments) {
-  json::Object obj = fetchConfig(s);
+  json::Object obj = fetchConfig(s)->payload;
   for (std::string const& a : assignments) {
     std::string::size_type const eq = a.find('=');
     if (eq == std::string::npos || eq == 0) throw Failure("\"" + a + "\" is not KEY=VALUE");
@@ -160,10 +167,7 @@ void cmdConfigSet(Session& s, std::vector<std::string> const& assignments) {
   saveConfig(s, obj);
 }
 
-void cmdConfigSave(Session& s, std::string const& file) {
-  if (!fs::exists(file)) throw Failure("\"" + file + "\" does not exist");
-  saveConfig(s, qxapp::readConfigObject(file));
-}
+void cmdConfigSave(Session& s, std::string const& file) { saveConfig(s, readExistingConfig(file)); }
 
 void cmdPauseResume(Session& s, bool pause, bool discard) {
   std::shared_ptr<Ipc::Resume> cmd =
@@ -219,11 +223,7 @@ class ProgressBar {
 };
 
 void cmdDrop(Session& s, std::vector<std::string> const& paths) {
-  std::unique_ptr<Settings> const settings = [&] {
-    auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
-    s.run(cmd);
-    return cmd->pSetts();
-  }();
+  std::unique_ptr<Settings> const settings = fetchConfig(s)->pSetts();
   for (std::string const& p : paths) {
     auto drop = std::make_shared<Ipc::FileDrop>(nullptr, p);
     try {
@@ -284,13 +284,7 @@ class TestLinePrinter : public Ipc::CmdProcessorI {
 };
 
 void cmdTestConfig(Session& s, std::string const& file) {
-  json::Object obj;
-  if (file.empty()) {
-    obj = fetchConfig(s);
-  } else {
-    if (!fs::exists(file)) throw Failure("\"" + file + "\" does not exist");
-    obj = qxapp::readConfigObject(file);
-  }
+  json::Object const obj = file.empty() ? fetchConfig(s)->payload : readExistingConfig(file);
   auto printer = std::make_shared<TestLinePrinter>();
   auto cmd = std::make_shared<Ipc::TestCfg>(printer);
   cmd->payload = obj;
