@@ -1,11 +1,11 @@
 // Helpers of the file-drop tests: ways to make a folder refuse writes that
 // hold for root (an immutable folder, a tiny tmpfs), a log watcher that a test
-// can wait on, and small file and JSON helpers.
+// can wait on, and small file helpers.
 #ifndef QX_TESTS_DROPTESTUTIL_H
 #define QX_TESTS_DROPTESTUTIL_H
 
-#include "json/Json.h"
 #include "shared/Log.h"
+#include "tests/TestUtil.h"
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
@@ -275,10 +275,6 @@ constexpr std::size_t kPiece = 1048576;
 constexpr char kRenameFailed[] =
     "Service file operation failed. Please contact customer service for help";
 
-inline json::Object parse(std::string const& text) {
-  return json::strToObject(text.data(), text.size());
-}
-inline std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
 // A path as the log writes it (Boost's stream operator: in double quotes).
 inline std::string quoted(boost::filesystem::path const& p) { return "\"" + p.string() + "\""; }
 

@@ -1,6 +1,7 @@
 // Tests of Inet::EmailCfg: defaults, the SMTP URL check, the sparse JSON form
 // and its tolerant reading, equality and the text dump.
 #include "shared/EmailCfg.h"
+#include "tests/TestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -10,9 +11,10 @@
 
 namespace {
 
+using qxtest::parse;
+
 using Inet::EmailCfg;
 
-json::Object parse(std::string const& text) { return json::strToObject(text.data(), text.size()); }
 
 std::string serialized(EmailCfg const& cfg) {
   json::Object obj;

@@ -16,6 +16,8 @@ namespace fs = boost::filesystem;
 
 namespace {
 
+using qxtest::text;
+
 using ExtSet = std::unordered_set<std::string>;
 
 json::Array list(std::initializer_list<char const*> items) {
@@ -24,7 +26,6 @@ json::Array list(std::initializer_list<char const*> items) {
   return result;
 }
 
-std::string text(json::Array const& arr) { return json::jsonToString(arr, false); }
 
 // A record whose lists are given; fix() adds the ignored defaults when
 // "noqx" is missing.

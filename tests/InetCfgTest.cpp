@@ -4,6 +4,7 @@
 // keys of Settings, with which they share one flat object.
 #include "shared/EmailCfg.h"
 #include "shared/InetCfg.h"
+#include "tests/TestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -17,10 +18,11 @@
 
 namespace {
 
+using qxtest::parse;
+
 using Inet::InetCfg;
 using Method = InetCfg::ProxyAuthMethod;
 
-json::Object parse(std::string const& text) { return json::strToObject(text.data(), text.size()); }
 std::string sortedText(json::Object const& obj) { return json::jsonToString(obj, true); }
 
 std::string serialized(InetCfg const& cfg) {

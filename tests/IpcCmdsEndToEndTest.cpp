@@ -41,6 +41,9 @@ extern char** environ;
 
 namespace {
 
+using qxtest::parse;
+using qxtest::text;
+
 using qxtest::TestLiteProcessor;
 
 std::string hello(Ipc::SecretToken const& token) { return qxtest::helloBytes(token); }
@@ -51,8 +54,6 @@ std::string hex(std::string const& bytes) { return qxtest::printable(bytes); }
 
 constexpr char kClientCfgText[] = R"({"AccountId":"acct-ui","KeyId":3,"UseDirName":true})";
 
-json::Object parse(std::string const& text) { return json::strToObject(text.data(), text.size()); }
-std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
 Settings clientSettings() { return Settings(parse(kClientCfgText)); }
 
 // The user interface's commands need a processor only for test lines.

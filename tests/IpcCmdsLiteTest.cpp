@@ -8,6 +8,7 @@
 #include "shared/CmdChannel.h"
 #include "shared/Wire.h"
 
+#include "tests/TestUtil.h"
 #include "tests/WireBytes.h"
 
 #include <gtest/gtest.h>
@@ -25,6 +26,9 @@
 
 namespace {
 
+using qxtest::parse;
+using qxtest::text;
+
 using Ipc::CmdI;
 using Ipc::CmdLiteBase;
 
@@ -36,9 +40,7 @@ std::string hex(std::string const& bytes) { return qxtest::printable(bytes); }
 constexpr char kClientCfgText[] =
     R"({"AccountId":"acct-ui","KeyId":3,"SpoolFolder":"/srv/spool","UseDirName":true})";
 
-json::Object parse(std::string const& text) { return json::strToObject(text.data(), text.size()); }
 
-std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
 
 Settings clientSettings() { return Settings(parse(kClientCfgText)); }
 

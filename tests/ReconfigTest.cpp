@@ -13,18 +13,17 @@
 
 namespace {
 
+using qxtest::parse;
+using qxtest::text;
+
 // stopSecs before a call, so that a write through it shows.
 constexpr long long kUntouched = 12345;
 
-json::Object parse(std::string const& text) {
-  return json::strToObject(text.data(), text.size());
-}
 
 json::Array array(std::string const& text) {
   return json::strToArray(text.data(), text.size());
 }
 
-std::string text(json::Array const& list) { return json::jsonToString(list, false); }
 
 std::string form(Settings const& s) { return json::jsonToString(s.serialize(), false); }
 

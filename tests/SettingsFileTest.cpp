@@ -3,6 +3,7 @@
 #include "settings/Settings.h"
 
 #include "shared/Platform.h"
+#include "tests/SettingsTestUtil.h"
 #include "tests/TestUtil.h"
 
 #include <gtest/gtest.h>
@@ -19,40 +20,13 @@ namespace fs = boost::filesystem;
 
 namespace {
 
+using qxtest::exts;
+using qxtest::fullRecord;
+using qxtest::kDefaultSrvExtsText;
+using qxtest::parse;
+using qxtest::text;
+
 using ExtSet = std::unordered_set<std::string>;
-
-constexpr char kDefaultSrvExtsText[] =
-    R"(["pdf","ps","xps","oxps","xml","json","js","csv","xls","xlsx","ods","zip","tar","enm","qxw"])";
-
-json::Object parse(std::string const& text) {
-  return json::strToObject(text.data(), text.size());
-}
-
-Settings::CfgFileExts exts(std::initializer_list<char const*> items) {
-  Settings::CfgFileExts list;
-  for (char const* item : items) list.append(json::Value(item));
-  return list;
-}
-
-std::string text(json::Array const& list) { return json::jsonToString(list, false); }
-std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
-
-// A record with every member away from its default, five of them assigned
-// after the full constructor because it has no parameter for them.
-Settings fullRecord() {
-  Settings s("acct-1", "42", 7, "PUBLIC-KEY", exts({"tmp", "noqx"}), exts({"pdf", "txt"}),
-             "/data/in", "/data/out", "srv.example.com", "alt.example.com", true,
-             "proxy.example.com:3128", true, true, true, Inet::InetCfg::ProxyAuthMethod::Digest,
-             "proxy-user", "proxy-pass", 86400, "/data/backup", true, true, 3, true,
-             "smtp://mail.example.com:587", "mail-user", "mail-pass", true, true, true,
-             "from@example.com", "to@example.com");
-  s.ConcurrentUploads = 5;
-  s.IpcPort = 5000;
-  s.IpcForceIP4 = true;
-  s.MaxConnIdleSecs = 120;
-  s.EnableCurlDbgLog = true;
-  return s;
-}
 
 // The record that the reader and fix() make of the object given as text.
 Settings read(std::string const& objText) { return Settings(parse(objText)); }

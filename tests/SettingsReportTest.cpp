@@ -1,6 +1,7 @@
 // Settings::dump: the configuration report, line by line.
 #include "settings/Settings.h"
 
+#include "tests/SettingsTestUtil.h"
 #include "tests/TestUtil.h"
 
 #include <gtest/gtest.h>
@@ -15,27 +16,8 @@
 
 namespace {
 
-Settings::CfgFileExts exts(std::initializer_list<char const*> items) {
-  Settings::CfgFileExts list;
-  for (char const* item : items) list.append(json::Value(item));
-  return list;
-}
-
-// Every member away from its default.
-Settings fullRecord() {
-  Settings s("acct-1", "42", 7, "PUBLIC-KEY", exts({"tmp", "noqx"}), exts({"pdf", "txt"}),
-             "/data/in", "/data/out", "srv.example.com", "alt.example.com", true,
-             "proxy.example.com:3128", true, true, true, Inet::InetCfg::ProxyAuthMethod::Digest,
-             "proxy-user", "proxy-pass", 86400, "/data/backup", true, true, 3, true,
-             "smtp://mail.example.com:587", "mail-user", "mail-pass", true, true, true,
-             "from@example.com", "to@example.com");
-  s.ConcurrentUploads = 5;
-  s.IpcPort = 5000;
-  s.IpcForceIP4 = true;
-  s.MaxConnIdleSecs = 120;
-  s.EnableCurlDbgLog = true;
-  return s;
-}
+using qxtest::exts;
+using qxtest::fullRecord;
 
 // The lines of a text that ends in a line feed, without their line feeds.
 std::vector<std::string> lines(std::string const& text) {

@@ -2,6 +2,7 @@
 // fix(), operator== and the node and key ids.
 #include "settings/Settings.h"
 
+#include "tests/SettingsTestUtil.h"
 #include "tests/TestUtil.h"
 
 #include <gtest/gtest.h>
@@ -19,38 +20,18 @@ namespace fs = boost::filesystem;
 
 namespace {
 
+using qxtest::constructedRecord;
+using qxtest::exts;
+using qxtest::kDefaultSrvExtsText;
+using qxtest::parse;
+using qxtest::text;
+
 using ExtSet = std::unordered_set<std::string>;
 
 // A copy of the class constant: the library does not define
 // Settings::INVALID_NODE_ID out of line, so binding the class member to a
 // reference (as the assertion macros do) does not link.
 constexpr long long kInvalidNodeId = Settings::INVALID_NODE_ID;
-
-constexpr char kDefaultSrvExtsText[] =
-    R"(["pdf","ps","xps","oxps","xml","json","js","csv","xls","xlsx","ods","zip","tar","enm","qxw"])";
-
-json::Object parse(std::string const& text) {
-  return json::strToObject(text.data(), text.size());
-}
-
-Settings::CfgFileExts exts(std::initializer_list<char const*> items) {
-  Settings::CfgFileExts list;
-  for (char const* item : items) list.append(json::Value(item));
-  return list;
-}
-
-std::string text(json::Array const& list) { return json::jsonToString(list, false); }
-
-// A record built with the full constructor; every argument differs from the
-// defaults.
-Settings fullRecord(std::string const& nodeId) {
-  return Settings("acct-1", nodeId, 7, "PUBLIC-KEY", exts({"tmp", "noqx"}), exts({"pdf", "txt"}),
-                  "/data/in", "/data/out", "srv.example.com", "alt.example.com", true,
-                  "proxy.example.com:3128", true, true, true,
-                  Inet::InetCfg::ProxyAuthMethod::Digest, "proxy-user", "proxy-pass", 86400,
-                  "/data/backup", true, true, 3, true, "smtp://mail.example.com:587", "mail-user",
-                  "mail-pass", true, true, true, "from@example.com", "to@example.com");
-}
 
 // A record built with the full constructor from empty folders and lists.
 Settings emptyFullRecord(std::string const& nodeId, Settings::CfgFileExts&& ignored,
@@ -130,7 +111,7 @@ TEST(SettingsDefaults, DefaultPortTextIs45654) {
 // Full constructor
 
 TEST(SettingsFullConstructor, StoresEveryArgument) {
-  Settings const s = fullRecord("42");
+  Settings const s = constructedRecord("42");
   EXPECT_EQ(s.AccountId, "acct-1");
   EXPECT_EQ(s.SpoolerId, 42);
   EXPECT_EQ(s.KeyId, 7);
@@ -309,8 +290,8 @@ TEST(SettingsNodeId, IdTextsArePlainSignedDecimal) {
 // operator==
 
 TEST(SettingsEquality, RecordsOfTheSameContentAreEqual) {
-  Settings const a = fullRecord("42");
-  Settings const b = fullRecord("42");
+  Settings const a = constructedRecord("42");
+  Settings const b = constructedRecord("42");
   EXPECT_TRUE(a == b);
   EXPECT_FALSE(a != b);
 }
@@ -385,9 +366,9 @@ TEST(SettingsEquality, EveryStoredMemberIsCompared) {
       {"MaxConnIdleSecs", [](Settings& s) { s.MaxConnIdleSecs = 1; }},
       {"EnableCurlDbgLog", [](Settings& s) { s.EnableCurlDbgLog = true; }},
   };
-  Settings const original = fullRecord("42");
+  Settings const original = constructedRecord("42");
   for (Case const& c : cases) {
-    Settings changed = fullRecord("42");
+    Settings changed = constructedRecord("42");
     ASSERT_TRUE(changed == original) << c.member;
     c.change(changed);
     EXPECT_FALSE(changed == original) << c.member;
@@ -410,7 +391,7 @@ TEST(SettingsEquality, NullListHandlesCompareByPresence) {
 // fix()
 
 TEST(SettingsFix, EmptyFoldersAndListsGetTheDefaults) {
-  Settings s = fullRecord("42");
+  Settings s = constructedRecord("42");
   s.ReceiveFolder.clear();
   s.SpoolFolder.clear();
   s.BackupFolder.clear();

@@ -1,8 +1,9 @@
-// Helpers of the unit tests: a temporary folder per fixture and a capture of
-// the log's lines.
+// Helpers of the unit tests: a temporary folder per fixture, a capture of
+// the log's lines, and JSON text in and out.
 #ifndef QX_TESTS_TESTUTIL_H
 #define QX_TESTS_TESTUTIL_H
 
+#include "json/Json.h"
 #include "shared/Log.h"
 
 #include <boost/filesystem.hpp>
@@ -14,6 +15,13 @@
 #include <vector>
 
 namespace qxtest {
+
+inline json::Object parse(std::string const& text) {
+  return json::strToObject(text.data(), text.size());
+}
+// Compact, keys in the order of the document.
+inline std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
+inline std::string text(json::Array const& list) { return json::jsonToString(list, false); }
 
 // A fresh folder under the system's temporary directory, removed with all its
 // content when the object dies.
