@@ -356,38 +356,38 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     m_statusReadPending = true;
     m_stream.read(
         m_status, sizeof m_status, shared_from_this(),
-        [self = this, serial = m_serial, then](boost::system::error_code ec) {
-          if (serial != self->m_serial || self->m_closing) return;
-          self->m_statusReadPending = false;
+        [this, serial = m_serial, then](boost::system::error_code ec) {
+          if (serial != m_serial || m_closing) return;
+          m_statusReadPending = false;
           if (ec) {
-            std::string const why = !self->m_writeError.empty() ? self->m_writeError : self->ioErrorText(ec);
-            self->transferError("Ipc " + self->name() + ": " + why);
+            std::string const why = !m_writeError.empty() ? m_writeError : ioErrorText(ec);
+            transferError("Ipc " + name() + ": " + why);
             return;
           }
-          std::string const bad = wire::checkFrameStart(self->m_status);
+          std::string const bad = wire::checkFrameStart(m_status);
           if (!bad.empty()) {
-            self->transferError("Ipc " + self->name() + ": the service answered with " + bad);
+            transferError("Ipc " + name() + ": the service answered with " + bad);
             return;
           }
-          if (self->m_status[3] == wire::kStatusOk) {
+          if (m_status[3] == wire::kStatusOk) {
             then(std::string());
             return;
           }
-          std::uint32_t const len = wire::getU32(self->m_status + 4);
+          std::uint32_t const len = wire::getU32(m_status + 4);
           if (len == 0 || len > wire::kMaxMessage) {
-            self->transferError("Ipc " + self->name() + ": the service refused it without a reason");
+            transferError("Ipc " + name() + ": the service refused it without a reason");
             return;
           }
-          self->m_message.assign(len, '\0');
-          self->m_stream.read(&self->m_message[0], len, self->shared_from_this(),
-                         [self, serial, then](boost::system::error_code ec) {
-                           if (serial != self->m_serial || self->m_closing) return;
-                           if (ec) {
-                             self->transferError("Ipc " + self->name() + ": " + self->ioErrorText(ec));
-                             return;
-                           }
-                           then(self->m_message);
-                         });
+          m_message.assign(len, '\0');
+          m_stream.read(&m_message[0], len, shared_from_this(),
+                        [this, serial, then](boost::system::error_code ec) {
+                          if (serial != m_serial || m_closing) return;
+                          if (ec) {
+                            transferError("Ipc " + name() + ": " + ioErrorText(ec));
+                            return;
+                          }
+                          then(m_message);
+                        });
         });
   }
 
@@ -397,10 +397,9 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     m_statusOk = false;
     m_writeError.clear();
     arm(timeoutFor(cmd->reqTimeoutId()));
-    // The status is read while the rest of the request is written, so that
-    // a refusal that comes early (a drop that the service cannot store)
-    // stops the sending at once. Started after the first write, the read
-    // often finds the answer already there.
+    // The status is read while the request is written, so that a refusal
+    // that comes early (a drop that the service cannot store) stops the
+    // sending at once.
     readStatus([this, cmd](std::string const& refusal) {
       if (cmd != m_current.cmd) return;
       if (!refusal.empty()) {
