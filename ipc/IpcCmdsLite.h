@@ -50,7 +50,7 @@ class GetUploads;
 
 // The frame that every command of this library shares: the dispatch to
 // CmdProcessorLiteI. It has no data of its own.
-class CmdLiteBase : public JsonCmdBase {
+class QX_LITE_API CmdLiteBase : public JsonCmdBase {
  public:
   using JsonCmdBase::JsonCmdBase;
 
@@ -65,7 +65,7 @@ class CmdLiteBase : public JsonCmdBase {
 // The service's handler of the commands. Each visit does nothing unless
 // overridden, so that a command whose visit is not overridden answers with
 // the response its constructor and request left.
-class CmdProcessorLiteI : public CmdProcessorI {
+class QX_LITE_API CmdProcessorLiteI : public CmdProcessorI {
  public:
   virtual void visit(IsRunning&) {}
   virtual void visit(GetCfg&) {}
@@ -94,11 +94,12 @@ enum LiteCmdType : CmdI::TypeCode {
 // For log lines that show a request or response body: text itself when
 // length is at most 30, otherwise its first 30 characters and "...". obj is
 // not read. A null text with a non-zero length throws std::logic_error.
-std::string dumpReqOrResp(json::Object const& obj, char const* text, unsigned long length);
+QX_LITE_API std::string dumpReqOrResp(json::Object const& obj, char const* text,
+                                      unsigned long length);
 
 // Whether the service runs. Request: no body. Response: {FIELD_RESP: true}
 // when running, otherwise {}.
-class IsRunning : public CmdLiteBase {
+class QX_LITE_API IsRunning : public CmdLiteBase {
  public:
   explicit IsRunning(std::shared_ptr<CmdProcessorI> processor)
       : CmdLiteBase(std::move(processor), IS_RUNNING_TYPE) {}
@@ -115,7 +116,7 @@ class IsRunning : public CmdLiteBase {
 
 // The service's configuration. Request: no body. Response: the payload, the
 // JSON form of Settings.
-class GetCfg : public CmdLiteBase {
+class QX_LITE_API GetCfg : public CmdLiteBase {
  public:
   explicit GetCfg(std::shared_ptr<CmdProcessorI> processor)
       : CmdLiteBase(std::move(processor), GET_CFG_TYPE) {}
@@ -137,7 +138,7 @@ class GetCfg : public CmdLiteBase {
 
 // Stores a new configuration. Request: the payload. Response: "ok" when the
 // service stored it, "msg" for the user.
-class SaveCfg : public CmdLiteBase {
+class QX_LITE_API SaveCfg : public CmdLiteBase {
  public:
   SaveCfg(std::shared_ptr<CmdProcessorI> processor, Settings const& settings);
   // The receiving side: an empty payload until the request is read.
@@ -159,7 +160,7 @@ class SaveCfg : public CmdLiteBase {
 };
 
 // Resumes taking new items. Request: no body. Response: "ok", "msg".
-class Resume : public CmdLiteBase {
+class QX_LITE_API Resume : public CmdLiteBase {
  public:
   explicit Resume(std::shared_ptr<CmdProcessorI> processor)
       : CmdLiteBase(std::move(processor), RESUME_TYPE) {}
@@ -182,7 +183,7 @@ class Resume : public CmdLiteBase {
 // Pauses taking new items; with delAll the waiting items are discarded by the
 // service. Request: {"delAll": true} or {} (a body even when false).
 // Response: as Resume.
-class Pause : public Resume {
+class QX_LITE_API Pause : public Resume {
  public:
   explicit Pause(std::shared_ptr<CmdProcessorI> processor, bool delAll = false)
       : Resume(std::move(processor), PAUSE_TYPE), delAll(delAll) {}
@@ -200,7 +201,7 @@ class Pause : public Resume {
 // Has the service call the server. Request: the payload {"method", "params",
 // and "inetCfg" when given}. Response: the payload as the service's visit
 // left it (the server's answer).
-class ServerRequest : public CmdLiteBase {
+class QX_LITE_API ServerRequest : public CmdLiteBase {
  public:
   ServerRequest(std::shared_ptr<CmdProcessorI> processor, std::string const& callName,
                 json::Object const& params, Inet::InetCfg const* inetCfg);
@@ -228,7 +229,7 @@ class ServerRequest : public CmdLiteBase {
 
 // The service's list of uploads. Request: no body. Response: the payload as
 // the service's visit left it.
-class GetUploads : public CmdLiteBase {
+class QX_LITE_API GetUploads : public CmdLiteBase {
  public:
   explicit GetUploads(std::shared_ptr<CmdProcessorI> processor)
       : CmdLiteBase(std::move(processor), GET_UPLOADS_TYPE) {}
@@ -262,7 +263,7 @@ class GetUploads : public CmdLiteBase {
 // The receiving side writes only into targets directly inside the folder
 // that it created: a sent name with a folder part ("docs/a.pdf", "../a",
 // "/etc/a") fails as a target that cannot be opened.
-class FileDrop : public CmdLiteBase {
+class QX_LITE_API FileDrop : public CmdLiteBase {
  public:
   static constexpr std::size_t PIECE_SIZE = 1048576;
 
@@ -315,9 +316,9 @@ class FileDrop : public CmdLiteBase {
   std::string msg;
 
  private:
-  void growBuffer(std::size_t size);
+  QX_INTERNAL void growBuffer(std::size_t size);
   // Whether target lies directly inside the folder the drop writes into.
-  bool isOwnTarget(boost::filesystem::path const& target) const;
+  QX_INTERNAL bool isOwnTarget(boost::filesystem::path const& target) const;
 
   std::unique_ptr<char[]> buffer;  // the transfer buffer, shared by all pieces
   std::size_t bufferSize = 0;
@@ -334,7 +335,7 @@ class FileDrop : public CmdLiteBase {
 // passed to the processor's processCmd, which takes lines with getRespLine.
 // The end reaches the user interface through the completion of the command.
 // On the service side the queue is used from the transport's thread only.
-class TestCfg : public CmdLiteBase {
+class QX_LITE_API TestCfg : public CmdLiteBase {
  public:
   struct SharedRespMsgs {
     std::deque<std::string> lines;  // oldest first; the empty line ends them
@@ -394,9 +395,9 @@ class TestCfg : public CmdLiteBase {
 // The service's factory: a new command of the class that type names, for the
 // receiving side, or null for a code it does not know. spoolFolder is where
 // dropped files go.
-std::shared_ptr<CmdLiteBase> createLiteCmd(CmdI::TypeCode type,
-                                           std::shared_ptr<CmdProcessorI> const& processor,
-                                           boost::filesystem::path const& spoolFolder);
+QX_LITE_API std::shared_ptr<CmdLiteBase> createLiteCmd(
+    CmdI::TypeCode type, std::shared_ptr<CmdProcessorI> const& processor,
+    boost::filesystem::path const& spoolFolder);
 
 }  // namespace Ipc
 

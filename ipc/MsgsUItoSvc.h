@@ -7,14 +7,16 @@
 #ifndef QX_IPC_MSGSUITOSVC_H
 #define QX_IPC_MSGSUITOSVC_H
 
+#include "json/Export.h"
+
 #include <string>
 
 namespace Ipc {
 
-extern std::string const TST_LINE_START_ERR;    // "- ": an error
-extern std::string const TST_LINE_START_WARN;   // "* ": a warning
-extern std::string const TST_LINE_START_PASS;   // "+ ": a check that passed
-extern std::string const TST_LINE_START_DESCR;  // "    -> ": describes the line before
+extern QX_LITE_API std::string const TST_LINE_START_ERR;    // "- ": an error
+extern QX_LITE_API std::string const TST_LINE_START_WARN;   // "* ": a warning
+extern QX_LITE_API std::string const TST_LINE_START_PASS;   // "+ ": a check that passed
+extern QX_LITE_API std::string const TST_LINE_START_DESCR;  // "    -> ": describes the line before
 
 }  // namespace Ipc
 

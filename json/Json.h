@@ -18,6 +18,8 @@
 #ifndef QX_JSON_JSON_H
 #define QX_JSON_JSON_H
 
+#include "json/Export.h"
+
 #include <jansson.h>
 
 #include <cstddef>
@@ -30,7 +32,7 @@
 namespace json {
 
 // The only error type of the layer: a message, nothing else.
-class Exc : public std::runtime_error {
+class QX_SHARED_API Exc : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -216,18 +218,18 @@ class Array : public Value {
 
 // Index of the stream flag (std::ios_base::iword) that asks for object keys in
 // sorted order. Allocated once by libQXShared.
-extern int const m_gOStreamSortedIdx;
+extern QX_SHARED_API int const m_gOStreamSortedIdx;
 
 // Compact JSON text of the value. An empty handle writes null. Bytes of strings
 // that are not valid UTF-8 are written as \ufffd, so the output always parses.
-std::ostream& operator<<(std::ostream& os, Object const& obj);
-std::ostream& operator<<(std::ostream& os, Array const& arr);
+QX_SHARED_API std::ostream& operator<<(std::ostream& os, Object const& obj);
+QX_SHARED_API std::ostream& operator<<(std::ostream& os, Array const& arr);
 
 // Parses length bytes that must form a JSON array; throws Exc otherwise.
-Array strToArray(char const* text, unsigned long length);
+QX_SHARED_API Array strToArray(char const* text, unsigned long length);
 // Parses length bytes that must form a JSON object; throws Exc otherwise.
 // Duplicate keys are refused.
-Object strToObject(char const* text, unsigned long length);
+QX_SHARED_API Object strToObject(char const* text, unsigned long length);
 
 // The JSON text of obj; with sorted set, object keys are written in sorted order.
 template <class T>

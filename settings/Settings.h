@@ -38,7 +38,7 @@ constexpr char LITE_VERSION_STR[] = "7.0.1";
 // Default TCP port of the IPC connection between user interface and service.
 constexpr std::uint16_t IPC_DEFAULT_SVC_PORT = 45654;
 
-class Settings {
+class QX_LITE_API Settings {
  public:
   // An extension list of the configuration: a JSON array of strings such as
   // "pdf" or ".PDF".

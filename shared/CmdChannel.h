@@ -18,6 +18,8 @@
 #ifndef QX_SHARED_CMDCHANNEL_H
 #define QX_SHARED_CMDCHANNEL_H
 
+#include "json/Export.h"
+
 #include <cstddef>
 #include <functional>
 #include <memory>
@@ -27,7 +29,7 @@ namespace Ipc {
 
 class CmdI;
 
-class CmdChannel {
+class QX_SHARED_API CmdChannel {
  public:
   // The request of cmd is complete on this side: written (user interface) or
   // read and deserialized (service). Called by the command frame.

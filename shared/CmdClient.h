@@ -49,7 +49,7 @@ struct CmdClientOptions {
   std::chrono::milliseconds transferTimeout = std::chrono::seconds(60);  // identifier 4
 };
 
-class CmdClient {
+class QX_SHARED_API CmdClient {
  public:
   // Called once per command: error is empty when the exchange completed.
   using Completion = std::function<void(std::shared_ptr<CmdI> const& cmd, std::string const& error)>;
@@ -82,7 +82,7 @@ class CmdClient {
   // progress display; any thread).
   std::uint64_t bytesSent() const;
 
-  class Conn;  // internal
+  class QX_INTERNAL Conn;  // internal
 
  private:
   std::unique_ptr<boost::asio::io_context> m_ownContext;  // the thread-less mode's

@@ -30,7 +30,7 @@
 
 namespace Ipc {
 
-class CmdI : public std::enable_shared_from_this<CmdI> {
+class QX_SHARED_API CmdI : public std::enable_shared_from_this<CmdI> {
  public:
   using TypeCode = std::uint8_t;
 

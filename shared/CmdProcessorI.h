@@ -12,13 +12,15 @@
 #ifndef QX_SHARED_CMDPROCESSORI_H
 #define QX_SHARED_CMDPROCESSORI_H
 
+#include "json/Export.h"
+
 #include <memory>
 
 namespace Ipc {
 
 class CmdI;
 
-class CmdProcessorI {
+class QX_SHARED_API CmdProcessorI {
  public:
   // Something arrived for cmd (a copy of the command that shares its data).
   // Does nothing unless overridden.

@@ -57,7 +57,7 @@ struct CmdServerOptions {
 using CmdFactory =
     std::function<std::shared_ptr<CmdI>(CmdI::TypeCode, std::shared_ptr<CmdProcessorI> const&)>;
 
-class CmdServer {
+class QX_SHARED_API CmdServer {
  public:
   CmdServer(IoThreads& io, CmdServerOptions options, SecretToken token, CmdFactory factory,
             std::shared_ptr<CmdProcessorI> processor);
@@ -74,7 +74,7 @@ class CmdServer {
   std::size_t connectionCount() const;
   void stop();
 
-  class Core;  // internal
+  class QX_INTERNAL Core;  // internal
 
  private:
   std::shared_ptr<Core> m_core;

@@ -23,7 +23,7 @@
 
 namespace Inet {
 
-class EmailCfg {
+class QX_SHARED_API EmailCfg {
  public:
   // "smtp://", the protocol prefix of an SMTP URL.
   static std::string const SMTP_PROT_PREF;

@@ -27,7 +27,7 @@
 
 namespace Inet {
 
-class InetCfg {
+class QX_SHARED_API InetCfg {
  public:
   enum class ProxyAuthMethod { None, Basic, Digest, Ntlm, Negotiate, Any };
 

@@ -19,6 +19,8 @@
 #ifndef QX_SHARED_IOTHREADS_H
 #define QX_SHARED_IOTHREADS_H
 
+#include "json/Export.h"
+
 #include <boost/asio/io_context.hpp>
 
 #include <chrono>
@@ -26,7 +28,7 @@
 
 namespace Ipc {
 
-class IoThreads {
+class QX_SHARED_API IoThreads {
  public:
   static constexpr std::chrono::milliseconds kTakeOverAfter{50};
 
@@ -51,7 +53,7 @@ class IoThreads {
     Busy& operator=(Busy const&) = delete;
   };
 
-  class State;  // internal
+  class QX_INTERNAL State;  // internal
 
  private:
   std::unique_ptr<State> m_state;

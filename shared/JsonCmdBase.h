@@ -22,7 +22,7 @@
 
 namespace Ipc {
 
-class JsonCmdBase : public CmdI {
+class QX_SHARED_API JsonCmdBase : public CmdI {
  public:
   // Key under which simple responses carry their result.
   static char const* const FIELD_RESP;
@@ -58,13 +58,13 @@ class JsonCmdBase : public CmdI {
   enum class Part { Request, Response };
   // Writes the body of obj (after the request frame when part is Request),
   // then calls done.
-  void writeBody(Part part, json::Object const& obj, void (JsonCmdBase::*done)());
+  QX_INTERNAL void writeBody(Part part, json::Object const& obj, void (JsonCmdBase::*done)());
   // Reads one body and hands the parsed object to the part's reader.
-  void readBody(Part part);
-  void onBodyRead(Part part);
-  std::string what(Part part) const;
+  QX_INTERNAL void readBody(Part part);
+  QX_INTERNAL void onBodyRead(Part part);
+  QX_INTERNAL std::string what(Part part) const;
   // Why a body of size bytes is refused.
-  std::string overLimit(Part part, std::uint64_t size) const;
+  QX_INTERNAL std::string overLimit(Part part, std::uint64_t size) const;
 
   // One JSON transfer at a time.
   std::unique_ptr<char[]> m_buffer;  // the body being written or read

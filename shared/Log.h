@@ -18,6 +18,8 @@
 #ifndef QX_SHARED_LOG_H
 #define QX_SHARED_LOG_H
 
+#include "json/Export.h"
+
 #include <boost/filesystem/path.hpp>
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
@@ -30,9 +32,9 @@
 
 // Whether TRACE lines are written. Set by the process (for instance from a
 // --verbose option); may be read and written from any thread.
-extern std::atomic<bool> g_LogVerbose;
+extern QX_SHARED_API std::atomic<bool> g_LogVerbose;
 
-class Log {
+class QX_SHARED_API Log {
  public:
   static Log& inst();
 
@@ -60,7 +62,7 @@ class Log {
   void toStream(std::ostream& os);
 
  private:
-  Log();
+  QX_INTERNAL Log();
 
   // Guards the members below and every line written.
   boost::mutex m_mutex;

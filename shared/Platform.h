@@ -10,12 +10,14 @@
 #ifndef QX_SHARED_PLATFORM_H
 #define QX_SHARED_PLATFORM_H
 
+#include "json/Export.h"
+
 #include <boost/thread/lock_guard.hpp>
 #include <boost/thread/mutex.hpp>
 
 #include <string>
 
-class Platform {
+class QX_SHARED_API Platform {
  public:
   static Platform& inst();
 

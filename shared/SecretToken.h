@@ -9,6 +9,8 @@
 #ifndef QX_SHARED_SECRETTOKEN_H
 #define QX_SHARED_SECRETTOKEN_H
 
+#include "json/Export.h"
+
 #include <boost/filesystem/path.hpp>
 
 #include <array>
@@ -17,7 +19,7 @@
 
 namespace Ipc {
 
-class SecretToken {
+class QX_SHARED_API SecretToken {
  public:
   static constexpr std::size_t SIZE = 32;
 

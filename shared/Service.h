@@ -2,13 +2,15 @@
 #ifndef QX_SHARED_SERVICE_H
 #define QX_SHARED_SERVICE_H
 
+#include "json/Export.h"
+
 #include <string>
 
 namespace Service {
 
 // "service": the noun that user-facing messages use for the background
 // process. Set when libQXShared is loaded, before any library that uses it.
-extern std::string const TERM4SVC;
+extern QX_SHARED_API std::string const TERM4SVC;
 
 }  // namespace Service
 

@@ -17,6 +17,26 @@ for f in include/QXLiteCommon/json/Json.h include/QXLiteCommon/settings/Settings
 done
 ls "$work"/prefix/lib/libQXShared.so.7* "$work"/prefix/lib/libQXLiteCommon.so.7* >/dev/null
 
+# Only the API is exported: names of the installed headers are, internal
+# helpers are not.
+shared_names=$(nm -DC --defined-only "$work"/prefix/lib/libQXShared.so.7)
+lite_names=$(nm -DC --defined-only "$work"/prefix/lib/libQXLiteCommon.so.7)
+for name in 'json::strToObject(char const*, unsigned long)' 'typeinfo for json::Exc' \
+            'Ipc::CmdClient::run' 'g_LogVerbose'; do
+  grep -qF "$name" <<<"$shared_names" || { echo "libQXShared does not export: $name" >&2; exit 1; }
+done
+for name in 'Settings::serialize() const' 'Ipc::TST_LINE_START_ERR' 'vtable for Ipc::FileDrop'; do
+  grep -qF "$name" <<<"$lite_names" || { echo "libQXLiteCommon does not export: $name" >&2; exit 1; }
+done
+# (Members of these names; template code of Boost that merely mentions them
+# may stay visible.)
+for name in 'qx::cfgjson::' 'Ipc::CmdClient::Conn::' 'Ipc::JsonCmdBase::readBody'; do
+  if grep -qE "^[0-9a-f]+ [A-Za-z] $name" <<<"$shared_names"; then
+    echo "libQXShared exports: $name" >&2
+    exit 1
+  fi
+done
+
 expected='45654 /etc/QXLite/config.json ["noqx","ds_store","db"]'
 
 cmake -S "$src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
