@@ -118,6 +118,19 @@ void writeConfigAtomically(fs::path const& file, std::string const& text) {
   }
 }
 
+std::set<std::string> const& configKeys() {
+  static std::set<std::string> const keys{
+      "AccountId", "SpoolerId", "KeyId", "PublicKey", "IgnoredExtension", "SrvFileExts",
+      "ReceiveFolder", "SpoolFolder", "BackupExpireSecs", "BackupFolder", "EnableLogging",
+      "AllowRemoteConfig", "MinFilesToZip", "UseDirName", "ConcurrentUploads", "IpcPort",
+      "MaxConnIdleSecs", "IpcForceIP4", "EnableCurlDbgLog", "InetServer", "InetAltServer",
+      "InetUseProxy", "InetProxy", "InetProxyTunnel", "InetProxySocks", "InetInsecureTls",
+      "InetProxyAuth", "InetProxyUser", "InetProxyPassword", "EmailSmtpUrl", "EmailUser",
+      "EmailPassword", "EmailFrom", "EmailTo", "EmailRequireTls", "EmailNotifySuccess",
+      "EmailNotifyFailure"};
+  return keys;
+}
+
 char const* const kExtensionListKeys[2] = {"IgnoredExtension", "SrvFileExts"};
 
 std::optional<NonText> firstNonText(json::Object const& raw, char const* key) {

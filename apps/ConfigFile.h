@@ -19,6 +19,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 
@@ -35,6 +36,11 @@ Settings settingsFromObject(json::Object const& obj, std::string const& what);
 // The sparse form, keys sorted, one line.
 std::string configText(Settings const& settings);
 void writeConfigAtomically(boost::filesystem::path const& file, std::string const& text);
+
+// Every key of the configuration file: those that Settings::serialize()
+// writes for a record whose members are all set, the internet and e-mail
+// records' keys included. `qxlite config set` accepts exactly these.
+std::set<std::string> const& configKeys();
 
 // The keys of the extension lists, which the reader passes over silently
 // when they are not lists of texts.

@@ -27,7 +27,6 @@
 #include <iomanip>
 #include <iostream>
 #include <mutex>
-#include <set>
 #include <sstream>
 #include <thread>
 
@@ -47,20 +46,6 @@ struct Global {
   double timeoutSecs = 0;  // 0: the transport's own time-outs
   bool verbose = false;
 };
-
-// The keys of the configuration that `config set` may change.
-std::set<std::string> const& knownKeys() {
-  static std::set<std::string> const keys{
-      "AccountId", "SpoolerId", "KeyId", "PublicKey", "IgnoredExtension", "SrvFileExts",
-      "ReceiveFolder", "SpoolFolder", "BackupExpireSecs", "BackupFolder", "EnableLogging",
-      "AllowRemoteConfig", "MinFilesToZip", "UseDirName", "ConcurrentUploads", "IpcPort",
-      "MaxConnIdleSecs", "IpcForceIP4", "EnableCurlDbgLog", "InetServer", "InetAltServer",
-      "InetUseProxy", "InetProxy", "InetProxyTunnel", "InetProxySocks", "InetInsecureTls",
-      "InetProxyAuth", "InetProxyUser", "InetProxyPassword", "EmailSmtpUrl", "EmailUser",
-      "EmailPassword", "EmailFrom", "EmailTo", "EmailRequireTls", "EmailNotifySuccess",
-      "EmailNotifyFailure"};
-  return keys;
-}
 
 bool colourOn(int fd) { return ::isatty(fd) && std::getenv("NO_COLOR") == nullptr; }
 
@@ -161,7 +146,7 @@ void cmdConfigSet(Session& s, std::vector<std::string> const& assignments) {
     std::string::size_type const eq = a.find('=');
     if (eq == std::string::npos || eq == 0) throw Failure("\"" + a + "\" is not KEY=VALUE");
     std::string const key = a.substr(0, eq);
-    if (!knownKeys().count(key)) throw Failure("unknown configuration key \"" + key + "\"");
+    if (!qxapp::configKeys().count(key)) throw Failure("unknown configuration key \"" + key + "\"");
     obj.setAt(key.c_str(), parseValue(a.substr(eq + 1)));
   }
   saveConfig(s, obj);

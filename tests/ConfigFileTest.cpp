@@ -1,0 +1,57 @@
+// The configuration keys of the programs against the keys of the record.
+#include "apps/ConfigFile.h"
+
+#include "SettingsTestUtil.h"
+
+#include <gtest/gtest.h>
+
+#include <jansson.h>
+
+#include <set>
+#include <string>
+
+namespace {
+
+std::set<std::string> keysOf(json::Object const& obj) {
+  std::set<std::string> keys;
+  char const* key;
+  json_t* value;
+  json_object_foreach(obj.get(), key, value) { keys.insert(key); }
+  return keys;
+}
+
+// A record with every member set writes every key, so the programs' list
+// must hold exactly what it writes: a key added to the record and not to the
+// list (or the other way round) shows here by name.
+TEST(ConfigKeys, AreTheKeysThatAFullRecordWrites) {
+  Settings const full = qxtest::fullRecord();
+  std::set<std::string> const written = keysOf(full.serialize());
+
+  for (std::string const& key : written) {
+    EXPECT_EQ(qxapp::configKeys().count(key), 1u) << "written but not listed: " << key;
+  }
+  for (std::string const& key : qxapp::configKeys()) {
+    EXPECT_EQ(written.count(key), 1u) << "listed but not written: " << key;
+  }
+  EXPECT_EQ(qxapp::configKeys().size(), 37u);
+}
+
+// The record under test leaves no member at its default: each part of it
+// writes its whole set of keys.
+TEST(ConfigKeys, FullRecordSetsTheInternetAndEmailKeys) {
+  Settings const full = qxtest::fullRecord();
+  json::Object inet;
+  full.InetConfig.serialize(inet);
+  json::Object email;
+  full.EmailConfig.serialize(email);
+  EXPECT_EQ(keysOf(inet),
+            (std::set<std::string>{"InetServer", "InetAltServer", "InetUseProxy", "InetProxy",
+                                   "InetProxyTunnel", "InetProxySocks", "InetInsecureTls",
+                                   "InetProxyAuth", "InetProxyUser", "InetProxyPassword"}));
+  EXPECT_EQ(keysOf(email),
+            (std::set<std::string>{"EmailSmtpUrl", "EmailUser", "EmailPassword", "EmailFrom",
+                                   "EmailTo", "EmailRequireTls", "EmailNotifySuccess",
+                                   "EmailNotifyFailure"}));
+}
+
+}  // namespace
