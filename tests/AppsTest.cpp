@@ -4,6 +4,8 @@
 // command-line client qxlite, and a tiny HTTP server of the test standing in
 // for the upload server. Every outcome is checked exactly: output lines, exit
 // status, files on disk.
+#include "tests/ProcessHarness.h"
+#include "tests/SettingsTestUtil.h"
 #include "tests/TestUtil.h"
 
 #include <arpa/inet.h>
@@ -11,10 +13,8 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -26,7 +26,6 @@
 #include <cstdint>
 #include <cstring>
 #include <ctime>
-#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -34,34 +33,21 @@
 #include <thread>
 #include <vector>
 
-extern char** environ;
-
 namespace {
 
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
+using qxtest::Child;
+using qxtest::kDefaultSrvExtsText;
+using qxtest::kProcessDeadline;
+using qxtest::Outcome;
 using qxtest::readFile;
+using qxtest::waitFor;
 using qxtest::writeFile;
 
 char const* const kSvc = QX_SVC_PROGRAM;
 char const* const kCli = QX_CLI_PROGRAM;
 char const* const kCfg = QX_CFG_PROGRAM;
-
-// Generous: sanitized processes start and run several times slower.
-constexpr auto kProcessDeadline = std::chrono::seconds(30);
-
-constexpr char kSrvExts[] =
-    R"(["pdf","ps","xps","oxps","xml","json","js","csv","xls","xlsx","ods","zip","tar","enm","qxw"])";
-
-// Polls cond every millisecond until it holds or the deadline passes.
-bool waitFor(std::function<bool()> const& cond, std::chrono::milliseconds limit = std::chrono::seconds(20)) {
-  Clock::time_point const deadline = Clock::now() + limit;
-  for (;;) {
-    if (cond()) return true;
-    if (Clock::now() > deadline) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-}
 
 std::vector<std::string> splitLines(std::string const& text) {
   std::vector<std::string> lines;
@@ -174,86 +160,6 @@ class HeldPort {
  private:
   int m_fd = -1;
   std::uint16_t m_port = 0;
-};
-
-// ---------------------------------------------------------------------------
-// Processes
-
-// What a finished process left: its exit status (128 + the signal when a
-// signal ended it) and everything it wrote.
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-// A child process with standard input from /dev/null and its output in two
-// files. A child still running when the object dies is killed and reaped.
-class Child {
- public:
-  Child(std::string const& program, std::vector<std::string> const& args, fs::path const& outFile,
-        fs::path const& errFile)
-      : m_outFile(outFile), m_errFile(errFile) {
-    std::vector<std::string> all{program};
-    all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& a : all) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_outFile.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_errFile.c_str(),
-                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int const rc = ::posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(), environ);
-    posix_spawn_file_actions_destroy(&actions);
-    if (rc != 0) {
-      ADD_FAILURE() << "cannot start " << program << ": " << std::strerror(rc);
-      m_pid = -1;
-    }
-  }
-  ~Child() {
-    if (running()) {
-      ::kill(m_pid, SIGKILL);
-      reap(0);
-    }
-  }
-  Child(Child const&) = delete;
-  Child& operator=(Child const&) = delete;
-
-  bool running() {
-    if (m_pid <= 0 || m_status >= 0) return false;
-    return !reap(WNOHANG);
-  }
-  // Whether the child ended before the deadline.
-  bool wait(std::chrono::milliseconds limit = kProcessDeadline) {
-    return waitFor([this] { return !running(); }, limit);
-  }
-  void signal(int sig) {
-    if (running()) ::kill(m_pid, sig);
-  }
-  int status() const { return m_status; }
-  std::string out() const { return readFile(m_outFile); }
-  std::string err() const { return readFile(m_errFile); }
-  Outcome outcome() const { return Outcome{m_status, out(), err()}; }
-
- private:
-  // Whether the child was reaped.
-  bool reap(int flags) {
-    int st = 0;
-    pid_t r;
-    while ((r = ::waitpid(m_pid, &st, flags)) < 0 && errno == EINTR) {
-    }
-    if (r != m_pid) return false;
-    m_status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
-    return true;
-  }
-
-  fs::path const m_outFile;
-  fs::path const m_errFile;
-  pid_t m_pid = -1;
-  int m_status = -1;
 };
 
 // ---------------------------------------------------------------------------
@@ -386,7 +292,8 @@ class AppsTest : public ::testing::Test {
   std::string configJson(std::string const& before = "", std::string const& after = "") const {
     return "{" + before + "\"BackupFolder\":\"" + backup.string() +
            "\",\"IgnoredExtension\":[\"noqx\",\"ds_store\",\"db\"]" + after + ",\"ReceiveFolder\":\"" +
-           in.string() + "\",\"SpoolFolder\":\"" + out.string() + "\",\"SrvFileExts\":" + kSrvExts + "}";
+           in.string() + "\",\"SpoolFolder\":\"" + out.string() + "\",\"SrvFileExts\":" +
+           kDefaultSrvExtsText + "}";
   }
   void writeConfig(std::string const& extra = "") const {
     writeFile(cfgFile, "{\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" + out.string() +
@@ -482,7 +389,7 @@ class AppsTest : public ::testing::Test {
            "Trace logging disabled\nRemote clients cannot configure the service\n"
            "Zip uploads with 10 or more files\nNot using folder name\n"
            "E-mail notices: off (no SMTP server)\n"
-           "Server accepted extensions: " + std::string(kSrvExts) + "\n"
+           "Server accepted extensions: " + std::string(kDefaultSrvExtsText) + "\n"
            "Max upload threads: 2\nIPC TCP port: 45654\n"
            "Maximum idle connection time: 600s\nIP4 is not forced\n";
   }
@@ -630,7 +537,8 @@ TEST_F(AppsTest, ConfigSaveTakesAFileIntoForce) {
   EXPECT_EQ(text, readFile(file));
   EXPECT_EQ("{\"BackupFolder\":\"" + backup.string() +
                 "\",\"IgnoredExtension\":[\"noqx\",\"ds_store\",\"db\"],\"KeyId\":5,\"ReceiveFolder\":\"" +
-                newIn.string() + "\",\"SpoolFolder\":\"" + out.string() + "\",\"SrvFileExts\":" + kSrvExts + "}\n",
+                newIn.string() + "\",\"SpoolFolder\":\"" + out.string() + "\",\"SrvFileExts\":" +
+                kDefaultSrvExtsText + "}\n",
             readFile(cfgFile));
   EXPECT_EQ(0750u, fileMode(newIn));
   // Drops now go to the new incoming folder, and on to the outgoing one.

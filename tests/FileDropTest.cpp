@@ -3,6 +3,7 @@
 // of both sides over a fake channel, the final names, and the unique-name
 // search of the spool folder.
 #include "DropTestUtil.h"
+#include "FakeChannel.h"
 #include "TestUtil.h"
 
 #include "ipc/IpcCmdsLite.h"
@@ -18,7 +19,6 @@
 
 #include <atomic>
 #include <condition_variable>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -72,6 +72,7 @@ extern "C" int stat64(char const* __restrict file, struct stat64* __restrict buf
 
 namespace {
 
+using qxtest::FakeChannel;
 using qxtest::listNames;
 using qxtest::readFile;
 using qxtest::writeFile;
@@ -82,60 +83,6 @@ using qxtest::parse;
 using qxtest::pattern;
 using qxtest::quoted;
 using qxtest::text;
-
-// The transport's channel, played by the test: it records every call with its
-// length, takes the bytes of writes, serves reads from feed, and queues each
-// completion until step() or run() calls it, as a connection would call it
-// later from its own thread. A read that feed cannot fill is recorded and
-// never completes, like a connection on which the bytes never come.
-class FakeChannel : public Ipc::CmdChannel {
- public:
-  void reqDone(std::shared_ptr<Ipc::CmdI> const&) override { events.push_back("reqDone"); }
-  void failCmd(std::shared_ptr<Ipc::CmdI> const&, std::string const& why) override {
-    events.push_back("failCmd " + why);
-    if (onFail) onFail();
-  }
-  void finishCmd(std::shared_ptr<Ipc::CmdI> const&) override { events.push_back("finishCmd"); }
-  void writeAsync(std::shared_ptr<Ipc::CmdI> const& cmd, void const* data, std::size_t len,
-                  std::function<void()> done) override {
-    events.push_back("write " + std::to_string(len));
-    written.append(static_cast<char const*>(data), len);
-    if (onOp) onOp();
-    m_pending.emplace_back(cmd, std::move(done));
-  }
-  void readAsync(std::shared_ptr<Ipc::CmdI> const& cmd, void* buf, std::size_t len,
-                 std::function<void()> done) override {
-    events.push_back("read " + std::to_string(len));
-    if (onOp) onOp();
-    if (feed.size() - fed < len) return;
-    std::memcpy(buf, feed.data() + fed, len);
-    fed += len;
-    m_pending.emplace_back(cmd, std::move(done));
-  }
-
-  // Completes the oldest operation; false when none is waiting.
-  bool step() {
-    if (m_pending.empty()) return false;
-    std::function<void()> const done = std::move(m_pending.front().second);
-    m_pending.pop_front();
-    done();
-    return true;
-  }
-  void run() {
-    while (step()) {
-    }
-  }
-
-  std::vector<std::string> events;
-  std::string written;
-  std::string feed;
-  std::size_t fed = 0;
-  std::function<void()> onOp;    // called at the start of every read and write
-  std::function<void()> onFail;  // called when the command fails
-
- private:
-  std::deque<std::pair<std::shared_ptr<Ipc::CmdI>, std::function<void()>>> m_pending;
-};
 
 // Whether this process holds file open.
 bool isOpenHere(fs::path const& file) {
@@ -172,7 +119,7 @@ class DropFixture : public ::testing::Test {
     request = text(drop->serializeReq());
     drop->setChannel(&ch);
     drop->sendReqDone();
-    ch.run();
+    ch.completeAll();
     return drop;
   }
 
@@ -184,7 +131,7 @@ class DropFixture : public ::testing::Test {
     drop->deserializeReq(parse(request));
     drop->setChannel(&ch, true);
     drop->readReqDone();
-    ch.run();
+    ch.completeAll();
     return drop;
   }
   std::shared_ptr<Ipc::FileDrop> receive(std::string const& request, FakeChannel& ch) {
@@ -246,7 +193,7 @@ TEST_F(FileDropListing, FolderOfOnlyEmptyFilesAndSubFoldersHasNothingToSend) {
   FakeChannel ch;
   drop->setChannel(&ch);
   drop->sendReqDone();
-  ch.run();
+  ch.completeAll();
   EXPECT_EQ(std::vector<std::string>{"reqDone"}, ch.events);
   EXPECT_EQ("", ch.written);
 }
@@ -360,7 +307,7 @@ TEST_F(FileDropRequest, OneFileNameWithAFolderPartLandsDirectlyInTheSpoolFolder)
 
 TEST_F(FileDropRequest, SeveralFilesJoinTheNamesAsSentUnderTheNewFolder) {
   FakeChannel ch;
-  ch.feed = "abcd";
+  ch.feed("abcd");
   auto drop = makeDrop(spool);
   drop->deserializeReq(
       parse(R"({"files":[{"name":"docs/report.pdf","size":3},{"name":"a","size":1}]})"));
@@ -375,8 +322,8 @@ TEST_F(FileDropRequest, SeveralFilesJoinTheNamesAsSentUnderTheNewFolder) {
   // The sub-folder is never made, so the first write fails.
   drop->setChannel(&ch, true);
   drop->readReqDone();
-  ch.run();
-  EXPECT_EQ((std::vector<std::string>{"read 3", "failCmd Ipc Failed to open " +
+  ch.completeAll();
+  EXPECT_EQ((std::vector<std::string>{"read 3", "failCmd: Ipc Failed to open " +
                                                     (tmp / "docs/report.pdf").string()}),
             ch.events);
   EXPECT_EQ("Ipc Failed to open " + (tmp / "docs/report.pdf").string(), drop->transferError());
@@ -481,7 +428,7 @@ TEST_F(FileDropRequest, NamesAreSplitAtTheirLastExtensionAndJoinedBackExactly) {
     fs::path const folder = spool / ("case" + std::to_string(index++));
     fs::create_directory(folder);
     FakeChannel ch;
-    ch.feed = "xy";
+    ch.feed("xy");
     json::Object request;
     json::Array list;
     json::Object entry;
@@ -514,7 +461,7 @@ TEST_F(FileDropTransfer, ThreeByteFileTravelsAsOnePieceAndTakesTheSentName) {
   EXPECT_TRUE(sender->files.empty());
 
   FakeChannel in;
-  in.feed = out.written;
+  in.feed(out.written);
   auto service = receive(request, in);
   EXPECT_EQ((std::vector<std::string>{"read 3", "reqDone"}), in.events);
   EXPECT_EQ(std::vector<std::string>{"a.txt.noqx"}, listNames(spool));
@@ -552,7 +499,7 @@ TEST_F(FileDropTransfer, LargeFileTravelsInMebibytePiecesAndTracesOnceBeforeTheL
   qxtest::LogWatch log;
   std::vector<std::string> readTraces;
   FakeChannel in;
-  in.feed = out.written;
+  in.feed(out.written);
   in.onOp = [&] { readTraces.push_back(std::to_string(log.lines().size())); };
   auto service = makeDrop(spool);
   service->deserializeReq(parse(request));
@@ -560,11 +507,11 @@ TEST_F(FileDropTransfer, LargeFileTravelsInMebibytePiecesAndTracesOnceBeforeTheL
   service->readReqDone();
   fs::path const target = spool / "big.bin.noqx";
   // What has arrived is on disk after every piece.
-  ASSERT_TRUE(in.step());
+  ASSERT_TRUE(in.complete());
   EXPECT_EQ(kPiece, fs::file_size(target));
-  ASSERT_TRUE(in.step());
+  ASSERT_TRUE(in.complete());
   EXPECT_EQ(2 * kPiece, fs::file_size(target));
-  in.run();
+  in.completeAll();
   EXPECT_EQ((std::vector<std::string>{"read 1048576", "read 1048576", "read 402848", "reqDone"}),
             in.events);
   EXPECT_EQ((std::vector<std::string>{"0", "0", "1"}), readTraces);
@@ -599,7 +546,7 @@ TEST_F(FileDropTransfer, PiecesNeverExceedOneMebibyteAndLeaveNoEmptyTail) {
     EXPECT_EQ(expected, out.events);
 
     FakeChannel in;
-    in.feed = out.written;
+    in.feed(out.written);
     auto service = receive(request, in, folder);
     expected = pieceEvents("read", c.pieces);
     expected.push_back("reqDone");
@@ -619,12 +566,12 @@ TEST_F(FileDropTransfer, TwoFilesTravelAsTwoPiecesIntoANewFolderThatBecomesTmp) 
   FakeChannel out;
   sender->setChannel(&out);
   sender->sendReqDone();
-  out.run();
+  out.completeAll();
   EXPECT_EQ((std::vector<std::string>{"write 10", "write 20", "reqDone"}), out.events);
   EXPECT_TRUE(out.written == ten + twenty);
 
   FakeChannel in;
-  in.feed = out.written;
+  in.feed(out.written);
   auto service = receive(request, in);
   EXPECT_EQ((std::vector<std::string>{"read 10", "read 20", "reqDone"}), in.events);
   EXPECT_EQ((std::vector<std::string>{"ten.bin", "twenty.bin"}), listNames(spool / "tmp.noqx"));
@@ -636,7 +583,7 @@ TEST_F(FileDropTransfer, TwoFilesTravelAsTwoPiecesIntoANewFolderThatBecomesTmp) 
 
   // The next folder drop finds tmp taken.
   FakeChannel again;
-  again.feed = out.written;
+  again.feed(out.written);
   auto second = receive(request, again);
   second->setResp();
   EXPECT_TRUE(second->ok);
@@ -657,7 +604,7 @@ TEST_F(FileDropTransfer, ZeroSizeFileReadsNothingAndTakesItsFinalName) {
 
 TEST_F(FileDropTransfer, ZeroSizeEntryAmongSeveralIsNeverCreated) {
   FakeChannel in;
-  in.feed = "abcde";
+  in.feed("abcde");
   auto service =
       receive(R"({"files":[{"name":"a","size":3},{"name":"zero","size":0},{"name":"b","size":2}]})", in);
   EXPECT_EQ((std::vector<std::string>{"read 3", "read 2", "reqDone"}), in.events);
@@ -669,7 +616,7 @@ TEST_F(FileDropTransfer, ZeroSizeEntryAmongSeveralIsNeverCreated) {
   fs::path const other = spool / "other";
   fs::create_directory(other);
   FakeChannel in2;
-  in2.feed = "abc";
+  in2.feed("abc");
   receive(R"({"files":[{"name":"a","size":3},{"name":"zero","size":0}]})", in2, other);
   EXPECT_EQ((std::vector<std::string>{"read 3", "reqDone"}), in2.events);
   EXPECT_EQ(std::vector<std::string>{"a"}, listNames(other / "tmp.noqx"));
@@ -693,14 +640,14 @@ TEST_F(FileDropTransfer, EmptyRequestReadsNothingAndLeavesAnEmptyFolderTmp) {
 
 TEST_F(FileDropTransfer, NegativeSizeIsTakenAsAnUnsignedCountAndReadingNeverEnds) {
   FakeChannel in;
-  in.feed = pattern(2 * kPiece, 5);
+  in.feed(pattern(2 * kPiece, 5));
   auto service = makeDrop(spool);
   service->deserializeReq(parse(R"({"files":[{"name":"a","size":-1}]})"));
   ASSERT_EQ(1u, service->files.size());
   EXPECT_EQ(18446744073709551615ULL, service->files[0].size);
   service->setChannel(&in, true);
   service->readReqDone();
-  in.run();
+  in.completeAll();
   // Two pieces arrive and are written; the third is asked for and never comes.
   EXPECT_EQ((std::vector<std::string>{"read 1048576", "read 1048576", "read 1048576"}), in.events);
   EXPECT_EQ(2 * kPiece, fs::file_size(spool / "a.noqx"));
@@ -715,8 +662,8 @@ TEST_F(FileDropTransfer, SourceThatShrankAfterListingFailsToRead) {
   FakeChannel out;
   sender->setChannel(&out);
   sender->sendReqDone();
-  out.run();
-  EXPECT_EQ(std::vector<std::string>{"failCmd Failed to read " + file.string()}, out.events);
+  out.completeAll();
+  EXPECT_EQ(std::vector<std::string>{"failCmd: Failed to read " + file.string()}, out.events);
   EXPECT_EQ("Failed to read " + file.string(), sender->transferError());
 }
 
@@ -730,8 +677,8 @@ TEST_F(FileDropTransfer, SourceThatShrankAfterTheFirstPieceFailsAtTheNextPiece) 
   sender->setChannel(&out);
   sender->sendReqDone();
   writeFile(file, content.substr(0, 1500000));
-  out.run();
-  EXPECT_EQ((std::vector<std::string>{"write 1048576", "failCmd Failed to read " + file.string()}),
+  out.completeAll();
+  EXPECT_EQ((std::vector<std::string>{"write 1048576", "failCmd: Failed to read " + file.string()}),
             out.events);
 }
 
@@ -744,8 +691,8 @@ TEST_F(FileDropTransfer, SourceThatVanishedFailsToOpen) {
   FakeChannel out;
   sender->setChannel(&out);
   sender->sendReqDone();
-  out.run();
-  EXPECT_EQ(std::vector<std::string>{"failCmd Failed to open " + file.string()}, out.events);
+  out.completeAll();
+  EXPECT_EQ(std::vector<std::string>{"failCmd: Failed to open " + file.string()}, out.events);
 }
 
 TEST_F(FileDropTransfer, FileThatGrewIsSentOnlyUpToItsListedSize) {
@@ -757,7 +704,7 @@ TEST_F(FileDropTransfer, FileThatGrewIsSentOnlyUpToItsListedSize) {
   FakeChannel out;
   sender->setChannel(&out);
   sender->sendReqDone();
-  out.run();
+  out.completeAll();
   EXPECT_EQ((std::vector<std::string>{"write 3", "reqDone"}), out.events);
   EXPECT_EQ("abc", out.written);
 }
@@ -769,21 +716,22 @@ TEST_F(FileDropTransfer, MemoryFileWithoutContentIsOpenedFromDiskUnderItsName) {
   FakeChannel out;
   sender->setChannel(&out);
   sender->sendReqDone();
-  out.run();
-  EXPECT_EQ(std::vector<std::string>{"failCmd Failed to open " + missing.string()}, out.events);
+  out.completeAll();
+  EXPECT_EQ(std::vector<std::string>{"failCmd: Failed to open " + missing.string()}, out.events);
 }
 
 TEST_F(FileDropTransfer, TargetThatCannotBeOpenedStopsTheTransfer) {
   FakeChannel in;
-  in.feed = "abcdef";
+  in.feed("abcdef");
   auto service = makeDrop(spool);
   service->deserializeReq(parse(R"({"files":[{"name":"a","size":3},{"name":"b","size":3}]})"));
   fs::path const tmp = spool / "tmp.noqx";
   fs::create_directory(tmp / "a");  // a folder where the file should go
   service->setChannel(&in, true);
   service->readReqDone();
-  in.run();
-  EXPECT_EQ((std::vector<std::string>{"read 3", "failCmd Ipc Failed to open " + (tmp / "a").string()}),
+  in.completeAll();
+  EXPECT_EQ((std::vector<std::string>{"read 3",
+                                      "failCmd: Ipc Failed to open " + (tmp / "a").string()}),
             in.events);
   EXPECT_EQ(std::vector<std::string>{"a"}, listNames(tmp));
 }
@@ -793,12 +741,13 @@ TEST_F(FileDropTransfer, FullDiskFailsAtTheWriteOfThePiece) {
   if (!disk.ok()) GTEST_SKIP() << "cannot mount a tmpfs on the spool folder: " << disk.error();
   fs::path const target = spool / "big.bin.noqx";
   FakeChannel in;
-  in.feed = pattern(200000, 7);
+  in.feed(pattern(200000, 7));
   // The target is released before anyone hears of the failure.
   std::vector<bool> openAtFailure;
   in.onFail = [&] { openAtFailure.push_back(isOpenHere(target)); };
   auto service = receive(R"({"files":[{"name":"big.bin","size":200000}]})", in);
-  EXPECT_EQ((std::vector<std::string>{"read 200000", "failCmd Ipc Failed to write to " + target.string()}),
+  EXPECT_EQ((std::vector<std::string>{"read 200000",
+                                      "failCmd: Ipc Failed to write to " + target.string()}),
             in.events);
   EXPECT_EQ(std::vector<bool>{false}, openAtFailure);
   EXPECT_LT(fs::file_size(target), 200000u);
@@ -856,7 +805,7 @@ TEST_F(FileDropResponse, WritersLeaveOutFalseAndEmptyMessage) {
 
 TEST_F(FileDropResponse, FailedRenameAnswersWithTheUserMessageOnly) {
   FakeChannel in;
-  in.feed = "abc";
+  in.feed("abc");
   auto service = receive(R"({"files":[{"name":"a.txt","size":3}]})", in);
   qxtest::ImmutableFolder frozen(spool);
   if (!frozen.ok()) GTEST_SKIP() << "the file system refuses the immutable flag: " << frozen.error();
@@ -1134,11 +1083,11 @@ TEST_F(FileDropGuard, TargetsOutsideTheTempFolderAreNeverOpened) {
     }
     request.setAt("files", list);
     FakeChannel in;
-    in.feed = "xyzabc";
+    in.feed("xyzabc");
     auto service = receive(text(request), in, folder);
     fs::path const tmp = folder / "tmp.noqx";
     std::string const error = "Ipc Failed to open " + (tmp / hostile).string();
-    EXPECT_EQ((std::vector<std::string>{"read 3", "failCmd " + error}), in.events);
+    EXPECT_EQ((std::vector<std::string>{"read 3", "failCmd: " + error}), in.events);
     EXPECT_EQ(std::vector<std::string>{"spool"}, listNames(root.path()));
     EXPECT_EQ(std::vector<std::string>{"tmp.noqx"}, listNames(folder));
     EXPECT_TRUE(listNames(tmp).empty());
@@ -1151,7 +1100,7 @@ TEST_F(FileDropGuard, TargetsOutsideTheTempFolderAreNeverOpened) {
 TEST_F(FileDropGuard, SpoolFolderGivenWithATrailingSeparatorTakesOneFileDrops) {
   fs::path const withSlash(spool.string() + "/");
   FakeChannel in;
-  in.feed = "abc";
+  in.feed("abc");
   auto service = receive(R"({"files":[{"name":"a.txt","size":3}]})", in, withSlash);
   EXPECT_EQ((std::vector<std::string>{"read 3", "reqDone"}), in.events);
   service->setResp();
@@ -1176,11 +1125,11 @@ TEST_F(FileDropGuard, FolderDropIntoAnUnwritableSpoolFolderWritesNothingAnywhere
   EXPECT_EQ(fs::path(name), service->files[0].path);
 
   FakeChannel in;
-  in.feed = "abcdef";
+  in.feed("abcdef");
   service->setChannel(&in, true);
   service->readReqDone();
-  in.run();
-  EXPECT_EQ((std::vector<std::string>{"read 3", "failCmd Ipc Failed to open " + name}), in.events);
+  in.completeAll();
+  EXPECT_EQ((std::vector<std::string>{"read 3", "failCmd: Ipc Failed to open " + name}), in.events);
   EXPECT_FALSE(fs::exists(fs::current_path() / name));
 }
 

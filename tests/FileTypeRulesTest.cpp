@@ -7,7 +7,6 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <functional>
 #include <initializer_list>
 #include <string>
 #include <unordered_set>
@@ -16,6 +15,7 @@ namespace fs = boost::filesystem;
 
 namespace {
 
+using qxtest::jsonExcMessage;
 using qxtest::text;
 
 using ExtSet = std::unordered_set<std::string>;
@@ -42,15 +42,6 @@ Settings recordAcceptingAll() {
   Settings s{json::Object()};
   s.SrvFileExts = json::Array();
   return s;
-}
-
-std::string jsonExcMessage(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (json::Exc const& e) {
-    return e.what();
-  }
-  return "(no json::Exc thrown)";
 }
 
 void makeDir(fs::path const& dir) { fs::create_directories(dir); }

@@ -5,9 +5,9 @@
 // accessors, the configuration records and the log helper dumpReqOrResp.
 #include "ipc/IpcCmdsLite.h"
 
-#include "shared/CmdChannel.h"
 #include "shared/Wire.h"
 
+#include "tests/FakeChannel.h"
 #include "tests/TestUtil.h"
 #include "tests/WireBytes.h"
 
@@ -26,6 +26,8 @@
 
 namespace {
 
+using qxtest::FakeChannel;
+using qxtest::jsonExcMessage;
 using qxtest::parse;
 using qxtest::text;
 
@@ -48,88 +50,47 @@ std::shared_ptr<Ipc::CmdProcessorI> anyProcessor() {
   return std::make_shared<Ipc::CmdProcessorLiteI>();
 }
 
-// The message of the json::Exc that f throws.
-std::string jsonExcMessage(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (json::Exc const& e) {
-    return e.what();
-  } catch (std::exception const& e) {
-    return std::string("(other exception) ") + e.what();
-  }
-  return "(no exception)";
-}
-
-// A channel that completes every operation at once, in the calling thread:
-// writes are collected, reads are served from input, and the channel calls
-// of the frame are noted in events.
-class FakeChannel final : public Ipc::CmdChannel {
- public:
-  void reqDone(std::shared_ptr<CmdI> const&) override { events.push_back("reqDone"); }
-  void failCmd(std::shared_ptr<CmdI> const&, std::string const& why) override {
-    events.push_back("failCmd: " + why);
-  }
-  void finishCmd(std::shared_ptr<CmdI> const&) override { events.push_back("finishCmd"); }
-  void writeAsync(std::shared_ptr<CmdI> const&, void const* data, std::size_t len,
-                  std::function<void()> done) override {
-    written.append(static_cast<char const*>(data), len);
-    done();
-  }
-  void readAsync(std::shared_ptr<CmdI> const&, void* buf, std::size_t len,
-                 std::function<void()> done) override {
-    if (input.size() - readPos < len) {
-      events.push_back("read past the end");
-      return;
-    }
-    std::memcpy(buf, input.data() + readPos, len);
-    readPos += len;
-    done();
-  }
-
-  std::string written;
-  std::string input;
-  std::size_t readPos = 0;
-  std::vector<std::string> events;
-};
-
 using Events = std::vector<std::string>;
 
 // The bytes that cmd writes as its request, and the channel calls it made.
+// The channel completes every operation at once, in the calling thread.
 std::pair<std::string, Events> requestBytes(std::shared_ptr<CmdI> const& cmd) {
-  FakeChannel ch;
+  FakeChannel ch(FakeChannel::Completion::AtOnce);
   cmd->setChannel(&ch);
   cmd->sendReq();
   cmd->setChannel(nullptr);
-  return {ch.written, ch.events};
+  return {ch.written, ch.calls};
 }
 
 // Reads a request into cmd from the bytes that follow its frame.
 Events readRequest(std::shared_ptr<CmdI> const& cmd, bool hasBody, std::string const& input) {
-  FakeChannel ch;
-  ch.input = input;
+  FakeChannel ch(FakeChannel::Completion::AtOnce);
+  ch.feed(input);
   cmd->setChannel(&ch, hasBody);
   cmd->readReq();
   cmd->setChannel(nullptr);
-  EXPECT_EQ(input.size(), ch.readPos) << cmd->name() << ": bytes left unread";
-  return ch.events;
+  EXPECT_FALSE(ch.pending()) << cmd->name() << ": a read past the end of the input";
+  EXPECT_EQ(input.size(), ch.inputConsumed()) << cmd->name() << ": bytes left unread";
+  return ch.calls;
 }
 
 std::pair<std::string, Events> responseBytes(std::shared_ptr<CmdI> const& cmd) {
-  FakeChannel ch;
+  FakeChannel ch(FakeChannel::Completion::AtOnce);
   cmd->setChannel(&ch);
   cmd->sendResp();
   cmd->setChannel(nullptr);
-  return {ch.written, ch.events};
+  return {ch.written, ch.calls};
 }
 
 Events readResponse(std::shared_ptr<CmdI> const& cmd, std::string const& input) {
-  FakeChannel ch;
-  ch.input = input;
+  FakeChannel ch(FakeChannel::Completion::AtOnce);
+  ch.feed(input);
   cmd->setChannel(&ch);
   cmd->readResp();
   cmd->setChannel(nullptr);
-  EXPECT_EQ(input.size(), ch.readPos) << cmd->name() << ": bytes left unread";
-  return ch.events;
+  EXPECT_FALSE(ch.pending()) << cmd->name() << ": a read past the end of the input";
+  EXPECT_EQ(input.size(), ch.inputConsumed()) << cmd->name() << ": bytes left unread";
+  return ch.calls;
 }
 
 // Dispatches cmd as the service's transport does: through the frame's
@@ -479,7 +440,7 @@ TEST(IpcCmdRequestBytes, BareCommandsReadARequestWithoutBody) {
 
 TEST(IpcCmdRequestBytes, BareCommandRefusesARequestThatAnnouncesABody) {
   auto const received = std::make_shared<Ipc::IsRunning>(anyProcessor());
-  FakeChannel ch;
+  FakeChannel ch(FakeChannel::Completion::AtOnce);
   received->setChannel(&ch, true);
   received->readReq();
   EXPECT_EQ(Events{"failCmd: Ipc \"Is Running\" request carries a body it does not take"}, ch.events);
@@ -503,7 +464,7 @@ TEST(IpcCmdRequestBytes, PauseReadsDelAllFromItsBody) {
 
 TEST(IpcCmdRequestBytes, PauseRefusesARequestWithoutBody) {
   auto const received = std::make_shared<Ipc::Pause>(anyProcessor());
-  FakeChannel ch;
+  FakeChannel ch(FakeChannel::Completion::AtOnce);
   received->setChannel(&ch, false);
   received->readReq();
   EXPECT_EQ(Events{"failCmd: Ipc Pause request has no JSON body"}, ch.events);

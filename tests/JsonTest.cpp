@@ -2,6 +2,8 @@
 // copy-on-write, the text writer with its sorted-keys flag, and the parsers.
 #include "json/Json.h"
 
+#include "tests/TestUtil.h"
+
 #include <gtest/gtest.h>
 
 #include <jansson.h>
@@ -36,6 +38,9 @@ void PrintTo(Array const& v, std::ostream* os) { PrintTo(static_cast<Value const
 
 namespace {
 
+using qxtest::jsonExcMessage;
+using qxtest::parse;
+
 constexpr std::size_t kStaticMarker = static_cast<std::size_t>(-1);
 
 json::Value real(double d) { return json::Value(json_real(d)); }
@@ -44,26 +49,7 @@ json::Value jsonNull() { return json::Value(json_null()); }
 json::Value integer(json_int_t i) { return json::Value(i); }
 json::Value str(std::string const& s) { return json::Value(s); }
 
-json::Object parseObject(std::string const& text) {
-  return json::strToObject(text.data(), text.size());
-}
 json::Array parseArray(std::string const& text) { return json::strToArray(text.data(), text.size()); }
-
-// The message of the json::Exc that f throws; fails the test when f throws
-// nothing or something else.
-template <class F>
-std::string excMessage(F&& f) {
-  try {
-    f();
-  } catch (json::Exc const& e) {
-    return e.what();
-  } catch (std::exception const& e) {
-    ADD_FAILURE() << "expected json::Exc, got another exception: " << e.what();
-    return "<other exception>";
-  }
-  ADD_FAILURE() << "expected json::Exc, nothing was thrown";
-  return "<no exception>";
-}
 
 std::string text(json::Object const& obj, bool sorted) { return json::jsonToString(obj, sorted); }
 std::string text(json::Array const& arr) {
@@ -135,9 +121,9 @@ TEST(JsonValue, OnCastErrMessageNamesOwnTypeThenExpectedType) {
   for (Kind const& k : allKinds()) {
     SCOPED_TRACE(k.name);
     EXPECT_EQ(std::string("JSON error: Wrong type: ") + k.typeName + ". Expected type: integer",
-              excMessage([&] { k.value.onCastErr("integer"); }));
+              jsonExcMessage([&] { k.value.onCastErr("integer"); }));
     EXPECT_EQ(std::string("JSON error: Wrong type: ") + k.typeName + ". Expected type: boolean",
-              excMessage([&] { k.value.onCastErr("boolean"); }));
+              jsonExcMessage([&] { k.value.onCastErr("boolean"); }));
   }
 }
 
@@ -145,9 +131,9 @@ TEST(JsonValue, OnCastErrExamplesOfStringAndMissingMember) {
   json::Object obj;
   obj.setAt("name", str("abc"));
   EXPECT_EQ("JSON error: Wrong type: string. Expected type: integer",
-            excMessage([&] { obj["name"].asInt(); }));
+            jsonExcMessage([&] { obj["name"].asInt(); }));
   EXPECT_EQ("JSON error: Wrong type: empty. Expected type: integer",
-            excMessage([&] { obj["missing"].asInt(); }));
+            jsonExcMessage([&] { obj["missing"].asInt(); }));
 }
 
 TEST(JsonExc, IsARuntimeErrorCarryingOnlyItsMessage) {
@@ -180,14 +166,14 @@ TEST(JsonValue, AsIntReturnsTheSixtyFourBitValue) {
 
 TEST(JsonValue, AsIntOnRealThrowsWithBothTypeNames) {
   EXPECT_EQ("JSON error: Wrong type: float. Expected type: integer",
-            excMessage([] { real(3.0).asInt(); }));
+            jsonExcMessage([] { real(3.0).asInt(); }));
 }
 
 TEST(JsonValue, AsIntRefusesEveryNonInteger) {
   for (Kind const& k : allKinds()) {
     if (k.value.isInteger()) continue;
     EXPECT_EQ(std::string("JSON error: Wrong type: ") + k.typeName + ". Expected type: integer",
-              excMessage([&] { k.value.asInt(); }))
+              jsonExcMessage([&] { k.value.asInt(); }))
         << k.name;
   }
 }
@@ -202,7 +188,7 @@ TEST(JsonValue, CStrOnNonStringThrowsExpectingString) {
   for (Kind const& k : allKinds()) {
     if (k.value.isString()) continue;
     EXPECT_EQ(std::string("JSON error: Wrong type: ") + k.typeName + ". Expected type: string",
-              excMessage([&] { k.value.c_str(); }))
+              jsonExcMessage([&] { k.value.c_str(); }))
         << k.name;
   }
 }
@@ -485,7 +471,7 @@ TEST(JsonObject, FromNonObjectThrowsExpectingObject) {
   for (Kind const& k : allKinds()) {
     if (k.value.isObject()) continue;
     EXPECT_EQ(std::string("JSON error: Wrong type: ") + k.typeName + ". Expected type: object",
-              excMessage([&] { json::Object const o(k.value); }))
+              jsonExcMessage([&] { json::Object const o(k.value); }))
         << k.name;
   }
 }
@@ -507,7 +493,7 @@ TEST(JsonObject, IndexOfMissingKeyIsEmptyAndTypedReadReportsEmpty) {
   EXPECT_NO_THROW(missing = obj["absent"]);
   EXPECT_TRUE(missing.empty());
   EXPECT_EQ("JSON error: Wrong type: empty. Expected type: string",
-            excMessage([&] { obj["absent"].c_str(); }));
+            jsonExcMessage([&] { obj["absent"].c_str(); }));
 }
 
 TEST(JsonObject, IndexOnEmptyHandleIsEmpty) {
@@ -550,7 +536,7 @@ TEST(JsonObject, SetAtEmptyValueThrowsNamingKeyAndType) {
   json::Object obj;
   obj.setAt("keep", integer(1));
   EXPECT_EQ("JSON error: object element can not be set. Key: k. New value type: empty",
-            excMessage([&] { obj.setAt("k", json::Value()); }));
+            jsonExcMessage([&] { obj.setAt("k", json::Value()); }));
   EXPECT_EQ(1u, obj.size());
   EXPECT_TRUE(obj["k"].empty());
 }
@@ -558,7 +544,7 @@ TEST(JsonObject, SetAtEmptyValueThrowsNamingKeyAndType) {
 TEST(JsonObject, SetAtObjectIntoItselfThrowsNamingKeyAndType) {
   json::Object obj;
   EXPECT_EQ("JSON error: object element can not be set. Key: me. New value type: object",
-            excMessage([&] { obj.setAt("me", obj); }));
+            jsonExcMessage([&] { obj.setAt("me", obj); }));
   EXPECT_EQ(0u, obj.size());
   EXPECT_EQ(1u, obj.get()->refcount);
 }
@@ -643,7 +629,7 @@ TEST(JsonObject, FailedSetAtOnSharedNodeLeavesBothDocumentsUnchanged) {
   a.setAt("k", integer(1));
   json::Object const b = a;
   EXPECT_EQ("JSON error: object element can not be set. Key: bad. New value type: empty",
-            excMessage([&] { a.setAt("bad", json::Value()); }));
+            jsonExcMessage([&] { a.setAt("bad", json::Value()); }));
   EXPECT_EQ(1u, a.size());
   EXPECT_EQ(1, a["k"].asInt());
   EXPECT_EQ(1u, b.size());
@@ -664,7 +650,7 @@ TEST(JsonArray, FromNonArrayThrowsExpectingArray) {
   for (Kind const& k : allKinds()) {
     if (k.value.isArray()) continue;
     EXPECT_EQ(std::string("JSON error: Wrong type: ") + k.typeName + ". Expected type: array",
-              excMessage([&] { json::Array const a(k.value); }))
+              jsonExcMessage([&] { json::Array const a(k.value); }))
         << k.name;
   }
 }
@@ -695,14 +681,14 @@ TEST(JsonArray, AppendEmptyValueThrowsNamingSizeAndType) {
   arr.append(integer(1));
   arr.append(integer(2));
   EXPECT_EQ("JSON error: array element can not be appended. Size: 2. New value type: empty",
-            excMessage([&] { arr.append(json::Value()); }));
+            jsonExcMessage([&] { arr.append(json::Value()); }));
   EXPECT_EQ(2u, arr.size());
 }
 
 TEST(JsonArray, AppendArrayToItselfThrowsNamingSizeAndType) {
   json::Array arr;
   EXPECT_EQ("JSON error: array element can not be appended. Size: 0. New value type: array",
-            excMessage([&] { arr.append(arr); }));
+            jsonExcMessage([&] { arr.append(arr); }));
   EXPECT_EQ(0u, arr.size());
   EXPECT_EQ(1u, arr.get()->refcount);
 }
@@ -910,7 +896,7 @@ TEST(JsonText, OutputParsesBackWithStrToObject) {
       std::string const written = text(obj, sorted);
       SCOPED_TRACE(written);
       json::Object back;
-      ASSERT_NO_THROW(back = parseObject(written));
+      ASSERT_NO_THROW(back = parse(written));
       EXPECT_EQ(c.expected, back["s"].asStringSafe());
       EXPECT_EQ(1, back[c.expected.c_str()].asInt());
     }
@@ -924,7 +910,7 @@ TEST(JsonText, StringWithNulByteParsesBackWithStrToObject) {
   std::string const written = text(obj, false);
   EXPECT_EQ(R"({"s":"a\u0000b"})", written);
   json::Object back;
-  ASSERT_NO_THROW(back = parseObject(written)) << written;
+  ASSERT_NO_THROW(back = parse(written)) << written;
   EXPECT_EQ(withNul, back["s"].asStringSafe());
 }
 
@@ -946,7 +932,7 @@ TEST(JsonText, SortedAndUnsortedDifferOnlyInKeyOrder) {
   EXPECT_EQ('{', unsorted.front());
   EXPECT_EQ('}', unsorted.back());
   EXPECT_EQ(3, std::count(unsorted.begin(), unsorted.end(), ',')) << unsorted;
-  EXPECT_TRUE(parseObject(unsorted) == obj) << unsorted;
+  EXPECT_TRUE(parse(unsorted) == obj) << unsorted;
 }
 
 TEST(JsonText, SortedFlagSortsKeysAtEveryDepth) {
@@ -1035,11 +1021,11 @@ TEST(JsonParse, StrToArrayReadsOnlyLengthBytes) {
 
 TEST(JsonParse, StrToArrayRefusesAnObject) {
   EXPECT_EQ("JSON error: text is a JSON object, not an array",
-            excMessage([] { parseArray(R"({"a":1})"); }));
+            jsonExcMessage([] { parseArray(R"({"a":1})"); }));
 }
 
 TEST(JsonParse, StrToObjectReadsAnObject) {
-  json::Object const obj = parseObject(R"( {"a": 1, "b": {"c": "d"}} )");
+  json::Object const obj = parse(R"( {"a": 1, "b": {"c": "d"}} )");
   EXPECT_EQ(2u, obj.size());
   EXPECT_EQ(1, obj["a"].asInt());
   EXPECT_EQ("d", json::Object(obj["b"])["c"].asStringSafe());
@@ -1048,14 +1034,14 @@ TEST(JsonParse, StrToObjectReadsAnObject) {
 
 TEST(JsonParse, StrToObjectRefusesAnArray) {
   EXPECT_EQ("JSON error: text is a JSON array, not an object",
-            excMessage([] { parseObject("[1]"); }));
+            jsonExcMessage([] { parse("[1]"); }));
 }
 
 TEST(JsonParse, ScalarsAreRefusedByBothParsers) {
   for (char const* t : {"1", "\"s\"", "true", "false", "null", "2.5"}) {
-    std::string const toArray = excMessage([&] { parseArray(t); });
+    std::string const toArray = jsonExcMessage([&] { parseArray(t); });
     EXPECT_EQ(0u, toArray.rfind("JSON error: ", 0)) << t << ": " << toArray;
-    std::string const toObject = excMessage([&] { parseObject(t); });
+    std::string const toObject = jsonExcMessage([&] { parse(t); });
     EXPECT_EQ(0u, toObject.rfind("JSON error: ", 0)) << t << ": " << toObject;
   }
 }
@@ -1065,23 +1051,23 @@ TEST(JsonParse, MalformedTextIsRefusedByBothParsers) {
                                "{\"a\":}", "{'a':1}",  "[1] [2]",  "{} x",  "[01]",
                                "{\"a\" 1}", "[\"a]",   "[tru]",    "{\"a\":1,}"};
   for (char const* t : cases) {
-    std::string const toArray = excMessage([&] { parseArray(t); });
+    std::string const toArray = jsonExcMessage([&] { parseArray(t); });
     EXPECT_EQ(0u, toArray.rfind("JSON error: ", 0)) << "[" << t << "]: " << toArray;
-    std::string const toObject = excMessage([&] { parseObject(t); });
+    std::string const toObject = jsonExcMessage([&] { parse(t); });
     EXPECT_EQ(0u, toObject.rfind("JSON error: ", 0)) << "[" << t << "]: " << toObject;
   }
 }
 
 TEST(JsonParse, TextCutShortByLengthIsMalformed) {
   char const text[] = R"({"a":1})";
-  std::string const msg = excMessage([&] { json::strToObject(text, 4); });
+  std::string const msg = jsonExcMessage([&] { json::strToObject(text, 4); });
   EXPECT_EQ(0u, msg.rfind("JSON error: ", 0)) << msg;
 }
 
 TEST(JsonParse, NullTextWithZeroLengthIsRefused) {
-  std::string const toArray = excMessage([] { json::strToArray(nullptr, 0); });
+  std::string const toArray = jsonExcMessage([] { json::strToArray(nullptr, 0); });
   EXPECT_EQ(0u, toArray.rfind("JSON error: ", 0)) << toArray;
-  std::string const toObject = excMessage([] { json::strToObject(nullptr, 0); });
+  std::string const toObject = jsonExcMessage([] { json::strToObject(nullptr, 0); });
   EXPECT_EQ(0u, toObject.rfind("JSON error: ", 0)) << toObject;
 }
 
@@ -1089,15 +1075,15 @@ TEST(JsonParse, DuplicateKeysAreRefused) {
   char const* const cases[] = {R"({"a":1,"a":2})", R"({"a":1,"b":{"c":1,"c":1}})",
                                R"({"x":[{"k":true,"k":false}]})"};
   for (char const* t : cases) {
-    std::string const msg = excMessage([&] { parseObject(t); });
+    std::string const msg = jsonExcMessage([&] { parse(t); });
     EXPECT_EQ(0u, msg.rfind("JSON error: ", 0)) << t << ": " << msg;
   }
-  std::string const inArray = excMessage([] { parseArray(R"([{"k":1,"k":1}])"); });
+  std::string const inArray = jsonExcMessage([] { parseArray(R"([{"k":1,"k":1}])"); });
   EXPECT_EQ(0u, inArray.rfind("JSON error: ", 0)) << inArray;
 }
 
 TEST(JsonParse, ParsedDocumentIsOwnedByItsHandleAlone) {
-  json::Object obj = parseObject(R"({"a":1})");
+  json::Object obj = parse(R"({"a":1})");
   json_t* const node = obj.get();
   ASSERT_EQ(1u, node->refcount);
   obj.setAt("b", integer(2));

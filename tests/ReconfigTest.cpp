@@ -7,12 +7,12 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <string>
 #include <unordered_set>
 
 namespace {
 
+using qxtest::jsonExcMessage;
 using qxtest::parse;
 using qxtest::text;
 
@@ -32,15 +32,6 @@ std::string form(Settings const& s) { return json::jsonToString(s.serialize(), f
 Settings registeredRecord() {
   return Settings(parse(R"({"AccountId":"acct-1","SpoolerId":42,"KeyId":7,"PublicKey":"PK",)"
                         R"("InetServer":"main.example.com","InetAltServer":"alt.example.com"})"));
-}
-
-std::string jsonExcMessage(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (json::Exc const& e) {
-    return e.what();
-  }
-  return "(no json::Exc thrown)";
 }
 
 }  // namespace

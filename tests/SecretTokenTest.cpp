@@ -21,6 +21,8 @@ namespace {
 
 namespace fs = boost::filesystem;
 
+using qxtest::runtimeErrorMessage;
+
 constexpr uid_t kNobody = 65534;
 
 // The first of the groups that a test may use, or the empty string.
@@ -38,18 +40,6 @@ struct stat statOf(fs::path const& file) {
   struct stat st {};
   EXPECT_EQ(0, ::lstat(file.c_str(), &st)) << file;
   return st;
-}
-
-// The message of the std::runtime_error that f throws; "<no exception>" when
-// it throws none.
-template <class F>
-std::string errorOf(F f) {
-  try {
-    f();
-  } catch (std::runtime_error const& e) {
-    return e.what();
-  }
-  return "<no exception>";
 }
 
 std::string hexOf(Ipc::SecretToken const& token) {
@@ -143,7 +133,7 @@ TEST_F(SecretTokenTest, LoadOrCreateWithAGroup) {
 TEST_F(SecretTokenTest, UnknownGroupIsNamedAndNoFileIsMade) {
   fs::path const file = dir / "ipc.token";
   EXPECT_EQ("Ipc token group \"no-such-group-qx\" does not exist",
-            errorOf([&] { Ipc::SecretToken::loadOrCreate(file, "no-such-group-qx"); }));
+            runtimeErrorMessage([&] { Ipc::SecretToken::loadOrCreate(file, "no-such-group-qx"); }));
   EXPECT_FALSE(fs::exists(file));
 }
 
@@ -155,8 +145,9 @@ TEST_F(SecretTokenTest, MalformedFileIsNamed) {
        {std::string("abc\n"), std::string(64, 'g') + "\n", std::string(65, 'a') + "\n", std::string(),
         std::string(64, 'a') + "\n\n", std::string(64, 'a') + " \n"}) {
     qxtest::writeFile(file, content);
-    EXPECT_EQ(expected, errorOf([&] { Ipc::SecretToken::loadOrCreate(file); })) << content;
-    EXPECT_EQ(expected, errorOf([&] { Ipc::SecretToken::load(file); })) << content;
+    EXPECT_EQ(expected, runtimeErrorMessage([&] { Ipc::SecretToken::loadOrCreate(file); }))
+        << content;
+    EXPECT_EQ(expected, runtimeErrorMessage([&] { Ipc::SecretToken::load(file); })) << content;
   }
   // A token without its line feed is still read.
   qxtest::writeFile(file, std::string(64, 'a'));
@@ -169,14 +160,14 @@ TEST_F(SecretTokenTest, SymbolicLinkIsRefused) {
   fs::path const link = dir / "ipc.token";
   fs::create_symlink(target, link);
   std::string const expected = "Ipc token file \"" + link.string() + "\": is a symbolic link";
-  EXPECT_EQ(expected, errorOf([&] { Ipc::SecretToken::loadOrCreate(link); }));
-  EXPECT_EQ(expected, errorOf([&] { Ipc::SecretToken::load(link); }));
+  EXPECT_EQ(expected, runtimeErrorMessage([&] { Ipc::SecretToken::loadOrCreate(link); }));
+  EXPECT_EQ(expected, runtimeErrorMessage([&] { Ipc::SecretToken::load(link); }));
 
   // A link to nowhere makes no file at its target either.
   fs::path const dangling = dir / "dangling.token";
   fs::create_symlink(dir / "nowhere.token", dangling);
   EXPECT_EQ("Ipc token file \"" + dangling.string() + "\": is a symbolic link",
-            errorOf([&] { Ipc::SecretToken::loadOrCreate(dangling); }));
+            runtimeErrorMessage([&] { Ipc::SecretToken::loadOrCreate(dangling); }));
   EXPECT_FALSE(fs::exists(dir / "nowhere.token"));
 }
 
@@ -185,7 +176,7 @@ TEST_F(SecretTokenTest, FileOfAnotherUserIsRefused) {
   Ipc::SecretToken::loadOrCreate(file);
   ASSERT_EQ(0, ::chown(file.c_str(), kNobody, static_cast<gid_t>(-1)));
   EXPECT_EQ("Ipc token file \"" + file.string() + "\": belongs to user id 65534, not to this service",
-            errorOf([&] { Ipc::SecretToken::loadOrCreate(file); }));
+            runtimeErrorMessage([&] { Ipc::SecretToken::loadOrCreate(file); }));
   // Its mode was left alone.
   EXPECT_EQ(0600u, statOf(file).st_mode & 07777u);
 }
@@ -194,21 +185,21 @@ TEST_F(SecretTokenTest, FolderInsteadOfAFileIsRefused) {
   fs::path const file = dir / "ipc.token";
   fs::create_directory(file);
   EXPECT_EQ("Ipc token file \"" + file.string() + "\": is not a regular file",
-            errorOf([&] { Ipc::SecretToken::loadOrCreate(file); }));
+            runtimeErrorMessage([&] { Ipc::SecretToken::loadOrCreate(file); }));
 }
 
 TEST_F(SecretTokenTest, SpecialFileIsRefusedWithoutWaiting) {
   fs::path const file = dir / "ipc.token";
   ASSERT_EQ(0, ::mkfifo(file.c_str(), 0600));
   std::string const expected = "Ipc token file \"" + file.string() + "\": is not a regular file";
-  EXPECT_EQ(expected, errorOf([&] { Ipc::SecretToken::loadOrCreate(file); }));
-  EXPECT_EQ(expected, errorOf([&] { Ipc::SecretToken::load(file); }));
+  EXPECT_EQ(expected, runtimeErrorMessage([&] { Ipc::SecretToken::loadOrCreate(file); }));
+  EXPECT_EQ(expected, runtimeErrorMessage([&] { Ipc::SecretToken::load(file); }));
 }
 
 TEST_F(SecretTokenTest, LoadOfAMissingFileNamesIt) {
   fs::path const file = dir / "missing.token";
   EXPECT_EQ("Ipc token file \"" + file.string() + "\": cannot be opened: No such file or directory",
-            errorOf([&] { Ipc::SecretToken::load(file); }));
+            runtimeErrorMessage([&] { Ipc::SecretToken::load(file); }));
 }
 
 TEST_F(SecretTokenTest, LoadReadsWhatLoadOrCreateWrote) {

@@ -22,6 +22,7 @@ namespace {
 
 using qxtest::constructedRecord;
 using qxtest::exts;
+using qxtest::jsonExcMessage;
 using qxtest::kDefaultSrvExtsText;
 using qxtest::parse;
 using qxtest::text;
@@ -40,16 +41,6 @@ Settings emptyFullRecord(std::string const& nodeId, Settings::CfgFileExts&& igno
                   fs::path(), "", "", false, "", false, false, false,
                   Inet::InetCfg::ProxyAuthMethod::None, "", "", 0, fs::path(), false, false, 10,
                   false, "", "", "", false, false, false, "", "");
-}
-
-// The message of the json::Exc that f throws.
-std::string jsonExcMessage(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (json::Exc const& e) {
-    return e.what();
-  }
-  return "(no json::Exc thrown)";
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include "shared/IoThreads.h"
 #include "shared/SecretToken.h"
 #include "shared/Wire.h"
+#include "tests/ProcessHarness.h"
 #include "tests/RawSocket.h"
 #include "tests/TestUtil.h"
 
@@ -54,12 +55,8 @@ std::set<std::string> const kClientGoneLines{
     "ERR:Ipc " + kTestCfgName + ": Broken pipe",
     "ERR:Ipc " + kTestCfgName + ": Connection reset by peer"};
 
-json::Object parseObject(std::string const& text) {
-  return json::strToObject(text.data(), text.size());
-}
-
 Settings settingsOf(std::string const& account) {
-  return Settings(parseObject(R"({"AccountId":")" + account + R"(","SpoolerId":42})"));
+  return Settings(qxtest::parse(R"({"AccountId":")" + account + R"(","SpoolerId":42})"));
 }
 
 std::string lengthRecord(std::uint64_t n) {
@@ -617,7 +614,7 @@ TEST_F(TestCfgEndToEnd, ClientKeepsReceivedLinesWhenTheServiceClosesMidLine) {
   EXPECT_EQ(ui->callCount(), 2u);
   std::string const body = requestBody.get_future().get();
   EXPECT_EQ(body.substr(0, 5), std::string("QX\x01\x09\x01", 5));
-  EXPECT_EQ(parseObject(body.substr(5))["AccountId"].asStringSafe(), "acct-cut");
+  EXPECT_EQ(qxtest::parse(body.substr(5))["AccountId"].asStringSafe(), "acct-cut");
 }
 
 // ---------------------------------------------------------------------------
@@ -645,26 +642,6 @@ TEST_F(TestCfgEndToEnd, ClientKeepsReceivedLinesWhenTheServiceClosesMidLine) {
   }
 }
 
-// Kills and reaps the child when the test ends for any reason.
-class Child {
- public:
-  explicit Child(pid_t pid) : m_pid(pid) {}
-  ~Child() { kill(); }
-  // SIGKILL, then waits; returns the wait status.
-  int kill() {
-    if (m_pid <= 0) return m_status;
-    ::kill(m_pid, SIGKILL);
-    while (::waitpid(m_pid, &m_status, 0) < 0 && errno == EINTR) {
-    }
-    m_pid = -1;
-    return m_status;
-  }
-
- private:
-  pid_t m_pid;
-  int m_status = 0;
-};
-
 TEST(TestCfgServiceProcess, ClientKeepsReceivedLinesWhenTheServiceDiesMidStream) {
   Ipc::SecretToken const token = Ipc::SecretToken::generate();
   int fds[2];
@@ -676,7 +653,7 @@ TEST(TestCfgServiceProcess, ClientKeepsReceivedLinesWhenTheServiceDiesMidStream)
     ::close(fds[0]);
     runChildService(fds[1], token);
   }
-  Child child(pid);
+  qxtest::Child child(pid);  // killed and reaped when the test ends for any reason
   ::close(fds[1]);
   std::uint16_t port = 0;
   ssize_t const got = ::read(fds[0], &port, sizeof port);

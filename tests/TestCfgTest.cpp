@@ -6,26 +6,21 @@
 #include "ipc/MsgsUItoSvc.h"
 #include "json/Json.h"
 #include "settings/Settings.h"
-#include "shared/CmdChannel.h"
+#include "tests/FakeChannel.h"
+#include "tests/TestUtil.h"
 
 #include <gtest/gtest.h>
 
 #include <cstdint>
-#include <cstring>
 #include <deque>
-#include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <vector>
 
 namespace {
 
 using Ipc::TestCfg;
-
-json::Object parseObject(std::string const& text) {
-  return json::strToObject(text.data(), text.size());
-}
+using qxtest::FakeChannel;
 
 // The 8-byte length record of a line: host byte order, little-endian here.
 std::string lengthRecord(std::uint64_t n) {
@@ -37,120 +32,6 @@ std::string lengthRecord(std::uint64_t n) {
 std::string const kEndRecord(8, '\0');
 
 std::deque<std::string> queueOf(TestCfg const& cmd) { return cmd.respMsgs()->lines; }
-
-// A channel that records what the command asks of it. Operations stay pending
-// until complete() runs them: a write as written, a read from the bytes fed
-// with feed().
-class FakeChannel final : public Ipc::CmdChannel {
- public:
-  enum class Kind { Write, Read };
-
-  struct Op {
-    Kind kind;
-    std::size_t len;
-    std::string bytes;        // a write's data when it was started
-    void const* data;         // where a write's data lay
-    Ipc::CmdI const* cmd;     // the command the operation was started for
-  };
-
-  void reqDone(std::shared_ptr<Ipc::CmdI> const&) override { ++reqDones; }
-
-  void failCmd(std::shared_ptr<Ipc::CmdI> const& cmd, std::string const& why) override {
-    failures.push_back(why);
-    failedCmd = cmd.get();
-  }
-
-  void finishCmd(std::shared_ptr<Ipc::CmdI> const& cmd) override {
-    ++finishes;
-    finishedCmd = cmd.get();
-  }
-
-  void writeAsync(std::shared_ptr<Ipc::CmdI> const& cmd, void const* data, std::size_t len,
-                  std::function<void()> done) override {
-    start(Op{Kind::Write, len, std::string(static_cast<char const*>(data), len), data, cmd.get()},
-          cmd, nullptr, std::move(done));
-  }
-
-  void readAsync(std::shared_ptr<Ipc::CmdI> const& cmd, void* buf, std::size_t len,
-                 std::function<void()> done) override {
-    start(Op{Kind::Read, len, std::string(), nullptr, cmd.get()}, cmd, buf, std::move(done));
-  }
-
-  void feed(std::string const& bytes) { m_input += bytes; }
-
-  bool pending() const { return m_pending.has_value(); }
-  Op const& pendingOp() const { return ops.at(m_pending->index); }
-
-  // Completes the pending operation; false when none is pending or a read
-  // lacks bytes. A write's data must still hold the bytes it held when the
-  // write was started.
-  bool complete() {
-    if (!m_pending) return false;
-    Op const& op = ops[m_pending->index];
-    if (op.kind == Kind::Read) {
-      if (m_input.size() - m_inputPos < op.len) return false;
-      std::memcpy(m_pending->buf, m_input.data() + m_inputPos, op.len);
-      m_inputPos += op.len;
-    } else {
-      EXPECT_EQ(std::string(static_cast<char const*>(op.data), op.len), op.bytes)
-          << "the data of write " << m_pending->index << " changed before it completed";
-    }
-    Pending p = std::move(*m_pending);
-    m_pending.reset();
-    p.done();
-    return true;  // p, and the command reference it holds, go now, as in the transport
-  }
-
-  // Completes operations until one cannot be completed.
-  void completeAll() {
-    while (complete()) {
-    }
-  }
-
-  std::vector<std::string> writes() const {
-    std::vector<std::string> out;
-    for (Op const& op : ops) {
-      if (op.kind == Kind::Write) out.push_back(op.bytes);
-    }
-    return out;
-  }
-
-  std::vector<std::size_t> readLengths() const {
-    std::vector<std::size_t> out;
-    for (Op const& op : ops) {
-      if (op.kind == Kind::Read) out.push_back(op.len);
-    }
-    return out;
-  }
-
-  std::size_t inputConsumed() const { return m_inputPos; }
-
-  std::vector<Op> ops;
-  int finishes = 0;
-  int reqDones = 0;
-  Ipc::CmdI const* finishedCmd = nullptr;
-  Ipc::CmdI const* failedCmd = nullptr;
-  std::vector<std::string> failures;
-  int overlaps = 0;  // operations started while another was outstanding
-
- private:
-  struct Pending {
-    std::size_t index;
-    std::shared_ptr<Ipc::CmdI> cmd;
-    void* buf;
-    std::function<void()> done;
-  };
-
-  void start(Op op, std::shared_ptr<Ipc::CmdI> const& cmd, void* buf, std::function<void()> done) {
-    if (m_pending) ++overlaps;
-    ops.push_back(std::move(op));
-    m_pending = Pending{ops.size() - 1, cmd, buf, std::move(done)};
-  }
-
-  std::optional<Pending> m_pending;
-  std::string m_input;
-  std::size_t m_inputPos = 0;
-};
 
 // A test of the service whose steps are scripted: each step appends its lines
 // to the command's queue; after the last step runStep returns false. Records
@@ -224,7 +105,7 @@ class VisitRecorder : public Ipc::CmdProcessorLiteI {
 };
 
 Settings settingsOf(std::string const& account) {
-  return Settings(parseObject(R"({"AccountId":")" + account + R"(","SpoolerId":42,"KeyId":7})"));
+  return Settings(qxtest::parse(R"({"AccountId":")" + account + R"(","SpoolerId":42,"KeyId":7})"));
 }
 
 // ---------------------------------------------------------------------------
@@ -378,7 +259,7 @@ TEST(TestCfgFrame, PSettsBuildsANewRecordFromThePayloadEachTime) {
 
 TEST(TestCfgFrame, PSettsReadsTheReceivedPayload) {
   TestCfg cmd(nullptr);
-  cmd.deserializeReq(parseObject(R"({"AccountId":"acct-received","SpoolerId":5})"));
+  cmd.deserializeReq(qxtest::parse(R"({"AccountId":"acct-received","SpoolerId":5})"));
   std::unique_ptr<Settings> const settings = cmd.pSetts();
   EXPECT_EQ(settings->AccountId, "acct-received");
   EXPECT_EQ(settings->SpoolerId, 5);
@@ -392,7 +273,7 @@ TEST(TestCfgFrame, SerializeReqSharesThePayload) {
 
 TEST(TestCfgFrame, DeserializeReqTakesTheReceivedObjectWithoutCopying) {
   TestCfg cmd(nullptr);
-  json::Object const received = parseObject(R"({"AccountId":"acct-in"})");
+  json::Object const received = qxtest::parse(R"({"AccountId":"acct-in"})");
   cmd.deserializeReq(received);
   EXPECT_EQ(cmd.payload.get(), received.get());
   EXPECT_EQ(cmd.serializeReq().get(), received.get());
@@ -415,7 +296,7 @@ TEST(TestCfgFrame, DeserializeRespChangesNothing) {
   std::string const payloadText = json::jsonToString(cmd.payload, true);
   FakeChannel channel;
   cmd.setChannel(&channel);
-  cmd.deserializeResp(parseObject(R"({"resp":true,"AccountId":"other","lines":["- x"]})"));
+  cmd.deserializeResp(qxtest::parse(R"({"resp":true,"AccountId":"other","lines":["- x"]})"));
   EXPECT_EQ(cmd.payload.get(), payloadNode);
   EXPECT_EQ(json::jsonToString(cmd.payload, true), payloadText);
   EXPECT_EQ(queueOf(cmd), (std::deque<std::string>{"+ a line"}));

@@ -1,5 +1,5 @@
 // Helpers of the unit tests: a temporary folder per fixture, a capture of
-// the log's lines, and JSON text in and out.
+// the log's lines, JSON text in and out, and the messages of exceptions.
 #ifndef QX_TESTS_TESTUTIL_H
 #define QX_TESTS_TESTUTIL_H
 
@@ -9,8 +9,11 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include <exception>
 #include <fstream>
+#include <functional>
 #include <sstream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -22,6 +25,32 @@ inline json::Object parse(std::string const& text) {
 // Compact, keys in the order of the document.
 inline std::string text(json::Object const& obj) { return json::jsonToString(obj, false); }
 inline std::string text(json::Array const& list) { return json::jsonToString(list, false); }
+
+// The message of the json::Exc that f throws. Anything else (another
+// exception, or none) fails the test and gives a text that names it.
+inline std::string jsonExcMessage(std::function<void()> const& f) {
+  try {
+    f();
+  } catch (json::Exc const& e) {
+    return e.what();
+  } catch (std::exception const& e) {
+    ADD_FAILURE() << "expected json::Exc, got another exception: " << e.what();
+    return std::string("(other exception) ") + e.what();
+  }
+  ADD_FAILURE() << "expected json::Exc, nothing was thrown";
+  return "(no json::Exc thrown)";
+}
+
+// The message of the std::runtime_error (or an exception derived from it)
+// that f throws; "(no exception)" when it throws none.
+inline std::string runtimeErrorMessage(std::function<void()> const& f) {
+  try {
+    f();
+  } catch (std::runtime_error const& e) {
+    return e.what();
+  }
+  return "(no exception)";
+}
 
 // A fresh folder under the system's temporary directory, removed with all its
 // content when the object dies.

@@ -1,0 +1,134 @@
+// Child processes of the tests: a program started with its output in files,
+// or a process that the test forked itself; either is killed and reaped when
+// its Child dies, so that no test leaves a process behind.
+//
+// One thread: the test's.
+#ifndef QX_TESTS_PROCESSHARNESS_H
+#define QX_TESTS_PROCESSHARNESS_H
+
+#include "tests/TestUtil.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <spawn.h>
+#include <sys/types.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <boost/filesystem/path.hpp>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+extern char** environ;
+
+namespace qxtest {
+
+// Generous: sanitized processes start and run several times slower.
+constexpr auto kProcessDeadline = std::chrono::seconds(30);
+
+// Polls cond every millisecond until it holds or the deadline passes.
+inline bool waitFor(std::function<bool()> const& cond,
+                    std::chrono::milliseconds limit = std::chrono::seconds(20)) {
+  auto const deadline = std::chrono::steady_clock::now() + limit;
+  for (;;) {
+    if (cond()) return true;
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+}
+
+// What a finished process left: its exit status (128 + the signal when a
+// signal ended it) and everything it wrote.
+struct Outcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+class Child {
+ public:
+  // Starts program with args, standard input from /dev/null and its output
+  // in two files.
+  Child(std::string const& program, std::vector<std::string> const& args,
+        boost::filesystem::path const& outFile, boost::filesystem::path const& errFile)
+      : m_outFile(outFile), m_errFile(errFile) {
+    std::vector<std::string> all{program};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& a : all) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, m_outFile.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, m_errFile.c_str(),
+                                     O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int const rc = ::posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (rc != 0) {
+      ADD_FAILURE() << "cannot start " << program << ": " << std::strerror(rc);
+      m_pid = -1;
+    }
+  }
+  // Takes charge of a process that the test forked; it has no output files.
+  explicit Child(pid_t forked) : m_pid(forked) {}
+  ~Child() { kill(); }
+  Child(Child const&) = delete;
+  Child& operator=(Child const&) = delete;
+
+  bool running() {
+    if (m_pid <= 0 || m_status >= 0) return false;
+    return !reap(WNOHANG);
+  }
+  // Whether the child ended before the deadline.
+  bool wait(std::chrono::milliseconds limit = kProcessDeadline) {
+    return waitFor([this] { return !running(); }, limit);
+  }
+  void signal(int sig) {
+    if (running()) ::kill(m_pid, sig);
+  }
+  // SIGKILL, unless it has ended, then reaps it; returns its wait status.
+  int kill() {
+    if (running()) {
+      ::kill(m_pid, SIGKILL);
+      reap(0);
+    }
+    return m_waitStatus;
+  }
+  // The exit status, or 128 + the signal that ended it; -1 while it runs.
+  int status() const { return m_status; }
+  std::string out() const { return readFile(m_outFile); }
+  std::string err() const { return readFile(m_errFile); }
+  Outcome outcome() const { return Outcome{m_status, out(), err()}; }
+
+ private:
+  // Whether the child was reaped.
+  bool reap(int flags) {
+    int st = 0;
+    pid_t r;
+    while ((r = ::waitpid(m_pid, &st, flags)) < 0 && errno == EINTR) {
+    }
+    if (r != m_pid) return false;
+    m_waitStatus = st;
+    m_status = WIFEXITED(st) ? WEXITSTATUS(st) : 128 + WTERMSIG(st);
+    return true;
+  }
+
+  boost::filesystem::path const m_outFile;
+  boost::filesystem::path const m_errFile;
+  pid_t m_pid = -1;
+  int m_waitStatus = 0;
+  int m_status = -1;
+};
+
+}  // namespace qxtest
+
+#endif  // QX_TESTS_PROCESSHARNESS_H
