@@ -1029,14 +1029,15 @@ TEST_F(AppsTest, SaveCfgRefusesSystemLocationsAndWeakerAccess) {
     probes.push_back(folder);
     std::string const system = std::string(location) == "/usr/local" ? "/usr" : location;
     cases.push_back({"ReceiveFolder=" + folder.string(),
-                     "the incoming folder \"" + folder.string() + "\" is inside the system location " + system});
+                     "the incoming folder \"" + folder.string() + "\": \"" + system + "\" is a system location"});
   }
   SystemProbes const guard(probes);
   std::vector<Case> const more{
-      {"SpoolFolder=/etc", "the outgoing folder \"/etc\" is inside the system location /etc"},
+      {"SpoolFolder=/etc", "the outgoing folder \"/etc\": \"/etc\" is a system location"},
       {"BackupFolder=/", "the backup folder \"/\" is the root folder"},
       {"ReceiveFolder=" + (tmp / "etc-link" / kProbe).string(),
-       "the incoming folder \"" + (tmp / "etc-link" / kProbe).string() + "\" is inside the system location /etc"},
+       "the incoming folder \"" + (tmp / "etc-link" / kProbe).string() +
+           "\": \"/etc\" is a system location (the folder's real path is \"/etc/" + kProbe + "\")"},
       {"ReceiveFolder=qx", "the incoming folder \"qx\" is not an absolute path"},
       {"SpoolFolder=" + (in / "sub").string(),
        "the outgoing folder \"" + (in / "sub").string() + "\" is the same as, or inside, the incoming folder \"" +
@@ -1085,7 +1086,7 @@ TEST_F(AppsTest, ServiceRefusesUnreadableOrRefusedConfigurations) {
                                   "\": \"IpcPort\" must be an integer from 1 to 65535"},
       {"{\"ReceiveFolder\":\"/etc/" + std::string(kProbe) + "\"}",
        "the configuration \"" + cfgFile.string() + "\": the incoming folder \"/etc/" + kProbe +
-           "\" is inside the system location /etc"},
+           "\": \"/etc\" is a system location"},
   };
   for (Case const& c : cases) {
     SCOPED_TRACE(c.text);
@@ -1131,7 +1132,7 @@ TEST_F(AppsTest, ServiceRefusesASpoolFolderWritableByOthers) {
     EXPECT_EQ(2, o.status);
     char const* role = folder == in ? "incoming" : folder == out ? "outgoing" : folder == backup ? "backup" : "rejected";
     EXPECT_EQ("qxlite-svc: the configuration \"" + cfgFile.string() + "\": the " + role + " folder \"" +
-                  folder.string() + "\" is writable by other users\n",
+                  folder.string() + "\": \"" + folder.string() + "\" is writable by others (mode 0777)\n",
               o.err);
     EXPECT_EQ(0777u, fileMode(folder));
   }
