@@ -1222,4 +1222,31 @@ TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
   EXPECT_EQ((std::map<std::string, std::uint64_t>{{"after.pdf", 5}}), listing(out));
 }
 
+// ---------------------------------------------------------------------------
+// What the service logs
+
+// A dropped file whose name holds a whole log line of its own: the service
+// logs it as one line with the line feed escaped, and no forged line appears.
+TEST_F(AppsTest, ADroppedNameWithLineFeedsIsLoggedAsOneEscapedLine) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  std::string const name = "note\n2026-11-21T21:53:22.123Z ERR:qxlite-svc forged.pdf";
+  std::string const escaped = "note\\n2026-11-21T21:53:22.123Z ERR:qxlite-svc forged.pdf";
+  writeFile(tmp / name, "%PDF");
+  Outcome const o = qx({"drop", (tmp / name).string()});
+  EXPECT_EQ(0, o.status) << o.err;
+  ASSERT_TRUE(waitFor([&] { return fs::exists(out / name); }));
+  stopService();
+  std::string const log = service->err();
+  std::vector<std::string> forged;
+  for (std::string const& line : splitLines(log)) {
+    EXPECT_TRUE(matchesShape(line.substr(0, 25), "9999-99-99T99:99:99.999Z ")) << "a line of its own: " << line;
+    if (line.find("forged") != std::string::npos) forged.push_back(line.substr(25));
+  }
+  EXPECT_EQ((std::vector<std::string>{"INFO:qxlite-svc queued " + escaped + " as \"" + out.string() + "/" +
+                                      escaped + "\""}),
+            forged)
+      << log;
+}
+
 }  // namespace
