@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <deque>
 #include <string>
 #include <vector>
@@ -88,17 +89,37 @@ TEST(ConfigTestNoProbe, FoldersThatCanBeMadeOrWrittenAreAskedAbout) {
 }
 
 // An unprivileged service may not write into a folder it cannot write: the
-// test says so by asking for the service's own ids, without trying.
-TEST(ConfigTestNoProbe, AFolderThatTheServiceCannotWriteIsReportedWithoutTrying) {
-  if (::geteuid() == 0) GTEST_SKIP() << "root may write everywhere";
-  qxtest::TempDir tmp;
-  ASSERT_TRUE(qxtest::makeFolder(tmp / "locked", 0500));
-  Settings const settings = qxtest::spoolSettings(tmp / "locked" / "in", tmp / "out", tmp / "backup");
+// test says so by asking for the service's own ids, without trying. Root may
+// write everywhere, so under root the test runs in a child that becomes
+// "nobody" first.
+void expectLockedFolderReported(fs::path const& home) {
+  ASSERT_TRUE(qxtest::makeFolder(home / "locked", 0500));
+  Settings const settings = qxtest::spoolSettings(home / "locked" / "in", home / "out", home / "backup");
   std::vector<std::string> const lines = folderLines(settings);
   ASSERT_GE(lines.size(), 3u);
-  EXPECT_EQ("- The incoming folder \"" + (tmp / "locked" / "in").string() + "\" cannot be made", lines[1]);
-  EXPECT_EQ("    -> \"" + (tmp / "locked").string() + "\": Permission denied", lines[2]);
-  ::chmod((tmp / "locked").c_str(), 0700);
+  EXPECT_EQ("- The incoming folder \"" + (home / "locked" / "in").string() + "\" cannot be made", lines[1]);
+  EXPECT_EQ("    -> \"" + (home / "locked").string() + "\": Permission denied", lines[2]);
+  EXPECT_FALSE(fs::exists(home / "locked" / "in"));
+  ::chmod((home / "locked").c_str(), 0700);
+}
+
+TEST(ConfigTestNoProbe, AFolderThatTheServiceCannotWriteIsReportedWithoutTrying) {
+  qxtest::TempDir tmp;
+  if (::geteuid() != 0) {
+    expectLockedFolderReported(tmp.path());
+    return;
+  }
+  qxtest::OtherUser const nobody = qxtest::otherUser();
+  fs::path const home = tmp / "home";
+  ASSERT_TRUE(qxtest::makeFolder(home, 0700, &nobody));
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_EXIT(
+      {
+        if (::setgid(nobody.gid) != 0 || ::setuid(nobody.uid) != 0) std::_Exit(3);
+        expectLockedFolderReported(home);
+        std::_Exit(::testing::Test::HasFailure() ? 1 : 0);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 }  // namespace
