@@ -140,12 +140,11 @@ OpenedFolder walk(fs::path const& folder, MakeMissing make, Walk how, fs::path* 
       return result;
     }
     if (!trustedOwner(st.st_uid)) {
-      // Below a sticky folder that others may write, this is what tells
-      // a safe child (theirs cannot be ours) from a planted one.
-      result.why = quoted(parentSticky ? here : path) +
-                   (parentSticky ? " is writable by others (mode " + modeText(parentMode) + ") and " +
-                                       quoted(path) + " belongs to user id " + std::to_string(st.st_uid)
-                                 : " belongs to user id " + std::to_string(st.st_uid));
+      std::string const owner = quoted(path) + " belongs to user id " + std::to_string(st.st_uid);
+      // Below a sticky folder that others may write, the child's owner is
+      // what tells a safe child from one that someone else planted.
+      result.why = parentSticky ? quoted(here) + " is writable by others (mode " + modeText(parentMode) + ") and " + owner
+                                : owner;
       return result;
     }
     dir = std::move(child);

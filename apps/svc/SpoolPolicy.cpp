@@ -17,10 +17,10 @@ namespace {
 // every folder whose name begins with what precedes it. A folder inside
 // several is reported by the longest.
 char const* const kSystemLocations[] = {
-    "/bin",        "/boot",     "/dev",        "/etc",      "/home",     "/lib*",
-    "/opt",        "/proc",     "/root",       "/run",      "/sbin",     "/srv",
-    "/sys",        "/usr",      "/var",        "/var/backups", "/var/cache", "/var/lib",
-    "/var/local",  "/var/log",  "/var/mail",   "/var/opt",  "/var/spool", "/var/www",
+    "/bin",  "/boot", "/dev",  "/etc", "/home", "/lib*", "/opt", "/proc", "/root",
+    "/run",  "/sbin", "/srv",  "/sys", "/usr",
+    "/var",  "/var/backups", "/var/cache", "/var/lib", "/var/local", "/var/log",
+    "/var/mail", "/var/opt", "/var/spool", "/var/www",
 };
 
 // The service's own places inside system locations.
