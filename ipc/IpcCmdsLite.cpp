@@ -485,7 +485,20 @@ void TestCfg::execOneTest() {
     }
     if (!queue.empty()) break;
   }
-  sendRespLine(&queue.front());
+  sendRespLine(frontWithinLimit());
+}
+
+std::string const* TestCfg::frontWithinLimit() {
+  std::string& line = lines->lines.front();
+  if (line.size() > MAX_RESP_LINE) {
+    std::size_t const marker = sizeof CUT_MARKER - 1;
+    std::size_t keep = MAX_RESP_LINE - marker;
+    // Never leave half a UTF-8 character before the marker.
+    while (keep > 0 && (static_cast<unsigned char>(line[keep]) & 0xC0) == 0x80) --keep;
+    line.resize(keep);
+    line += CUT_MARKER;
+  }
+  return &line;
 }
 
 void TestCfg::sendRespLine(std::string const* line) {
@@ -503,7 +516,7 @@ void TestCfg::sendRespLineBody(std::string const* line) {
     std::deque<std::string>& queue = lines->lines;
     queue.pop_front();
     if (!queue.empty()) {
-      sendRespLine(&queue.front());
+      sendRespLine(frontWithinLimit());
     } else {
       execOneTest();
     }
@@ -517,9 +530,9 @@ void TestCfg::readResp() {
       channel()->finishCmd(shared_from_this());
       return;
     }
-    if (m_wireLength > MAX_BODY) {
+    if (m_wireLength > MAX_RESP_LINE) {
       onTransferError("Ipc " + std::string(name()) + " result line of " + std::to_string(m_wireLength) +
-                      " bytes is over the limit of " + std::to_string(MAX_BODY) + " bytes");
+                      " bytes is over the limit of " + std::to_string(MAX_RESP_LINE) + " bytes");
       return;
     }
     m_wireLine.resize(static_cast<std::size_t>(m_wireLength));

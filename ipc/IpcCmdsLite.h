@@ -335,8 +335,18 @@ class QX_LITE_API FileDrop : public CmdLiteBase {
 // passed to the processor's processCmd, which takes lines with getRespLine.
 // The end reaches the user interface through the completion of the command.
 // On the service side the queue is used from the transport's thread only.
+//
+// A result line is at most MAX_RESP_LINE bytes, on both sides: the user
+// interface refuses a longer length record (a transfer error: it will not
+// allocate what a hostile peer announces), and the service never sends one.
+// It cuts a longer line, at a UTF-8 character boundary, to at most
+// MAX_RESP_LINE - strlen(CUT_MARKER) bytes and appends CUT_MARKER, so that
+// the cut line is within the limit and the test goes on.
 class QX_LITE_API TestCfg : public CmdLiteBase {
  public:
+  static constexpr std::size_t MAX_RESP_LINE = std::size_t(16) << 20;
+  static constexpr char CUT_MARKER[] = " [cut]";
+
   struct SharedRespMsgs {
     std::deque<std::string> lines;  // oldest first; the empty line ends them
     boost::mutex mutex;             // guards lines on the user-interface side
@@ -387,6 +397,9 @@ class QX_LITE_API TestCfg : public CmdLiteBase {
   std::unique_ptr<TestRunnerI> runner;  // installed by the service's visit
 
  private:
+  // The oldest queued line, cut to MAX_RESP_LINE first if it is longer.
+  std::string const* frontWithinLimit();
+
   std::shared_ptr<SharedRespMsgs> lines;
   std::uint64_t m_wireLength = 0;  // the length record being sent or read
   std::string m_wireLine;          // the line being read

@@ -937,14 +937,15 @@ TEST_F(AppsTest, SaveCfgRefusesSystemLocationsAndWeakerAccess) {
     probes.push_back(folder);
     std::string const system = std::string(location) == "/usr/local" ? "/usr" : location;
     cases.push_back({"ReceiveFolder=" + folder.string(),
-                     "the incoming folder \"" + folder.string() + "\" is inside the system location " + system});
+                     "the incoming folder \"" + folder.string() + "\": \"" + system + "\" is a system location"});
   }
   SystemProbes const guard(probes);
   std::vector<Case> const more{
-      {"SpoolFolder=/etc", "the outgoing folder \"/etc\" is inside the system location /etc"},
+      {"SpoolFolder=/etc", "the outgoing folder \"/etc\": \"/etc\" is a system location"},
       {"BackupFolder=/", "the backup folder \"/\" is the root folder"},
       {"ReceiveFolder=" + (tmp / "etc-link" / kProbe).string(),
-       "the incoming folder \"" + (tmp / "etc-link" / kProbe).string() + "\" is inside the system location /etc"},
+       "the incoming folder \"" + (tmp / "etc-link" / kProbe).string() +
+           "\": \"/etc\" is a system location (the folder's real path is \"/etc/" + kProbe + "\")"},
       {"ReceiveFolder=qx", "the incoming folder \"qx\" is not an absolute path"},
       {"SpoolFolder=" + (in / "sub").string(),
        "the outgoing folder \"" + (in / "sub").string() + "\" is the same as, or inside, the incoming folder \"" +
@@ -993,7 +994,7 @@ TEST_F(AppsTest, ServiceRefusesUnreadableOrRefusedConfigurations) {
                                   "\": \"IpcPort\" must be an integer from 1 to 65535"},
       {"{\"ReceiveFolder\":\"/etc/" + std::string(kProbe) + "\"}",
        "the configuration \"" + cfgFile.string() + "\": the incoming folder \"/etc/" + kProbe +
-           "\" is inside the system location /etc"},
+           "\": \"/etc\" is a system location"},
   };
   for (Case const& c : cases) {
     SCOPED_TRACE(c.text);
@@ -1039,7 +1040,7 @@ TEST_F(AppsTest, ServiceRefusesASpoolFolderWritableByOthers) {
     EXPECT_EQ(2, o.status);
     char const* role = folder == in ? "incoming" : folder == out ? "outgoing" : folder == backup ? "backup" : "rejected";
     EXPECT_EQ("qxlite-svc: the configuration \"" + cfgFile.string() + "\": the " + role + " folder \"" +
-                  folder.string() + "\" is writable by other users\n",
+                  folder.string() + "\": \"" + folder.string() + "\" is writable by others (mode 0777)\n",
               o.err);
     EXPECT_EQ(0777u, fileMode(folder));
   }
@@ -1127,6 +1128,33 @@ TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
   expectOutput({"status"}, "running\n");
   EXPECT_EQ(afterKill, listing(in));
   EXPECT_EQ((std::map<std::string, std::uint64_t>{{"after.pdf", 5}}), listing(out));
+}
+
+// ---------------------------------------------------------------------------
+// What the service logs
+
+// A dropped file whose name holds a whole log line of its own: the service
+// logs it as one line with the line feed escaped, and no forged line appears.
+TEST_F(AppsTest, ADroppedNameWithLineFeedsIsLoggedAsOneEscapedLine) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  std::string const name = "note\n2026-11-21T21:53:22.123Z ERR:qxlite-svc forged.pdf";
+  std::string const escaped = "note\\n2026-11-21T21:53:22.123Z ERR:qxlite-svc forged.pdf";
+  writeFile(tmp / name, "%PDF");
+  Outcome const o = qx({"drop", (tmp / name).string()});
+  EXPECT_EQ(0, o.status) << o.err;
+  ASSERT_TRUE(waitFor([&] { return fs::exists(out / name); }));
+  stopService();
+  std::string const log = service->err();
+  std::vector<std::string> forged;
+  for (std::string const& line : splitLines(log)) {
+    EXPECT_TRUE(matchesShape(line.substr(0, 25), "9999-99-99T99:99:99.999Z ")) << "a line of its own: " << line;
+    if (line.find("forged") != std::string::npos) forged.push_back(line.substr(25));
+  }
+  EXPECT_EQ((std::vector<std::string>{"INFO:qxlite-svc queued " + escaped + " as \"" + out.string() + "/" +
+                                      escaped + "\""}),
+            forged)
+      << log;
 }
 
 }  // namespace

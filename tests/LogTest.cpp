@@ -160,13 +160,19 @@ TEST(Log, LineStartIsUtcTimestampWithMillisecondsAndBlank) {
   EXPECT_GE(millisSinceEpoch(after), stamped) << start;
 }
 
-TEST(Log, LineStartReturnsTheTargetStream) {
+// The stream of the line is the log's own (it escapes control bytes), and
+// what is written to it lands in the target as it is written.
+TEST(Log, LineStartReturnsAStreamThatWritesIntoTheTarget) {
   RestoreStderrTarget const restore;
   std::ostringstream out;
   Log::inst().toStream(out);
   boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
   std::ostream& line = Log::inst().logStreamStartLine();
-  EXPECT_EQ(static_cast<std::ostream*>(&out), &line);
+  EXPECT_NE(static_cast<std::ostream*>(&out), &line);
+  line << "ERR:" << 42;
+  EXPECT_EQ("ERR:42", afterTimestamp(out.str()));
+  line << std::endl;
+  EXPECT_EQ('\n', out.str().back());
 }
 
 TEST(Log, LineIsTimestampThenCallersTextThenLineFeed) {

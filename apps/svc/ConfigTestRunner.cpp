@@ -1,11 +1,12 @@
 #include "apps/svc/ConfigTestRunner.h"
 
 #include "apps/ConfigFile.h"
+#include "apps/svc/FolderFd.h"
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
 #include "ipc/MsgsUItoSvc.h"
 
-#include <stdlib.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,13 +24,10 @@ namespace {
 
 std::string quoted(fs::path const& p) { return "\"" + p.string() + "\""; }
 
-// Whether a file can be made in folder (made and removed at once).
+// Whether this process may write into folder (make entries in it), by its
+// effective ids; nothing is made to find out.
 std::string canWriteIn(fs::path const& folder) {
-  std::string pattern = (folder / "qxlite-test-XXXXXX").string();
-  int const fd = ::mkstemp(&pattern[0]);
-  if (fd < 0) return std::strerror(errno);
-  ::close(fd);
-  ::unlink(pattern.c_str());
+  if (::faccessat(AT_FDCWD, folder.c_str(), W_OK | X_OK, AT_EACCESS) != 0) return std::strerror(errno);
   return std::string();
 }
 
@@ -79,15 +77,18 @@ void ConfigTestRunner::checkValues() {
 void ConfigTestRunner::checkFolder(std::size_t index) {
   SpoolFolder const f = spoolFolders(m_settings)[index];
   std::string const name = std::string("The ") + f.role + " folder " + quoted(f.path);
-  std::string const why = checkNotSystemLocation(f.path);
+  std::string const why = checkLocation(f.path);
   if (!why.empty()) {
     error(name + " cannot be used", why);
     return;
   }
-  boost::system::error_code ec;
-  if (fs::exists(f.path, ec)) {
-    if (!fs::is_directory(f.path, ec)) {
-      error(name + " cannot be used", quoted(f.path) + " is not a folder");
+  fs::path existing;
+  std::string const refused = checkExistingPart(f.path, existing);
+  if (existing == f.path.lexically_normal()) {
+    OpenedFolder const opened = openSpoolFolder(f.path, MakeMissing::no);
+    std::string const unusable = !refused.empty() ? refused : opened.why;
+    if (!unusable.empty()) {
+      error(name + " cannot be used", unusable);
       return;
     }
     std::string const bad = canWriteIn(f.path);
@@ -95,15 +96,10 @@ void ConfigTestRunner::checkFolder(std::size_t index) {
     else error(name + " cannot be written", bad);
     return;
   }
-  fs::path parent = f.path.parent_path();
-  while (!parent.empty() && !fs::exists(parent, ec)) parent = parent.parent_path();
-  if (parent.empty() || !fs::is_directory(parent, ec)) {
-    error(name + " cannot be made", quoted(parent) + " is not a folder");
-    return;
-  }
-  std::string const bad = canWriteIn(parent);
+  std::string const bad = !refused.empty() ? refused : canWriteIn(existing);
   if (bad.empty()) pass(name + " does not exist yet and can be made");
-  else error(name + " cannot be made", quoted(parent) + ": " + bad);
+  else if (!refused.empty()) error(name + " cannot be made", bad);
+  else error(name + " cannot be made", quoted(existing) + ": " + bad);
 }
 
 void ConfigTestRunner::checkDistinct() {

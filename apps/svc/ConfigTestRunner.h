@@ -7,7 +7,10 @@
 // same or inside one another; the extension lists hold texts only; the IPC
 // port can be bound (unless it is the one this service uses); the server
 // addresses answer; the SMTP URL is well formed; the backup expiry is
-// sensible. Nothing is created or changed by the test.
+// sensible. Nothing is created or changed by the test: whether a folder can
+// be written, or made in its parent, is asked of the system for the
+// service's effective ids (faccessat with AT_EACCESS), never tried; a folder
+// is refused by the same rules as SaveCfg applies (SpoolPolicy.h).
 #ifndef QX_APPS_SVC_CONFIGTESTRUNNER_H
 #define QX_APPS_SVC_CONFIGTESTRUNNER_H
 

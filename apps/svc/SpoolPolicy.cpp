@@ -1,12 +1,11 @@
 #include "apps/svc/SpoolPolicy.h"
 
-#include <sys/stat.h>
+#include "apps/svc/FolderFd.h"
+
+#include <pwd.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
-
-#include <cerrno>
-#include <cstring>
 
 namespace fs = boost::filesystem;
 
@@ -14,10 +13,20 @@ namespace qxsvc {
 
 namespace {
 
-// Places that no configuration may point into.
+// Places that no spool folder may lie in. An entry ending in '*' stands for
+// every folder whose name begins with what precedes it. A folder inside
+// several is reported by the longest.
 char const* const kSystemLocations[] = {
-    "/etc",   "/usr",  "/bin", "/sbin", "/lib", "/lib32", "/lib64", "/libx32", "/boot",
-    "/dev",   "/proc", "/sys", "/root", "/run", "/var/lib",
+    "/bin",  "/boot", "/dev",  "/etc", "/home", "/lib*", "/opt", "/proc", "/root",
+    "/run",  "/sbin", "/srv",  "/sys", "/usr",
+    "/var",  "/var/backups", "/var/cache", "/var/lib", "/var/local", "/var/log",
+    "/var/mail", "/var/opt", "/var/spool", "/var/www",
+};
+
+// The service's own places inside system locations.
+char const* const kServicePlaces[] = {
+    "/var/spool/QXUpload",
+    "/var/lib/qxlite",
 };
 
 // The folder with links resolved as far as it exists, and "." and ".."
@@ -28,7 +37,7 @@ fs::path resolved(fs::path const& p) {
   return (ec ? p : r).lexically_normal();
 }
 
-// Whether inner is outer or lies inside it (both resolved).
+// Whether inner is outer or lies inside it (both normal).
 bool isWithin(fs::path const& inner, fs::path const& outer) {
   auto i = inner.begin();
   for (auto o = outer.begin(); o != outer.end(); ++o, ++i) {
@@ -37,6 +46,61 @@ bool isWithin(fs::path const& inner, fs::path const& outer) {
   }
   return true;
 }
+
+// The system location that folder (absolute, normal) lies in, or the empty
+// path: the longest entry that holds it, a '*' entry standing for the
+// matching folder itself.
+fs::path systemLocationOf(fs::path const& folder) {
+  fs::path found;
+  for (std::string entry : kSystemLocations) {
+    fs::path location;
+    if (!entry.empty() && entry.back() == '*') {
+      entry.pop_back();
+      fs::path const parent = fs::path(entry).parent_path();
+      std::string const prefix = fs::path(entry).filename().string();
+      if (!isWithin(folder, parent)) continue;
+      auto it = folder.begin();
+      for (auto p = parent.begin(); p != parent.end(); ++p) ++it;
+      if (it == folder.end() || it->string().compare(0, prefix.size(), prefix) != 0) continue;
+      location = parent / *it;
+    } else {
+      location = entry;
+      if (!isWithin(folder, location)) continue;
+    }
+    if (location.string().size() > found.string().size()) found = location;
+  }
+  return found;
+}
+
+// The home folder of this process's user when it is not root, whose home
+// lies in a system location.
+fs::path ownHome() {
+  if (::geteuid() == 0) return fs::path();
+  struct passwd pw {};
+  struct passwd* found = nullptr;
+  char buffer[4096];
+  if (::getpwuid_r(::geteuid(), &pw, buffer, sizeof buffer, &found) != 0 || !found || !pw.pw_dir) {
+    return fs::path();
+  }
+  fs::path const home = fs::path(pw.pw_dir).lexically_normal();
+  return home.is_absolute() && home != "/" ? home : fs::path();
+}
+
+bool isServicePlace(fs::path const& folder) {
+  for (char const* place : kServicePlaces) {
+    if (isWithin(folder, place)) return true;
+  }
+  fs::path const home = ownHome();
+  return !home.empty() && isWithin(folder, home);
+}
+
+// The system location folder lies in, unless it is one of the service's
+// own places; the empty path otherwise.
+fs::path forbiddenLocationOf(fs::path const& folder) {
+  return isServicePlace(folder) ? fs::path() : systemLocationOf(folder);
+}
+
+std::string quoted(fs::path const& p) { return "\"" + p.string() + "\""; }
 
 }  // namespace
 
@@ -47,14 +111,21 @@ std::vector<SpoolFolder> spoolFolders(Settings const& s) {
           {"rejected", s.RejectedFolder}};
 }
 
-std::string checkNotSystemLocation(fs::path const& folder) {
-  if (!folder.is_absolute()) return "\"" + folder.string() + "\" is not an absolute path";
-  fs::path const r = resolved(folder);
-  if (r == fs::path("/")) return "\"" + folder.string() + "\" is the root folder";
-  for (char const* location : kSystemLocations) {
-    if (isWithin(r, resolved(location))) {
-      return "\"" + folder.string() + "\" is inside the system location " + location;
-    }
+std::string folderName(SpoolFolder const& folder) {
+  return std::string("the ") + folder.role + " folder " + quoted(folder.path);
+}
+
+std::string checkLocation(fs::path const& folder) {
+  if (!folder.is_absolute()) return quoted(folder) + " is not an absolute path";
+  fs::path const normal = folder.lexically_normal();
+  fs::path const real = resolved(folder);
+  if (normal == "/" || real == "/") return quoted(folder) + " is the root folder";
+  fs::path const given = forbiddenLocationOf(normal);
+  if (!given.empty()) return quoted(folder) + ": " + quoted(given) + " is a system location";
+  fs::path const location = forbiddenLocationOf(real);
+  if (!location.empty()) {
+    return quoted(folder) + ": " + quoted(location) + " is a system location (the folder's real path is " +
+           quoted(real) + ")";
   }
   return std::string();
 }
@@ -62,7 +133,7 @@ std::string checkNotSystemLocation(fs::path const& folder) {
 std::string checkFolders(Settings const& settings) {
   std::vector<SpoolFolder> const folders = spoolFolders(settings);
   for (SpoolFolder const& f : folders) {
-    std::string const why = checkNotSystemLocation(f.path);
+    std::string const why = checkLocation(f.path);
     if (!why.empty()) return std::string("the ") + f.role + " folder " + why;
   }
   // The rejected folder lies inside the backup folder by design.
@@ -70,9 +141,7 @@ std::string checkFolders(Settings const& settings) {
     for (std::size_t j = 0; j < 3; ++j) {
       if (i == j) continue;
       if (isWithin(resolved(folders[i].path), resolved(folders[j].path))) {
-        return std::string("the ") + folders[i].role + " folder \"" + folders[i].path.string() +
-               "\" is the same as, or inside, the " + folders[j].role + " folder \"" +
-               folders[j].path.string() + "\"";
+        return folderName(folders[i]) + " is the same as, or inside, " + folderName(folders[j]);
       }
     }
   }
@@ -81,21 +150,8 @@ std::string checkFolders(Settings const& settings) {
 
 std::string prepareFolders(Settings const& settings) {
   for (SpoolFolder const& f : spoolFolders(settings)) {
-    std::string const name = std::string("the ") + f.role + " folder \"" + f.path.string() + "\"";
-    if (::mkdir(f.path.c_str(), 0750) != 0 && errno != EEXIST) {
-      boost::system::error_code ec;
-      fs::create_directories(f.path.parent_path(), ec);
-      if (ec || (::mkdir(f.path.c_str(), 0750) != 0 && errno != EEXIST)) {
-        return name + " cannot be made: " + (ec ? ec.message() : std::strerror(errno));
-      }
-    }
-    struct stat st {};
-    if (::lstat(f.path.c_str(), &st) != 0) return name + " cannot be examined: " + std::strerror(errno);
-    if (!S_ISDIR(st.st_mode)) return name + " is not a folder";
-    if (st.st_mode & S_IWOTH) return name + " is writable by other users";
-    if (st.st_uid != ::geteuid() && st.st_uid != 0) {
-      return name + " belongs to user id " + std::to_string(st.st_uid);
-    }
+    OpenedFolder const opened = openSpoolFolder(f.path, MakeMissing::yes);
+    if (!opened.why.empty()) return folderName(f) + ": " + opened.why;
   }
   return std::string();
 }

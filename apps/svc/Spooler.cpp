@@ -1,16 +1,23 @@
 #include "apps/svc/Spooler.h"
 
 #include "apps/ConfigFile.h"
+#include "apps/svc/FolderFd.h"
+#include "apps/svc/SpoolPolicy.h"
 
 #include "shared/Log.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
 
 #include <algorithm>
 #include <cerrno>
+#include <stdexcept>
+#include <system_error>
 #include <vector>
 
 namespace fs = boost::filesystem;
@@ -19,33 +26,63 @@ namespace qxsvc {
 
 namespace {
 
-std::uint64_t totalSize(fs::path const& p) {
-  boost::system::error_code ec;
-  if (!fs::is_directory(p, ec)) {
-    std::uint64_t const size = fs::file_size(p, ec);
-    return ec ? 0 : size;
+// The names in the folder open as dir (path names it in errors), sorted.
+// Throws std::system_error when it cannot be read.
+std::vector<std::string> entriesOf(int dir, fs::path const& path) {
+  int const fd = ::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* const listing = fd < 0 ? nullptr : ::fdopendir(fd);
+  if (!listing) {
+    int const err = errno;
+    if (fd >= 0) ::close(fd);
+    throw std::system_error(err, std::generic_category(), "cannot read \"" + path.string() + "\"");
   }
+  std::vector<std::string> names;
+  while (dirent const* entry = ::readdir(listing)) {
+    std::string const name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+  }
+  ::closedir(listing);
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+// The folder of role at path, opened and checked, or an exception naming
+// it.
+FolderFd openOrThrow(char const* role, fs::path const& path) {
+  OpenedFolder opened = openSpoolFolder(path, MakeMissing::no);
+  if (!opened.why.empty()) throw std::runtime_error(folderName({role, path}) + ": " + opened.why);
+  return std::move(opened.fd);
+}
+
+// The size of the entry name of dir: a file's size, or the sum of the
+// sizes of the files below a folder. Links are not followed.
+std::uint64_t totalSize(int dir, std::string const& name, unsigned depth = 0) {
+  struct stat st {};
+  if (::fstatat(dir, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) return 0;
+  if (S_ISREG(st.st_mode)) return static_cast<std::uint64_t>(st.st_size);
+  if (!S_ISDIR(st.st_mode) || depth > 64) return 0;
+  FolderFd const sub(::openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!sub.valid()) return 0;
   std::uint64_t total = 0;
-  for (fs::recursive_directory_iterator it(p, ec), end; !ec && it != end; it.increment(ec)) {
-    if (fs::is_regular_file(it->symlink_status())) total += fs::file_size(it->path(), ec);
+  try {
+    for (std::string const& entry : entriesOf(sub.get(), name)) total += totalSize(sub.get(), entry, depth + 1);
+  } catch (std::system_error const&) {
+    // An unreadable sub-folder counts as empty.
   }
   return total;
 }
 
 }  // namespace
 
-fs::path moveUnique(fs::path const& src, fs::path const& folder) {
-  fs::path const name = src.filename();
-  std::string const stem = name.stem().string();
-  std::string const ext = name.extension().string();
+std::string moveUnique(int fromDir, std::string const& name, int toDir) {
+  fs::path const entry(name);
+  std::string const stem = entry.stem().string();
+  std::string const ext = entry.extension().string();
   for (unsigned n = 0;; ++n) {
-    fs::path const target = folder / (n == 0 ? name.string() : stem + "_" + std::to_string(n) + ext);
-    if (::renameat2(AT_FDCWD, src.c_str(), AT_FDCWD, target.c_str(), RENAME_NOREPLACE) == 0) {
-      return target;
-    }
+    std::string const target = n == 0 ? name : stem + "_" + std::to_string(n) + ext;
+    if (::renameat2(fromDir, name.c_str(), toDir, target.c_str(), RENAME_NOREPLACE) == 0) return target;
     if (errno != EEXIST || n == 100000) {
-      throw fs::filesystem_error("cannot move the item", src, target,
-                                 boost::system::error_code(errno, boost::system::system_category()));
+      throw std::system_error(errno, std::generic_category(), "cannot move \"" + name + "\" as \"" + target + "\"");
     }
   }
 }
@@ -81,10 +118,12 @@ std::size_t Spooler::pause(bool discard) {
   if (!discard) return 0;
   Settings const settings = current();
   std::lock_guard<std::mutex> scan(m_scanMutex);
+  FolderFd const incoming = openOrThrow("incoming", settings.ReceiveFolder);
+  FolderFd const rejected = openOrThrow("rejected", settings.RejectedFolder);
   std::size_t moved = 0;
-  for (fs::directory_iterator it(settings.ReceiveFolder), end; it != end; ++it) {
-    if (settings.isIgnoredExtension(it->path())) continue;  // still being received
-    moveUnique(it->path(), settings.RejectedFolder);
+  for (std::string const& name : entriesOf(incoming.get(), settings.ReceiveFolder)) {
+    if (settings.isIgnoredExtension(fs::path(name))) continue;  // still being received
+    moveUnique(incoming.get(), name, rejected.get());
     ++moved;
   }
   return moved;
@@ -104,7 +143,12 @@ bool Spooler::paused() const {
 }
 
 void Spooler::scanNow() {
-  if (!paused()) scanOnce(current());
+  if (paused()) return;
+  try {
+    scanOnce(current());
+  } catch (std::exception const& e) {
+    Log::inst().writeLine("ERR:", std::string("qxlite-svc spool scan failed: ") + e.what());
+  }
 }
 
 void Spooler::run() {
@@ -123,23 +167,48 @@ void Spooler::run() {
   }
 }
 
+void Spooler::reportScanProblem(std::string const& problem) {
+  if (problem == m_scanProblem) return;
+  m_scanProblem = problem;
+  if (!problem.empty()) Log::inst().writeLine("ERR:", "qxlite-svc moves nothing: " + problem);
+}
+
 void Spooler::scanOnce(Settings const& settings) {
   std::lock_guard<std::mutex> scan(m_scanMutex);
-  boost::system::error_code ec;
-  std::vector<fs::path> items;
-  for (fs::directory_iterator it(settings.ReceiveFolder, ec), end; !ec && it != end; it.increment(ec)) {
-    items.push_back(it->path());
+  OpenedFolder const incoming = openSpoolFolder(settings.ReceiveFolder, MakeMissing::no);
+  if (!incoming.why.empty()) {
+    reportScanProblem(folderName({"incoming", settings.ReceiveFolder}) + ": " + incoming.why);
+    return;
   }
-  for (fs::path const& item : items) {
-    if (settings.isIgnoredExtension(item)) continue;
+  std::vector<std::string> items;
+  for (std::string const& name : entriesOf(incoming.fd.get(), settings.ReceiveFolder)) {
+    if (!settings.isIgnoredExtension(fs::path(name))) items.push_back(name);
+  }
+  if (items.empty()) {
+    reportScanProblem(std::string());
+    return;
+  }
+  // Both targets are opened before anything moves: a refused one stops the
+  // whole scan, so that no item is sorted by which folder still works.
+  OpenedFolder const outgoing = openSpoolFolder(settings.SpoolFolder, MakeMissing::no);
+  OpenedFolder const rejected = openSpoolFolder(settings.RejectedFolder, MakeMissing::no);
+  if (!outgoing.why.empty() || !rejected.why.empty()) {
+    reportScanProblem(!outgoing.why.empty()
+                          ? folderName({"outgoing", settings.SpoolFolder}) + ": " + outgoing.why
+                          : folderName({"rejected", settings.RejectedFolder}) + ": " + rejected.why);
+    return;
+  }
+  reportScanProblem(std::string());
+  for (std::string const& name : items) {
+    fs::path const item = settings.ReceiveFolder / name;
     std::string const bad = settings.checkPathForAcceptedExts(item);
     if (bad.empty()) {
-      fs::path const to = moveUnique(item, settings.SpoolFolder);
-      Log::inst().writeLine("INFO:", "qxlite-svc queued " + item.filename().string() + " as \"" + to.string() + "\"");
+      std::string const to = moveUnique(incoming.fd.get(), name, outgoing.fd.get());
+      Log::inst().writeLine("INFO:", "qxlite-svc queued " + name + " as \"" + (settings.SpoolFolder / to).string() + "\"");
     } else {
-      fs::path const to = moveUnique(item, settings.RejectedFolder);
-      Log::inst().writeLine("WARNING:", "qxlite-svc rejected " + item.filename().string() + ": \"" + bad +
-                              "\" is not accepted; moved to \"" + to.string() + "\"");
+      std::string const to = moveUnique(incoming.fd.get(), name, rejected.fd.get());
+      Log::inst().writeLine("WARNING:", "qxlite-svc rejected " + name + ": \"" + bad +
+                              "\" is not accepted; moved to \"" + (settings.RejectedFolder / to).string() + "\"");
     }
   }
 }
@@ -155,21 +224,25 @@ json::Object Spooler::uploads() const {
                           {"rejected", settings.RejectedFolder}};
   json::Array list;
   for (Place const& place : places) {
-    std::vector<fs::path> entries;
-    boost::system::error_code ec;
-    for (fs::directory_iterator it(place.path, ec), end; !ec && it != end; it.increment(ec)) {
-      if (it->path() == settings.RejectedFolder) continue;  // listed on its own
-      entries.push_back(it->path());
+    // A folder that cannot be used is not listed (the scans log why).
+    OpenedFolder const opened = openSpoolFolder(place.path, MakeMissing::no);
+    if (!opened.why.empty()) continue;
+    std::vector<std::string> names;
+    try {
+      names = entriesOf(opened.fd.get(), place.path);
+    } catch (std::system_error const&) {
+      continue;
     }
-    std::sort(entries.begin(), entries.end());
-    for (fs::path const& p : entries) {
+    for (std::string const& name : names) {
+      if (place.path / name == settings.RejectedFolder) continue;  // listed on its own
+      struct stat st {};
+      if (::fstatat(opened.fd.get(), name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
       json::Object item;
-      item.setAt("name", json::Value(p.filename().string()));
+      item.setAt("name", json::Value(name));
       item.setAt("folder", json::Value(place.folder));
-      item.setAt("type", json::Value(fs::is_directory(p, ec) ? "folder" : "file"));
-      item.setAt("size", json::Value(static_cast<json_int_t>(totalSize(p))));
-      std::time_t const modified = fs::last_write_time(p, ec);
-      item.setAt("modified", json::Value(static_cast<json_int_t>(ec ? 0 : modified)));
+      item.setAt("type", json::Value(S_ISDIR(st.st_mode) ? "folder" : "file"));
+      item.setAt("size", json::Value(static_cast<json_int_t>(totalSize(opened.fd.get(), name))));
+      item.setAt("modified", json::Value(static_cast<json_int_t>(st.st_mtime)));
       list.append(item);
     }
   }

@@ -6,6 +6,12 @@
 // The reference service has no upload server to talk to, so the outgoing
 // folder is where items rest; GetUploads lists them.
 //
+// Every move works relative to the three folders opened component by
+// component without following links, and checked again at each scan (see
+// FolderFd.h): a folder whose path was changed after the configuration was
+// saved (a component swapped for a link, a folder given to another user)
+// stops the moves with one log line naming it, and nothing is moved.
+//
 // One thread of its own scans the incoming folder every interval. Every
 // member may be called from any thread.
 #ifndef QX_APPS_SVC_SPOOLER_H
@@ -18,16 +24,17 @@
 
 #include <chrono>
 #include <condition_variable>
+#include <string>
 #include <mutex>
 #include <thread>
 
 namespace qxsvc {
 
-// Moves src into folder under its own name, or name_1, name_2 ... when that
-// is taken; never replaces an entry. Returns the new path; throws
-// boost::filesystem::filesystem_error when the move fails otherwise.
-boost::filesystem::path moveUnique(boost::filesystem::path const& src,
-                                   boost::filesystem::path const& folder);
+// Moves the entry name of the folder fromDir into the folder toDir under its
+// own name, or name_1, name_2 ... when that is taken; never replaces an
+// entry. Returns the new name; throws std::system_error naming the entry
+// when the move fails otherwise.
+std::string moveUnique(int fromDir, std::string const& name, int toDir);
 
 class Spooler {
  public:
@@ -38,7 +45,8 @@ class Spooler {
 
   void setSettings(Settings const& settings);
   // Stops taking new items; with discard, moves the items waiting in the
-  // incoming folder to the rejected folder and returns how many.
+  // incoming folder to the rejected folder and returns how many. Throws
+  // std::runtime_error naming the folder when one cannot be used.
   std::size_t pause(bool discard);
   void resume();
   bool paused() const;
@@ -53,6 +61,8 @@ class Spooler {
   Settings current() const;
   void run();
   void scanOnce(Settings const& settings);
+  // Logs a problem that stops the scans, once while it lasts.
+  void reportScanProblem(std::string const& problem);
 
   std::chrono::milliseconds const m_interval;
 
@@ -62,6 +72,7 @@ class Spooler {
   bool m_paused = false;           // guarded by m_mutex
   bool m_stop = false;             // guarded by m_mutex
   std::mutex m_scanMutex;          // one scan at a time
+  std::string m_scanProblem;       // guarded by m_scanMutex: the last one logged
   std::thread m_thread;            // last: starts once the rest is built
 };
 
