@@ -23,7 +23,9 @@ done
 bash "$root/scripts/install-deps.sh"
 
 build="$root/build-fuzz"
-cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+launcher=()
+command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" \
   -DCMAKE_CXX_COMPILER=clang++ -DQX_SANITIZE=address,undefined -DQX_BUILD_FUZZERS=ON \
   -DQX_BUILD_TESTS=OFF -DQX_BUILD_BENCHMARKS=OFF -DQX_BUILD_APPS=OFF >/dev/null
 cmake --build "$build" --target "${targets[@]}"
