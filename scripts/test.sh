@@ -24,6 +24,9 @@ if [ -n "$sanitize" ]; then
   extra+=(-DQX_BUILD_BENCHMARKS=OFF)
 fi
 
+# A compiler cache, where the machine has one, makes the repeated builds quick.
+command -v ccache >/dev/null && extra+=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
   -DQX_SANITIZE="$sanitize" "${extra[@]}" >/dev/null
 cmake --build "$build"
