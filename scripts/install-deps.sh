@@ -7,7 +7,7 @@ packages=(
   g++ cmake ninja-build pkg-config git
   libboost-filesystem-dev libboost-thread-dev libboost-system-dev
   libjansson-dev libgtest-dev libgmock-dev libbenchmark-dev
-  libcli11-dev libcurl4-openssl-dev
+  libcli11-dev libcurl4-openssl-dev libssl-dev
   systemd clang libclang-rt-14-dev
 )
 
