@@ -1,10 +1,10 @@
 #include "shared/CmdClient.h"
 
-#include "shared/AsioTypes.h"
-#include "shared/BufferedStream.h"
-#include "shared/Deadline.h"
-#include "shared/PendingOp.h"
-#include "shared/Wire.h"
+#include "shared/transport/AsioTypes.h"
+#include "shared/transport/BufferedStream.h"
+#include "shared/transport/Deadline.h"
+#include "shared/transport/PendingOp.h"
+#include "shared/transport/Wire.h"
 
 #include <sys/socket.h>
 
@@ -18,10 +18,10 @@
 
 namespace Ipc {
 
-namespace ba = boost::asio;
-using ba::ip::tcp;
-using asio::Socket;
-using asio::Strand;
+using boost::asio::ip::tcp;
+using transport::Socket;
+using transport::Strand;
+using transport::PendingOp;
 
 namespace {
 // Many records of a configuration test at once.
@@ -31,11 +31,11 @@ constexpr std::size_t kReadAhead = 64 * 1024;
 class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_this<Conn> {
  public:
   // callerDriven: only the thread in CmdClient::run() runs the context.
-  Conn(ba::io_context& context, CmdClientOptions options, SecretToken token, bool callerDriven)
+  Conn(boost::asio::io_context& context, CmdClientOptions options, SecretToken token, bool callerDriven)
       : m_options(std::move(options)),
         m_token(token),
         m_callerDriven(callerDriven),
-        m_strand(ba::make_strand(context)),
+        m_strand(boost::asio::make_strand(context)),
         m_stream(m_strand, kReadAhead),
         m_deadline(m_strand,
                    std::min({m_options.connectTimeout, m_options.quickTimeout, m_options.longTimeout,
@@ -52,7 +52,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   }
 
   std::size_t connectionsMade() const { return m_connectionsMade.load(); }
-  void post(std::function<void()> f) { ba::post(m_strand, std::move(f)); }
+  void post(std::function<void()> f) { boost::asio::post(m_strand, std::move(f)); }
   std::uint64_t bytesSent() const { return m_stream.bytesWritten(); }
 
   // Queues cmd, and starts it when nothing runs. A client with threads
@@ -72,7 +72,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     if (m_callerDriven) {
       add();
     } else {
-      ba::post(m_strand, std::move(add));
+      boost::asio::post(m_strand, std::move(add));
     }
   }
 
@@ -94,7 +94,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
       return;
     }
     std::promise<void> closed;
-    ba::post(m_strand, [&closed, work] {
+    boost::asio::post(m_strand, [&closed, work] {
       work();
       closed.set_value();
     });
@@ -126,7 +126,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
                   std::function<void()> done) override {
     m_op = PendingOp{cmd, std::move(done)};
-    m_stream.write(ba::buffer(data, len), ba::const_buffer(), shared_from_this(),
+    m_stream.write(boost::asio::buffer(data, len), boost::asio::const_buffer(), shared_from_this(),
                    [this, serial = m_serial](boost::system::error_code ec) {
                      if (serial != m_serial || m_closing) return;
                      if (ec && m_statusReadPending) {
@@ -174,8 +174,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   }
 
   std::string ioErrorText(boost::system::error_code ec) const {
-    if (m_timedOut) return "timed out: no byte moved for " + asio::durationText(m_deadline.limit());
-    if (ec == ba::error::eof) return "the service closed the connection";
+    if (m_timedOut) return "timed out: no byte moved for " + transport::durationText(m_deadline.limit());
+    if (ec == boost::asio::error::eof) return "the service closed the connection";
     return ec.message();
   }
 
@@ -287,7 +287,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     m_stream.renew();  // each connection gets a socket object of its own
     arm(m_options.connectTimeout);
     boost::system::error_code ec;
-    ba::ip::address const address = ba::ip::make_address(m_options.host, ec);
+    boost::asio::ip::address const address = boost::asio::ip::make_address(m_options.host, ec);
     if (!ec) {
       m_stream.socket().async_connect(
           tcp::endpoint(address, m_options.port),
@@ -306,7 +306,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
             self->connectFailed(ec);
             return;
           }
-          ba::async_connect(*sock, results,
+          boost::asio::async_connect(*sock, results,
                             [self, sock, serial](boost::system::error_code ec, tcp::endpoint const&) {
                               if (serial != self->m_serial || self->m_closing) return;
                               self->onConnected(ec);
@@ -316,7 +316,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   void connectFailed(boost::system::error_code ec) {
     std::string const why =
-        m_timedOut ? "no answer within " + asio::durationText(m_deadline.limit()) : ec.message();
+        m_timedOut ? "no answer within " + transport::durationText(m_deadline.limit()) : ec.message();
     transferError("Ipc cannot connect to the service at " + where() + ": " + why);
   }
 
@@ -330,7 +330,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     m_stream.socket().set_option(tcp::no_delay(true), ignored);
     wire::putHello(m_hello, m_token.data());
     m_stream.drive([&] {
-      m_stream.write(ba::buffer(m_hello), ba::const_buffer(), shared_from_this(),
+      m_stream.write(boost::asio::buffer(m_hello), boost::asio::const_buffer(), shared_from_this(),
                      [this, serial = m_serial](boost::system::error_code ec) {
                        if (serial != m_serial || m_closing) return;
                        if (ec) {
@@ -424,8 +424,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
 
   // Used on the strand only, but for m_stream.bytesWritten().
   // The connection of now (see connect()).
-  asio::BufferedStream m_stream;
-  asio::Deadline m_deadline;  // of the exchange in progress
+  transport::BufferedStream m_stream;
+  transport::Deadline m_deadline;  // of the exchange in progress
   tcp::resolver::rebind_executor<Strand>::other m_resolver;
   std::deque<Pending> m_queue;
   Pending m_current;               // the exchange in progress
@@ -447,7 +447,7 @@ CmdClient::CmdClient(IoThreads& io, CmdClientOptions options, SecretToken token)
     : m_conn(std::make_shared<Conn>(io.context(), std::move(options), token, false)) {}
 
 CmdClient::CmdClient(CmdClientOptions options, SecretToken token)
-    : m_ownContext(std::make_unique<ba::io_context>(1)),
+    : m_ownContext(std::make_unique<boost::asio::io_context>(1)),
       m_conn(std::make_shared<Conn>(*m_ownContext, std::move(options), token, true)) {}
 
 CmdClient::~CmdClient() {

@@ -1,6 +1,6 @@
 #include "shared/CmdI.h"
 
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 
 namespace Ipc {
 

@@ -1,11 +1,11 @@
 #include "shared/CmdServer.h"
 
-#include "shared/AsioTypes.h"
-#include "shared/BufferedStream.h"
-#include "shared/Deadline.h"
-#include "shared/PendingOp.h"
+#include "shared/transport/AsioTypes.h"
+#include "shared/transport/BufferedStream.h"
+#include "shared/transport/Deadline.h"
+#include "shared/transport/PendingOp.h"
 #include "shared/Log.h"
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 
 #include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
@@ -18,15 +18,15 @@
 
 namespace Ipc {
 
-namespace ba = boost::asio;
-using ba::ip::tcp;
-using asio::Socket;
-using asio::Strand;
+using boost::asio::ip::tcp;
+using transport::Socket;
+using transport::Strand;
+using transport::PendingOp;
 
 namespace {
 
 std::string endpointText(tcp::endpoint const& ep) {
-  ba::ip::address const a = ep.address();
+  boost::asio::ip::address const a = ep.address();
   std::string const host = a.is_v6() ? "[" + a.to_string() + "]" : a.to_string();
   return host + ":" + std::to_string(ep.port());
 }
@@ -73,7 +73,7 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   struct Listener {
     explicit Listener(Strand s) : strand(s), acceptor(s) {}
     Strand strand;
-    ba::basic_socket_acceptor<tcp, Strand> acceptor;
+    boost::asio::basic_socket_acceptor<tcp, Strand> acceptor;
   };
   std::vector<std::unique_ptr<Listener>> listeners;  // set by start(), then constant
   std::uint16_t port = 0;                             // set by start(), then constant
@@ -176,14 +176,14 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
                   std::function<void()> done) override {
     m_op = PendingOp{cmd, std::move(done)};
     m_respStarted = m_respStarted || m_okPending;
-    ba::const_buffer status;
+    boost::asio::const_buffer status;
     if (m_okPending) {
       // The status frame goes out with the first bytes of the response.
       m_okPending = false;
       wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
-      status = ba::buffer(m_okFrame);
+      status = boost::asio::buffer(m_okFrame);
     }
-    m_stream.write(status, ba::buffer(data, len), shared_from_this(),
+    m_stream.write(status, boost::asio::buffer(data, len), shared_from_this(),
                    [this](boost::system::error_code ec) { onOp(ec); });
   }
 
@@ -233,9 +233,9 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   }
 
   std::string ioErrorText(boost::system::error_code ec) const {
-    if (m_timedOut) return "no byte moved for " + asio::durationText(m_deadline.limit());
+    if (m_timedOut) return "no byte moved for " + transport::durationText(m_deadline.limit());
     if (m_stopping) return "the service is stopping";
-    if (ec == ba::error::eof) return "the client closed the connection";
+    if (ec == boost::asio::error::eof) return "the client closed the connection";
     return ec.message();
   }
 
@@ -297,7 +297,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   // Writes the ok status frame alone, then waits for the next request.
   void answerOkThenReadNext() {
     wire::putStatusFrame(m_okFrame, wire::kStatusOk, 0);
-    m_stream.write(ba::buffer(m_okFrame), ba::const_buffer(), shared_from_this(),
+    m_stream.write(boost::asio::buffer(m_okFrame), boost::asio::const_buffer(), shared_from_this(),
                    [this](boost::system::error_code ec) {
                      if (ec) close();
                      else readNextRequest();
@@ -355,7 +355,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
                          static_cast<std::uint32_t>(msg.size()));
     m_refusal += msg;
     arm(kLingerTime);
-    m_stream.write(ba::buffer(m_refusal), ba::const_buffer(), shared_from_this(),
+    m_stream.write(boost::asio::buffer(m_refusal), boost::asio::const_buffer(), shared_from_this(),
                    [this](boost::system::error_code ec) {
                      if (ec) {
                        close();
@@ -368,7 +368,7 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   }
 
   void drain() {
-    m_stream.socket().async_read_some(ba::buffer(m_drain),
+    m_stream.socket().async_read_some(boost::asio::buffer(m_drain),
                              [self = shared_from_this()](boost::system::error_code ec, std::size_t) {
                                if (ec) self->close();
                                else self->drain();
@@ -386,8 +386,8 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
   std::string const m_peer;
 
   // Used on the strand only.
-  asio::BufferedStream m_stream;
-  asio::Deadline m_deadline;  // of the operation in progress
+  transport::BufferedStream m_stream;
+  transport::Deadline m_deadline;  // of the operation in progress
   std::array<unsigned char, wire::kHelloSize> m_hello{};
   std::array<unsigned char, wire::kFrameSize> m_frame{};
   unsigned char m_okFrame[wire::kFrameSize] = {};
@@ -408,19 +408,19 @@ class Session final : public CmdChannel, public std::enable_shared_from_this<Ses
 }  // namespace
 
 void CmdServer::Core::start() {
-  std::vector<ba::ip::address> addresses{ba::ip::make_address("127.0.0.1")};
-  if (!options.forceIp4) addresses.push_back(ba::ip::make_address("::1"));
+  std::vector<boost::asio::ip::address> addresses{boost::asio::ip::make_address("127.0.0.1")};
+  if (!options.forceIp4) addresses.push_back(boost::asio::ip::make_address("::1"));
   std::uint16_t chosen = options.port;
-  for (ba::ip::address const& address : addresses) {
-    auto listener = std::make_unique<Listener>(ba::make_strand(io.context()));
+  for (boost::asio::ip::address const& address : addresses) {
+    auto listener = std::make_unique<Listener>(boost::asio::make_strand(io.context()));
     tcp::endpoint const ep(address, chosen);
     boost::system::error_code ec;
-    ba::basic_socket_acceptor<tcp, Strand>& a = listener->acceptor;
+    boost::asio::basic_socket_acceptor<tcp, Strand>& a = listener->acceptor;
     a.open(ep.protocol(), ec);
-    if (!ec && address.is_v6()) a.set_option(ba::ip::v6_only(true), ec);
-    if (!ec) a.set_option(ba::socket_base::reuse_address(true), ec);
+    if (!ec && address.is_v6()) a.set_option(boost::asio::ip::v6_only(true), ec);
+    if (!ec) a.set_option(boost::asio::socket_base::reuse_address(true), ec);
     if (!ec) a.bind(ep, ec);
-    if (!ec) a.listen(ba::socket_base::max_listen_connections, ec);
+    if (!ec) a.listen(boost::asio::socket_base::max_listen_connections, ec);
     if (ec) {
       std::string const msg = "Ipc cannot listen on " + endpointText(ep) + ": " + ec.message();
       if (address.is_v4()) throw std::runtime_error(msg);
@@ -438,7 +438,7 @@ void CmdServer::Core::start() {
 
 void CmdServer::Core::acceptNext(Listener& listener) {
   listener.acceptor.async_accept(
-      ba::make_strand(io.context()),
+      boost::asio::make_strand(io.context()),
       [self = shared_from_this(), &listener](boost::system::error_code ec, Socket socket) {
         self->onAccept(listener, ec, std::move(socket));
       });
@@ -446,7 +446,7 @@ void CmdServer::Core::acceptNext(Listener& listener) {
 
 void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec, Socket socket) {
   std::unique_lock<std::mutex> lock(mutex);
-  if (stopping || ec == ba::error::operation_aborted) {
+  if (stopping || ec == boost::asio::error::operation_aborted) {
     if (--openListeners == 0) ended.notify_all();
     return;
   }
@@ -458,7 +458,7 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
     auto session = std::make_shared<Session>(shared_from_this(), std::move(socket), !full);
     sessions.emplace(session.get(), session);
     lock.unlock();
-    ba::post(session->strand(), [session, full, max = options.maxConnections] {
+    boost::asio::post(session->strand(), [session, full, max = options.maxConnections] {
       if (full) session->refuseAtOnce("too many connections (" + std::to_string(max) + ")");
       else session->start();
     });
@@ -492,12 +492,12 @@ void CmdServer::Core::stop() {
     }
   }
   for (auto& l : listeners) {
-    ba::post(l->strand, [l = l.get()] {
+    boost::asio::post(l->strand, [l = l.get()] {
       boost::system::error_code ignored;
       l->acceptor.close(ignored);
     });
   }
-  for (auto& s : open) ba::post(s->strand(), [s] { s->stop(); });
+  for (auto& s : open) boost::asio::post(s->strand(), [s] { s->stop(); });
   open.clear();
   std::unique_lock<std::mutex> lock(mutex);
   ended.wait(lock, [this] { return sessions.empty() && openListeners == 0; });

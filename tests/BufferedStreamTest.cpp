@@ -1,7 +1,7 @@
 // The socket of an IPC connection: reads served from what one receive took,
 // writes tried at once, and completions that run in turn, never nested and
 // never inside the call that started them.
-#include "shared/BufferedStream.h"
+#include "shared/transport/BufferedStream.h"
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/read.hpp>
@@ -15,18 +15,17 @@
 
 namespace {
 
-namespace ba = boost::asio;
-using ba::ip::tcp;
-using Ipc::asio::BufferedStream;
+using boost::asio::ip::tcp;
+using Ipc::transport::BufferedStream;
 
 constexpr std::size_t kReadAhead = 1024;
 
 class BufferedStreamTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    tcp::acceptor acceptor(m_peerIo, tcp::endpoint(ba::ip::make_address("127.0.0.1"), 0));
+    tcp::acceptor acceptor(m_peerIo, tcp::endpoint(boost::asio::ip::make_address("127.0.0.1"), 0));
     m_peer.connect(acceptor.local_endpoint());
-    Ipc::asio::Socket accepted(ba::make_strand(m_io));
+    Ipc::transport::Socket accepted(boost::asio::make_strand(m_io));
     acceptor.accept(accepted);
     m_stream = std::make_unique<BufferedStream>(std::move(accepted), kReadAhead);
   }
@@ -39,7 +38,7 @@ class BufferedStreamTest : public ::testing::Test {
     return done;
   }
 
-  void peerWrite(std::string const& bytes) { ba::write(m_peer, ba::buffer(bytes)); }
+  void peerWrite(std::string const& bytes) { boost::asio::write(m_peer, boost::asio::buffer(bytes)); }
 
   // Starts a read of a request frame that records how it ended.
   void readFrame(boost::system::error_code& error, bool& done) {
@@ -51,12 +50,12 @@ class BufferedStreamTest : public ::testing::Test {
 
   std::string peerRead(std::size_t n) {
     std::string bytes(n, '\0');
-    ba::read(m_peer, ba::buffer(&bytes[0], n));
+    boost::asio::read(m_peer, boost::asio::buffer(&bytes[0], n));
     return bytes;
   }
 
-  ba::io_context m_io;
-  ba::io_context m_peerIo;  // never run: the peer uses blocking calls
+  boost::asio::io_context m_io;
+  boost::asio::io_context m_peerIo;  // never run: the peer uses blocking calls
   tcp::socket m_peer{m_peerIo};
   std::unique_ptr<BufferedStream> m_stream;
   char m_frame[8] = {};
@@ -161,7 +160,7 @@ TEST_F(BufferedStreamTest, AReadLargerThanTheBufferArrivesWhole) {
 TEST_F(BufferedStreamTest, AWriteTakenAtOnceCompletesWhenTheDrivingHandlerReturns) {
   bool done = false;
   m_stream->drive([&] {
-    m_stream->write(ba::buffer("QX\x01\x00", 4), ba::buffer("body", 4), m_keep,
+    m_stream->write(boost::asio::buffer("QX\x01\x00", 4), boost::asio::buffer("body", 4), m_keep,
                     [&](boost::system::error_code ec) {
                       EXPECT_FALSE(ec);
                       done = true;
@@ -176,7 +175,7 @@ TEST_F(BufferedStreamTest, AWriteTakenAtOnceCompletesWhenTheDrivingHandlerReturn
 TEST_F(BufferedStreamTest, AWriteOfAnEmptyPieceAndAFullOneSendsTheFullOne) {
   bool done = false;
   m_stream->drive([&] {
-    m_stream->write(ba::const_buffer(), ba::buffer("body", 4), m_keep, [&](boost::system::error_code ec) {
+    m_stream->write(boost::asio::const_buffer(), boost::asio::buffer("body", 4), m_keep, [&](boost::system::error_code ec) {
       EXPECT_FALSE(ec);
       done = true;
     });
@@ -187,7 +186,7 @@ TEST_F(BufferedStreamTest, AWriteOfAnEmptyPieceAndAFullOneSendsTheFullOne) {
 
 TEST_F(BufferedStreamTest, AWriteStartedOutsideADrivingHandlerCompletesFromTheStrand) {
   bool done = false;
-  m_stream->write(ba::buffer("ping", 4), ba::const_buffer(), m_keep,
+  m_stream->write(boost::asio::buffer("ping", 4), boost::asio::const_buffer(), m_keep,
                   [&](boost::system::error_code ec) {
                     EXPECT_FALSE(ec);
                     done = true;
@@ -203,7 +202,7 @@ TEST_F(BufferedStreamTest, AWriteLargerThanTheSocketTakesGoesOutWhole) {
   std::string received;
   std::thread reader([&] { received = peerRead(sent.size()); });
   bool done = false;
-  m_stream->write(ba::buffer(sent), ba::const_buffer(), m_keep, [&](boost::system::error_code ec) {
+  m_stream->write(boost::asio::buffer(sent), boost::asio::const_buffer(), m_keep, [&](boost::system::error_code ec) {
     EXPECT_FALSE(ec);
     done = true;
   });
@@ -221,7 +220,7 @@ TEST_F(BufferedStreamTest, TheEndOfTheStreamInTheMiddleOfAReadIsAnError) {
   bool done = false;
   readFrame(error, done);
   ASSERT_TRUE(runUntil(done));
-  EXPECT_EQ(ba::error::eof, error);
+  EXPECT_EQ(boost::asio::error::eof, error);
 }
 
 TEST_F(BufferedStreamTest, ClosingFailsTheReadInProgress) {
@@ -232,7 +231,7 @@ TEST_F(BufferedStreamTest, ClosingFailsTheReadInProgress) {
   EXPECT_FALSE(done);
   m_stream->close();
   ASSERT_TRUE(runUntil(done));
-  EXPECT_EQ(ba::error::operation_aborted, error);
+  EXPECT_EQ(boost::asio::error::operation_aborted, error);
 }
 
 TEST_F(BufferedStreamTest, RenewingForgetsTheOldSocketAndItsHandlers) {

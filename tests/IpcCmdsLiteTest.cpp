@@ -6,7 +6,7 @@
 #include "ipc/IpcCmdsLite.h"
 
 #include "shared/CmdChannel.h"
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 
 #include "tests/TestUtil.h"
 #include "tests/WireBytes.h"

@@ -11,7 +11,7 @@
 #include "shared/IoThreads.h"
 #include "shared/JsonCmdBase.h"
 #include "shared/SecretToken.h"
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 
 #include "tests/TestUtil.h"
 #include "tests/RawSocket.h"

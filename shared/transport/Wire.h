@@ -8,8 +8,8 @@
 //   response: "QX", version, status (0 ok, 1 refused), message length
 //             (4 bytes LE); a refusal's message; the command's own response
 // A refused exchange ends the connection.
-#ifndef QX_SHARED_WIRE_H
-#define QX_SHARED_WIRE_H
+#ifndef QX_SHARED_TRANSPORT_WIRE_H
+#define QX_SHARED_TRANSPORT_WIRE_H
 
 #include <cstddef>
 #include <cstdint>
@@ -83,4 +83,4 @@ inline std::string checkHelloStart(unsigned char const* hello) {
 }  // namespace wire
 }  // namespace Ipc
 
-#endif  // QX_SHARED_WIRE_H
+#endif  // QX_SHARED_TRANSPORT_WIRE_H

@@ -17,10 +17,10 @@
 // One read and one write may be outstanding at a time. Used on the strand
 // only. Every handler holds the `keep` given with its operation (the owner
 // of the stream) until it has run.
-#ifndef QX_SHARED_BUFFEREDSTREAM_H
-#define QX_SHARED_BUFFEREDSTREAM_H
+#ifndef QX_SHARED_TRANSPORT_BUFFEREDSTREAM_H
+#define QX_SHARED_TRANSPORT_BUFFEREDSTREAM_H
 
-#include "shared/AsioTypes.h"
+#include "shared/transport/AsioTypes.h"
 
 #include <boost/asio/buffer.hpp>
 
@@ -33,7 +33,7 @@
 #include <vector>
 
 namespace Ipc {
-namespace asio {
+namespace transport {
 
 class BufferedStream {
  public:
@@ -121,7 +121,7 @@ class BufferedStream {
   bool m_driving = false;
 };
 
-}  // namespace asio
+}  // namespace transport
 }  // namespace Ipc
 
-#endif  // QX_SHARED_BUFFEREDSTREAM_H
+#endif  // QX_SHARED_TRANSPORT_BUFFEREDSTREAM_H
