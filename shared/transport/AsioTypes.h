@@ -46,6 +46,18 @@ inline std::string durationText(std::chrono::milliseconds d) {
   return std::to_string(d.count()) + " ms";
 }
 
+// Why an operation stood still until its deadline: "no byte moved for 60 s".
+inline std::string stalledText(std::chrono::milliseconds limit) {
+  return "no byte moved for " + durationText(limit);
+}
+
+// What happened to an operation that failed, the peer ("the client", "the
+// service") named when it closed the connection.
+inline std::string peerErrorText(boost::system::error_code ec, char const* peer) {
+  if (ec == boost::asio::error::eof) return std::string(peer) + " closed the connection";
+  return ec.message();
+}
+
 }  // namespace transport
 }  // namespace Ipc
 
