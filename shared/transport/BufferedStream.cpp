@@ -25,7 +25,7 @@ void BufferedStream::renew() {
   // queued; they keep that object and fail on it, instead of carrying the
   // rest of an abandoned exchange into the new connection.
   m_socket = std::make_shared<Socket>(m_strand);
-  ++m_generation;
+  m_generation.advance();
   m_inBegin = m_inEnd = 0;
   m_receiving = false;
   m_readThen = nullptr;
@@ -93,9 +93,8 @@ void BufferedStream::read(void* dst, std::size_t len, std::shared_ptr<void> keep
 void BufferedStream::receive() {
   m_receiving = true;
   std::size_t const rest = m_readLen - m_readGot;
-  auto done = [this, keep = m_readKeep, socket = m_socket, generation = m_generation](
-                  boost::system::error_code ec, std::size_t n, bool direct) {
-    if (generation != m_generation) return;
+  auto done = m_generation.bind([this, keep = m_readKeep, socket = m_socket](
+                                    boost::system::error_code ec, std::size_t n, bool direct) {
     drive([&] {
       m_receiving = false;
       if (direct) {
@@ -113,7 +112,7 @@ void BufferedStream::receive() {
         receive();
       }
     });
-  };
+  });
   if (rest >= m_readAhead / 2) {
     boost::asio::async_read(*m_socket, boost::asio::buffer(m_readDst + m_readGot, rest), TransferAll(),
                    [done = std::move(done)](boost::system::error_code ec, std::size_t n) {
@@ -161,13 +160,17 @@ void BufferedStream::write(boost::asio::const_buffer first, boost::asio::const_b
   std::size_t const fromFirst = std::min(written, first.size());
   buffers[0] = first + fromFirst;
   buffers[1] = second + (written - fromFirst);
+  // Bytes that an earlier socket object wrote still count; its completion
+  // does not run.
+  auto complete = m_generation.bind([this, then = std::move(then)](boost::system::error_code ec) {
+    drive([&] { then(ec); });
+  });
   boost::asio::async_write(*m_socket, buffers, TransferAll(),
-                  [this, keep = std::move(keep), socket = m_socket, generation = m_generation,
-                   then = std::move(then)](boost::system::error_code ec, std::size_t n) {
-                    m_bytesWritten.fetch_add(n, std::memory_order_relaxed);
-                    if (generation != m_generation) return;
-                    drive([&] { then(ec); });
-                  });
+                           [this, keep = std::move(keep), socket = m_socket, complete = std::move(complete)](
+                               boost::system::error_code ec, std::size_t n) {
+                             m_bytesWritten.fetch_add(n, std::memory_order_relaxed);
+                             complete(ec);
+                           });
 }
 
 }  // namespace transport

@@ -21,6 +21,7 @@
 #define QX_SHARED_TRANSPORT_BUFFEREDSTREAM_H
 
 #include "shared/transport/AsioTypes.h"
+#include "shared/transport/Generation.h"
 
 #include <boost/asio/buffer.hpp>
 
@@ -104,7 +105,7 @@ class BufferedStream {
 
   // Used on the strand only.
   std::shared_ptr<Socket> m_socket;
-  std::uint64_t m_generation = 0;  // tells handlers of an earlier socket object apart
+  Generation m_generation;         // of the socket object: handlers of earlier ones are ignored
   std::unique_ptr<char[]> m_in;    // the read-ahead buffer, made at the first receive
   std::size_t m_inBegin = 0;       // the bytes buffered are [m_inBegin, m_inEnd)
   std::size_t m_inEnd = 0;

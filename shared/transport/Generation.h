@@ -23,6 +23,10 @@ class Generation {
     void operator()(Args&&... args) {
       if (m_generation->m_value == m_at) m_f(std::forward<Args>(args)...);
     }
+    template <class... Args>
+    void operator()(Args&&... args) const {
+      if (m_generation->m_value == m_at) m_f(std::forward<Args>(args)...);
+    }
 
    private:
     friend class Generation;
