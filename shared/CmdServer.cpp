@@ -124,7 +124,7 @@ void CmdServer::Core::stop() {
   // (sessionEnded), which would deadlock under the lock below.
   open.clear();
   MutexLock lock(mutex);
-  while (!sessions.empty() || openListeners != 0) ended.wait();
+  while (!sessions.empty() || openListeners != 0) ended.wait(mutex);
 }
 
 CmdServer::CmdServer(IoThreads& io, CmdServerOptions options, SecretToken token,

@@ -134,13 +134,13 @@ class IoThreads::State {
       if (entries == seen && !anyBusy()) {
         // No marked code ran for a whole period: sleep until some does.
         m_asleep.fetch_add(1);
-        while (!m_ended && m_busyEntries.load() == entries) m_changed.wait();
+        while (!m_ended && m_busyEntries.load() == entries) m_changed.wait(m_mutex);
         m_asleep.fetch_sub(1);
         seen = m_busyEntries.load();
         continue;
       }
       seen = entries;
-      m_changed.waitFor(m_takeOverAfter);
+      m_changed.waitFor(m_mutex, m_takeOverAfter);
       if (m_ended || !allRunningHeld(self)) continue;
       self.running = true;
       lock.unlock();
@@ -167,7 +167,7 @@ class IoThreads::State {
   std::vector<std::thread> m_threads;  // started by the constructor, joined by stop()
 
   Mutex m_mutex;
-  CondVar m_changed{m_mutex};  // a Busy began, or the first thread ended
+  CondVar m_changed;  // waited on with m_mutex: a Busy began, or the first thread ended
   bool m_ended GUARDED_BY(m_mutex) = false;  // the first thread's run() returned: no work is left
 };
 

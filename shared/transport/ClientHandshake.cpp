@@ -13,9 +13,6 @@ namespace Ipc {
 
 using boost::asio::ip::tcp;
 
-static_assert(wire::kTokenSize == SecretToken::SIZE,
-              "the hello carries SecretToken::data() whole: SIZE bytes");
-
 std::string CmdClient::Conn::where() const {
   bool const ip6 = m_options.host.find(':') != std::string::npos;
   return (ip6 ? "[" + m_options.host + "]" : m_options.host) + ":" + std::to_string(m_options.port);

@@ -56,24 +56,26 @@ class SCOPED_CAPABILITY MutexLock {
   bool m_locked = true;
 };
 
-// A condition variable bound to one Mutex, which the waits require.
+// A condition variable. Each wait names the mutex it gives back, so that
+// the analysis checks that the caller holds it; all waits of one condition
+// variable use the same mutex.
 class CondVar {
  public:
-  explicit CondVar(Mutex& mutex) : m_mutex(mutex) {}
+  CondVar() = default;
   CondVar(CondVar const&) = delete;
   CondVar& operator=(CondVar const&) = delete;
 
-  // Gives the mutex back while it waits, and has it again on return; may
+  // Gives mutex back while it waits, and has it again on return; may
   // return without a notification.
-  void wait() REQUIRES(m_mutex) {
-    std::unique_lock<std::mutex> lock(m_mutex.m_mutex, std::adopt_lock);
+  void wait(Mutex& mutex) REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
     m_cond.wait(lock);
     lock.release();
   }
   // As wait(), for at most limit; false when the time ran out.
   template <class Rep, class Period>
-  bool waitFor(std::chrono::duration<Rep, Period> limit) REQUIRES(m_mutex) {
-    std::unique_lock<std::mutex> lock(m_mutex.m_mutex, std::adopt_lock);
+  bool waitFor(Mutex& mutex, std::chrono::duration<Rep, Period> limit) REQUIRES(mutex) {
+    std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
     std::cv_status const status = m_cond.wait_for(lock, limit);
     lock.release();
     return status == std::cv_status::no_timeout;
@@ -81,7 +83,6 @@ class CondVar {
   void notifyAll() { m_cond.notify_all(); }
 
  private:
-  Mutex& m_mutex;
   std::condition_variable m_cond;
 };
 

@@ -70,7 +70,7 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
       EXCLUDES(mutex);
 
   mutable transport::Mutex mutex;
-  transport::CondVar ended{mutex};  // the last session or listener ended
+  transport::CondVar ended;  // waited on with mutex: the last session or listener ended
   bool stopping GUARDED_BY(mutex) = false;
   std::size_t openListeners GUARDED_BY(mutex) = 0;
   std::size_t admitted GUARDED_BY(mutex) = 0;  // sessions that hold a place

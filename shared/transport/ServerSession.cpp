@@ -12,9 +12,6 @@ namespace transport {
 
 using boost::asio::ip::tcp;
 
-static_assert(wire::kTokenSize == SecretToken::SIZE,
-              "the hello carries the token whole; SecretToken::matches() reads SIZE bytes of it");
-
 namespace {
 
 // How long a refused connection is drained before it is closed, so that the
