@@ -15,7 +15,8 @@
 
 namespace {
 
-using boost::asio::ip::tcp;
+namespace ba = boost::asio;
+using ba::ip::tcp;
 using Ipc::transport::BufferedStream;
 
 constexpr std::size_t kReadAhead = 1024;
@@ -23,9 +24,9 @@ constexpr std::size_t kReadAhead = 1024;
 class BufferedStreamTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    tcp::acceptor acceptor(m_peerIo, tcp::endpoint(boost::asio::ip::make_address("127.0.0.1"), 0));
+    tcp::acceptor acceptor(m_peerIo, tcp::endpoint(ba::ip::make_address("127.0.0.1"), 0));
     m_peer.connect(acceptor.local_endpoint());
-    Ipc::transport::Socket accepted(boost::asio::make_strand(m_io));
+    Ipc::transport::Socket accepted(ba::make_strand(m_io));
     acceptor.accept(accepted);
     m_stream = std::make_unique<BufferedStream>(std::move(accepted), kReadAhead);
   }
@@ -38,7 +39,7 @@ class BufferedStreamTest : public ::testing::Test {
     return done;
   }
 
-  void peerWrite(std::string const& bytes) { boost::asio::write(m_peer, boost::asio::buffer(bytes)); }
+  void peerWrite(std::string const& bytes) { ba::write(m_peer, ba::buffer(bytes)); }
 
   // Starts a read of a request frame that records how it ended.
   void readFrame(boost::system::error_code& error, bool& done) {
@@ -50,12 +51,12 @@ class BufferedStreamTest : public ::testing::Test {
 
   std::string peerRead(std::size_t n) {
     std::string bytes(n, '\0');
-    boost::asio::read(m_peer, boost::asio::buffer(&bytes[0], n));
+    ba::read(m_peer, ba::buffer(&bytes[0], n));
     return bytes;
   }
 
-  boost::asio::io_context m_io;
-  boost::asio::io_context m_peerIo;  // never run: the peer uses blocking calls
+  ba::io_context m_io;
+  ba::io_context m_peerIo;  // never run: the peer uses blocking calls
   tcp::socket m_peer{m_peerIo};
   std::unique_ptr<BufferedStream> m_stream;
   char m_frame[8] = {};
@@ -160,7 +161,7 @@ TEST_F(BufferedStreamTest, AReadLargerThanTheBufferArrivesWhole) {
 TEST_F(BufferedStreamTest, AWriteTakenAtOnceCompletesWhenTheDrivingHandlerReturns) {
   bool done = false;
   m_stream->drive([&] {
-    m_stream->write(boost::asio::buffer("QX\x01\x00", 4), boost::asio::buffer("body", 4), m_keep,
+    m_stream->write(ba::buffer("QX\x01\x00", 4), ba::buffer("body", 4), m_keep,
                     [&](boost::system::error_code ec) {
                       EXPECT_FALSE(ec);
                       done = true;
@@ -175,7 +176,7 @@ TEST_F(BufferedStreamTest, AWriteTakenAtOnceCompletesWhenTheDrivingHandlerReturn
 TEST_F(BufferedStreamTest, AWriteOfAnEmptyPieceAndAFullOneSendsTheFullOne) {
   bool done = false;
   m_stream->drive([&] {
-    m_stream->write(boost::asio::const_buffer(), boost::asio::buffer("body", 4), m_keep, [&](boost::system::error_code ec) {
+    m_stream->write(ba::const_buffer(), ba::buffer("body", 4), m_keep, [&](boost::system::error_code ec) {
       EXPECT_FALSE(ec);
       done = true;
     });
@@ -186,7 +187,7 @@ TEST_F(BufferedStreamTest, AWriteOfAnEmptyPieceAndAFullOneSendsTheFullOne) {
 
 TEST_F(BufferedStreamTest, AWriteStartedOutsideADrivingHandlerCompletesFromTheStrand) {
   bool done = false;
-  m_stream->write(boost::asio::buffer("ping", 4), boost::asio::const_buffer(), m_keep,
+  m_stream->write(ba::buffer("ping", 4), ba::const_buffer(), m_keep,
                   [&](boost::system::error_code ec) {
                     EXPECT_FALSE(ec);
                     done = true;
@@ -202,7 +203,7 @@ TEST_F(BufferedStreamTest, AWriteLargerThanTheSocketTakesGoesOutWhole) {
   std::string received;
   std::thread reader([&] { received = peerRead(sent.size()); });
   bool done = false;
-  m_stream->write(boost::asio::buffer(sent), boost::asio::const_buffer(), m_keep, [&](boost::system::error_code ec) {
+  m_stream->write(ba::buffer(sent), ba::const_buffer(), m_keep, [&](boost::system::error_code ec) {
     EXPECT_FALSE(ec);
     done = true;
   });
@@ -220,7 +221,7 @@ TEST_F(BufferedStreamTest, TheEndOfTheStreamInTheMiddleOfAReadIsAnError) {
   bool done = false;
   readFrame(error, done);
   ASSERT_TRUE(runUntil(done));
-  EXPECT_EQ(boost::asio::error::eof, error);
+  EXPECT_EQ(ba::error::eof, error);
 }
 
 TEST_F(BufferedStreamTest, ClosingFailsTheReadInProgress) {
@@ -231,7 +232,7 @@ TEST_F(BufferedStreamTest, ClosingFailsTheReadInProgress) {
   EXPECT_FALSE(done);
   m_stream->close();
   ASSERT_TRUE(runUntil(done));
-  EXPECT_EQ(boost::asio::error::operation_aborted, error);
+  EXPECT_EQ(ba::error::operation_aborted, error);
 }
 
 TEST_F(BufferedStreamTest, RenewingForgetsTheOldSocketAndItsHandlers) {

@@ -236,7 +236,9 @@ TEST(IpcCmdFrame, FactoryBuildsTheClassOfEachKnownCode) {
     auto const received = Ipc::createLiteCmd(sent->typeCode(), processor, "/var/spool/in");
     ASSERT_NE(nullptr, received) << k.label;
     // Exact class: a Pause is also a Resume, so a dynamic_cast would not do.
-    EXPECT_EQ(std::string(typeid(*sent).name()), typeid(*received).name()) << k.label;
+    Ipc::CmdI const& sentCmd = *sent;
+    Ipc::CmdI const& receivedCmd = *received;
+    EXPECT_EQ(std::string(typeid(sentCmd).name()), typeid(receivedCmd).name()) << k.label;
     EXPECT_EQ(sent->typeCode(), received->typeCode()) << k.label;
     EXPECT_EQ(processor, received->processor()) << k.label;
     EXPECT_EQ(nullptr, received->channel()) << k.label;

@@ -1,6 +1,6 @@
 // Helpers of the tests: the bytes that the IPC connection carries, built
-// with the transport's own layout (shared/transport/Wire.h), and a printable form of
-// bytes for failure messages.
+// with the transport's own layout (shared/transport/Wire.h), and a printable
+// form of bytes for failure messages.
 #ifndef QX_TESTS_WIREBYTES_H
 #define QX_TESTS_WIREBYTES_H
 
