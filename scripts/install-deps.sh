@@ -4,7 +4,7 @@
 set -euo pipefail
 
 packages=(
-  g++ cmake ninja-build pkg-config git
+  g++ clang cmake ninja-build pkg-config git
   libboost-filesystem-dev libboost-thread-dev libboost-system-dev
   libjansson-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libcurl4-openssl-dev libssl-dev

@@ -3,14 +3,18 @@
 #   scripts/test.sh                              plain build in build/
 #   scripts/test.sh --sanitize=address,undefined build-address-undefined/
 #   scripts/test.sh --sanitize=thread            build-thread/
+#   scripts/test.sh --clang                      build-clang/: clang++, whose -Wthread-safety
+#                                                checks the lock annotations
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
 sanitize=""
+clang=""
 for arg in "$@"; do
   case "$arg" in
     --sanitize=*) sanitize=${arg#--sanitize=} ;;
-    *) echo "usage: scripts/test.sh [--sanitize=address,undefined|thread]" >&2; exit 2 ;;
+    --clang) clang=1 ;;
+    *) echo "usage: scripts/test.sh [--sanitize=address,undefined|thread] [--clang]" >&2; exit 2 ;;
   esac
 done
 
@@ -22,6 +26,10 @@ if [ -n "$sanitize" ]; then
   build="$root/build-${sanitize//,/-}"
   # Benchmarks measure the plain build only.
   extra+=(-DQX_BUILD_BENCHMARKS=OFF)
+fi
+if [ -n "$clang" ]; then
+  build="$root/build-clang${sanitize:+-${sanitize//,/-}}"
+  extra+=(-DCMAKE_CXX_COMPILER=clang++ -DQX_BUILD_BENCHMARKS=OFF)
 fi
 
 # A compiler cache, where the machine has one, makes the repeated builds quick.

@@ -1,6 +1,6 @@
 #include "shared/CmdI.h"
 
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 
 namespace Ipc {
 
@@ -17,6 +17,7 @@ void CmdI::onTransferError(std::string why) {
 }
 
 void CmdI::sendReq() {
+  static_assert(sizeof m_frame == wire::kFrameSize, "m_frame holds one request frame");
   wire::putRequestFrame(m_frame, m_type, 0);
   m_channel->writeAsync(shared_from_this(), m_frame, sizeof m_frame,
                         [this] { m_channel->reqDone(shared_from_this()); });

@@ -1,19 +1,23 @@
 #include "shared/IoThreads.h"
 
+#include "shared/transport/Mutex.h"
+
 #include <boost/asio/executor_work_guard.hpp>
 
 #include <time.h>
 
 #include <algorithm>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <thread>
 #include <vector>
 
 namespace Ipc {
+
+using transport::CondVar;
+using transport::Mutex;
+using transport::MutexLock;
 
 namespace {
 
@@ -46,7 +50,7 @@ class IoThreads::State {
       : m_takeOverAfter(takeOverAfter),
         m_slotCount(std::max(2u, threads)),
         m_slots(new Slot[m_slotCount]),
-        m_work(boost::asio::make_work_guard(context)) {
+        m_work(boost::asio::make_work_guard(m_context)) {
     m_slots[0].running = true;
     m_threads.reserve(m_slotCount);
     m_threads.emplace_back([this] { runFirst(); });
@@ -64,25 +68,25 @@ class IoThreads::State {
   }
 
   // Called by the outermost Busy of a thread of this object.
-  void onBusy() {
+  void onBusy() EXCLUDES(m_mutex) {
     m_busyEntries.fetch_add(1);
     if (m_asleep.load() > 0) {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_changed.notify_all();
+      MutexLock lock(m_mutex);
+      m_changed.notifyAll();
     }
   }
 
-  boost::asio::io_context context;
+  boost::asio::io_context& context() { return m_context; }
 
  private:
-  void runFirst() {
+  void runFirst() EXCLUDES(m_mutex) {
     t_slot = &m_slots[0];
     t_state = this;
-    context.run();
-    std::lock_guard<std::mutex> lock(m_mutex);
+    m_context.run();
+    MutexLock lock(m_mutex);
     m_slots[0].running = false;
     m_ended = true;
-    m_changed.notify_all();
+    m_changed.notifyAll();
   }
 
   bool held(Slot const& s, std::int64_t now) const {
@@ -120,27 +124,27 @@ class IoThreads::State {
   }
 
   // Watches the running threads; joins them while all are held.
-  void standBy(Slot& self) {
+  void standBy(Slot& self) EXCLUDES(m_mutex) {
     t_slot = &self;
     t_state = this;
-    std::unique_lock<std::mutex> lock(m_mutex);
+    MutexLock lock(m_mutex);
     std::uint64_t seen = m_busyEntries.load();
     while (!m_ended) {
       std::uint64_t const entries = m_busyEntries.load();
       if (entries == seen && !anyBusy()) {
         // No marked code ran for a whole period: sleep until some does.
         m_asleep.fetch_add(1);
-        m_changed.wait(lock, [&] { return m_ended || m_busyEntries.load() != entries; });
+        while (!m_ended && m_busyEntries.load() == entries) m_changed.wait(m_mutex);
         m_asleep.fetch_sub(1);
         seen = m_busyEntries.load();
         continue;
       }
       seen = entries;
-      m_changed.wait_for(lock, m_takeOverAfter);
+      m_changed.waitFor(m_mutex, m_takeOverAfter);
       if (m_ended || !allRunningHeld(self)) continue;
       self.running = true;
       lock.unlock();
-      while (!context.stopped() && anyOtherHeld(self)) context.run_one_for(m_takeOverAfter);
+      while (!m_context.stopped() && anyOtherHeld(self)) m_context.run_one_for(m_takeOverAfter);
       lock.lock();
       self.running = false;
     }
@@ -152,11 +156,19 @@ class IoThreads::State {
   std::atomic<std::uint64_t> m_busyEntries{0};  // outermost Busy scopes begun so far
   std::atomic<int> m_asleep{0};                 // standbys waiting for a Busy
 
-  std::mutex m_mutex;
-  std::condition_variable m_changed;  // on m_mutex: a Busy began, or the first thread ended
-  bool m_ended = false;  // the first thread's run() returned: no work is left; guarded by m_mutex
+  // Keep this order: members are made top down and destroyed bottom up. The
+  // work guard refers to the context, so it comes after it (and is gone
+  // before it); the threads run the context, so they come last and are
+  // joined (by stop(), which the owner's destructor calls) before anything
+  // else goes.
+  boost::asio::io_context m_context;
+  // Keeps run() going while no handler is queued; stop() lets it go.
   std::optional<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> m_work;
   std::vector<std::thread> m_threads;  // started by the constructor, joined by stop()
+
+  Mutex m_mutex;
+  CondVar m_changed;  // waited on with m_mutex: a Busy began, or the first thread ended
+  bool m_ended GUARDED_BY(m_mutex) = false;  // the first thread's run() returned: no work is left
 };
 
 IoThreads::IoThreads(unsigned threads, std::chrono::milliseconds takeOverAfter)
@@ -164,7 +176,7 @@ IoThreads::IoThreads(unsigned threads, std::chrono::milliseconds takeOverAfter)
 
 IoThreads::~IoThreads() { stop(); }
 
-boost::asio::io_context& IoThreads::context() { return m_state->context; }
+boost::asio::io_context& IoThreads::context() { return m_state->context(); }
 
 void IoThreads::stop() { m_state->stop(); }
 

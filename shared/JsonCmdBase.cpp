@@ -1,6 +1,6 @@
 #include "shared/JsonCmdBase.h"
 
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 
 #include <cstring>
 #include <exception>

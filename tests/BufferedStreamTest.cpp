@@ -1,7 +1,7 @@
 // The socket of an IPC connection: reads served from what one receive took,
 // writes tried at once, and completions that run in turn, never nested and
 // never inside the call that started them.
-#include "shared/BufferedStream.h"
+#include "shared/transport/BufferedStream.h"
 
 #include <boost/asio/connect.hpp>
 #include <boost/asio/read.hpp>
@@ -17,7 +17,7 @@ namespace {
 
 namespace ba = boost::asio;
 using ba::ip::tcp;
-using Ipc::asio::BufferedStream;
+using Ipc::transport::BufferedStream;
 
 constexpr std::size_t kReadAhead = 1024;
 
@@ -26,7 +26,7 @@ class BufferedStreamTest : public ::testing::Test {
   void SetUp() override {
     tcp::acceptor acceptor(m_peerIo, tcp::endpoint(ba::ip::make_address("127.0.0.1"), 0));
     m_peer.connect(acceptor.local_endpoint());
-    Ipc::asio::Socket accepted(ba::make_strand(m_io));
+    Ipc::transport::Socket accepted(ba::make_strand(m_io));
     acceptor.accept(accepted);
     m_stream = std::make_unique<BufferedStream>(std::move(accepted), kReadAhead);
   }

@@ -8,7 +8,7 @@
 #include "shared/CmdServer.h"
 #include "shared/IoThreads.h"
 #include "shared/SecretToken.h"
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 #include "tests/IpcTestProcessor.h"
 #include "tests/TestUtil.h"
 #include "tests/WireBytes.h"

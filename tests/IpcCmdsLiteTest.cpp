@@ -5,7 +5,8 @@
 // accessors, the configuration records and the log helper dumpReqOrResp.
 #include "ipc/IpcCmdsLite.h"
 
-#include "shared/Wire.h"
+#include "shared/CmdChannel.h"
+#include "shared/transport/Wire.h"
 
 #include "tests/FakeChannel.h"
 #include "tests/TestUtil.h"
@@ -197,7 +198,9 @@ TEST(IpcCmdFrame, FactoryBuildsTheClassOfEachKnownCode) {
     auto const received = Ipc::createLiteCmd(sent->typeCode(), processor, "/var/spool/in");
     ASSERT_NE(nullptr, received) << k.label;
     // Exact class: a Pause is also a Resume, so a dynamic_cast would not do.
-    EXPECT_EQ(std::string(typeid(*sent).name()), typeid(*received).name()) << k.label;
+    Ipc::CmdI const& sentCmd = *sent;
+    Ipc::CmdI const& receivedCmd = *received;
+    EXPECT_EQ(std::string(typeid(sentCmd).name()), typeid(receivedCmd).name()) << k.label;
     EXPECT_EQ(sent->typeCode(), received->typeCode()) << k.label;
     EXPECT_EQ(processor, received->processor()) << k.label;
     EXPECT_EQ(nullptr, received->channel()) << k.label;

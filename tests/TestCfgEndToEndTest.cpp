@@ -10,7 +10,7 @@
 #include "shared/CmdServer.h"
 #include "shared/IoThreads.h"
 #include "shared/SecretToken.h"
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 #include "tests/ProcessHarness.h"
 #include "tests/RawSocket.h"
 #include "tests/TestUtil.h"

@@ -1,11 +1,11 @@
 // Helpers of the tests: the bytes that the IPC connection carries, built
-// with the transport's own layout (shared/Wire.h), and a printable form of
-// bytes for failure messages.
+// with the transport's own layout (shared/transport/Wire.h), and a printable
+// form of bytes for failure messages.
 #ifndef QX_TESTS_WIREBYTES_H
 #define QX_TESTS_WIREBYTES_H
 
 #include "shared/SecretToken.h"
-#include "shared/Wire.h"
+#include "shared/transport/Wire.h"
 
 #include <cstddef>
 #include <cstdint>

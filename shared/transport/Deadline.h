@@ -10,17 +10,17 @@
 //
 // Used on the strand only. A wait holds its owner, as made by the keep()
 // given to the arm() that starts it, until it ends.
-#ifndef QX_SHARED_DEADLINE_H
-#define QX_SHARED_DEADLINE_H
+#ifndef QX_SHARED_TRANSPORT_DEADLINE_H
+#define QX_SHARED_TRANSPORT_DEADLINE_H
 
-#include "shared/AsioTypes.h"
+#include "shared/transport/AsioTypes.h"
 
 #include <chrono>
 #include <functional>
 #include <memory>
 
 namespace Ipc {
-namespace asio {
+namespace transport {
 
 class Deadline {
  public:
@@ -57,7 +57,7 @@ class Deadline {
   bool m_waiting = false;  // a wait of m_timer is in progress
 };
 
-}  // namespace asio
+}  // namespace transport
 }  // namespace Ipc
 
-#endif  // QX_SHARED_DEADLINE_H
+#endif  // QX_SHARED_TRANSPORT_DEADLINE_H

@@ -1,7 +1,7 @@
 // Internal: the operation of a command that a channel has in progress (one
 // at a time). Not installed.
-#ifndef QX_SHARED_PENDINGOP_H
-#define QX_SHARED_PENDINGOP_H
+#ifndef QX_SHARED_TRANSPORT_PENDINGOP_H
+#define QX_SHARED_TRANSPORT_PENDINGOP_H
 
 #include "shared/CmdI.h"
 
@@ -10,6 +10,7 @@
 #include <utility>
 
 namespace Ipc {
+namespace transport {
 
 struct PendingOp {
   std::shared_ptr<CmdI> cmd;  // kept alive until the operation ends
@@ -25,6 +26,7 @@ struct PendingOp {
   }
 };
 
+}  // namespace transport
 }  // namespace Ipc
 
-#endif  // QX_SHARED_PENDINGOP_H
+#endif  // QX_SHARED_TRANSPORT_PENDINGOP_H

@@ -1,9 +1,9 @@
-#include "shared/Deadline.h"
+#include "shared/transport/Deadline.h"
 
 #include <algorithm>
 
 namespace Ipc {
-namespace asio {
+namespace transport {
 
 Deadline::Deadline(Strand const& strand, std::chrono::milliseconds stride,
                    std::function<void()> expired)
@@ -30,5 +30,5 @@ void Deadline::wait(std::shared_ptr<void> keep) {
   });
 }
 
-}  // namespace asio
+}  // namespace transport
 }  // namespace Ipc

@@ -1,7 +1,7 @@
 // Internal: the Asio types that the server and the client share. Not
 // installed.
-#ifndef QX_SHARED_ASIOTYPES_H
-#define QX_SHARED_ASIOTYPES_H
+#ifndef QX_SHARED_TRANSPORT_ASIOTYPES_H
+#define QX_SHARED_TRANSPORT_ASIOTYPES_H
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -14,7 +14,7 @@
 #include <string>
 
 namespace Ipc {
-namespace asio {
+namespace transport {
 
 using Strand = boost::asio::strand<boost::asio::io_context::executor_type>;
 // Sockets and timers whose handlers run on their connection's strand.
@@ -46,7 +46,19 @@ inline std::string durationText(std::chrono::milliseconds d) {
   return std::to_string(d.count()) + " ms";
 }
 
-}  // namespace asio
+// Why an operation stood still until its deadline: "no byte moved for 60 s".
+inline std::string stalledText(std::chrono::milliseconds limit) {
+  return "no byte moved for " + durationText(limit);
+}
+
+// What happened to an operation that failed, the peer ("the client", "the
+// service") named when it closed the connection.
+inline std::string peerErrorText(boost::system::error_code ec, char const* peer) {
+  if (ec == boost::asio::error::eof) return std::string(peer) + " closed the connection";
+  return ec.message();
+}
+
+}  // namespace transport
 }  // namespace Ipc
 
-#endif  // QX_SHARED_ASIOTYPES_H
+#endif  // QX_SHARED_TRANSPORT_ASIOTYPES_H

@@ -8,12 +8,15 @@
 //   response: "QX", version, status (0 ok, 1 refused), message length
 //             (4 bytes LE); a refusal's message; the command's own response
 // A refused exchange ends the connection.
-#ifndef QX_SHARED_WIRE_H
-#define QX_SHARED_WIRE_H
+#ifndef QX_SHARED_TRANSPORT_WIRE_H
+#define QX_SHARED_TRANSPORT_WIRE_H
+
+#include "shared/SecretToken.h"
 
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <limits>
 #include <string>
 
 namespace Ipc {
@@ -27,6 +30,13 @@ constexpr std::uint8_t kFlagJsonBody = 1;
 constexpr std::uint8_t kStatusOk = 0;
 constexpr std::uint8_t kStatusRefused = 1;
 constexpr std::size_t kMaxMessage = 64 * 1024;
+
+// The hello carries SecretToken::data() whole, and the service compares
+// what it received with SecretToken::matches(), which reads SIZE bytes.
+static_assert(kTokenSize == SecretToken::SIZE, "the hello's token is one SecretToken");
+static_assert(kHelloSize == 8 + SecretToken::SIZE, "a hello is 8 bytes and the token");
+// A refusal's length goes out in the 4 bytes of the status frame.
+static_assert(kMaxMessage <= std::numeric_limits<std::uint32_t>::max(), "a refusal's length fits its field");
 
 inline void putU32(unsigned char* out, std::uint32_t v) {
   for (int i = 0; i < 4; ++i) out[i] = static_cast<unsigned char>(v >> (8 * i));
@@ -83,4 +93,4 @@ inline std::string checkHelloStart(unsigned char const* hello) {
 }  // namespace wire
 }  // namespace Ipc
 
-#endif  // QX_SHARED_WIRE_H
+#endif  // QX_SHARED_TRANSPORT_WIRE_H

@@ -1,4 +1,4 @@
-#include "shared/BufferedStream.h"
+#include "shared/transport/BufferedStream.h"
 
 #include <boost/asio/post.hpp>
 #include <boost/asio/read.hpp>
@@ -8,9 +8,8 @@
 #include <cstring>
 
 namespace Ipc {
-namespace asio {
+namespace transport {
 
-namespace ba = boost::asio;
 
 BufferedStream::BufferedStream(Strand const& strand, std::size_t readAhead)
     : m_strand(strand), m_readAhead(readAhead), m_socket(std::make_shared<Socket>(strand)) {}
@@ -26,7 +25,7 @@ void BufferedStream::renew() {
   // queued; they keep that object and fail on it, instead of carrying the
   // rest of an abandoned exchange into the new connection.
   m_socket = std::make_shared<Socket>(m_strand);
-  ++m_generation;
+  m_generation.advance();
   m_inBegin = m_inEnd = 0;
   m_receiving = false;
   m_readThen = nullptr;
@@ -45,7 +44,7 @@ void BufferedStream::ready(Handler then, boost::system::error_code ec, std::shar
   if (m_driving) return;
   // Started outside a driving handler: run it from the strand, never from
   // within the call that started it.
-  ba::post(m_strand, [this, keep = m_ready.back().keep] { drive([] {}); });
+  boost::asio::post(m_strand, [this, keep = m_ready.back().keep] { drive([] {}); });
 }
 
 void BufferedStream::runReady() {
@@ -94,9 +93,8 @@ void BufferedStream::read(void* dst, std::size_t len, std::shared_ptr<void> keep
 void BufferedStream::receive() {
   m_receiving = true;
   std::size_t const rest = m_readLen - m_readGot;
-  auto done = [this, keep = m_readKeep, socket = m_socket, generation = m_generation](
-                  boost::system::error_code ec, std::size_t n, bool direct) {
-    if (generation != m_generation) return;
+  auto done = m_generation.bind([this, keep = m_readKeep, socket = m_socket](
+                                    boost::system::error_code ec, std::size_t n, bool direct) {
     drive([&] {
       m_receiving = false;
       if (direct) {
@@ -114,9 +112,9 @@ void BufferedStream::receive() {
         receive();
       }
     });
-  };
+  });
   if (rest >= m_readAhead / 2) {
-    ba::async_read(*m_socket, ba::buffer(m_readDst + m_readGot, rest), TransferAll(),
+    boost::asio::async_read(*m_socket, boost::asio::buffer(m_readDst + m_readGot, rest), TransferAll(),
                    [done = std::move(done)](boost::system::error_code ec, std::size_t n) {
                      done(ec, n, true);
                    });
@@ -124,26 +122,26 @@ void BufferedStream::receive() {
   }
   if (!m_in) m_in.reset(new char[m_readAhead]);
   m_inBegin = m_inEnd = 0;  // every buffered byte was taken
-  m_socket->async_read_some(ba::buffer(m_in.get(), m_readAhead),
+  m_socket->async_read_some(boost::asio::buffer(m_in.get(), m_readAhead),
                             [done = std::move(done)](boost::system::error_code ec, std::size_t n) {
                               done(ec, n, false);
                             });
 }
 
-void BufferedStream::write(ba::const_buffer first, ba::const_buffer second, std::shared_ptr<void> keep,
+void BufferedStream::write(boost::asio::const_buffer first, boost::asio::const_buffer second, std::shared_ptr<void> keep,
                            Handler then) {
   if (first.size() == 0) std::swap(first, second);
   if (second.size() != 0 && first.size() + second.size() <= sizeof m_joined) {
     // Small pieces go out in one plain send, copied together.
     std::memcpy(m_joined, first.data(), first.size());
     std::memcpy(m_joined + first.size(), second.data(), second.size());
-    first = ba::buffer(m_joined, first.size() + second.size());
-    second = ba::const_buffer();
+    first = boost::asio::buffer(m_joined, first.size() + second.size());
+    second = boost::asio::const_buffer();
   }
-  std::array<ba::const_buffer, 2> buffers{first, second};
+  std::array<boost::asio::const_buffer, 2> buffers{first, second};
   boost::system::error_code ec;
   if (!m_socket->is_open()) {
-    ec = ba::error::bad_descriptor;
+    ec = boost::asio::error::bad_descriptor;
   } else if (!m_socket->non_blocking()) {
     m_socket->non_blocking(true, ec);  // what the socket cannot take now is not waited for here
   }
@@ -154,7 +152,7 @@ void BufferedStream::write(ba::const_buffer first, ba::const_buffer second, std:
   }
   m_bytesWritten.fetch_add(written, std::memory_order_relaxed);
   std::size_t const total = first.size() + second.size();
-  if (written == total || (ec && ec != ba::error::would_block && ec != ba::error::try_again)) {
+  if (written == total || (ec && ec != boost::asio::error::would_block && ec != boost::asio::error::try_again)) {
     ready(std::move(then), written == total ? boost::system::error_code() : ec, std::move(keep));
     return;
   }
@@ -162,14 +160,18 @@ void BufferedStream::write(ba::const_buffer first, ba::const_buffer second, std:
   std::size_t const fromFirst = std::min(written, first.size());
   buffers[0] = first + fromFirst;
   buffers[1] = second + (written - fromFirst);
-  ba::async_write(*m_socket, buffers, TransferAll(),
-                  [this, keep = std::move(keep), socket = m_socket, generation = m_generation,
-                   then = std::move(then)](boost::system::error_code ec, std::size_t n) {
-                    m_bytesWritten.fetch_add(n, std::memory_order_relaxed);
-                    if (generation != m_generation) return;
-                    drive([&] { then(ec); });
-                  });
+  // Bytes that an earlier socket object wrote still count; its completion
+  // does not run.
+  auto complete = m_generation.bind([this, then = std::move(then)](boost::system::error_code ec) {
+    drive([&] { then(ec); });
+  });
+  boost::asio::async_write(*m_socket, buffers, TransferAll(),
+                           [this, keep = std::move(keep), socket = m_socket, complete = std::move(complete)](
+                               boost::system::error_code ec, std::size_t n) {
+                             m_bytesWritten.fetch_add(n, std::memory_order_relaxed);
+                             complete(ec);
+                           });
 }
 
-}  // namespace asio
+}  // namespace transport
 }  // namespace Ipc

@@ -17,10 +17,11 @@
 // One read and one write may be outstanding at a time. Used on the strand
 // only. Every handler holds the `keep` given with its operation (the owner
 // of the stream) until it has run.
-#ifndef QX_SHARED_BUFFEREDSTREAM_H
-#define QX_SHARED_BUFFEREDSTREAM_H
+#ifndef QX_SHARED_TRANSPORT_BUFFEREDSTREAM_H
+#define QX_SHARED_TRANSPORT_BUFFEREDSTREAM_H
 
-#include "shared/AsioTypes.h"
+#include "shared/transport/AsioTypes.h"
+#include "shared/transport/Generation.h"
 
 #include <boost/asio/buffer.hpp>
 
@@ -33,7 +34,7 @@
 #include <vector>
 
 namespace Ipc {
-namespace asio {
+namespace transport {
 
 class BufferedStream {
  public:
@@ -104,7 +105,7 @@ class BufferedStream {
 
   // Used on the strand only.
   std::shared_ptr<Socket> m_socket;
-  std::uint64_t m_generation = 0;  // tells handlers of an earlier socket object apart
+  Generation m_generation;         // of the socket object: handlers of earlier ones are ignored
   std::unique_ptr<char[]> m_in;    // the read-ahead buffer, made at the first receive
   std::size_t m_inBegin = 0;       // the bytes buffered are [m_inBegin, m_inEnd)
   std::size_t m_inEnd = 0;
@@ -121,7 +122,7 @@ class BufferedStream {
   bool m_driving = false;
 };
 
-}  // namespace asio
+}  // namespace transport
 }  // namespace Ipc
 
-#endif  // QX_SHARED_BUFFEREDSTREAM_H
+#endif  // QX_SHARED_TRANSPORT_BUFFEREDSTREAM_H

@@ -1,0 +1,114 @@
+// Internal: one connection of a client to a CmdServer, and the channel of
+// each of its commands in turn. Not installed.
+//
+// Made by the server's accept handler, which then runs start() (or
+// refuseAtOnce() when the server is full) on the session's strand; every
+// other call, and every handler, runs on that strand too. The session lives
+// as long as one of its handlers holds it; its destructor tells the core
+// (which takes the core's mutex: never let go of a session with it held).
+#ifndef QX_SHARED_TRANSPORT_SERVERSESSION_H
+#define QX_SHARED_TRANSPORT_SERVERSESSION_H
+
+#include "shared/CmdChannel.h"
+#include "shared/CmdServer.h"
+#include "shared/transport/AsioTypes.h"
+#include "shared/transport/BufferedStream.h"
+#include "shared/transport/Deadline.h"
+#include "shared/transport/Exchange.h"
+#include "shared/transport/Wire.h"
+
+#include <array>
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace Ipc {
+namespace transport {
+
+class ServerSession final : public CmdChannel, public std::enable_shared_from_this<ServerSession> {
+ public:
+  // holdsSlot: the session was admitted and counts against maxConnections
+  // until it is refused or ends.
+  ServerSession(std::shared_ptr<CmdServer::Core> core, Socket socket, bool holdsSlot);
+  ~ServerSession();
+  ServerSession(ServerSession const&) = delete;
+  ServerSession& operator=(ServerSession const&) = delete;
+
+  Strand const& strand() const { return m_strand; }
+
+  // Starts the exchange of hello and token.
+  void start();
+  // Refuses the connection at once (too many connections).
+  void refuseAtOnce(std::string const& why);
+  // Closes the connection because the service stops.
+  void stop();
+
+  // CmdChannel
+  void reqDone(std::shared_ptr<CmdI> const& cmd) override;
+  void failCmd(std::shared_ptr<CmdI> const& cmd, std::string const& why) override;
+  void finishCmd(std::shared_ptr<CmdI> const& cmd) override;
+  void writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::size_t len,
+                  std::function<void()> done) override;
+  void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
+                 std::function<void()> done) override;
+
+ private:
+  // How far the connection has got. Every change goes through transition(),
+  // which knows the allowed ones; Closed is final.
+  enum class State {
+    Hello,            // the client's hello is awaited
+    AwaitingRequest,  // the ok status of the last step goes out, then the next request frame is awaited
+    ReadingRequest,   // a command was built and reads its request
+    Dispatching,      // the request is complete; the processor handles it
+    Responding,       // the handler returned; the ok status goes out with the response's first bytes
+    WritingResponse,  // bytes of the response have gone out
+    Refusing,         // a refusal goes out, then what the client still sends is drained
+    Closed,
+  };
+  // Moves to state to; false (and no move) when the session is closed
+  // already, for a completion that comes after the close has nothing left
+  // to do.
+  bool transition(State to);
+  // Whether a failure now can still be answered with a refusal: the status
+  // of the hello or of the request in progress has not been written.
+  bool mayStillRefuse() const;
+
+  void arm(std::chrono::milliseconds limit);
+  void onDeadline();
+  std::string ioErrorText(boost::system::error_code ec) const;
+  void onOp(boost::system::error_code ec);
+  void onHello(boost::system::error_code ec);
+  void answerOkThenReadNext();
+  void readNextRequest();
+  void onRequestFrame(boost::system::error_code ec);
+  void refuse(std::string const& why);
+  void drain();
+  void close();
+
+  std::shared_ptr<CmdServer::Core> const m_core;
+  Strand const m_strand;
+  std::string const m_peer;
+
+  // Used on the strand only.
+  State m_state = State::Hello;
+  BufferedStream m_stream;
+  Deadline m_deadline;  // of the operation in progress
+  Exchange m_exchange;  // the command whose request or response moves now
+  std::array<unsigned char, wire::kHelloSize> m_hello{};
+  std::array<unsigned char, wire::kFrameSize> m_frame{};
+  unsigned char m_okFrame[wire::kFrameSize] = {};
+  std::string m_refusal;
+  std::array<char, 4096> m_drain{};
+  // Not steps of the protocol but what a failure is put down to: the
+  // deadline of the operation in progress passed; the service is stopping.
+  bool m_timedOut = false;
+  bool m_stopping = false;
+  // Counts against maxConnections; independent of the state: given back
+  // when a refusal starts, or when the session ends.
+  bool m_holdsSlot;
+};
+
+}  // namespace transport
+}  // namespace Ipc
+
+#endif  // QX_SHARED_TRANSPORT_SERVERSESSION_H
