@@ -90,6 +90,6 @@ class QX_SHARED_API Log {
 };
 
 // The text with its control bytes escaped as the log writes them.
-std::string logEscaped(std::string const& text);
+QX_SHARED_API std::string logEscaped(std::string const& text);
 
 #endif  // QX_SHARED_LOG_H
