@@ -49,9 +49,6 @@ class Exchange {
     m_op = PendingOp();
     return std::move(m_cmd);
   }
-  // Ignores every handler made so far without ending the exchange (the
-  // connection under it is closed for good).
-  void abandonHandlers() { m_generation.advance(); }
 
   // f, to run only if this exchange is still the one in progress then.
   template <class F>
