@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -47,6 +48,15 @@ TEST(GenerationTest, ACopyOfABoundHandlerKeepsItsGeneration) {
   copy();
   bound();
   EXPECT_EQ(2, ran);
+}
+
+TEST(GenerationTest, ATicketIsCurrentUntilTheNextAdvance) {
+  Generation generation;
+  std::uint64_t const ticket = generation.current();
+  EXPECT_TRUE(generation.isCurrent(ticket));
+  generation.advance();
+  EXPECT_FALSE(generation.isCurrent(ticket));
+  EXPECT_TRUE(generation.isCurrent(generation.current()));
 }
 
 }  // namespace
