@@ -142,7 +142,8 @@ void Conn::writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::s
                       std::function<void()> done) {
   m_exchange.startOp(cmd, std::move(done));
   m_stream.write(boost::asio::buffer(data, len), boost::asio::const_buffer(), shared_from_this(),
-                 m_exchange.bind([this](boost::system::error_code ec) {
+                 [this, at = m_exchange.ticket()](boost::system::error_code ec) {
+                   if (!m_exchange.isCurrent(at)) return;
                    if (ec && awaitingStatus()) {
                      // The service may have refused the request while it
                      // was being sent: its message is on its way, and is
@@ -151,14 +152,15 @@ void Conn::writeAsync(std::shared_ptr<CmdI> const& cmd, void const* data, std::s
                      return;
                    }
                    onOp(ec);
-                 }));
+                 });
 }
 
 void Conn::readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                      std::function<void()> done) {
   m_exchange.startOp(cmd, std::move(done));
-  m_stream.read(buf, len, shared_from_this(),
-                m_exchange.bind([this](boost::system::error_code ec) { onOp(ec); }));
+  m_stream.read(buf, len, shared_from_this(), [this, at = m_exchange.ticket()](boost::system::error_code ec) {
+    if (m_exchange.isCurrent(at)) onOp(ec);
+  });
 }
 
 std::string Conn::name() const { return m_exchange.active() ? m_exchange.cmd()->name() : "command"; }

@@ -6,8 +6,8 @@
 //  - calls of the CmdChannel interface from a command whose exchange has
 //    ended: holds(cmd) is false for them;
 //  - completions of operations started for an exchange that has ended:
-//    handlers made by bind() do not run once end() (or the next begin())
-//    came.
+//    handlers made by bind() (or that check their ticket()) do not run once
+//    end() (or the next begin()) came.
 // Used on the connection's strand only.
 #ifndef QX_SHARED_TRANSPORT_EXCHANGE_H
 #define QX_SHARED_TRANSPORT_EXCHANGE_H
@@ -17,6 +17,7 @@
 #include "shared/transport/Generation.h"
 #include "shared/transport/PendingOp.h"
 
+#include <cstdint>
 #include <exception>
 #include <functional>
 #include <memory>
@@ -49,15 +50,16 @@ class Exchange {
     m_op = PendingOp();
     return std::move(m_cmd);
   }
-  // Ignores every handler made so far without ending the exchange (the
-  // connection under it is closed for good).
-  void abandonHandlers() { m_generation.advance(); }
 
   // f, to run only if this exchange is still the one in progress then.
   template <class F>
   Generation::Bound<F> bind(F f) const {
     return m_generation.bind(std::move(f));
   }
+  // For the handler of a command's operation, which must stay within two
+  // words: what it keeps, and the test it makes (see Generation).
+  std::uint64_t ticket() const { return m_generation.current(); }
+  bool isCurrent(std::uint64_t ticket) const { return m_generation.isCurrent(ticket); }
 
   // The operation of the command that runs now (one at a time).
   void startOp(std::shared_ptr<CmdI> const& cmd, std::function<void()> done) {

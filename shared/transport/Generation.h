@@ -4,7 +4,10 @@
 // A handler made by bind() runs its function only while no advance() has
 // come since it was made; otherwise it returns without a word. The object
 // must outlive the handlers it makes: they hold their owner, which holds it.
-// Used on one strand only.
+// A handler that must stay within two words (what a std::function holds
+// without allocating: a command's read or write runs many times a second)
+// keeps current() instead and asks isCurrent() itself. Used on one strand
+// only.
 #ifndef QX_SHARED_TRANSPORT_GENERATION_H
 #define QX_SHARED_TRANSPORT_GENERATION_H
 
@@ -21,11 +24,11 @@ class Generation {
    public:
     template <class... Args>
     void operator()(Args&&... args) {
-      if (m_generation->m_value == m_at) m_f(std::forward<Args>(args)...);
+      if (m_generation->isCurrent(m_at)) m_f(std::forward<Args>(args)...);
     }
     template <class... Args>
     void operator()(Args&&... args) const {
-      if (m_generation->m_value == m_at) m_f(std::forward<Args>(args)...);
+      if (m_generation->isCurrent(m_at)) m_f(std::forward<Args>(args)...);
     }
 
    private:
@@ -44,6 +47,8 @@ class Generation {
 
   // Ends the current generation: what was bound before is ignored from now.
   void advance() { ++m_value; }
+  std::uint64_t current() const { return m_value; }
+  bool isCurrent(std::uint64_t generation) const { return generation == m_value; }
   // f, to run only if the current generation is still current then.
   template <class F>
   Bound<F> bind(F f) const {

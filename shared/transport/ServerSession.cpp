@@ -146,14 +146,17 @@ void ServerSession::writeAsync(std::shared_ptr<CmdI> const& cmd, void const* dat
     status = boost::asio::buffer(m_okFrame);
   }
   m_stream.write(status, boost::asio::buffer(data, len), shared_from_this(),
-                 m_exchange.bind([this](boost::system::error_code ec) { onOp(ec); }));
+                 [this, at = m_exchange.ticket()](boost::system::error_code ec) {
+                   if (m_exchange.isCurrent(at)) onOp(ec);
+                 });
 }
 
 void ServerSession::readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                               std::function<void()> done) {
   m_exchange.startOp(cmd, std::move(done));
-  m_stream.read(buf, len, shared_from_this(),
-                m_exchange.bind([this](boost::system::error_code ec) { onOp(ec); }));
+  m_stream.read(buf, len, shared_from_this(), [this, at = m_exchange.ticket()](boost::system::error_code ec) {
+    if (m_exchange.isCurrent(at)) onOp(ec);
+  });
 }
 
 void ServerSession::arm(std::chrono::milliseconds limit) {

@@ -57,10 +57,10 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   // which knows the allowed ones; Closed is final.
   enum class State {
     Hello,            // the client's hello is awaited
-    AwaitingRequest,  // the ok status of the last step goes out, then the next request frame is awaited
+    AwaitingRequest,  // the last step's ok status goes out; then the next request is awaited
     ReadingRequest,   // a command was built and reads its request
     Dispatching,      // the request is complete; the processor handles it
-    Responding,       // the handler returned; the ok status goes out with the response's first bytes
+    Responding,       // the handler returned; the ok status waits for the response's first bytes
     WritingResponse,  // bytes of the response have gone out
     Refusing,         // a refusal goes out, then what the client still sends is drained
     Closed,
