@@ -48,10 +48,8 @@ bool g_logToFile = false;
 
 int serve(Options const& opt) {
   fs::path const configFile = opt.configFile.empty() ? Settings::OLD_CFG_FILE_PATH() : fs::path(opt.configFile);
-  json::Object const raw = qxapp::readConfigObject(configFile);
-  Settings const settings = qxapp::settingsFromObject(raw, "the configuration \"" + configFile.string() + "\"");
-  std::string why = qxsvc::checkChange(settings, settings, raw);
-  if (why.empty()) why = qxsvc::prepareFolders(settings);
+  Settings const settings = qxsvc::acceptConfigFile(configFile);
+  std::string const why = qxsvc::prepareFolders(settings);
   if (!why.empty()) throw qxapp::ConfigError("the configuration \"" + configFile.string() + "\": " + why);
 
   fs::path const tokenFile = opt.tokenFile.empty() ? Ipc::SecretToken::defaultPath() : fs::path(opt.tokenFile);
@@ -108,6 +106,7 @@ int serve(Options const& opt) {
 int main(int argc, char** argv) {
   Options opt;
   CLI::App app{"qxlite-svc: the QXLite reference service"};
+  app.set_version_flag("--version", std::string("qxlite-svc ") + QX_VERSION, "Print the version and exit");
   app.add_option("--config", opt.configFile, "Configuration file (default: " + Settings::OLD_CFG_FILE_PATH().string() + ")");
   app.add_option("--token-file", opt.tokenFile, "Secret token file (default: " + Ipc::SecretToken::defaultPath().string() + ")");
   app.add_option("--token-group", opt.tokenGroup, "Group whose members may drive the service (token file mode 0640)");
@@ -123,7 +122,9 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {
-    return app.exit(e);
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    std::cerr << "qxlite-svc: " << e.what() << " (see qxlite-svc --help)\n";
+    return 2;
   }
   g_LogVerbose = opt.verbose;
   try {
