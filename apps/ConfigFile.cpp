@@ -157,11 +157,11 @@ std::vector<ConfigKey> const& configKeyTable() {
       {"EmailSmtpUrl", "text", "", "SMTP server for e-mail notices (none: no notices)", false},
       {"EmailUser", "text", "", "user name at the SMTP server", false},
       {"EmailPassword", "text", "", "password at the SMTP server", true},
-      {"EmailFrom", "text", "", "sender of the e-mail notices", false},
-      {"EmailTo", "text", "", "recipient of the e-mail notices", false},
       {"EmailRequireTls", "flag", "false", "require TLS with the SMTP server", false},
       {"EmailNotifySuccess", "flag", "false", "send an e-mail when an upload succeeds", false},
       {"EmailNotifyFailure", "flag", "false", "send an e-mail when an upload fails", false},
+      {"EmailFrom", "text", "", "sender of the e-mail notices", false},
+      {"EmailTo", "text", "", "recipient of the e-mail notices", false},
   };
   return table;
 }

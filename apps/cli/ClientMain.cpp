@@ -5,6 +5,7 @@
 // service did not save, a failing configuration test) a one-line message on
 // standard error and a non-zero status: 1 for a failure of the command, 2 for
 // a wrong command line.
+#include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
 #include "ipc/IpcCmdsLite.h"
 #include "ipc/MsgsUItoSvc.h"
@@ -420,7 +421,7 @@ int main(int argc, char** argv) {
   app.require_subcommand(1);
   app.add_option("--host", g.host, "Service host (default 127.0.0.1)");
   app.add_option("--port", g.port, "Service IPC port (default " + Settings::IPC_DEFAULT_SVC_PORT_STR() + ")")
-      ->check(CLI::Range(1, 65535));
+      ->check(qxapp::portNumber(1));
   app.add_option("--token-file", g.tokenFile, "Secret token file (default: the service's)");
   app.add_option("--timeout", g.timeoutSecs, "Seconds without progress before a command fails")
       ->check(CLI::Range(0.001, 86400.0));

@@ -9,6 +9,7 @@
 // error (as under systemd, whose journal keeps it), otherwise to a log file.
 // SIGTERM and SIGINT stop it cleanly: no new connection is taken, exchanges
 // in flight end, and nothing it should keep is removed.
+#include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
@@ -110,7 +111,7 @@ int main(int argc, char** argv) {
   app.add_option("--config", opt.configFile, "Configuration file (default: " + Settings::OLD_CFG_FILE_PATH().string() + ")");
   app.add_option("--token-file", opt.tokenFile, "Secret token file (default: " + Ipc::SecretToken::defaultPath().string() + ")");
   app.add_option("--token-group", opt.tokenGroup, "Group whose members may drive the service (token file mode 0640)");
-  app.add_option("--port", opt.port, "IPC port instead of the configuration's (0: the system chooses)")->check(CLI::Range(0, 65535));
+  app.add_option("--port", opt.port, "IPC port instead of the configuration's (0: the system chooses)")->check(qxapp::portNumber(0));
   app.add_flag("--foreground", opt.foreground, "Log to standard error (as under systemd) instead of the log file");
   app.add_option("--log-file", opt.logFile, "Log file (default without --foreground: /var/log/qxlite-svc.log as root, else beside the configuration file)");
   app.add_flag("--verbose", opt.verbose, "Write TRACE lines");
