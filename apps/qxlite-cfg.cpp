@@ -5,7 +5,8 @@
 // is an error (exit status 2) and is left untouched: the program never
 // replaces a configuration by defaults. A missing file is read as an empty
 // object, so the program creates a configuration of defaults. The file is
-// replaced atomically, with mode 0600.
+// replaced atomically, with mode 0600. --version prints the version; a wrong
+// command line is one line on standard error and exit status 2.
 #include "apps/ConfigFile.h"
 
 #include <iostream>
