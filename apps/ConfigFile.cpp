@@ -118,17 +118,68 @@ void writeConfigAtomically(fs::path const& file, std::string const& text) {
   }
 }
 
+std::vector<ConfigKey> const& configKeyTable() {
+  static std::vector<ConfigKey> const table{
+      {"AccountId", "text", "", "the account at the upload server that this node belongs to", false},
+      {"SpoolerId", "integer", "0", "this node's id at the server", false},
+      {"KeyId", "integer", "0", "id of the node's key pair at the server", false},
+      {"PublicKey", "text", "", "the node's public key", false},
+      {"IgnoredExtension", "list of texts", "[\"noqx\",\"ds_store\",\"db\"]",
+       "file extensions that are never uploaded", false},
+      {"SrvFileExts", "list of texts", "[\"pdf\",\"ps\",\"xps\",\"oxps\",\"xml\",\"json\",\"js\",\"csv\",\"xls\",\"xlsx\",\"ods\",\"zip\",\"tar\",\"enm\",\"qxw\"]", "file extensions that the server accepts",
+       false},
+      {"ReceiveFolder", "text", "/var/spool/QXUpload/in", "incoming folder: files dropped here are uploaded", false},
+      {"SpoolFolder", "text", "/var/spool/QXUpload/out", "outgoing folder", false},
+      {"BackupExpireSecs", "integer", "0",
+       "backup of uploaded items: 0 off, 4294967295 kept for ever, else seconds until they expire", false},
+      {"BackupFolder", "text", "/var/spool/QXUpload/backup", "backup folder (rejected files go to its .rejected)",
+       false},
+      {"EnableLogging", "flag", "false", "trace logging of the service", false},
+      {"AllowRemoteConfig", "flag", "false", "whether remote clients may configure the service", false},
+      {"MinFilesToZip", "integer", "0",
+       "zip an upload from 10 plus this many files on (-7: from 3 files, 15: from 25)", false},
+      {"UseDirName", "flag", "false", "use a dropped folder's name as the title of its upload", false},
+      {"ConcurrentUploads", "integer", "2", "the most uploads that run at once", false},
+      {"IpcPort", "integer", "45654", "TCP port between the client and the service", false},
+      {"MaxConnIdleSecs", "integer", "600", "seconds a connection may stay idle", false},
+      {"IpcForceIP4", "flag", "false", "use IPv4 only between the client and the service", false},
+      {"EnableCurlDbgLog", "flag", "false", "debug tracing of the transfers to the server", false},
+      {"InetServer", "text", "", "address of the upload server", false},
+      {"InetAltServer", "text", "", "alternative address of the upload server", false},
+      {"InetUseProxy", "flag", "false", "reach the server through a proxy", false},
+      {"InetProxy", "text", "", "the proxy's address", false},
+      {"InetProxyTunnel", "flag", "false", "tunnel through the proxy", false},
+      {"InetProxySocks", "flag", "false", "the proxy speaks SOCKS5 (else HTTP)", false},
+      {"InetInsecureTls", "flag", "false", "skip the check of the server's certificate", false},
+      {"InetProxyAuth", "text", "", "how to authenticate at the proxy", false},
+      {"InetProxyUser", "text", "", "user name at the proxy", false},
+      {"InetProxyPassword", "text", "", "password at the proxy", true},
+      {"EmailSmtpUrl", "text", "", "SMTP server for e-mail notices (none: no notices)", false},
+      {"EmailUser", "text", "", "user name at the SMTP server", false},
+      {"EmailPassword", "text", "", "password at the SMTP server", true},
+      {"EmailRequireTls", "flag", "false", "require TLS with the SMTP server", false},
+      {"EmailNotifySuccess", "flag", "false", "send an e-mail when an upload succeeds", false},
+      {"EmailNotifyFailure", "flag", "false", "send an e-mail when an upload fails", false},
+      {"EmailFrom", "text", "", "sender of the e-mail notices", false},
+      {"EmailTo", "text", "", "recipient of the e-mail notices", false},
+  };
+  return table;
+}
+
 std::set<std::string> const& configKeys() {
-  static std::set<std::string> const keys{
-      "AccountId", "SpoolerId", "KeyId", "PublicKey", "IgnoredExtension", "SrvFileExts",
-      "ReceiveFolder", "SpoolFolder", "BackupExpireSecs", "BackupFolder", "EnableLogging",
-      "AllowRemoteConfig", "MinFilesToZip", "UseDirName", "ConcurrentUploads", "IpcPort",
-      "MaxConnIdleSecs", "IpcForceIP4", "EnableCurlDbgLog", "InetServer", "InetAltServer",
-      "InetUseProxy", "InetProxy", "InetProxyTunnel", "InetProxySocks", "InetInsecureTls",
-      "InetProxyAuth", "InetProxyUser", "InetProxyPassword", "EmailSmtpUrl", "EmailUser",
-      "EmailPassword", "EmailFrom", "EmailTo", "EmailRequireTls", "EmailNotifySuccess",
-      "EmailNotifyFailure"};
+  static std::set<std::string> const keys = [] {
+    std::set<std::string> names;
+    for (ConfigKey const& k : configKeyTable()) names.insert(k.name);
+    return names;
+  }();
   return keys;
+}
+
+ConfigKey const* findConfigKey(std::string const& key) {
+  for (ConfigKey const& k : configKeyTable()) {
+    if (key == k.name) return &k;
+  }
+  return nullptr;
 }
 
 char const* const kExtensionListKeys[2] = {"IgnoredExtension", "SrvFileExts"};

@@ -22,6 +22,7 @@
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace qxapp {
 
@@ -37,10 +38,24 @@ Settings settingsFromObject(json::Object const& obj, std::string const& what);
 std::string configText(Settings const& settings);
 void writeConfigAtomically(boost::filesystem::path const& file, std::string const& text);
 
-// Every key of the configuration file: those that Settings::serialize()
-// writes for a record whose members are all set, the internet and e-mail
-// records' keys included. `qxlite config set` accepts exactly these.
+// One key of the configuration file, as `qxlite config keys` shows it.
+struct ConfigKey {
+  char const* name;
+  char const* type;          // "text", "integer", "flag", "list of texts"
+  char const* defaultValue;  // as a person would write it; "" for none
+  char const* meaning;
+  bool secret;  // a password: the client masks it unless asked
+};
+
+// Every key of the configuration file, in the order Settings::serialize()
+// writes them: those that it writes for a record whose members are all set,
+// the internet and e-mail records' keys included. `qxlite config set`
+// accepts exactly these.
+std::vector<ConfigKey> const& configKeyTable();
+// The names of configKeyTable().
 std::set<std::string> const& configKeys();
+// The entry of key, or null when key is not a configuration key.
+ConfigKey const* findConfigKey(std::string const& key);
 
 // The keys of the extension lists, which the reader passes over silently
 // when they are not lists of texts.

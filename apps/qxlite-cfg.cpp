@@ -5,17 +5,29 @@
 // is an error (exit status 2) and is left untouched: the program never
 // replaces a configuration by defaults. A missing file is read as an empty
 // object, so the program creates a configuration of defaults. The file is
-// replaced atomically, with mode 0600.
+// replaced atomically, with mode 0600. --version prints the version; a wrong
+// command line is one line on standard error and exit status 2.
 #include "apps/ConfigFile.h"
 
 #include <iostream>
 
 int main(int argc, char** argv) {
-  if (argc != 2 || std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h") {
-    std::cerr << "usage: qxlite-cfg FILE\n"
+  std::string const first = argc > 1 ? argv[1] : "";
+  if (argc == 2 && (first == "--help" || first == "-h")) {
+    std::cout << "usage: qxlite-cfg FILE\n"
                  "Reads the configuration FILE (a JSON object; a missing file means defaults),\n"
-                 "prints its report and writes the normalised sparse form back.\n";
-    return argc == 2 ? 0 : 1;
+                 "prints its report and writes the normalised sparse form back.\n"
+                 "  --version  Print the version and exit\n";
+    return 0;
+  }
+  if (argc == 2 && first == "--version") {
+    std::cout << "qxlite-cfg " << QX_VERSION << "\n";
+    return 0;
+  }
+  if (argc != 2 || (first.size() > 1 && first[0] == '-')) {
+    std::cerr << "qxlite-cfg: " << (argc != 2 ? "expected one FILE" : "unknown option \"" + first + "\"")
+              << " (see qxlite-cfg --help)\n";
+    return 2;
   }
   boost::filesystem::path const file(argv[1]);
   try {

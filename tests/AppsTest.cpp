@@ -4,6 +4,7 @@
 // command-line client qxlite, and a tiny HTTP server of the test standing in
 // for the upload server. Every outcome is checked exactly: output lines, exit
 // status, files on disk.
+#include "apps/ConfigFile.h"
 #include "tests/ProcessHarness.h"
 #include "tests/SettingsTestUtil.h"
 #include "tests/TestUtil.h"
@@ -20,6 +21,7 @@
 #include <boost/filesystem/operations.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cctype>
@@ -302,17 +304,19 @@ class AppsTest : public ::testing::Test {
 
   fs::path nextOutput(char const* suffix) { return tmp / ("proc-" + std::to_string(++m_outputs) + suffix); }
 
-  std::vector<std::string> serviceArgs(std::uint16_t onPort = 0) const {
-    return {"--config", cfgFile.string(), "--token-file", tokenFile.string(), "--port", std::to_string(onPort),
+  std::vector<std::string> serviceArgs(std::uint16_t onPort = 0) const { return serviceArgs(onPort, cfgFile); }
+  std::vector<std::string> serviceArgs(std::uint16_t onPort, fs::path const& config) const {
+    return {"--config", config.string(), "--token-file", tokenFile.string(), "--port", std::to_string(onPort),
             "--foreground", "--scan-interval", "0.05"};
   }
 
   // Starts the service (on a port of the system's choice unless told) and
   // reads its port from its log. False (with a failure) when it ends or does
   // not serve in time.
-  bool startService(std::uint16_t onPort = 0) {
+  bool startService(std::uint16_t onPort = 0) { return startServiceWith(cfgFile, onPort); }
+  bool startServiceWith(fs::path const& config, std::uint16_t onPort = 0) {
     port = 0;
-    service = std::make_unique<Child>(kSvc, serviceArgs(onPort), nextOutput(".out"), nextOutput(".err"));
+    service = std::make_unique<Child>(kSvc, serviceArgs(onPort, config), nextOutput(".out"), nextOutput(".err"));
     static std::string const serving = "INFO:qxlite-svc 7.0.1 serving on 127.0.0.1:";
     bool const up = waitFor([&] {
       std::string const log = service->err();
@@ -375,23 +379,34 @@ class AppsTest : public ::testing::Test {
     EXPECT_EQ("", o.out);
   }
 
+  // A line of `qxlite config get`: the key in its column, then the report's
+  // line.
+  static std::string keyColumn(std::string const& key, std::string const& line) {
+    return key + std::string(20 - key.size(), ' ') + line;
+  }
+  static std::string keyed(std::string const& key, std::string const& line) { return keyColumn(key, line) + "\n"; }
   // What `qxlite config get` prints for the fixture's configuration.
   std::string dump(std::string const& account = "", std::string const& backupLine = "Backup disabled",
                    std::string const& server = "") const {
-    return "Account Id: " + account + "\nNode Id: 0\nKey Id: 0\nKey: empty\n"
-           "Ignored extensions: [\"noqx\",\"ds_store\",\"db\"]\n"
-           "Incoming Folder: \"" + in.string() + "\"\n"
-           "Outgoing Folder: \"" + out.string() + "\"\n"
-           "Server address: " + server + "\nAlternative server address: \n"
-           "Proxy: not used\nServer certificate check: on\n" + backupLine + "\n"
-           "Backup folder \"" + backup.string() + "\"\n"
-           "Rejected folder \"" + rejected.string() + "\"\n"
-           "Trace logging disabled\nRemote clients cannot configure the service\n"
-           "Zip uploads with 10 or more files\nNot using folder name\n"
-           "E-mail notices: off (no SMTP server)\n"
-           "Server accepted extensions: " + std::string(kDefaultSrvExtsText) + "\n"
-           "Max upload threads: 2\nIPC TCP port: 45654\n"
-           "Maximum idle connection time: 600s\nIP4 is not forced\n";
+    return keyed("AccountId", "Account Id: " + account) + keyed("SpoolerId", "Node Id: 0") +
+           keyed("KeyId", "Key Id: 0") + keyed("PublicKey", "Key: empty") +
+           keyed("IgnoredExtension", "Ignored extensions: [\"noqx\",\"ds_store\",\"db\"]") +
+           keyed("ReceiveFolder", "Incoming Folder: \"" + in.string() + "\"") +
+           keyed("SpoolFolder", "Outgoing Folder: \"" + out.string() + "\"") +
+           keyed("InetServer", "Server address: " + server) +
+           keyed("InetAltServer", "Alternative server address: ") + keyed("InetUseProxy", "Proxy: not used") +
+           keyed("InetInsecureTls", "Server certificate check: on") + keyed("BackupExpireSecs", backupLine) +
+           keyed("BackupFolder", "Backup folder \"" + backup.string() + "\"") +
+           keyed("", "Rejected folder \"" + rejected.string() + "\"") +
+           keyed("EnableLogging", "Trace logging disabled") +
+           keyed("AllowRemoteConfig", "Remote clients cannot configure the service") +
+           keyed("MinFilesToZip", "Zip uploads with 10 or more files") +
+           keyed("UseDirName", "Not using folder name") +
+           keyed("EmailSmtpUrl", "E-mail notices: off (no SMTP server)") +
+           keyed("SrvFileExts", "Server accepted extensions: " + std::string(kDefaultSrvExtsText)) +
+           keyed("ConcurrentUploads", "Max upload threads: 2") + keyed("IpcPort", "IPC TCP port: 45654") +
+           keyed("MaxConnIdleSecs", "Maximum idle connection time: 600s") +
+           keyed("IpcForceIP4", "IP4 is not forced");
   }
 
   // The line of `qxlite uploads` for an item.
@@ -1155,6 +1170,141 @@ TEST_F(AppsTest, ADroppedNameWithLineFeedsIsLoggedAsOneEscapedLine) {
                                       escaped + "\""}),
             forged)
       << log;
+}
+
+// ---------------------------------------------------------------------------
+// What a person meets first: versions, command-line errors, the keys
+
+TEST_F(AppsTest, ProgramsAnswerVersionAndWrongCommandLinesInOneLine) {
+  port = 1;  // none of these reaches a service
+  struct Case {
+    char const* program;
+    std::vector<std::string> args;
+    int status;
+    std::string out;
+    std::string err;
+  };
+  std::vector<Case> const cases{
+      {kSvc, {"--version"}, 0, "qxlite-svc 7.0.1\n", ""},
+      {kSvc, {"--bogus"}, 2, "", "qxlite-svc: The following argument was not expected: --bogus (see qxlite-svc --help)\n"},
+      {kSvc, {"--port", "99999"}, 2, "", "qxlite-svc: --port: \"99999\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
+      {kSvc, {"--port", "abc"}, 2, "", "qxlite-svc: --port: \"abc\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
+      {kSvc, {"--port", "080"}, 2, "", "qxlite-svc: --port: \"080\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
+      {kSvc, {"--config"}, 2, "", "qxlite-svc: --config: 1 required TEXT missing (see qxlite-svc --help)\n"},
+      {kSvc, {"status"}, 2, "", "qxlite-svc: The following argument was not expected: status (see qxlite-svc --help)\n"},
+      {kCli, {"--version"}, 0, "qxlite 7.0.1\n", ""},
+      {kCli, {"--bogus", "status"}, 2, "", "qxlite: The following argument was not expected: --bogus (see qxlite --help)\n"},
+      {kCli, {"--port", "99999", "status"}, 2, "", "qxlite: --port: \"99999\" is not a port number from 1 to 65535 (see qxlite --help)\n"},
+      {kCli, {"--port", "abc", "status"}, 2, "", "qxlite: --port: \"abc\" is not a port number from 1 to 65535 (see qxlite --help)\n"},
+      {kCli, {"--port=0", "status"}, 2, "", "qxlite: --port: \"0\" is not a port number from 1 to 65535 (see qxlite --help)\n"},
+      {kCli, {"--token-file"}, 2, "", "qxlite: --token-file: 1 required TEXT missing (see qxlite --help)\n"},
+      {kCli, {"bogus"}, 2, "", "qxlite: unknown sub-command \"bogus\" (see qxlite --help)\n"},
+      {kCli, {"config", "get", "--bogus"}, 2, "", "qxlite: The following argument was not expected: --bogus (see qxlite --help)\n"},
+      {kCfg, {"--version"}, 0, "qxlite-cfg 7.0.1\n", ""},
+      {kCfg, {}, 2, "", "qxlite-cfg: expected one FILE (see qxlite-cfg --help)\n"},
+      {kCfg, {"--bogus"}, 2, "", "qxlite-cfg: unknown option \"--bogus\" (see qxlite-cfg --help)\n"},
+  };
+  for (Case const& c : cases) {
+    std::string shown = c.program;
+    for (std::string const& a : c.args) shown += " " + a;
+    Outcome const o = run(c.program, c.args);
+    EXPECT_EQ(c.status, o.status) << shown;
+    EXPECT_EQ(c.out, o.out) << shown;
+    EXPECT_EQ(c.err, o.err) << shown;
+  }
+}
+
+TEST_F(AppsTest, HelpStillExitsZeroAndNamesVersion) {
+  for (char const* program : {kSvc, kCli, kCfg}) {
+    Outcome const o = run(program, {"--help"});
+    EXPECT_EQ(0, o.status) << program;
+    EXPECT_EQ("", o.err) << program;
+    EXPECT_NE(std::string::npos, o.out.find("--version")) << program << ":\n" << o.out;
+  }
+}
+
+TEST_F(AppsTest, ConfigKeysListsEveryKeyWithTypeMeaningAndDefault) {
+  port = 1;  // the list needs no service
+  Outcome const o = qx({"config", "keys"});
+  EXPECT_EQ(0, o.status) << o.err;
+  EXPECT_EQ("", o.err);
+  std::vector<std::string> const lines = splitLines(o.out);
+  ASSERT_EQ(1 + qxapp::configKeyTable().size(), lines.size()) << o.out;
+  EXPECT_EQ("KEY                 TYPE           MEANING (DEFAULT)", lines[0]);
+  EXPECT_EQ("AccountId           text           the account at the upload server that this node belongs to",
+            lines[1]);
+  EXPECT_EQ("SpoolerId           integer        this node's id at the server (default: 0)", lines[2]);
+  EXPECT_EQ("ReceiveFolder       text           incoming folder: files dropped here are uploaded"
+            " (default: /var/spool/QXUpload/in)",
+            lines[7]);
+  // Every key of the table, in its order, each with its type in its column.
+  for (std::size_t i = 0; i < qxapp::configKeyTable().size(); ++i) {
+    qxapp::ConfigKey const& k = qxapp::configKeyTable()[i];
+    EXPECT_EQ(0u, lines[i + 1].rfind(keyColumn(k.name, k.type), 0))
+        << lines[i + 1];
+  }
+}
+
+TEST_F(AppsTest, ConfigGetMasksThePasswordsUnlessAskedToShowThem) {
+  writeConfig(",\"InetUseProxy\":true,\"InetProxy\":\"127.0.0.1:3128\",\"InetProxyUser\":\"pu\","
+              "\"InetProxyPassword\":\"proxy-secret\",\"EmailSmtpUrl\":\"smtp://127.0.0.1:25\","
+              "\"EmailUser\":\"eu\",\"EmailPassword\":\"mail-secret\"");
+  ASSERT_TRUE(startService());
+  auto json = [this](std::string const& proxyPassword, std::string const& emailPassword) {
+    return "{\"BackupFolder\":\"" + backup.string() + "\",\"EmailPassword\":\"" + emailPassword +
+           "\",\"EmailSmtpUrl\":\"smtp://127.0.0.1:25\",\"EmailUser\":\"eu\","
+           "\"IgnoredExtension\":[\"noqx\",\"ds_store\",\"db\"],\"InetProxy\":\"127.0.0.1:3128\","
+           "\"InetProxyPassword\":\"" + proxyPassword + "\",\"InetProxyUser\":\"pu\",\"InetUseProxy\":true,"
+           "\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" + out.string() +
+           "\",\"SrvFileExts\":" + kDefaultSrvExtsText + "}\n";
+  };
+  expectOutput({"config", "get", "--json"}, json("***", "***"));
+  expectOutput({"config", "get", "--json", "--show-secrets"}, json("proxy-secret", "mail-secret"));
+
+  struct Case {
+    std::vector<std::string> args;
+    std::string proxyLine;
+    std::string emailLine;
+  };
+  std::vector<Case> const cases{
+      {{"config", "get"}, "Proxy password: ***", "SMTP password: ***"},
+      {{"config", "get", "--show-secrets"}, "Proxy password: proxy-secret", "SMTP password: mail-secret"},
+  };
+  for (Case const& c : cases) {
+    Outcome const o = qx(c.args);
+    EXPECT_EQ(0, o.status) << o.err;
+    std::vector<std::string> const lines = splitLines(o.out);
+    auto has = [&lines](std::string const& line) {
+      return std::find(lines.begin(), lines.end(), line) != lines.end();
+    };
+    EXPECT_TRUE(has(keyColumn("InetUseProxy", "Proxy: 127.0.0.1:3128 (HTTP)"))) << o.out;
+    EXPECT_TRUE(has(keyColumn("InetProxyUser", "Proxy user: pu"))) << o.out;
+    EXPECT_TRUE(has(keyColumn("InetProxyPassword", c.proxyLine))) << o.out;
+    EXPECT_TRUE(has(keyColumn("EmailSmtpUrl", "SMTP server: smtp://127.0.0.1:25"))) << o.out;
+    EXPECT_TRUE(has(keyColumn("EmailPassword", c.emailLine))) << o.out;
+  }
+  // Masked, the secrets appear nowhere.
+  for (std::vector<std::string> const& args :
+       std::vector<std::vector<std::string>>{{"config", "get"}, {"config", "get", "--json"}}) {
+    Outcome const o = qx(args);
+    EXPECT_EQ(std::string::npos, o.out.find("secret")) << o.out;
+  }
+}
+
+TEST_F(AppsTest, TheExampleConfigurationStartsTheService) {
+  // The example names the default spool; the service makes what is missing of
+  // it, and the test removes again what the service made.
+  fs::path const spool("/var/spool/QXUpload");
+  std::vector<fs::path> const made{spool / "in", spool / "out", spool / "backup" / ".rejected", spool / "backup",
+                                   spool};
+  std::vector<bool> existed;
+  for (fs::path const& p : made) existed.push_back(fs::exists(p));
+  ASSERT_TRUE(startServiceWith(fs::path(QX_SOURCE_DIR) / "examples" / "config.json"));
+  expectOutput({"status"}, "running\n");
+  stopService();
+  for (std::size_t i = 0; i < made.size(); ++i) {
+    if (!existed[i]) ::rmdir(made[i].c_str());
+  }
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 
 #include <set>
 #include <string>
+#include <vector>
 
 namespace {
 
@@ -34,6 +35,36 @@ TEST(ConfigKeys, AreTheKeysThatAFullRecordWrites) {
     EXPECT_EQ(written.count(key), 1u) << "listed but not written: " << key;
   }
   EXPECT_EQ(qxapp::configKeys().size(), 37u);
+}
+
+// `qxlite config keys` lists the keys in the order a full record writes them,
+// each with a type, a meaning and no key twice.
+TEST(ConfigKeys, TheTableFollowsTheWritersOrder) {
+  json::Object const written = qxtest::fullRecord().serialize();
+  std::vector<std::string> inOrder;
+  char const* key;
+  json_t* value;
+  json_object_foreach(written.get(), key, value) { inOrder.push_back(key); }
+  std::vector<std::string> listed;
+  for (qxapp::ConfigKey const& k : qxapp::configKeyTable()) {
+    listed.push_back(k.name);
+    EXPECT_NE(std::string(), k.type) << k.name;
+    EXPECT_NE(std::string(), k.meaning) << k.name;
+  }
+  EXPECT_EQ(inOrder, listed);
+  EXPECT_EQ(listed.size(), qxapp::configKeys().size());
+}
+
+// The client masks exactly the passwords.
+TEST(ConfigKeys, TheSecretsAreThePasswords) {
+  std::set<std::string> secrets;
+  for (qxapp::ConfigKey const& k : qxapp::configKeyTable()) {
+    if (k.secret) secrets.insert(k.name);
+  }
+  EXPECT_EQ((std::set<std::string>{"EmailPassword", "InetProxyPassword"}), secrets);
+  EXPECT_EQ(nullptr, qxapp::findConfigKey("BackupEnabled"));
+  ASSERT_NE(nullptr, qxapp::findConfigKey("EmailPassword"));
+  EXPECT_TRUE(qxapp::findConfigKey("EmailPassword")->secret);
 }
 
 // The record under test leaves no member at its default: each part of it

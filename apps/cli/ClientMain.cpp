@@ -5,6 +5,7 @@
 // service did not save, a failing configuration test) a one-line message on
 // standard error and a non-zero status: 1 for a failure of the command, 2 for
 // a wrong command line.
+#include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
 #include "ipc/IpcCmdsLite.h"
 #include "ipc/MsgsUItoSvc.h"
@@ -23,6 +24,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <iomanip>
 #include <iostream>
@@ -131,12 +133,103 @@ void cmdStatus(Session& s) {
   std::cout << (cmd->running ? "running" : "paused") << "\n";
 }
 
-void cmdConfigGet(Session& s, bool asJson) {
+// The report's lines and the key each one shows, by the start of the line;
+// the first match wins, so a longer start comes before its prefix.
+struct ReportLineKey {
+  char const* start;
+  char const* key;
+};
+constexpr ReportLineKey kReportLineKeys[] = {
+    {"Account Id:", "AccountId"},
+    {"Node Id:", "SpoolerId"},
+    {"Key Id:", "KeyId"},
+    {"Key:", "PublicKey"},
+    {"Ignored extensions:", "IgnoredExtension"},
+    {"Incoming Folder:", "ReceiveFolder"},
+    {"Outgoing Folder:", "SpoolFolder"},
+    {"Server address:", "InetServer"},
+    {"Alternative server address:", "InetAltServer"},
+    {"Proxy:", "InetUseProxy"},
+    {"Proxy authentication:", "InetProxyAuth"},
+    {"Proxy user:", "InetProxyUser"},
+    {"Proxy password:", "InetProxyPassword"},
+    {"Server certificate check:", "InetInsecureTls"},
+    {"Backup folder", "BackupFolder"},
+    {"Backup", "BackupExpireSecs"},
+    {"Trace logging", "EnableLogging"},
+    {"Remote clients", "AllowRemoteConfig"},
+    {"Zip uploads", "MinFilesToZip"},
+    {"Setting folder name", "UseDirName"},
+    {"Not using folder name", "UseDirName"},
+    {"E-mail notices:", "EmailSmtpUrl"},
+    {"SMTP server:", "EmailSmtpUrl"},
+    {"SMTP user:", "EmailUser"},
+    {"SMTP password:", "EmailPassword"},
+    {"SMTP TLS:", "EmailRequireTls"},
+    {"E-mail on success:", "EmailNotifySuccess"},
+    {"E-mail on failure:", "EmailNotifyFailure"},
+    {"E-mail from:", "EmailFrom"},
+    {"E-mail to:", "EmailTo"},
+    {"Server accepted extensions:", "SrvFileExts"},
+    {"Max upload threads:", "ConcurrentUploads"},
+    {"IPC TCP port:", "IpcPort"},
+    {"Maximum idle connection time:", "MaxConnIdleSecs"},
+    {"IP4 is", "IpcForceIP4"},
+    {"cURL debug tracing", "EnableCurlDbgLog"},
+};
+
+// Wide enough for the longest key and a blank.
+constexpr int kKeyColumn = 20;
+
+char const* reportLineKey(std::string const& line) {
+  for (ReportLineKey const& k : kReportLineKeys) {
+    if (line.compare(0, std::strlen(k.start), k.start) == 0) return k.key;
+  }
+  return "";
+}
+
+constexpr char kMasked[] = "***";
+
+// The configuration's JSON form with every secret that is set shown as ***.
+json::Object maskSecrets(json::Object obj) {
+  for (qxapp::ConfigKey const& k : qxapp::configKeyTable()) {
+    if (k.secret && !obj[k.name].asStringSafe().empty()) obj.setAt(k.name, json::Value(kMasked));
+  }
+  return obj;
+}
+
+// The report with the key of each line in a column before it; a secret's
+// line shows the secret (masked unless showSecrets) instead of "set".
+void printReport(Settings const& settings, json::Object const& payload, bool showSecrets) {
+  std::istringstream report(settings.dump());
+  std::string line;
+  while (std::getline(report, line)) {
+    char const* const key = reportLineKey(line);
+    qxapp::ConfigKey const* const entry = qxapp::findConfigKey(key);
+    if (entry && entry->secret) {
+      std::string const secret = payload[key].asStringSafe();
+      std::string const label = line.substr(0, line.find(':') + 1);
+      line = label + " " + (secret.empty() ? "not set" : showSecrets ? secret : kMasked);
+    }
+    std::cout << std::left << std::setw(kKeyColumn) << key << line << "\n";
+  }
+}
+
+void cmdConfigGet(Session& s, bool asJson, bool showSecrets) {
   std::shared_ptr<Ipc::GetCfg> const cmd = fetchConfig(s);
   if (asJson) {
-    std::cout << json::jsonToString(cmd->payload, true) << "\n";
+    std::cout << json::jsonToString(showSecrets ? cmd->payload : maskSecrets(cmd->payload), true) << "\n";
   } else {
-    std::cout << cmd->pSetts()->dump();
+    printReport(*cmd->pSetts(), cmd->payload, showSecrets);
+  }
+}
+
+// Every key the configuration file takes, with its type, default and meaning.
+void cmdConfigKeys() {
+  std::printf("%-*s%-15s%s\n", kKeyColumn, "KEY", "TYPE", "MEANING (DEFAULT)");
+  for (qxapp::ConfigKey const& k : qxapp::configKeyTable()) {
+    std::string const fallback = *k.defaultValue ? std::string(" (default: ") + k.defaultValue + ")" : std::string();
+    std::printf("%-*s%-15s%s%s\n", kKeyColumn, k.name, k.type, k.meaning, fallback.c_str());
   }
 }
 
@@ -324,10 +417,11 @@ int main(int argc, char** argv) {
   ::signal(SIGPIPE, SIG_IGN);
   Global g;
   CLI::App app{"qxlite: drive the QXLite service"};
+  app.set_version_flag("--version", std::string("qxlite ") + QX_VERSION, "Print the version and exit");
   app.require_subcommand(1);
   app.add_option("--host", g.host, "Service host (default 127.0.0.1)");
   app.add_option("--port", g.port, "Service IPC port (default " + Settings::IPC_DEFAULT_SVC_PORT_STR() + ")")
-      ->check(CLI::Range(1, 65535));
+      ->check(qxapp::portNumber(1));
   app.add_option("--token-file", g.tokenFile, "Secret token file (default: the service's)");
   app.add_option("--timeout", g.timeoutSecs, "Seconds without progress before a command fails")
       ->check(CLI::Range(0.001, 86400.0));
@@ -339,6 +433,9 @@ int main(int argc, char** argv) {
   bool asJson = false;
   auto* configGet = config->add_subcommand("get", "Show the configuration in force");
   configGet->add_flag("--json", asJson, "As its JSON form");
+  bool showSecrets = false;
+  configGet->add_flag("--show-secrets", showSecrets, "Show the passwords instead of ***");
+  auto* configKeys = config->add_subcommand("keys", "List the configuration keys: type, meaning, default");
   std::vector<std::string> assignments;
   auto* configSet = config->add_subcommand("set", "Change keys: fetch, change, save");
   configSet->add_option("assignments", assignments, "KEY=VALUE (VALUE as JSON, or text)")->required();
@@ -389,10 +486,14 @@ int main(int argc, char** argv) {
     return 2;
   }
   g_LogVerbose = g.verbose;
+  if (*configKeys) {
+    cmdConfigKeys();  // needs no service
+    return 0;
+  }
   try {
     Session s(g);
     if (*status) cmdStatus(s);
-    else if (*configGet) cmdConfigGet(s, asJson);
+    else if (*configGet) cmdConfigGet(s, asJson, showSecrets);
     else if (*configSet) cmdConfigSet(s, assignments);
     else if (*configSave) cmdConfigSave(s, file);
     else if (*pause) cmdPauseResume(s, true, discard);

@@ -9,6 +9,7 @@
 // error (as under systemd, whose journal keeps it), otherwise to a log file.
 // SIGTERM and SIGINT stop it cleanly: no new connection is taken, exchanges
 // in flight end, and nothing it should keep is removed.
+#include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
@@ -48,10 +49,8 @@ bool g_logToFile = false;
 
 int serve(Options const& opt) {
   fs::path const configFile = opt.configFile.empty() ? Settings::OLD_CFG_FILE_PATH() : fs::path(opt.configFile);
-  json::Object const raw = qxapp::readConfigObject(configFile);
-  Settings const settings = qxapp::settingsFromObject(raw, "the configuration \"" + configFile.string() + "\"");
-  std::string why = qxsvc::checkChange(settings, settings, raw);
-  if (why.empty()) why = qxsvc::prepareFolders(settings);
+  Settings const settings = qxsvc::acceptConfigFile(configFile);
+  std::string const why = qxsvc::prepareFolders(settings);
   if (!why.empty()) throw qxapp::ConfigError("the configuration \"" + configFile.string() + "\": " + why);
 
   fs::path const tokenFile = opt.tokenFile.empty() ? Ipc::SecretToken::defaultPath() : fs::path(opt.tokenFile);
@@ -108,10 +107,11 @@ int serve(Options const& opt) {
 int main(int argc, char** argv) {
   Options opt;
   CLI::App app{"qxlite-svc: the QXLite reference service"};
+  app.set_version_flag("--version", std::string("qxlite-svc ") + QX_VERSION, "Print the version and exit");
   app.add_option("--config", opt.configFile, "Configuration file (default: " + Settings::OLD_CFG_FILE_PATH().string() + ")");
   app.add_option("--token-file", opt.tokenFile, "Secret token file (default: " + Ipc::SecretToken::defaultPath().string() + ")");
   app.add_option("--token-group", opt.tokenGroup, "Group whose members may drive the service (token file mode 0640)");
-  app.add_option("--port", opt.port, "IPC port instead of the configuration's (0: the system chooses)")->check(CLI::Range(0, 65535));
+  app.add_option("--port", opt.port, "IPC port instead of the configuration's (0: the system chooses)")->check(qxapp::portNumber(0));
   app.add_flag("--foreground", opt.foreground, "Log to standard error (as under systemd) instead of the log file");
   app.add_option("--log-file", opt.logFile, "Log file (default without --foreground: /var/log/qxlite-svc.log as root, else beside the configuration file)");
   app.add_flag("--verbose", opt.verbose, "Write TRACE lines");
@@ -123,7 +123,9 @@ int main(int argc, char** argv) {
   try {
     app.parse(argc, argv);
   } catch (CLI::ParseError const& e) {
-    return app.exit(e);
+    if (e.get_exit_code() == 0) return app.exit(e);  // --help, --version
+    std::cerr << "qxlite-svc: " << e.what() << " (see qxlite-svc --help)\n";
+    return 2;
   }
   g_LogVerbose = opt.verbose;
   try {

@@ -69,6 +69,15 @@ std::string checkChange(Settings const& current, Settings const& next, json::Obj
   return std::string();
 }
 
+Settings acceptConfigFile(boost::filesystem::path const& file) {
+  std::string const what = "the configuration \"" + file.string() + "\"";
+  json::Object const raw = qxapp::readConfigObject(file);
+  Settings settings = qxapp::settingsFromObject(raw, what);
+  std::string const why = checkChange(settings, settings, raw);
+  if (!why.empty()) throw qxapp::ConfigError(what + ": " + why);
+  return settings;
+}
+
 SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Spooler& spooler,
                            long httpTimeoutSecs)
     : m_configFile(std::move(configFile)),

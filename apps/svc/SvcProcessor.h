@@ -24,6 +24,11 @@ namespace qxsvc {
 // the empty string.
 std::string checkChange(Settings const& current, Settings const& next, json::Object const& raw);
 
+// The configuration file that the service starts with, read and checked as
+// at the start (a missing file means defaults); it makes no folder. Throws
+// qxapp::ConfigError naming the file and what is wrong.
+Settings acceptConfigFile(boost::filesystem::path const& file);
+
 class SvcProcessor : public Ipc::CmdProcessorLiteI {
  public:
   SvcProcessor(Settings const& settings, boost::filesystem::path configFile, Spooler& spooler,
