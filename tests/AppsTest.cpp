@@ -1292,19 +1292,18 @@ TEST_F(AppsTest, ConfigGetMasksThePasswordsUnlessAskedToShowThem) {
 }
 
 TEST_F(AppsTest, TheExampleConfigurationStartsTheService) {
-  // The example names the default spool; the service makes what is missing of
-  // it, and the test removes again what the service made.
-  fs::path const spool("/var/spool/QXUpload");
-  std::vector<fs::path> const made{spool / "in", spool / "out", spool / "backup" / ".rejected", spool / "backup",
-                                   spool};
-  std::vector<bool> existed;
-  for (fs::path const& p : made) existed.push_back(fs::exists(p));
-  ASSERT_TRUE(startServiceWith(fs::path(QX_SOURCE_DIR) / "examples" / "config.json"));
+  // Every value of the example, with the spool moved into the test's own
+  // folder: the example names the default spool under /var, which a test
+  // must not touch.
+  json::Object example = qxtest::parse(qxtest::readFile(fs::path(QX_SOURCE_DIR) / "examples" / "config.json"));
+  example.setAt("ReceiveFolder", json::Value(in.string()));
+  example.setAt("SpoolFolder", json::Value(out.string()));
+  example.setAt("BackupFolder", json::Value(backup.string()));
+  fs::path const moved = tmp / "example.json";
+  writeFile(moved, qxtest::text(example));
+  ASSERT_TRUE(startServiceWith(moved));
   expectOutput({"status"}, "running\n");
   stopService();
-  for (std::size_t i = 0; i < made.size(); ++i) {
-    if (!existed[i]) ::rmdir(made[i].c_str());
-  }
 }
 
 }  // namespace
