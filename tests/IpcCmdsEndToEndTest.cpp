@@ -10,6 +10,7 @@
 #include "shared/SecretToken.h"
 #include "shared/transport/Wire.h"
 #include "tests/IpcTestProcessor.h"
+#include "tests/RawHandshake.h"
 #include "tests/TestUtil.h"
 #include "tests/WireBytes.h"
 
@@ -46,7 +47,6 @@ using qxtest::text;
 
 using qxtest::TestLiteProcessor;
 
-std::string hello(Ipc::SecretToken const& token) { return qxtest::helloBytes(token); }
 using qxtest::okFrame;
 std::string frame(std::uint8_t type, std::uint8_t flags) { return qxtest::requestFrame(type, flags); }
 std::string body(std::string const& json) { return qxtest::jsonBody(json); }
@@ -409,8 +409,10 @@ TEST(IpcServiceFailure, ThrowingVisitOfAnOkMsgCommandLeavesItsFieldsUnset) {
 // The bytes on the connection
 
 // One command over a fresh connection through the relay; the bytes each way
-// must be exactly: client: hello, then the request; service: the status of
-// the hello, then the status of the exchange and the response body.
+// must be exactly: client: hello, its proof, then the request; service: the
+// ok, its nonce and proof, the status of the handshake, then the status of
+// the exchange and the response body. The nonces are random: they are taken
+// from what went by, and the proofs must be the ones for them.
 struct WireCase {
   char const* label;
   std::function<std::shared_ptr<Ipc::CmdI>()> make;
@@ -429,8 +431,13 @@ void expectWire(WireCase const& c) {
     toService = relay.toService();
     toClient = relay.toClient();
   }
-  EXPECT_EQ(hex(hello(svc.token) + c.request), hex(toService)) << c.label;
-  EXPECT_EQ(hex(okFrame() + okFrame() + body(c.response)), hex(toClient)) << c.label;
+  qxtest::hs::Nonce const clientNonce = qxtest::nonceAt(toService, 8);
+  qxtest::hs::Nonce const serviceNonce = qxtest::nonceAt(toClient, Ipc::wire::kFrameSize);
+  EXPECT_EQ(hex(qxtest::handshakeFromClient(svc.token, clientNonce, serviceNonce) + c.request), hex(toService))
+      << c.label;
+  EXPECT_EQ(hex(qxtest::handshakeFromService(svc.token, clientNonce, serviceNonce) + okFrame() + body(c.response)),
+            hex(toClient))
+      << c.label;
 }
 
 TEST(IpcWireBytes, BareRequestsAreAnEightByteFrameWithoutBody) {
@@ -489,15 +496,21 @@ TEST(IpcWireBytes, IsRunningFalseAnswersAnEmptyObject) {
   Service svc;
   svc.processor->running = false;
   Relay relay(svc.server.port());
+  std::string toService;
   std::string toClient;
   auto const cmd = std::make_shared<Ipc::IsRunning>(uiProcessor());
   {
     Ui ui(relay.port(), svc.token);
     EXPECT_EQ("", ui.client.run(cmd));
+    toService = relay.toService();
     toClient = relay.toClient();
   }
   EXPECT_FALSE(cmd->running);
-  EXPECT_EQ(hex(okFrame() + okFrame() + std::string("\x02\0\0\0{}", 6)), hex(toClient));
+  qxtest::hs::Nonce const clientNonce = qxtest::nonceAt(toService, 8);
+  qxtest::hs::Nonce const serviceNonce = qxtest::nonceAt(toClient, Ipc::wire::kFrameSize);
+  EXPECT_EQ(hex(qxtest::handshakeFromService(svc.token, clientNonce, serviceNonce) + okFrame() +
+                std::string("\x02\0\0\0{}", 6)),
+            hex(toClient));
 }
 
 // ---------------------------------------------------------------------------
@@ -657,7 +670,8 @@ TEST(IpcTwoProcesses, ClientWithAnotherTokenIsRefused) {
   {
     Ui ui(port, Ipc::SecretToken::generate());
     auto const cmd = std::make_shared<Ipc::IsRunning>(uiProcessor());
-    EXPECT_EQ("Ipc connection refused: wrong token", ui.client.run(cmd));
+    EXPECT_EQ("Ipc the service on port " + std::to_string(port) + " could not prove that it holds the token",
+              ui.client.run(cmd));
     EXPECT_FALSE(cmd->running);
   }
   EXPECT_EQ("exit 0", exitText(peer.closeStdinAndWait()));
