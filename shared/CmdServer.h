@@ -25,7 +25,11 @@
 // helloTimeout before the hello, ends the connection, with a refusal that
 // says so as long as the request (or the hello) is still being read. An idle
 // connection closed after idleTimeout is a normal end and is not logged.
-// Time-outs hold to within a few milliseconds (the clock's tick).
+// Time-outs hold to within a few milliseconds (the clock's tick). An accept
+// that fails (no descriptor left) is tried again only after 100 ms, and is
+// logged at most once a second, with the number of failures since the last
+// such line: a flood of connections neither spins the service nor fills its
+// log.
 //
 // Completions run on the threads of the IoThreads given, serialised per
 // connection; processor handlers run there too. stop() (also run by the
