@@ -40,7 +40,8 @@ bool Conn::transition(State to) {
       /* Disconnected */ bit(S::Connecting) | bit(S::Closed),
       /* Ready */ bit(S::Sending) | bit(S::Connecting) | bit(S::Closed),
       /* Connecting */ bit(S::Hello) | end,
-      /* Hello */ bit(S::Sending) | bit(S::Refused) | end,
+      /* Hello */ bit(S::Proving) | bit(S::Refused) | end,
+      /* Proving */ bit(S::Sending) | bit(S::Refused) | end,
       /* Sending */ bit(S::AwaitingStatus) | bit(S::SendingAfterOk) | bit(S::Refused) | end,
       /* AwaitingStatus */ bit(S::ReadingResponse) | bit(S::Refused) | end,
       /* SendingAfterOk */ bit(S::ReadingResponse) | end,
@@ -57,7 +58,8 @@ bool Conn::transition(State to) {
 }
 
 bool Conn::awaitingStatus() const {
-  return m_state == State::Hello || m_state == State::Sending || m_state == State::AwaitingStatus;
+  return m_state == State::Hello || m_state == State::Proving || m_state == State::Sending ||
+         m_state == State::AwaitingStatus;
 }
 
 std::chrono::milliseconds Conn::timeoutFor(int id) const {

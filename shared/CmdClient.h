@@ -3,7 +3,9 @@
 // A client keeps one connection to the service open across its commands and
 // runs one exchange on it at a time, in the order the commands were handed
 // over. The connection is made, and the secret token proven, when the first
-// command needs it; a command issued after the connection was lost or closed
+// command needs it: the service proves first, and a service that cannot
+// prove it holds the token is left before anything derived from the token
+// is sent (the command fails with an error that names options.tokenFile); a command issued after the connection was lost or closed
 // by the service (an idle connection, a refused exchange) makes a new one.
 //
 // Time-outs: a command fails when no byte has moved for the time of its
@@ -47,6 +49,8 @@ struct CmdClientOptions {
   std::chrono::milliseconds quickTimeout = std::chrono::seconds(10);     // identifier 2
   std::chrono::milliseconds longTimeout = std::chrono::seconds(120);     // identifier 3
   std::chrono::milliseconds transferTimeout = std::chrono::seconds(60);  // identifier 4
+  // Where the token came from; named when the service cannot prove it holds it.
+  std::string tokenFile;
 };
 
 class QX_SHARED_API CmdClient {

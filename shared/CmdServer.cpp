@@ -17,6 +17,16 @@ using transport::ServerSession;
 using transport::Socket;
 using transport::Strand;
 
+namespace {
+
+// An accept that fails (no descriptor left, most often) is retried only
+// after a pause, and reported at most once per interval: a flood of
+// connections must not make the service spin or fill its log.
+constexpr std::chrono::milliseconds kAcceptBackoff{100};
+constexpr std::chrono::seconds kAcceptReportInterval{1};
+
+}  // namespace
+
 std::string endpointText(tcp::endpoint const& ep) {
   boost::asio::ip::address const a = ep.address();
   std::string const host = a.is_v6() ? "[" + a.to_string() + "]" : a.to_string();
@@ -78,11 +88,34 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
       if (full) session->refuseAtOnce("too many connections (" + std::to_string(max) + ")");
       else session->start();
     });
-  } else {
-    lock.unlock();
-    Log::inst().writeLine("ERR:", "Ipc accepting a connection failed: " + ec.message());
+    acceptNext(listener);
+    return;
   }
-  acceptNext(listener);
+  std::string const line = acceptFailureLine(ec);
+  lock.unlock();
+  if (!line.empty()) Log::inst().writeLine("ERR:", line);
+  // Whatever ends the wait (its time, or stop() closing the listener), the
+  // next accept runs: after a close it fails at once and ends the listener.
+  listener.backoff.expires_after(kAcceptBackoff);
+  listener.backoff.async_wait(
+      [self = shared_from_this(), &listener](boost::system::error_code) { self->acceptNext(listener); });
+}
+
+std::string CmdServer::Core::acceptFailureLine(boost::system::error_code ec) {
+  auto const now = std::chrono::steady_clock::now();
+  bool const reportedLately = lastAcceptReport != std::chrono::steady_clock::time_point() &&
+                              now - lastAcceptReport < kAcceptReportInterval;
+  if (reportedLately) {
+    ++unreportedAcceptFailures;
+    return std::string();
+  }
+  std::string line = "Ipc accepting a connection failed: " + ec.message();
+  if (unreportedAcceptFailures > 0) {
+    line += " (and " + std::to_string(unreportedAcceptFailures) + " more times since the last report)";
+  }
+  unreportedAcceptFailures = 0;
+  lastAcceptReport = now;
+  return line;
 }
 
 void CmdServer::Core::releaseSlot() {
@@ -116,6 +149,7 @@ void CmdServer::Core::stop() {
     boost::asio::post(l->strand, [l = l.get()] {
       boost::system::error_code ignored;
       l->acceptor.close(ignored);
+      l->backoff.cancel();
     });
   }
   for (auto& s : open) boost::asio::post(s->strand(), [s] { s->stop(); });

@@ -2,9 +2,12 @@
 //
 // It listens on loopback only (127.0.0.1, and ::1 unless IPv4 is forced),
 // and for each connection:
-//  1. waits for the client's hello and compares its secret token in constant
-//     time; a connection without the right token is refused and logged before
-//     any command is built;
+//  1. runs the handshake in which neither side sends the secret token: it
+//     answers the client's hello and nonce with its own nonce and its proof
+//     of the token, then checks the client's proof in constant time; a
+//     connection without the right proof is refused and logged before any
+//     command is built, and a proof recorded on another connection is
+//     worthless (the nonces differ);
 //  2. reads one request frame at a time, builds the command that its type code
 //     names through the factory, calls readReq (which reads the body and
 //     deserializes it), dispatches the command with accept(processor), and
@@ -22,7 +25,11 @@
 // helloTimeout before the hello, ends the connection, with a refusal that
 // says so as long as the request (or the hello) is still being read. An idle
 // connection closed after idleTimeout is a normal end and is not logged.
-// Time-outs hold to within a few milliseconds (the clock's tick).
+// Time-outs hold to within a few milliseconds (the clock's tick). An accept
+// that fails (no descriptor left) is tried again only after 100 ms, and is
+// logged at most once a second, with the number of failures since the last
+// such line: a flood of connections neither spins the service nor fills its
+// log.
 //
 // Completions run on the threads of the IoThreads given, serialised per
 // connection; processor handlers run there too. stop() (also run by the

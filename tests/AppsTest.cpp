@@ -872,7 +872,9 @@ TEST_F(AppsTest, ClientFailsPlainlyWithoutAServiceOrToken) {
   ::chmod((tmp / "wrong.token").c_str(), 0600);
   Outcome const wrong = run(kCli, {"--port", std::to_string(port), "--token-file", (tmp / "wrong.token").string(), "status"});
   EXPECT_EQ(1, wrong.status);
-  EXPECT_EQ("qxlite: Ipc connection refused: wrong token\n", wrong.err);
+  EXPECT_EQ("qxlite: Ipc the service on port " + std::to_string(port) +
+                " could not prove that it holds the token of \"" + (tmp / "wrong.token").string() + "\"\n",
+            wrong.err);
   EXPECT_EQ("", wrong.out);
   // The service goes on serving those who hold its token.
   expectOutput({"status"}, "running\n");

@@ -13,6 +13,7 @@
 #include "shared/transport/Wire.h"
 
 #include <boost/filesystem.hpp>
+#include "tests/RawHandshake.h"
 #include "tests/RawSocket.h"
 #include "tests/WireBytes.h"
 
@@ -166,7 +167,6 @@ class DropProcessor : public Ipc::CmdProcessorLiteI {
 };
 
 using qxtest::RawSocket;
-using qxtest::helloBytes;
 std::string okStatusFrame() { return qxtest::okFrame(); }
 
 // A drop request frame with its JSON body.
@@ -589,8 +589,7 @@ TEST_F(FileDropEndToEnd, ClientThatStandsStillIsDroppedByTheService) {
   options.transferTimeout = 300ms;
   startService(spool, options);
   RawSocket raw = RawSocket::connectTo(server->port());
-  raw.send(helloBytes(token));
-  ASSERT_EQ(okStatusFrame(), raw.read(Ipc::wire::kFrameSize));
+  ASSERT_EQ(okStatusFrame(), qxtest::proveToService(raw, token));
   raw.send(dropRequestBytes(R"({"files":[{"name":"still.bin","size":-1}]})") + "abc");
 
   // The request is still being read: the service says why before it ends
@@ -616,8 +615,7 @@ TEST_F(FileDropEndToEnd, ClientThatDisconnectsInTheMiddleOfAPieceLeavesWhatArriv
   std::string const content = pattern(kPiece + 500000, 14);
   {
     RawSocket raw = RawSocket::connectTo(server->port());
-    raw.send(helloBytes(token));
-    ASSERT_EQ(okStatusFrame(), raw.read(Ipc::wire::kFrameSize));
+    ASSERT_EQ(okStatusFrame(), qxtest::proveToService(raw, token));
     raw.send(dropRequestBytes(R"({"files":[{"name":"half.bin","size":2500000}]})"));
     raw.send(content);
   }

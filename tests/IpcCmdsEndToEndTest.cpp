@@ -10,6 +10,7 @@
 #include "shared/SecretToken.h"
 #include "shared/transport/Wire.h"
 #include "tests/IpcTestProcessor.h"
+#include "tests/RawHandshake.h"
 #include "tests/TestUtil.h"
 #include "tests/WireBytes.h"
 
@@ -20,6 +21,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -27,12 +29,14 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cerrno>
 #include <cstring>
 #include <functional>
 #include <future>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -46,7 +50,6 @@ using qxtest::text;
 
 using qxtest::TestLiteProcessor;
 
-std::string hello(Ipc::SecretToken const& token) { return qxtest::helloBytes(token); }
 using qxtest::okFrame;
 std::string frame(std::uint8_t type, std::uint8_t flags) { return qxtest::requestFrame(type, flags); }
 std::string body(std::string const& json) { return qxtest::jsonBody(json); }
@@ -409,8 +412,10 @@ TEST(IpcServiceFailure, ThrowingVisitOfAnOkMsgCommandLeavesItsFieldsUnset) {
 // The bytes on the connection
 
 // One command over a fresh connection through the relay; the bytes each way
-// must be exactly: client: hello, then the request; service: the status of
-// the hello, then the status of the exchange and the response body.
+// must be exactly: client: hello, its proof, then the request; service: the
+// ok, its nonce and proof, the status of the handshake, then the status of
+// the exchange and the response body. The nonces are random: they are taken
+// from what went by, and the proofs must be the ones for them.
 struct WireCase {
   char const* label;
   std::function<std::shared_ptr<Ipc::CmdI>()> make;
@@ -429,8 +434,13 @@ void expectWire(WireCase const& c) {
     toService = relay.toService();
     toClient = relay.toClient();
   }
-  EXPECT_EQ(hex(hello(svc.token) + c.request), hex(toService)) << c.label;
-  EXPECT_EQ(hex(okFrame() + okFrame() + body(c.response)), hex(toClient)) << c.label;
+  qxtest::hs::Nonce const clientNonce = qxtest::nonceAt(toService, 8);
+  qxtest::hs::Nonce const serviceNonce = qxtest::nonceAt(toClient, Ipc::wire::kFrameSize);
+  EXPECT_EQ(hex(qxtest::handshakeFromClient(svc.token, clientNonce, serviceNonce) + c.request), hex(toService))
+      << c.label;
+  EXPECT_EQ(hex(qxtest::handshakeFromService(svc.token, clientNonce, serviceNonce) + okFrame() + body(c.response)),
+            hex(toClient))
+      << c.label;
 }
 
 TEST(IpcWireBytes, BareRequestsAreAnEightByteFrameWithoutBody) {
@@ -489,15 +499,21 @@ TEST(IpcWireBytes, IsRunningFalseAnswersAnEmptyObject) {
   Service svc;
   svc.processor->running = false;
   Relay relay(svc.server.port());
+  std::string toService;
   std::string toClient;
   auto const cmd = std::make_shared<Ipc::IsRunning>(uiProcessor());
   {
     Ui ui(relay.port(), svc.token);
     EXPECT_EQ("", ui.client.run(cmd));
+    toService = relay.toService();
     toClient = relay.toClient();
   }
   EXPECT_FALSE(cmd->running);
-  EXPECT_EQ(hex(okFrame() + okFrame() + std::string("\x02\0\0\0{}", 6)), hex(toClient));
+  qxtest::hs::Nonce const clientNonce = qxtest::nonceAt(toService, 8);
+  qxtest::hs::Nonce const serviceNonce = qxtest::nonceAt(toClient, Ipc::wire::kFrameSize);
+  EXPECT_EQ(hex(qxtest::handshakeFromService(svc.token, clientNonce, serviceNonce) + okFrame() +
+                std::string("\x02\0\0\0{}", 6)),
+            hex(toClient));
 }
 
 // ---------------------------------------------------------------------------
@@ -509,7 +525,11 @@ namespace {
 // output. The token file is created by the program.
 class PeerProcess {
  public:
-  explicit PeerProcess(boost::filesystem::path const& tokenFile) {
+  // logFile, when given, receives its standard error (its log); maxFiles,
+  // when not 0, is its limit of open descriptors.
+  explicit PeerProcess(boost::filesystem::path const& tokenFile,
+                       boost::filesystem::path const& logFile = boost::filesystem::path(),
+                       unsigned maxFiles = 0) {
     int in[2];
     int out[2];
     if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) {
@@ -519,10 +539,15 @@ class PeerProcess {
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_adddup2(&actions, in[0], STDIN_FILENO);
     posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
+    std::string const log = logFile.string();
+    if (!log.empty()) {
+      posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    }
     std::string const program = QX_IPC_PEER_SERVICE;
     std::string const file = tokenFile.string();
+    std::string const max = std::to_string(maxFiles);
     char* const argv[] = {const_cast<char*>(program.c_str()), const_cast<char*>(file.c_str()),
-                          nullptr};
+                          maxFiles != 0 ? const_cast<char*>(max.c_str()) : nullptr, nullptr};
     int const rc = ::posix_spawn(&m_pid, program.c_str(), &actions, nullptr, argv, environ);
     posix_spawn_file_actions_destroy(&actions);
     ::close(in[0]);
@@ -565,6 +590,8 @@ class PeerProcess {
     unsigned long const port = std::strtoul(line.c_str(), nullptr, 10);
     return port > 0 && port < 65536 ? static_cast<std::uint16_t>(port) : 0;
   }
+
+  pid_t pid() const { return m_pid; }
 
   // Closes its standard input, which ends it; returns its wait status.
   int closeStdinAndWait() {
@@ -657,9 +684,102 @@ TEST(IpcTwoProcesses, ClientWithAnotherTokenIsRefused) {
   {
     Ui ui(port, Ipc::SecretToken::generate());
     auto const cmd = std::make_shared<Ipc::IsRunning>(uiProcessor());
-    EXPECT_EQ("Ipc connection refused: wrong token", ui.client.run(cmd));
+    EXPECT_EQ("Ipc the service on port " + std::to_string(port) + " could not prove that it holds the token",
+              ui.client.run(cmd));
     EXPECT_FALSE(cmd->running);
   }
+  EXPECT_EQ("exit 0", exitText(peer.closeStdinAndWait()));
+}
+
+// The CPU time (user and system) that process pid has used so far, from
+// /proc/PID/stat.
+std::chrono::milliseconds cpuTimeOf(pid_t pid) {
+  std::string const stat = qxtest::readFile("/proc/" + std::to_string(pid) + "/stat");
+  std::istringstream fields(stat.substr(stat.rfind(')') + 2));
+  std::string field;
+  unsigned long long utime = 0, stime = 0;
+  // After the name: state is field 3; utime and stime are fields 14 and 15.
+  for (int i = 3; i <= 15 && fields >> field; ++i) {
+    if (i == 14) utime = std::stoull(field);
+    if (i == 15) stime = std::stoull(field);
+  }
+  return std::chrono::milliseconds((utime + stime) * 1000 / static_cast<unsigned long long>(::sysconf(_SC_CLK_TCK)));
+}
+
+std::size_t linesOf(std::string const& text, std::string const& part) {
+  std::size_t n = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.find(part) != std::string::npos) ++n;
+  }
+  return n;
+}
+
+// A service out of descriptors, flooded with connections that it cannot
+// accept, waits between its tries and reports the failures once a second:
+// it neither spins nor fills its log, and it serves again afterwards.
+TEST(IpcTwoProcesses, ServiceOutOfDescriptorsUnderAFloodNeitherSpinsNorFloodsItsLog) {
+  qxtest::TempDir dir;
+  boost::filesystem::path const tokenFile = dir / "ipc.token";
+  boost::filesystem::path const logFile = dir / "service.log";
+  PeerProcess peer(tokenFile, logFile, 64);
+  std::uint16_t const port = peer.readPort();
+  ASSERT_NE(0, port);
+
+  // The flood keeps every connection open, far more than the service's 64
+  // descriptors (and than its backlog), one each millisecond for 10 s.
+  constexpr std::size_t kFloodConnections = 6000;
+  rlimit limit{};
+  ASSERT_EQ(0, ::getrlimit(RLIMIT_NOFILE, &limit));
+  if (limit.rlim_cur < kFloodConnections + 100) {
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, kFloodConnections + 100);
+    ASSERT_EQ(0, ::setrlimit(RLIMIT_NOFILE, &limit));
+  }
+  std::vector<int> flood;
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  auto const cpuBefore = cpuTimeOf(peer.pid());
+  auto const start = std::chrono::steady_clock::now();
+  while (std::chrono::steady_clock::now() - start < std::chrono::seconds(10)) {
+    if (flood.size() < kFloodConnections && flood.size() + 50 < limit.rlim_cur) {
+      int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+      ASSERT_GE(fd, 0) << std::strerror(errno);
+      ::connect(fd, reinterpret_cast<sockaddr const*>(&address), sizeof address);
+      flood.push_back(fd);
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  auto const elapsed = std::chrono::steady_clock::now() - start;
+  auto const cpu = cpuTimeOf(peer.pid()) - cpuBefore;
+  std::string const log = qxtest::readFile(logFile);
+  for (int fd : flood) ::close(fd);
+
+  // It did run out, and said so.
+  std::size_t const failures = linesOf(log, "ERR:Ipc accepting a connection failed: Too many open files");
+  EXPECT_GE(failures, 1u) << log;
+  EXPECT_LE(failures, 11u) << log;
+  std::size_t const lines = static_cast<std::size_t>(std::count(log.begin(), log.end(), '\n'));
+  EXPECT_LT(lines, 100u) << log;
+  ::testing::Test::RecordProperty("serviceCpuMs", static_cast<int>(cpu.count()));
+  ::testing::Test::RecordProperty("serviceLogLines", static_cast<int>(lines));
+  ::testing::Test::RecordProperty("acceptFailureLines", static_cast<int>(failures));
+  EXPECT_LT(cpu.count() * 10, std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count())
+      << "CPU " << cpu.count() << " ms in "
+      << std::chrono::duration_cast<std::chrono::milliseconds>(elapsed).count() << " ms";
+
+  // Once the flood is gone, it serves again.
+  Ui ui(port, Ipc::SecretToken::load(tokenFile));
+  std::string error = "not tried";
+  for (auto const until = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+       !error.empty() && std::chrono::steady_clock::now() < until;) {
+    auto const cmd = std::make_shared<Ipc::IsRunning>(uiProcessor());
+    error = ui.client.run(cmd);
+    if (error.empty()) EXPECT_TRUE(cmd->running);
+    else std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  }
+  EXPECT_EQ("", error);
   EXPECT_EQ("exit 0", exitText(peer.closeStdinAndWait()));
 }
 

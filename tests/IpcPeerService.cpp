@@ -1,13 +1,15 @@
 // A service for the two-process IPC tests: serves the lite commands with the
 // test processor on a loopback port that the system chooses.
 //
-//   IpcPeerService TOKEN-FILE
+//   IpcPeerService TOKEN-FILE [MAX-FILES]
 //
 // Reads the secret token from TOKEN-FILE, or creates the file with a new one,
 // starts the server (IPv4 loopback), prints its port and a line feed on
 // standard output, and serves until standard input reaches its end or the
 // process receives SIGTERM or SIGINT. Exit status 0 after a clean stop, 2 on
-// a usage or start-up error (with a message on standard error).
+// a usage or start-up error (with a message on standard error). MAX-FILES
+// lowers its limit of open descriptors (RLIMIT_NOFILE), for the tests of
+// what it does when it runs out. Its log goes to standard error.
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdServer.h"
 #include "shared/IoThreads.h"
@@ -15,19 +17,30 @@
 #include "tests/IpcTestProcessor.h"
 
 #include <signal.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <memory>
 #include <thread>
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::cerr << "usage: IpcPeerService TOKEN-FILE\n";
+  if (argc != 2 && argc != 3) {
+    std::cerr << "usage: IpcPeerService TOKEN-FILE [MAX-FILES]\n";
     return 2;
+  }
+  if (argc == 3) {
+    rlimit limit{};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = std::strtoul(argv[2], nullptr, 10);
+    if (limit.rlim_cur == 0 || ::setrlimit(RLIMIT_NOFILE, &limit) != 0) {
+      std::cerr << "IpcPeerService: cannot set the limit of open files to " << argv[2] << "\n";
+      return 2;
+    }
   }
 
   // Every thread started from here on inherits the blocked set, so the stop

@@ -12,6 +12,7 @@
 #include "shared/SecretToken.h"
 #include "shared/transport/Wire.h"
 #include "tests/ProcessHarness.h"
+#include "tests/RawHandshake.h"
 #include "tests/RawSocket.h"
 #include "tests/TestUtil.h"
 
@@ -294,12 +295,6 @@ std::string statusOk() {
   return std::string(reinterpret_cast<char*>(frame), sizeof frame);
 }
 
-std::string helloWith(Ipc::SecretToken const& token) {
-  unsigned char hello[Ipc::wire::kHelloSize];
-  Ipc::wire::putHello(hello, token.data());
-  return std::string(reinterpret_cast<char*>(hello), sizeof hello);
-}
-
 std::string testCfgRequest(std::string const& body) {
   unsigned char frame[Ipc::wire::kFrameSize + 4];
   Ipc::wire::putRequestFrame(frame, Ipc::TEST_CFG_TYPE, Ipc::wire::kFlagJsonBody);
@@ -522,9 +517,7 @@ TEST_F(TestCfgEndToEnd, ServiceStopsTheTestWhenTheClientLeavesMidStream) {
   RawSocket raw = RawSocket::connectTo(server->port());
   ASSERT_TRUE(raw.valid());
   std::string bytes;
-  ASSERT_TRUE(raw.send(helloWith(token)));
-  ASSERT_TRUE(raw.readExactly(8, bytes));
-  ASSERT_EQ(bytes, statusOk());
+  ASSERT_EQ(statusOk(), qxtest::proveToService(raw, token));
   ASSERT_TRUE(raw.send(testCfgRequest(R"({"AccountId":"acct-raw"})")));
   ASSERT_TRUE(raw.readExactly(8, bytes));
   ASSERT_EQ(bytes, statusOk());
@@ -584,8 +577,8 @@ TEST_F(TestCfgEndToEnd, ClientKeepsReceivedLinesWhenTheServiceClosesMidLine) {
   std::promise<std::string> requestBody;
   std::thread fakeService([&] {
     RawSocket s = listener.accept();
-    std::string hello, frame, len, body;
-    if (!s.valid() || !s.readExactly(Ipc::wire::kHelloSize, hello) || !s.send(statusOk()) ||
+    std::string frame, len, body;
+    if (!s.valid() || !qxtest::answerHello(s, token).empty() ||
         !s.readExactly(8, frame) || !s.readExactly(4, len) ||
         !s.readExactly(Ipc::wire::getU32(reinterpret_cast<unsigned char const*>(len.data())), body)) {
       requestBody.set_value("(request not read)");
@@ -613,7 +606,7 @@ TEST_F(TestCfgEndToEnd, ClientKeepsReceivedLinesWhenTheServiceClosesMidLine) {
   EXPECT_EQ(queueOf(*cmd), (std::deque<std::string>{"+ one", "* two"}));
   EXPECT_EQ(ui->callCount(), 2u);
   std::string const body = requestBody.get_future().get();
-  EXPECT_EQ(body.substr(0, 5), std::string("QX\x01\x09\x01", 5));
+  EXPECT_EQ(body.substr(0, 5), std::string("QX\x02\x09\x01", 5));
   EXPECT_EQ(qxtest::parse(body.substr(5))["AccountId"].asStringSafe(), "acct-cut");
 }
 

@@ -4,7 +4,6 @@
 #ifndef QX_TESTS_WIREBYTES_H
 #define QX_TESTS_WIREBYTES_H
 
-#include "shared/SecretToken.h"
 #include "shared/transport/Wire.h"
 
 #include <cstddef>
@@ -17,10 +16,13 @@ inline std::string wireBytes(unsigned char const* data, std::size_t len) {
   return std::string(reinterpret_cast<char const*>(data), len);
 }
 
-// The client's hello with token.
-inline std::string helloBytes(Ipc::SecretToken const& token) {
+// The fixed start of the client's hello: what precedes its nonce.
+inline std::string helloStart() { return std::string("QXLC\x02\x00\x00\x00", 8); }
+
+// The client's hello with nonce.
+inline std::string helloBytes(Ipc::transport::handshake::Nonce const& nonce) {
   unsigned char out[Ipc::wire::kHelloSize];
-  Ipc::wire::putHello(out, token.data());
+  Ipc::wire::putHello(out, nonce);
   return wireBytes(out, sizeof out);
 }
 

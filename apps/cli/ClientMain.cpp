@@ -81,16 +81,17 @@ class Session {
     Ipc::CmdClientOptions o;
     o.host = g.host;
     o.port = static_cast<std::uint16_t>(g.port);
+    o.tokenFile = tokenFile(g).string();
     if (g.timeoutSecs > 0) {
       auto const t = std::chrono::milliseconds(static_cast<long>(g.timeoutSecs * 1000));
       o.quickTimeout = o.longTimeout = o.transferTimeout = t;
     }
     return o;
   }
-  static Ipc::SecretToken token(Global const& g) {
-    fs::path const file = g.tokenFile.empty() ? Ipc::SecretToken::clientDefaultPath() : fs::path(g.tokenFile);
-    return Ipc::SecretToken::load(file);
+  static fs::path tokenFile(Global const& g) {
+    return g.tokenFile.empty() ? Ipc::SecretToken::clientDefaultPath() : fs::path(g.tokenFile);
   }
+  static Ipc::SecretToken token(Global const& g) { return Ipc::SecretToken::load(tokenFile(g)); }
 
   Ipc::CmdClient m_client;
 };

@@ -14,6 +14,7 @@
 #include "shared/transport/BufferedStream.h"
 #include "shared/transport/Deadline.h"
 #include "shared/transport/Exchange.h"
+#include "shared/transport/Handshake.h"
 #include "shared/transport/Wire.h"
 
 #include <atomic>
@@ -66,7 +67,8 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
     Disconnected,     // no exchange runs, and no connection stands: the next command makes one
     Ready,            // no exchange runs; the connection stands (unless the service closed it since)
     Connecting,       // resolving and connecting for the exchange in progress
-    Hello,            // the hello goes out; its status is awaited
+    Hello,            // the hello goes out; the service's status and proof are awaited
+    Proving,          // the service proved the token; ours goes out, and its status is awaited
     Sending,          // the request goes out; its status is read meanwhile
     AwaitingStatus,   // the request is out; its status is awaited
     SendingAfterOk,   // the status said ok; the rest of the request goes out
@@ -103,6 +105,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   void connectFailed(boost::system::error_code ec);
   void onConnected(boost::system::error_code ec);
   void readStatus(std::function<void(std::string const&)> then);
+  void onChallenge(boost::system::error_code ec);
 
   CmdClientOptions const m_options;
   SecretToken const m_token;
@@ -118,7 +121,10 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   std::deque<Pending> m_queue;
   transport::Exchange m_exchange;  // the command in progress
   Completion m_done;               // the completion of m_exchange.cmd()
+  transport::handshake::Nonce m_clientNonce{};
   unsigned char m_hello[wire::kHelloSize] = {};
+  unsigned char m_challenge[wire::kChallengeSize] = {};  // the service's nonce and proof
+  transport::handshake::Proof m_proof{};                 // ours
   unsigned char m_status[wire::kFrameSize] = {};
   std::string m_message;     // a refusal being read
   std::string m_writeError;  // a write failure while the status was awaited

@@ -1,6 +1,6 @@
-// The connection of a CmdClient: resolving, connecting, the hello with the
-// token, and reading the service's status answers (to the hello and to each
-// request).
+// The connection of a CmdClient: resolving, connecting, the handshake in
+// which each side proves the token without sending it, and reading the
+// service's status answers (to the handshake and to each request).
 #include "shared/transport/ClientConn.h"
 
 #include <sys/socket.h>
@@ -8,6 +8,8 @@
 #include <boost/asio/connect.hpp>
 
 #include <cerrno>
+#include <cstring>
+#include <exception>
 
 namespace Ipc {
 
@@ -72,9 +74,54 @@ void CmdClient::Conn::onConnected(boost::system::error_code ec) {
   ++m_connectionsMade;
   boost::system::error_code ignored;
   m_stream.socket().set_option(tcp::no_delay(true), ignored);
-  wire::putHello(m_hello, m_token.data());
+  try {
+    m_clientNonce = transport::handshake::freshNonce();
+  } catch (std::exception const& e) {
+    transferError(e.what());
+    return;
+  }
+  wire::putHello(m_hello, m_clientNonce);
   m_stream.drive([&] {
     m_stream.write(boost::asio::buffer(m_hello), boost::asio::const_buffer(), shared_from_this(),
+                   m_exchange.bind([this](boost::system::error_code ec) {
+                     if (ec) {
+                       connectFailed(ec);
+                       return;
+                     }
+                     readStatus([this](std::string const& refusal) {
+                       if (!refusal.empty()) {
+                         transferError(refusal);
+                         return;
+                       }
+                       m_stream.read(m_challenge, sizeof m_challenge, shared_from_this(),
+                                     m_exchange.bind([this](boost::system::error_code ec) { onChallenge(ec); }));
+                     });
+                   }));
+  });
+}
+
+// The service's nonce and proof. Nothing derived from the token goes out
+// before that proof holds: whoever listens on the port without the token
+// learns our nonce and nothing else.
+void CmdClient::Conn::onChallenge(boost::system::error_code ec) {
+  namespace hs = transport::handshake;
+  if (ec) {
+    transferError("Ipc " + name() + ": " + ioErrorText(ec));
+    return;
+  }
+  hs::Nonce serviceNonce;
+  std::memcpy(serviceNonce.data(), m_challenge, serviceNonce.size());
+  if (!hs::verify(m_token, hs::Role::Service, wire::kVersion, m_clientNonce, serviceNonce,
+                  m_challenge + wire::kNonceSize)) {
+    std::string const file = m_options.tokenFile.empty() ? std::string() : " of \"" + m_options.tokenFile + "\"";
+    transferError("Ipc the service on port " + std::to_string(m_options.port) +
+                  " could not prove that it holds the token" + file);
+    return;
+  }
+  if (!transition(State::Proving)) return;
+  m_proof = hs::prove(m_token, hs::Role::Client, wire::kVersion, m_clientNonce, serviceNonce);
+  m_stream.drive([&] {
+    m_stream.write(boost::asio::buffer(m_proof), boost::asio::const_buffer(), shared_from_this(),
                    m_exchange.bind([this](boost::system::error_code ec) {
                      if (ec) {
                        connectFailed(ec);

@@ -14,7 +14,9 @@
 #include "shared/transport/Mutex.h"
 
 #include <boost/asio/basic_socket_acceptor.hpp>
+#include <boost/asio/basic_waitable_timer.hpp>
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -55,11 +57,15 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   CmdFactory const factory;
   std::shared_ptr<CmdProcessorI> const processor;
 
-  // A listening socket with the strand of its accept handlers.
+  // A listening socket with the strand of its accept handlers, and the
+  // timer that spaces its accepts out after a failure.
   struct Listener {
-    explicit Listener(transport::Strand s) : strand(s), acceptor(s) {}
+    explicit Listener(transport::Strand s) : strand(s), acceptor(s), backoff(s) {}
     transport::Strand strand;
     boost::asio::basic_socket_acceptor<boost::asio::ip::tcp, transport::Strand> acceptor;
+    boost::asio::basic_waitable_timer<std::chrono::steady_clock,
+                                      boost::asio::wait_traits<std::chrono::steady_clock>, transport::Strand>
+        backoff;
   };
   std::vector<std::unique_ptr<Listener>> listeners;  // set by start(), then constant
   std::uint16_t port = 0;                             // set by start(), then constant
@@ -68,12 +74,18 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   void acceptNext(Listener& listener);
   void onAccept(Listener& listener, boost::system::error_code ec, transport::Socket socket)
       EXCLUDES(mutex);
+  // The log line of an accept that failed, or the empty string while the
+  // last one is less than kAcceptReportInterval old: such failures are
+  // counted and the count goes into the next line.
+  std::string acceptFailureLine(boost::system::error_code ec) REQUIRES(mutex);
 
   mutable transport::Mutex mutex;
   transport::CondVar ended;  // waited on with mutex: the last session or listener ended
   bool stopping GUARDED_BY(mutex) = false;
   std::size_t openListeners GUARDED_BY(mutex) = 0;
   std::size_t admitted GUARDED_BY(mutex) = 0;  // sessions that hold a place
+  std::chrono::steady_clock::time_point lastAcceptReport GUARDED_BY(mutex){};
+  std::size_t unreportedAcceptFailures GUARDED_BY(mutex) = 0;
   std::unordered_map<transport::ServerSession*, std::weak_ptr<transport::ServerSession>> sessions
       GUARDED_BY(mutex);
 };

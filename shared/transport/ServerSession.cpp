@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cassert>
 #include <cstdint>
+#include <cstring>
+#include <exception>
 
 namespace Ipc {
 namespace transport {
@@ -47,7 +49,8 @@ bool ServerSession::transition(State to) {
   using S = State;
   auto bit = [](S s) { return 1u << static_cast<unsigned>(s); };
   static unsigned const allowed[] = {
-      /* Hello */ bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
+      /* Hello */ bit(S::Proving) | bit(S::Refusing) | bit(S::Closed),
+      /* Proving */ bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
       /* AwaitingRequest */ bit(S::ReadingRequest) | bit(S::Refusing) | bit(S::Closed),
       /* ReadingRequest */ bit(S::Dispatching) | bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
       /* Dispatching */ bit(S::Responding) | bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
@@ -67,6 +70,7 @@ bool ServerSession::transition(State to) {
 bool ServerSession::mayStillRefuse() const {
   switch (m_state) {
     case State::Hello:
+    case State::Proving:
     case State::ReadingRequest:
     case State::Dispatching:
     case State::Responding:
@@ -201,19 +205,58 @@ void ServerSession::onOp(boost::system::error_code ec) {
   Exchange::guarded(*op.cmd, op.done, [&](std::string const& why) { failCmd(op.cmd, why); });
 }
 
+void ServerSession::refuseHandshake(std::string const& why) {
+  Log::inst().writeLine("ERR:", "Ipc connection from " + m_peer + " refused: " + why);
+  refuse("Ipc connection refused: " + why);
+}
+
 void ServerSession::onHello(boost::system::error_code ec) {
   if (m_state == State::Closed) return;  // the service stopped meanwhile
   if (ec) {
-    std::string const why = "no token (" + ioErrorText(ec) + ")";
-    Log::inst().writeLine("ERR:", "Ipc connection from " + m_peer + " refused: " + why);
-    refuse("Ipc connection refused: " + why);
+    refuseHandshake("no token (" + ioErrorText(ec) + ")");
     return;
   }
-  std::string why = wire::checkHelloStart(m_hello.data());
-  if (why.empty() && !m_core->token.matches(m_hello.data() + 8)) why = "wrong token";
+  std::string const why = wire::checkHelloStart(m_hello.data());
   if (!why.empty()) {
-    Log::inst().writeLine("ERR:", "Ipc connection from " + m_peer + " refused: " + why);
-    refuse("Ipc connection refused: " + why);
+    refuseHandshake(why);
+    return;
+  }
+  std::memcpy(m_clientNonce.data(), m_hello.data() + 8, m_clientNonce.size());
+  try {
+    m_serviceNonce = handshake::freshNonce();
+  } catch (std::exception const& e) {
+    refuseHandshake(e.what());
+    return;
+  }
+  handshake::Proof const proof = handshake::prove(m_core->token, handshake::Role::Service,
+                                                  wire::kVersion, m_clientNonce, m_serviceNonce);
+  wire::putStatusFrame(m_challenge.data(), wire::kStatusOk, 0);
+  std::memcpy(m_challenge.data() + wire::kFrameSize, m_serviceNonce.data(), wire::kNonceSize);
+  std::memcpy(m_challenge.data() + wire::kFrameSize + wire::kNonceSize, proof.data(), wire::kProofSize);
+  transition(State::Proving);
+  arm(m_core->options.helloTimeout);
+  m_stream.write(boost::asio::buffer(m_challenge), boost::asio::const_buffer(), shared_from_this(),
+                 [this](boost::system::error_code ec) {
+                   if (ec) {
+                     close();
+                     return;
+                   }
+                   m_stream.read(m_clientProof.data(), m_clientProof.size(), shared_from_this(),
+                                 [this](boost::system::error_code ec) { onClientProof(ec); });
+                 });
+}
+
+// The client's proof is checked in constant time; a proof recorded on
+// another connection was made for other nonces and fails here.
+void ServerSession::onClientProof(boost::system::error_code ec) {
+  if (m_state == State::Closed) return;  // the service stopped meanwhile
+  if (ec) {
+    refuseHandshake("no token (" + ioErrorText(ec) + ")");
+    return;
+  }
+  if (!handshake::verify(m_core->token, handshake::Role::Client, wire::kVersion, m_clientNonce,
+                         m_serviceNonce, m_clientProof.data())) {
+    refuseHandshake("wrong token");
     return;
   }
   transition(State::AwaitingRequest);

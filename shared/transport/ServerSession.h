@@ -15,6 +15,7 @@
 #include "shared/transport/BufferedStream.h"
 #include "shared/transport/Deadline.h"
 #include "shared/transport/Exchange.h"
+#include "shared/transport/Handshake.h"
 #include "shared/transport/Wire.h"
 
 #include <array>
@@ -36,7 +37,7 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
 
   Strand const& strand() const { return m_strand; }
 
-  // Starts the exchange of hello and token.
+  // Starts the handshake, in which each side proves the token.
   void start();
   // Refuses the connection at once (too many connections).
   void refuseAtOnce(std::string const& why);
@@ -57,6 +58,7 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   // which knows the allowed ones; Closed is final.
   enum class State {
     Hello,            // the client's hello is awaited
+    Proving,          // our proof goes out; the client's proof is awaited
     AwaitingRequest,  // the last step's ok status goes out; then the next request is awaited
     ReadingRequest,   // a command was built and reads its request
     Dispatching,      // the request is complete; the processor handles it
@@ -78,6 +80,8 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   std::string ioErrorText(boost::system::error_code ec) const;
   void onOp(boost::system::error_code ec);
   void onHello(boost::system::error_code ec);
+  void onClientProof(boost::system::error_code ec);
+  void refuseHandshake(std::string const& why);
   void answerOkThenReadNext();
   void readNextRequest();
   void onRequestFrame(boost::system::error_code ec);
@@ -95,6 +99,11 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   Deadline m_deadline;  // of the operation in progress
   Exchange m_exchange;  // the command whose request or response moves now
   std::array<unsigned char, wire::kHelloSize> m_hello{};
+  handshake::Nonce m_clientNonce{};
+  handshake::Nonce m_serviceNonce{};
+  // The ok status frame, our nonce and our proof.
+  std::array<unsigned char, wire::kFrameSize + wire::kChallengeSize> m_challenge{};
+  handshake::Proof m_clientProof{};
   std::array<unsigned char, wire::kFrameSize> m_frame{};
   unsigned char m_okFrame[wire::kFrameSize] = {};
   std::string m_refusal;

@@ -1,8 +1,13 @@
 // Internal: the byte layout of the IPC connection. Not installed.
 //
-// After the TCP connection is made the client sends a hello:
-//   "QXLC", version (1 byte), 3 zero bytes, the 32-byte secret token;
-// the service answers with a status frame. Then, one exchange at a time:
+// After the TCP connection is made, each side proves that it holds the
+// secret token without sending it (Handshake.h):
+//   client:  hello: "QXLC", version (1 byte), 3 zero bytes, its nonce (32 bytes)
+//   service: a status frame; when it says ok, its nonce and its proof (32 bytes each)
+//   client:  its proof (32 bytes), sent only once the service's proof holds
+//   service: a status frame
+// The version comes first, so a peer of another version is refused by what
+// it sends first. Then, one exchange at a time:
 //   request:  "QX", version, type code, flags (bit 0: a JSON body follows),
 //             3 zero bytes; [body length (4 bytes LE), body]; command data
 //   response: "QX", version, status (0 ok, 1 refused), message length
@@ -11,7 +16,7 @@
 #ifndef QX_SHARED_TRANSPORT_WIRE_H
 #define QX_SHARED_TRANSPORT_WIRE_H
 
-#include "shared/SecretToken.h"
+#include "shared/transport/Handshake.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -22,19 +27,18 @@
 namespace Ipc {
 namespace wire {
 
-constexpr std::uint8_t kVersion = 1;
+constexpr std::uint8_t kVersion = 2;
 constexpr std::size_t kFrameSize = 8;
-constexpr std::size_t kTokenSize = 32;
-constexpr std::size_t kHelloSize = 8 + kTokenSize;
+constexpr std::size_t kNonceSize = transport::handshake::kNonceSize;
+constexpr std::size_t kProofSize = transport::handshake::kProofSize;
+constexpr std::size_t kHelloSize = 8 + kNonceSize;
+// What follows the service's ok status frame in the handshake.
+constexpr std::size_t kChallengeSize = kNonceSize + kProofSize;
 constexpr std::uint8_t kFlagJsonBody = 1;
 constexpr std::uint8_t kStatusOk = 0;
 constexpr std::uint8_t kStatusRefused = 1;
 constexpr std::size_t kMaxMessage = 64 * 1024;
 
-// The hello carries SecretToken::data() whole, and the service compares
-// what it received with SecretToken::matches(), which reads SIZE bytes.
-static_assert(kTokenSize == SecretToken::SIZE, "the hello's token is one SecretToken");
-static_assert(kHelloSize == 8 + SecretToken::SIZE, "a hello is 8 bytes and the token");
 // A refusal's length goes out in the 4 bytes of the status frame.
 static_assert(kMaxMessage <= std::numeric_limits<std::uint32_t>::max(), "a refusal's length fits its field");
 
@@ -64,11 +68,11 @@ inline void putStatusFrame(unsigned char* out, std::uint8_t status, std::uint32_
   putU32(out + 4, messageLen);
 }
 
-inline void putHello(unsigned char* out, unsigned char const* token) {
+inline void putHello(unsigned char* out, transport::handshake::Nonce const& clientNonce) {
   std::memcpy(out, "QXLC", 4);
   out[4] = kVersion;
   out[5] = out[6] = out[7] = 0;
-  std::memcpy(out + 8, token, kTokenSize);
+  std::memcpy(out + 8, clientNonce.data(), kNonceSize);
 }
 
 // Checks the start of a frame; returns the empty string or what is wrong.
