@@ -719,6 +719,12 @@ std::size_t linesOf(std::string const& text, std::string const& part) {
 // accept, waits between its tries and reports the failures once a second:
 // it neither spins nor fills its log, and it serves again afterwards.
 TEST(IpcTwoProcesses, ServiceOutOfDescriptorsUnderAFloodNeitherSpinsNorFloodsItsLog) {
+#if defined(__SANITIZE_ADDRESS__)
+  // The address and undefined-behaviour checkers test memory through a pipe
+  // of their own: in a process without a descriptor left they report bad
+  // objects that are not.
+  GTEST_SKIP() << "the sanitizers' runtime needs descriptors of its own";
+#endif
   qxtest::TempDir dir;
   boost::filesystem::path const tokenFile = dir / "ipc.token";
   boost::filesystem::path const logFile = dir / "service.log";

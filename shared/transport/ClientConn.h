@@ -2,7 +2,8 @@
 // commands in turn. Not installed.
 //
 // Its work is in two units: ClientHandshake.cpp makes the connection
-// (resolving, connecting, the hello and the service's status answers), and
+// (resolving, connecting, the handshake of proofs and the service's status
+// answers), and
 // CmdClient.cpp runs the exchanges on it. Used on its strand only (or on the
 // caller's thread alone, without threads), except for the counters, which
 // any thread may read.
