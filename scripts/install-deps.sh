@@ -8,7 +8,7 @@ packages=(
   libboost-filesystem-dev libboost-thread-dev libboost-system-dev
   libjansson-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libcurl4-openssl-dev libssl-dev
-  systemd clang libclang-rt-14-dev
+  systemd libclang-rt-14-dev
 )
 
 missing=()
