@@ -106,6 +106,7 @@ class CmdClient::Conn final : public CmdChannel, public std::enable_shared_from_
   void connectFailed(boost::system::error_code ec);
   void onConnected(boost::system::error_code ec);
   void readStatus(std::function<void(std::string const&)> then);
+  void sendHandshake(boost::asio::const_buffer message, std::function<void()> next);
   void onChallenge(boost::system::error_code ec);
 
   CmdClientOptions const m_options;

@@ -81,20 +81,28 @@ void CmdClient::Conn::onConnected(boost::system::error_code ec) {
     return;
   }
   wire::putHello(m_hello, m_clientNonce);
+  sendHandshake(boost::asio::buffer(m_hello), [this] {
+    m_stream.read(m_challenge, sizeof m_challenge, shared_from_this(),
+                  m_exchange.bind([this](boost::system::error_code ec) { onChallenge(ec); }));
+  });
+}
+
+// Sends one message of the handshake, then reads the service's status frame:
+// next runs when it says ok; a failed write or a refusal ends the connection.
+void CmdClient::Conn::sendHandshake(boost::asio::const_buffer message, std::function<void()> next) {
   m_stream.drive([&] {
-    m_stream.write(boost::asio::buffer(m_hello), boost::asio::const_buffer(), shared_from_this(),
-                   m_exchange.bind([this](boost::system::error_code ec) {
+    m_stream.write(message, boost::asio::const_buffer(), shared_from_this(),
+                   m_exchange.bind([this, next](boost::system::error_code ec) {
                      if (ec) {
                        connectFailed(ec);
                        return;
                      }
-                     readStatus([this](std::string const& refusal) {
+                     readStatus([this, next](std::string const& refusal) {
                        if (!refusal.empty()) {
                          transferError(refusal);
                          return;
                        }
-                       m_stream.read(m_challenge, sizeof m_challenge, shared_from_this(),
-                                     m_exchange.bind([this](boost::system::error_code ec) { onChallenge(ec); }));
+                       next();
                      });
                    }));
   });
@@ -120,22 +128,7 @@ void CmdClient::Conn::onChallenge(boost::system::error_code ec) {
   }
   if (!transition(State::Proving)) return;
   m_proof = hs::prove(m_token, hs::Role::Client, wire::kVersion, m_clientNonce, serviceNonce);
-  m_stream.drive([&] {
-    m_stream.write(boost::asio::buffer(m_proof), boost::asio::const_buffer(), shared_from_this(),
-                   m_exchange.bind([this](boost::system::error_code ec) {
-                     if (ec) {
-                       connectFailed(ec);
-                       return;
-                     }
-                     readStatus([this](std::string const& refusal) {
-                       if (!refusal.empty()) {
-                         transferError(refusal);
-                         return;
-                       }
-                       beginExchange();
-                     });
-                   }));
-  });
+  sendHandshake(boost::asio::buffer(m_proof), [this] { beginExchange(); });
 }
 
 // Reads a status frame; calls then with the empty string when it says ok,
