@@ -38,6 +38,9 @@ class FolderFd {
   int m_fd = -1;
 };
 
+// The same holder for a file's descriptor.
+using FileFd = FolderFd;
+
 // Whether openSpoolFolder makes the components that are missing.
 enum class MakeMissing { no, yes };
 

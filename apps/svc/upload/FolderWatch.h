@@ -1,0 +1,41 @@
+// Notice of what arrives in the incoming folder: inotify on the folder's
+// descriptor for entries moved in and files closed after writing, so that a
+// drop is seen at once rather than at the next scan.
+//
+// A watch only wakes its owner: what to take is decided by listing the
+// folder. wait() reports a full rescan when the kernel's queue overflowed,
+// and the owner also rescans at start and every 60 s, so a missed event
+// delays an item, never loses it.
+//
+// One thread uses a watch at a time; wake() may be called from any thread.
+#ifndef QX_APPS_SVC_UPLOAD_FOLDERWATCH_H
+#define QX_APPS_SVC_UPLOAD_FOLDERWATCH_H
+
+#include <chrono>
+#include <string>
+
+namespace qxsvc {
+
+class FolderWatch {
+ public:
+  // Watches the folder open as folderFd (the descriptor is not kept; the
+  // watch follows the folder, not its path). Throws std::system_error naming
+  // what failed.
+  explicit FolderWatch(int folderFd);
+  ~FolderWatch();
+  FolderWatch(FolderWatch const&) = delete;
+  FolderWatch& operator=(FolderWatch const&) = delete;
+
+  enum class Event { timeout, changed, overflow, woken };
+  // Waits up to timeout for something to arrive in the folder (or wake()).
+  Event wait(std::chrono::milliseconds timeout);
+  void wake();
+
+ private:
+  int m_inotify = -1;
+  int m_wakePipe[2] = {-1, -1};
+};
+
+}  // namespace qxsvc
+
+#endif  // QX_APPS_SVC_UPLOAD_FOLDERWATCH_H

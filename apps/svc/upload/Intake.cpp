@@ -1,0 +1,1 @@
+#include "apps/svc/upload/Intake.h"

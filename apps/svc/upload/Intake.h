@@ -1,0 +1,98 @@
+// From the incoming folder into jobs: which entries are ready, the rules
+// that refuse some, and the claim that makes each accepted entry a job.
+//
+// An entry is ready when its name is not ignored (the reserved ".noqx" of
+// items still being received among them) and, for entries that another
+// program copies in, when its size and modification time (of every file
+// below a folder) have not changed for settleTime: SettleTracker keeps what
+// it saw last.
+//
+// Claim: the job folder "<outgoing>/<job id>" is made, then the entry is
+// renamed into it under its own name, never replacing anything (renameat2
+// RENAME_NOREPLACE). Both are fsync'd before the claim returns. A crash
+// between the two leaves an empty job folder (removed at the next start); a
+// crash after them leaves a job folder the journal may lack (adopted).
+//
+// Reject: the entry moves to "<rejected>/<reject id>/<name>" with
+// "reason.json" beside it: {"time": unix seconds, "rule": "...",
+// "message": "..."}; "rule" is one of "extension", "bad-type-in-folder",
+// "empty", "discarded", "server", "expired", "changed".
+//
+// Every function works on folder descriptors (FolderFd.h) and follows no
+// link. One thread at a time per folder; the functions keep no state.
+#ifndef QX_APPS_SVC_UPLOAD_INTAKE_H
+#define QX_APPS_SVC_UPLOAD_INTAKE_H
+
+#include "settings/Settings.h"
+
+#include <chrono>
+#include <cstdint>
+#include <ctime>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace qxsvc {
+
+// A job id: "YYYYMMDDTHHMMSSZ-" and 8 random hex digits, unique in practice
+// and sortable by time.
+std::string newJobId(std::time_t now);
+// Whether name has the form of a job id (folders of other forms under the
+// outgoing folder are not the service's).
+bool isJobId(std::string const& name);
+
+class SettleTracker {
+ public:
+  explicit SettleTracker(std::chrono::milliseconds settleTime) : m_settleTime(settleTime) {}
+  // Whether the entry name of dir has kept its size and times since
+  // settleTime; the first sighting starts the clock. A dropped item renamed
+  // into place by the IPC transfer is complete already: items that arrived
+  // through a rename (moved in: inotify's IN_MOVED_TO) may be marked with
+  // trust() and are ready at once.
+  bool settled(int dir, std::string const& name, std::chrono::steady_clock::time_point now);
+  void trust(std::string const& name);
+  // Forgets entries that are gone.
+  void forgetAllBut(std::vector<std::string> const& present);
+
+ private:
+  struct Seen {
+    std::uint64_t size = 0;
+    std::int64_t mtimeNs = 0;
+    std::chrono::steady_clock::time_point since;
+    bool trusted = false;
+  };
+  std::chrono::milliseconds const m_settleTime;
+  std::map<std::string, Seen> m_seen;
+};
+
+// What the rules say of an entry of the incoming folder.
+struct Verdict {
+  enum class Kind { accept, ignore, reject } kind = Kind::accept;
+  std::string rule;     // for reject: as in reason.json
+  std::string message;  // for reject: for people, naming the file
+};
+Verdict judge(Settings const& settings, int incomingDir, std::string const& name);
+
+// Claims the entry name of incomingDir as job jobId under outgoingDir.
+// Throws std::system_error naming the entry when it fails; nothing is lost
+// (the entry stays where it was, or is inside the job folder).
+void claim(int incomingDir, std::string const& name, int outgoingDir, std::string const& jobId);
+
+// Moves the entry name of fromDir to the rejected folder with its reason;
+// returns the path of the new entry, relative to rejectedDir
+// ("<id>/<name>"). Throws std::system_error naming the entry.
+std::string reject(int fromDir, std::string const& name, int rejectedDir, std::string const& rule,
+                   std::string const& message, std::time_t now);
+
+// The files of a job folder (relative paths, sorted), sizes included; links
+// and special files are not listed.
+struct JobFile {
+  std::string name;
+  std::uint64_t size = 0;
+  std::int64_t mtimeNs = 0;
+};
+std::vector<JobFile> filesOf(int jobDir);
+
+}  // namespace qxsvc
+
+#endif  // QX_APPS_SVC_UPLOAD_INTAKE_H

@@ -1,0 +1,114 @@
+// The service's journal of upload jobs: one SQLite database in WAL mode in
+// the service's state folder ("/var/lib/qxlite/journal.db").
+//
+// The spool folders are the truth and the journal is their index: it holds
+// what the folders cannot (state, attempts, next try, bytes sent, the
+// multipart upload id and its parts, the last error). A job's row is written
+// after its folder exists and removed after its folder is gone, so after any
+// crash a folder may lack a row (the pipeline adopts it) or a row may lack a
+// folder (the pipeline drops it); neither ever deletes a user's file.
+//
+// A database that cannot be read as a journal (not SQLite, a wrong schema,
+// corrupt pages) is moved aside to "journal.db.corrupt-<unix time>" and a new
+// one is made; open() says so in its note, for the log.
+//
+// Every write is one transaction, durable when the call returns
+// (synchronous=FULL). Every member may be called from any thread; calls are
+// serialised on one connection.
+#ifndef QX_APPS_SVC_UPLOAD_JOURNAL_H
+#define QX_APPS_SVC_UPLOAD_JOURNAL_H
+
+#include <boost/filesystem/path.hpp>
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+struct sqlite3;
+
+namespace qxsvc {
+
+// A job's life: queued -> uploading -> done; uploading -> queued (to be
+// tried again at nextTry); queued/uploading -> failed (given up after the
+// retry window: the job goes to the rejected folder), rejected (the server
+// or the rules refused it), cancelled (a person cancelled it). done, failed,
+// rejected and cancelled are final. The names are those of GetUploads.
+enum class JobState { queued, uploading, done, failed, rejected, cancelled };
+
+char const* jobStateName(JobState state);
+// The state named name; false when there is none.
+bool jobStateFromName(std::string const& name, JobState& state);
+
+struct PartRow {
+  unsigned number = 0;
+  std::uint64_t size = 0;
+  std::string etag;
+};
+
+// One file of a job, uploaded under its own key.
+struct ItemRow {
+  std::string name;          // path inside the job folder
+  std::uint64_t size = 0;
+  std::int64_t mtimeNs = 0;  // at hashing, to notice a change cheaply
+  std::string sha256;        // lower-case hex
+  std::string key;           // object key; the final one once done
+  bool done = false;
+  std::string uploadId;      // multipart upload in progress, or empty
+  std::vector<PartRow> parts;  // parts the server confirmed
+};
+
+struct JobRow {
+  std::string id;     // the job folder's name
+  std::string title;  // what a person dropped: a file's or a folder's name
+  JobState state = JobState::queued;
+  std::int64_t created = 0;  // unix seconds
+  std::int64_t updated = 0;
+  std::int64_t nextTry = 0;  // unix seconds; 0: at once
+  unsigned attempts = 0;
+  std::uint64_t bytesSent = 0;
+  std::string lastError;
+  std::vector<ItemRow> items;
+};
+
+class Journal {
+ public:
+  // Opens or makes the journal at file (its folder must exist). note gets a
+  // line for the log when the file was missing ("made a new journal") or
+  // moved aside as corrupt. Throws std::runtime_error naming the file when
+  // no journal can be made there at all.
+  static std::unique_ptr<Journal> open(boost::filesystem::path const& file, std::string& note);
+  ~Journal();
+  Journal(Journal const&) = delete;
+  Journal& operator=(Journal const&) = delete;
+
+  // Adds a job with its items; replaces nothing (throws if the id exists).
+  void insert(JobRow const& job);
+  // Writes the job's fields and every item's fields and parts.
+  void update(JobRow const& job);
+  // Records the multipart upload id of an item (empty: none).
+  void setUploadId(std::string const& jobId, std::string const& item, std::string const& uploadId);
+  // Records one stored part of an item's multipart upload.
+  void addPart(std::string const& jobId, std::string const& item, PartRow const& part);
+  void remove(std::string const& jobId);
+
+  std::optional<JobRow> job(std::string const& jobId) const;
+  // Every job, oldest first.
+  std::vector<JobRow> jobs() const;
+
+  // Every write above throws std::runtime_error with SQLite's message and
+  // the job id when the database refuses it (disk full, I/O error).
+
+ private:
+  Journal(sqlite3* db, boost::filesystem::path file);
+
+  boost::filesystem::path const m_file;
+  mutable std::mutex m_mutex;
+  sqlite3* const m_db;  // guarded by m_mutex
+};
+
+}  // namespace qxsvc
+
+#endif  // QX_APPS_SVC_UPLOAD_JOURNAL_H

@@ -1,0 +1,38 @@
+// SHA-256 of files and of byte streams (OpenSSL's EVP interface), as
+// lower-case hex.
+#ifndef QX_APPS_SVC_UPLOAD_SHA256_H
+#define QX_APPS_SVC_UPLOAD_SHA256_H
+
+#include <cstddef>
+#include <memory>
+#include <string>
+
+namespace qxsvc {
+
+class Sha256 {
+ public:
+  Sha256();
+  ~Sha256();
+  Sha256(Sha256 const&) = delete;
+  Sha256& operator=(Sha256 const&) = delete;
+  Sha256(Sha256&&) noexcept;
+  Sha256& operator=(Sha256&&) noexcept;
+
+  void update(void const* data, std::size_t size);
+  // The digest of what was given; the object starts again afterwards.
+  std::string hex();
+
+ private:
+  struct Ctx;
+  std::unique_ptr<Ctx> m_ctx;
+};
+
+// The digest of the file open as fd, read from its start with pread().
+// Throws std::system_error naming what (the caller's text) on a read error.
+std::string sha256OfFile(int fd, std::string const& what);
+
+std::string sha256OfText(std::string const& text);
+
+}  // namespace qxsvc
+
+#endif  // QX_APPS_SVC_UPLOAD_SHA256_H
