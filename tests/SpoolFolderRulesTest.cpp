@@ -2,7 +2,6 @@
 // SaveCfg: each refused folder is refused with a message that names it and
 // the rule, nothing is made, and the configuration file is not written.
 #include "apps/svc/SpoolPolicy.h"
-#include "apps/svc/Spooler.h"
 #include "apps/svc/SvcProcessor.h"
 #include "ipc/IpcCmdsLite.h"
 #include "tests/SpoolTestUtil.h"
@@ -27,8 +26,8 @@ class SpoolFolderRules : public ::testing::Test {
   SpoolFolderRules()
       : cfgFile(tmp / "config.json"),
         base(qxtest::spoolSettings(tmp / "spool" / "in", tmp / "spool" / "out", tmp / "spool" / "backup")),
-        spooler(base, std::chrono::hours(1)),
-        processor(base, cfgFile, spooler, 5) {}
+        pipeline(base, pipelineOptions(tmp / "state")),
+        processor(base, cfgFile, pipeline, 5) {}
 
   void SetUp() override { ASSERT_EQ("", qxsvc::prepareFolders(base)); }
 
@@ -46,7 +45,7 @@ class SpoolFolderRules : public ::testing::Test {
   qxtest::TempDir tmp;
   fs::path const cfgFile;
   Settings const base;
-  qxsvc::Spooler spooler;
+  qxsvc::Pipeline pipeline;
   qxsvc::SvcProcessor processor;
 };
 

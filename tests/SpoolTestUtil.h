@@ -4,6 +4,7 @@
 #ifndef QX_TESTS_SPOOLTESTUTIL_H
 #define QX_TESTS_SPOOLTESTUTIL_H
 
+#include "apps/svc/upload/Pipeline.h"
 #include "settings/Settings.h"
 #include "tests/TestUtil.h"
 
@@ -30,6 +31,20 @@ inline Settings spoolSettings(boost::filesystem::path const& in, boost::filesyst
   obj.setAt("SpoolFolder", json::Value(out.string()));
   obj.setAt("BackupFolder", json::Value(backup.string()));
   return Settings(obj);
+}
+
+// Options of a pipeline whose journal lives in stateFolder (made here) and
+// whose credentials file is credentials (none by default: a pipeline without
+// a server address holds its queue and moves nothing beyond the outgoing
+// folder).
+inline qxsvc::PipelineOptions pipelineOptions(boost::filesystem::path const& stateFolder,
+                                              boost::filesystem::path const& credentials = {}) {
+  boost::filesystem::create_directories(stateFolder);
+  ::chmod(stateFolder.c_str(), 0700);
+  qxsvc::PipelineOptions options;
+  options.stateFolder = stateFolder;
+  options.credentialsFile = credentials;
+  return options;
 }
 
 // The user id and group id of "nobody": someone who is neither root nor this

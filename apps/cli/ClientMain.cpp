@@ -128,10 +128,15 @@ json::Value parseValue(std::string const& text) {
   }
 }
 
+json::Object fetchUploads(Session& s);
+
 void cmdStatus(Session& s) {
   auto cmd = std::make_shared<Ipc::IsRunning>(nullptr);
   s.run(cmd);
   std::cout << (cmd->running ? "running" : "paused") << "\n";
+  // Why nothing leaves, when nothing does.
+  json::Value const held = fetchUploads(s)["held"];
+  if (held.isString()) std::cout << "uploads held: " << logEscaped(held.asStringSafe()) << "\n";
 }
 
 // The report's lines and the key each one shows, by the start of the line;
@@ -387,29 +392,104 @@ void cmdCall(Session& s, std::string const& method, std::string const& paramsTex
   std::cout << json::jsonToString(cmd->payload, true) << "\n";
 }
 
-void cmdUploads(Session& s, bool asJson) {
-  auto cmd = std::make_shared<Ipc::GetUploads>(nullptr);
+// The service's own commands on one job travel as server calls of these
+// methods, which the service answers itself ({"ok":true} or {"msg":...}).
+constexpr char const* kCancelMethod = "qxlite.cancel";
+constexpr char const* kRetryMethod = "qxlite.retry";
+
+void cmdJob(Session& s, char const* method, std::string const& jobId, char const* done) {
+  json::Object params;
+  params.setAt("id", json::Value(jobId));
+  auto cmd = std::make_shared<Ipc::ServerRequest>(nullptr, method, params, nullptr);
   s.run(cmd);
-  if (asJson) {
-    std::cout << json::jsonToString(cmd->payload, true) << "\n";
+  if (cmd->payload["ok"].isTrue()) {
+    std::cout << done << " job " << jobId << "\n";
     return;
   }
-  json::Value const list = cmd->payload["uploads"];
-  if (!list.isArray()) throw Failure("the service's list of uploads is not a list");
-  json::Array const items(list);
-  std::printf("%-40s %-9s %-6s %12s  %s\n", "NAME", "FOLDER", "TYPE", "SIZE", "MODIFIED (UTC)");
-  for (std::size_t i = 0; i < items.size(); ++i) {
-    json::Object const item(items[i]);
-    std::time_t const t = static_cast<std::time_t>(json_integer_value(item["modified"].get()));
-    std::tm utc{};
-    gmtime_r(&t, &utc);
-    char when[32];
-    std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &utc);
-    std::printf("%-40s %-9s %-6s %12lld  %s\n", item["name"].asStringSafe().c_str(),
-                item["folder"].asStringSafe().c_str(), item["type"].asStringSafe().c_str(),
-                static_cast<long long>(json_integer_value(item["size"].get())), when);
+  json::Value const msg = cmd->payload["msg"];
+  throw Failure(msg.isString() ? msg.asStringSafe() : std::string("the service did not say whether it did"));
+}
+
+json::Object fetchUploads(Session& s) {
+  auto cmd = std::make_shared<Ipc::GetUploads>(nullptr);
+  s.run(cmd);
+  if (!cmd->payload["uploads"].isArray()) throw Failure("the service's list of uploads is not a list");
+  return cmd->payload;
+}
+
+long long intOf(json::Object const& obj, char const* key) {
+  json::Value const v = obj[key];
+  return v.isInteger() ? static_cast<long long>(json_integer_value(v.get())) : 0;
+}
+
+std::string textOf(json::Object const& obj, char const* key) {
+  json::Value const v = obj[key];
+  // Names and messages come from files and servers: never raw to a terminal.
+  return v.isString() ? logEscaped(v.asStringSafe()) : std::string();
+}
+
+// "in 2m05s" for a time to come, "now" for one past.
+std::string whenText(long long at, long long now) {
+  if (at <= now) return "now";
+  long long const d = at - now;
+  std::ostringstream os;
+  if (d >= 3600) os << d / 3600 << "h" << std::setw(2) << std::setfill('0') << d % 3600 / 60 << "m";
+  else if (d >= 60) os << d / 60 << "m" << std::setw(2) << std::setfill('0') << d % 60 << "s";
+  else os << d << "s";
+  return "in " + os.str();
+}
+
+void printUploads(json::Object const& list, std::ostream& out) {
+  json::Array const jobs(list["uploads"]);
+  long long const now = static_cast<long long>(std::time(nullptr));
+  char line[512];
+  std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5s %-9s %s\n", "JOB", "STATE", "SIZE", "SENT", "TRIES",
+                "NEXT TRY", "NAME");
+  out << line;
+  for (std::size_t i = 0; i < jobs.size(); ++i) {
+    json::Object const job(jobs[i]);
+    long long const size = intOf(job, "size");
+    long long const sent = intOf(job, "sent");
+    std::string const percent = size > 0 ? std::to_string(sent * 100 / size) + "%" : "-";
+    std::string const next = job["nextTry"].isInteger() ? whenText(intOf(job, "nextTry"), now) : "";
+    std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5lld %-9s ", textOf(job, "id").c_str(),
+                  textOf(job, "state").c_str(), sizeText(static_cast<double>(size)).c_str(), percent.c_str(),
+                  intOf(job, "attempts"), next.c_str());
+    out << line << textOf(job, "name") << "\n";
+    std::string const error = textOf(job, "error");
+    if (!error.empty()) out << "    " << error << "\n";
   }
-  if (items.size() == 0) std::printf("(no uploads)\n");
+  if (jobs.size() == 0) out << "(no uploads)\n";
+  if (list["totals"].isObject()) {
+    json::Object const totals(list["totals"]);
+    out << intOf(totals, "queued") << " queued, " << intOf(totals, "uploading") << " uploading, "
+        << intOf(totals, "done") << " done, " << intOf(totals, "failed") << " failed, " << intOf(totals, "rejected")
+        << " rejected, " << intOf(totals, "cancelled") << " cancelled; "
+        << sizeText(static_cast<double>(intOf(list, "throughput"))) << "/s\n";
+  }
+  if (list["paused"].isTrue()) out << "paused: nothing new starts (qxlite resume)\n";
+  std::string const held = textOf(list, "held");
+  if (!held.empty()) out << "held: " << held << "\n";
+}
+
+void cmdUploads(Session& s, bool asJson, bool watch) {
+  if (asJson) {
+    std::cout << json::jsonToString(fetchUploads(s), true) << "\n";
+    return;
+  }
+  if (!watch) {
+    printUploads(fetchUploads(s), std::cout);
+    return;
+  }
+  // Until interrupted: the whole table again every second, in place on a
+  // terminal.
+  bool const tty = ::isatty(1) != 0;
+  for (;;) {
+    std::ostringstream page;
+    printUploads(fetchUploads(s), page);
+    std::cout << (tty ? "\033[H\033[2J" : "") << page.str() << std::flush;
+    std::this_thread::sleep_for(std::chrono::seconds(1));
+  }
 }
 
 }  // namespace
@@ -456,8 +536,15 @@ int main(int argc, char** argv) {
   auto* call = app.add_subcommand("call", "Have the service call the server");
   call->add_option("METHOD", method, "The server method")->required();
   call->add_option("PARAMS-JSON", paramsText, "Its parameters, a JSON object");
-  auto* uploads = app.add_subcommand("uploads", "List the service's uploads");
+  bool watch = false;
+  auto* uploads = app.add_subcommand("uploads", "List the service's upload jobs, their states and progress");
   uploads->add_flag("--json", asJson, "As JSON");
+  uploads->add_flag("--watch", watch, "Show the list again every second until interrupted");
+  std::string jobId;
+  auto* cancel = app.add_subcommand("cancel", "Stop a job and move its files to the rejected folder");
+  cancel->add_option("JOB", jobId, "The job's id (see qxlite uploads)")->required();
+  auto* retry = app.add_subcommand("retry", "Try a waiting job again now");
+  retry->add_option("JOB", jobId, "The job's id (see qxlite uploads)")->required();
 
   // The first words that are neither options nor their values must name a
   // sub-command, and a sub-command of it when it has some ("config get"):
@@ -502,7 +589,9 @@ int main(int argc, char** argv) {
     else if (*drop) cmdDrop(s, paths);
     else if (*testConfig) cmdTestConfig(s, file);
     else if (*call) cmdCall(s, method, paramsText);
-    else if (*uploads) cmdUploads(s, asJson);
+    else if (*uploads) cmdUploads(s, asJson, watch);
+    else if (*cancel) cmdJob(s, kCancelMethod, jobId, "cancelled");
+    else if (*retry) cmdJob(s, kRetryMethod, jobId, "retrying");
     return 0;
   } catch (std::exception const& e) {
     std::cerr << "qxlite: " << e.what() << "\n";

@@ -3,8 +3,8 @@
 // Loads its configuration (a missing file means defaults; an unreadable,
 // malformed or refused one stops the start with a message that names the file
 // and exit status 2), makes its spool folders, proves every IPC client by the
-// secret token, serves the nine commands on loopback, and moves the items
-// that arrive in its incoming folder to its outgoing (or rejected) folder.
+// secret token, serves the nine commands on loopback, and uploads the items
+// that arrive in its incoming folder (see apps/svc/upload/Pipeline.h).
 // It runs in the foreground: with --foreground its log goes to standard
 // error (as under systemd, whose journal keeps it), otherwise to a log file.
 // SIGTERM and SIGINT stop it cleanly: no new connection is taken, exchanges
@@ -13,7 +13,8 @@
 #include "apps/ConfigFile.h"
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
-#include "apps/svc/Spooler.h"
+#include "apps/svc/FolderFd.h"
+#include "apps/svc/upload/Pipeline.h"
 #include "apps/svc/SvcProcessor.h"
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdServer.h"
@@ -41,9 +42,20 @@ struct Options {
   bool foreground = false;
   bool verbose = false;
   unsigned threads = 4;
-  double scanSecs = 1.0;
+  double scanSecs = 60.0;
+  double settleSecs = 2.0;
+  double retrySecs = 30.0;
   long httpTimeoutSecs = 30;
+  std::string stateFolder;
+  std::string credentialsFile;
 };
+
+// Where the journal lives when --state-dir is not given.
+fs::path defaultStateFolder(fs::path const& configFile) {
+  return ::geteuid() == 0 ? fs::path("/var/lib/qxlite") : configFile.parent_path() / "state";
+}
+
+std::chrono::milliseconds millis(double secs) { return std::chrono::milliseconds(static_cast<long long>(secs * 1000)); }
 
 bool g_logToFile = false;
 
@@ -73,8 +85,17 @@ int serve(Options const& opt) {
   ::signal(SIGPIPE, SIG_IGN);
   qxsvc::HttpClient::globalInit();
 
-  qxsvc::Spooler spooler(settings, std::chrono::milliseconds(static_cast<long>(opt.scanSecs * 1000)));
-  auto processor = std::make_shared<qxsvc::SvcProcessor>(settings, configFile, spooler, opt.httpTimeoutSecs);
+  qxsvc::PipelineOptions pipelineOptions;
+  pipelineOptions.stateFolder = opt.stateFolder.empty() ? defaultStateFolder(configFile) : fs::path(opt.stateFolder);
+  pipelineOptions.credentialsFile = opt.credentialsFile;
+  pipelineOptions.rescanInterval = millis(opt.scanSecs);
+  pipelineOptions.settleTime = millis(opt.settleSecs);
+  pipelineOptions.retryFirst = millis(opt.retrySecs);
+  pipelineOptions.holdProbe = millis(opt.retrySecs);
+  qxsvc::OpenedFolder const state = qxsvc::openSpoolFolder(pipelineOptions.stateFolder, qxsvc::MakeMissing::yes);
+  if (!state.why.empty()) throw qxapp::ConfigError("the state folder: " + state.why);
+  qxsvc::Pipeline pipeline(settings, pipelineOptions);
+  auto processor = std::make_shared<qxsvc::SvcProcessor>(settings, configFile, pipeline, opt.httpTimeoutSecs);
   Ipc::IoThreads io(opt.threads);
   Ipc::CmdServerOptions serverOptions;
   serverOptions.port = opt.port >= 0 ? static_cast<std::uint16_t>(opt.port) : settings.IpcPort;
@@ -118,7 +139,19 @@ int main(int argc, char** argv) {
   app.add_option("--threads", opt.threads,
                  "Transport threads: one runs, the others take over from a held one (at least 2)")
       ->check(CLI::Range(2u, 64u));
-  app.add_option("--scan-interval", opt.scanSecs, "Seconds between scans of the incoming folder")->check(CLI::Range(0.05, 3600.0));
+  app.add_option("--scan-interval", opt.scanSecs,
+                 "Seconds between full scans of the incoming folder (arrivals are seen at once besides)")
+      ->check(CLI::Range(0.05, 3600.0));
+  app.add_option("--settle-time", opt.settleSecs,
+                 "Seconds a file copied into the incoming folder must stay unchanged before it is taken")
+      ->check(CLI::Range(0.0, 3600.0));
+  app.add_option("--retry-after", opt.retrySecs,
+                 "Seconds before a failed upload is tried again (doubling up to an hour)")
+      ->check(CLI::Range(0.01, 3600.0));
+  app.add_option("--state-dir", opt.stateFolder,
+                 "Folder of the upload journal (default: /var/lib/qxlite as root, else \"state\" beside the configuration file)");
+  app.add_option("--credentials", opt.credentialsFile,
+                 "The upload account's file, mode 0600 (default: $CREDENTIALS_DIRECTORY/upload, else /etc/QXLite/credentials.json)");
   app.add_option("--http-timeout", opt.httpTimeoutSecs, "Seconds an HTTP request to the server may take")->check(CLI::Range(1L, 600L));
   try {
     app.parse(argc, argv);

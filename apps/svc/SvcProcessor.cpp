@@ -78,10 +78,10 @@ Settings acceptConfigFile(boost::filesystem::path const& file) {
   return settings;
 }
 
-SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Spooler& spooler,
+SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Pipeline& pipeline,
                            long httpTimeoutSecs)
     : m_configFile(std::move(configFile)),
-      m_spooler(spooler),
+      m_pipeline(pipeline),
       m_httpTimeoutSecs(httpTimeoutSecs),
       m_settings(qxapp::independentCopy(settings)) {}
 
@@ -100,7 +100,7 @@ fs::path SvcProcessor::incomingFolder() const {
   return m_settings.ReceiveFolder;
 }
 
-void SvcProcessor::visit(Ipc::IsRunning& cmd) { cmd.running = !m_spooler.paused(); }
+void SvcProcessor::visit(Ipc::IsRunning& cmd) { cmd.running = !m_pipeline.paused(); }
 
 void SvcProcessor::visit(Ipc::GetCfg& cmd) { cmd.setSetts(current()); }
 
@@ -122,7 +122,7 @@ void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
       std::lock_guard<std::mutex> lock(m_mutex);
       m_settings = std::move(copy);
     }
-    m_spooler.setSettings(next);
+    m_pipeline.setSettings(next);
     cmd.ok = true;
     cmd.msg = "Configuration saved to \"" + m_configFile.string() + "\"";
     Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg);
@@ -135,7 +135,7 @@ void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
 
 void SvcProcessor::visit(Ipc::Pause& cmd) {
   try {
-    std::size_t const moved = m_spooler.pause(cmd.delAll);
+    std::size_t const moved = m_pipeline.pause(cmd.delAll);
     cmd.ok = true;
     cmd.msg = cmd.delAll ? "Paused; " + std::to_string(moved) +
                                " waiting item(s) moved to the rejected folder"
@@ -148,7 +148,7 @@ void SvcProcessor::visit(Ipc::Pause& cmd) {
 }
 
 void SvcProcessor::visit(Ipc::Resume& cmd) {
-  m_spooler.resume();
+  m_pipeline.resume();
   cmd.ok = true;
   cmd.msg = "Resumed";
   Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg);
@@ -166,6 +166,7 @@ void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
     cmd.payload = errorPayload(std::string("the request is malformed: ") + e.what());
     return;
   }
+  if (ownMethod(method, params, cmd.payload)) return;
   Settings const settings = current();
   Inet::InetCfg const cfg = inet ? *inet : settings.InetConfig;
   if (cfg.serverAddress().empty()) {
@@ -200,6 +201,31 @@ void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
   cmd.payload = errorPayload(failure);
 }
 
+bool SvcProcessor::ownMethod(std::string const& method, json::Object const& params, json::Object& answer) {
+  struct JobMethod {
+    char const* name;
+    std::string (Pipeline::*act)(std::string const&);
+    char const* done;
+  };
+  static JobMethod const kJobMethods[] = {{"qxlite.cancel", &Pipeline::cancel, "cancelled"},
+                                          {"qxlite.retry", &Pipeline::retry, "retrying"}};
+  for (JobMethod const& m : kJobMethods) {
+    if (method != m.name) continue;
+    json::Value const id = params["id"];
+    std::string const why = !id.isString() ? std::string("\"id\" must be the job's id, a text")
+                                           : (m_pipeline.*m.act)(id.asStringSafe());
+    answer = json::Object();
+    if (why.empty()) {
+      answer.setAt("ok", json::Value(true));
+      Log::inst().writeLine("INFO:", std::string("qxlite-svc ") + m.done + " job " + id.asStringSafe() + " as asked");
+    } else {
+      answer.setAt("msg", json::Value(why));
+    }
+    return true;
+  }
+  return false;
+}
+
 void SvcProcessor::visit(Ipc::TestCfg& cmd) {
   std::uint16_t port;
   {
@@ -214,10 +240,10 @@ void SvcProcessor::visit(Ipc::FileDrop& cmd) {
   if (cmd.ok) {
     Log::inst().writeLine("INFO:", "qxlite-svc received a drop of " + std::to_string(cmd.files.size()) +
                          " file(s)");
-    m_spooler.scanNow();
+    m_pipeline.scanNow();
   }
 }
 
-void SvcProcessor::visit(Ipc::GetUploads& cmd) { cmd.payload = m_spooler.uploads(); }
+void SvcProcessor::visit(Ipc::GetUploads& cmd) { cmd.payload = m_pipeline.uploads(); }
 
 }  // namespace qxsvc

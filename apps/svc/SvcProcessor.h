@@ -2,13 +2,13 @@
 //
 // It holds the configuration in force (guarded by its mutex: visits run on
 // several transport threads), the path of the configuration file, and the
-// spooler. SaveCfg validates a configuration and, when it is good, writes the
+// upload pipeline. SaveCfg validates a configuration and, when it is good, writes the
 // file atomically and takes it into force; a refused configuration leaves
 // both the file and the configuration in force untouched.
 #ifndef QX_APPS_SVC_SVCPROCESSOR_H
 #define QX_APPS_SVC_SVCPROCESSOR_H
 
-#include "apps/svc/Spooler.h"
+#include "apps/svc/upload/Pipeline.h"
 #include "ipc/IpcCmdsLite.h"
 
 #include <boost/filesystem/path.hpp>
@@ -31,7 +31,7 @@ Settings acceptConfigFile(boost::filesystem::path const& file);
 
 class SvcProcessor : public Ipc::CmdProcessorLiteI {
  public:
-  SvcProcessor(Settings const& settings, boost::filesystem::path configFile, Spooler& spooler,
+  SvcProcessor(Settings const& settings, boost::filesystem::path configFile, Pipeline& pipeline,
                long httpTimeoutSecs);
 
   // The port this service listens on, once it is known.
@@ -51,9 +51,12 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
 
  private:
   Settings current() const;
+  // The service's own methods of ServerRequest ("qxlite.cancel",
+  // "qxlite.retry"); false when method is not one of them.
+  bool ownMethod(std::string const& method, json::Object const& params, json::Object& answer);
 
   boost::filesystem::path const m_configFile;
-  Spooler& m_spooler;
+  Pipeline& m_pipeline;
   long const m_httpTimeoutSecs;
 
   mutable std::mutex m_mutex;

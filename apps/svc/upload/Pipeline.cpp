@@ -1,0 +1,1261 @@
+#include "apps/svc/upload/Pipeline.h"
+
+#include "apps/ConfigFile.h"
+#include "apps/svc/FolderFd.h"
+#include "apps/svc/SpoolPolicy.h"
+#include "apps/svc/upload/FolderWatch.h"
+#include "apps/svc/upload/Intake.h"
+#include "apps/svc/upload/Journal.h"
+#include "apps/svc/upload/ObjectKey.h"
+#include "apps/svc/upload/Packer.h"
+#include "apps/svc/upload/Sha256.h"
+#include "apps/svc/upload/Tree.h"
+#include "shared/Log.h"
+
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <optional>
+#include <cerrno>
+#include <condition_variable>
+#include <deque>
+#include <map>
+#include <mutex>
+#include <random>
+#include <set>
+#include <stdexcept>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+namespace fs = boost::filesystem;
+
+namespace qxsvc {
+
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+std::int64_t unixNow() {
+  return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+bool isFinal(JobState state) {
+  return state == JobState::done || state == JobState::failed || state == JobState::rejected ||
+         state == JobState::cancelled;
+}
+
+void logInfo(std::string const& text) { Log::inst().writeLine("INFO:", "qxlite-svc " + text); }
+void logWarning(std::string const& text) { Log::inst().writeLine("WARNING:", "qxlite-svc " + text); }
+void logError(std::string const& text) { Log::inst().writeLine("ERR:", "qxlite-svc " + text); }
+
+// Rows of final jobs stay listed this long after their last change.
+constexpr std::int64_t kHistorySecs = 7 * 24 * 3600;
+
+}  // namespace
+
+// A job as the loop keeps it: its journal row and the transfers of its
+// items in flight.
+struct LiveJob {
+  JobRow row;
+  std::map<std::string, std::uint64_t> tickets;  // item name -> ticket in flight
+  std::optional<UploadResult> setback;           // the first failure of this run
+  bool cancelRequested = false;
+};
+
+struct TicketRef {
+  std::string jobId;
+  std::string item;
+};
+
+class Pipeline::Impl {
+ public:
+  Impl(Settings const& settings, PipelineOptions options);
+  ~Impl();
+
+  void setSettings(Settings const& settings);
+  std::size_t pause(bool discard);
+  void resume();
+  bool paused() const;
+  void scanNow();
+  json::Object uploads() const;
+  std::string cancel(std::string const& jobId);
+  std::string retry(std::string const& jobId);
+
+ private:
+  // Folders in use, opened without following links; replaced as a whole
+  // when the configuration changes.
+  struct Folders {
+    FolderFd incoming, outgoing, backup, rejected;
+    fs::path incomingPath, outgoingPath, backupPath, rejectedPath;
+  };
+
+  void run();
+  void wake();
+  void startUp();
+  void applySettings(Settings const& settings);
+  std::string openFolders(Settings const& settings);
+  void reconcile();
+  void scanIncoming();
+  void scanOutgoingStrays();
+  // Packs and hashes the claimed job jobId and enters it into the journal.
+  void prepareJob(std::string const& jobId, std::int64_t created);
+  void schedule();
+  void startJob(std::string const& jobId, UploadEngine& engine);
+  static std::string itemOfKey(JobRow const& row, std::string const& key);
+  void settle(UploadResult const& result);
+  void conclude(std::string const& jobId);
+  void finishJob(std::string const& jobId);
+  void giveUp(std::string const& jobId, JobState state, std::string const& rule, std::string const& message);
+  // The same, with m_moveMutex held.
+  void giveUpLocked(std::string const& jobId, JobState state, std::string const& rule, std::string const& message);
+  std::size_t discardWaiting();
+  void sweepBackups();
+  void cleanUpOrphans();
+  void setHeld(std::string const& why);
+  std::chrono::milliseconds backoff(unsigned attempts);
+  std::shared_ptr<UploadEngine> engine() const;
+  void rebuildEngine(Settings const& settings);
+  bool hashItem(int jobDir, ItemRow& item);
+
+  PipelineOptions const m_options;
+  std::unique_ptr<Journal> const m_journal;  // null when none could be opened: nothing is uploaded
+
+  // Held around every move of a job's folder and every change of the
+  // folders in use, so that a pause from an IPC thread and the loop never
+  // move the same job.
+  mutable std::mutex m_moveMutex;
+  Folders m_folders;  // guarded by m_moveMutex; read by the loop without it (only the loop replaces it)
+
+  mutable std::mutex m_mutex;
+  std::condition_variable m_wakeCv;  // on m_mutex, while no folder watch exists
+  Settings m_settings;               // guarded by m_mutex
+  bool m_settingsChanged = false;    // guarded by m_mutex
+  bool m_paused = false;             // guarded by m_mutex
+  bool m_stop = false;               // guarded by m_mutex
+  bool m_scanRequested = true;       // guarded by m_mutex
+  bool m_woken = false;              // guarded by m_mutex
+  std::string m_held;                // guarded by m_mutex: why the queue is held
+  std::string m_folderProblem;       // guarded by m_mutex: why nothing moves
+  std::map<std::string, LiveJob> m_jobs;          // guarded by m_mutex
+  std::map<std::uint64_t, TicketRef> m_tickets;   // guarded by m_mutex
+  std::deque<UploadResult> m_results;             // guarded by m_mutex
+  std::set<std::string> m_cancels;                // guarded by m_mutex
+  std::shared_ptr<UploadEngine> m_engine;         // guarded by m_mutex
+  std::shared_ptr<FolderWatch> m_watch;           // guarded by m_mutex
+  SteadyClock::time_point m_nextProbe{};          // guarded by m_mutex: a held queue's next try
+
+  // The loop's own (m_targets also read by m_orphans, which the loop joins
+  // before it changes them).
+  std::vector<Target> m_targets;  // main address, then the alternative one
+  SettleTracker m_settle;
+  std::uint64_t m_nextTicket = 1;
+  SteadyClock::time_point m_nextRescan{};
+  SteadyClock::time_point m_nextSweep{};
+  std::mt19937 m_jitter{std::random_device{}()};
+  std::atomic<bool> m_cleanedUp{false};  // the start's clean-up of multipart uploads ran
+  std::thread m_orphans;
+
+  std::thread m_thread;  // last: starts once the rest is built
+};
+
+namespace {
+
+// The journal in folder, or null after a log line saying why none can be
+// used.
+std::unique_ptr<Journal> openJournal(fs::path const& folder) {
+  try {
+    std::string note;
+    std::unique_ptr<Journal> journal = Journal::open(folder / "journal.db", note);
+    if (!note.empty()) logWarning(note);
+    return journal;
+  } catch (std::exception const& e) {
+    logError(std::string("uploads nothing: the journal cannot be used: ") + e.what());
+    return nullptr;
+  }
+}
+
+}  // namespace
+
+Pipeline::Impl::Impl(Settings const& settings, PipelineOptions options)
+    : m_options(std::move(options)),
+      m_journal(openJournal(m_options.stateFolder)),
+      m_settings(qxapp::independentCopy(settings)),
+      m_settle(m_options.settleTime),
+      m_thread([this] { run(); }) {}
+
+Pipeline::Impl::~Impl() {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_stop = true;
+  }
+  wake();
+  m_thread.join();
+  if (m_orphans.joinable()) m_orphans.join();
+  std::shared_ptr<UploadEngine> engine;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    engine = std::move(m_engine);
+    m_watch.reset();
+  }
+  engine.reset();  // stops the transfers; their jobs stay queued in the journal
+}
+
+void Pipeline::Impl::wake() {
+  std::shared_ptr<FolderWatch> watch;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_woken = true;
+    watch = m_watch;
+  }
+  m_wakeCv.notify_all();
+  if (watch) watch->wake();
+}
+
+std::shared_ptr<UploadEngine> Pipeline::Impl::engine() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_engine;
+}
+
+void Pipeline::Impl::setSettings(Settings const& settings) {
+  {
+    Settings copy = qxapp::independentCopy(settings);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_settings = std::move(copy);
+    m_settingsChanged = true;
+  }
+  wake();
+}
+
+bool Pipeline::Impl::paused() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return m_paused;
+}
+
+void Pipeline::Impl::resume() {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_paused = false;
+    m_scanRequested = true;
+  }
+  if (std::shared_ptr<UploadEngine> e = engine()) e->setPaused(false);
+  wake();
+}
+
+std::size_t Pipeline::Impl::pause(bool discard) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_paused = true;
+  }
+  if (std::shared_ptr<UploadEngine> e = engine()) e->setPaused(true);
+  return discard ? discardWaiting() : 0;
+}
+
+void Pipeline::Impl::scanNow() {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_scanRequested = true;
+  }
+  wake();
+}
+
+std::string Pipeline::Impl::cancel(std::string const& jobId) {
+  std::vector<std::uint64_t> tickets;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto const it = m_jobs.find(jobId);
+    if (it == m_jobs.end()) return "there is no job \"" + jobId + "\"";
+    if (isFinal(it->second.row.state))
+      return "job \"" + jobId + "\" is " + jobStateName(it->second.row.state) + " already";
+    it->second.cancelRequested = true;
+    for (auto const& t : it->second.tickets) tickets.push_back(t.second);
+    m_cancels.insert(jobId);
+  }
+  if (std::shared_ptr<UploadEngine> e = engine()) {
+    for (std::uint64_t t : tickets) e->cancel(t);
+  }
+  wake();
+  return std::string();
+}
+
+std::string Pipeline::Impl::retry(std::string const& jobId) {
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto const it = m_jobs.find(jobId);
+    if (it == m_jobs.end()) return "there is no job \"" + jobId + "\"";
+    JobRow& row = it->second.row;
+    if (row.state == JobState::uploading) return "job \"" + jobId + "\" is uploading already";
+    if (isFinal(row.state)) {
+      return row.state == JobState::done
+                 ? "job \"" + jobId + "\" is done already"
+                 : "job \"" + jobId + "\" was " + jobStateName(row.state) +
+                       ": its files are in the rejected folder; drop them again to upload them";
+    }
+    row.nextTry = 0;
+    m_nextProbe = SteadyClock::time_point{};
+  }
+  wake();
+  return std::string();
+}
+
+// ---------------------------------------------------------------------------
+// The loop.
+
+void Pipeline::Impl::run() {
+  startUp();
+  for (;;) {
+    Settings settings = qxapp::independentCopy(m_settings);  // replaced below when changed
+    bool scan = false;
+    bool changed = false;
+    std::deque<UploadResult> results;
+    std::set<std::string> cancels;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      if (m_stop) break;
+      changed = m_settingsChanged;
+      m_settingsChanged = false;
+      if (changed) settings = qxapp::independentCopy(m_settings);
+      scan = m_scanRequested && !m_paused;
+      m_scanRequested = false;
+      m_woken = false;
+      results.swap(m_results);
+      cancels.swap(m_cancels);
+    }
+    if (changed) applySettings(settings);
+    for (UploadResult const& r : results) settle(r);
+    for (std::string const& id : cancels) {
+      bool idle = false;
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto const it = m_jobs.find(id);
+        idle = it != m_jobs.end() && it->second.tickets.empty() && !isFinal(it->second.row.state);
+      }
+      if (idle) giveUp(id, JobState::cancelled, "cancelled", "cancelled by a person");
+      // A job with transfers in flight is moved once they have stopped (settle).
+    }
+    SteadyClock::time_point const now = SteadyClock::now();
+    if (now >= m_nextRescan) {
+      scan = !paused();
+      m_nextRescan = now + m_options.rescanInterval;
+    }
+    if (scan) scanIncoming();
+    schedule();
+    if (now >= m_nextSweep) {
+      sweepBackups();
+      m_nextSweep = now + m_options.sweepInterval;
+    }
+
+    // Sleep until something happens, the next retry is due, or the next
+    // rescan (sooner while entries settle).
+    SteadyClock::time_point until = std::min(m_nextRescan, m_nextSweep);
+    std::shared_ptr<FolderWatch> watch;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      std::int64_t const unow = unixNow();
+      for (auto const& j : m_jobs) {
+        JobRow const& row = j.second.row;
+        if (row.state == JobState::queued && j.second.tickets.empty() && m_held.empty() && !m_paused) {
+          SteadyClock::time_point const due = now + std::chrono::seconds(std::max<std::int64_t>(0, row.nextTry - unow));
+          until = std::min(until, due);
+        }
+      }
+      if (!m_held.empty()) until = std::min(until, m_nextProbe);
+      if (m_woken || m_stop) continue;
+      watch = m_watch;
+    }
+    if (m_settle.pending()) until = std::min(until, SteadyClock::now() + std::chrono::milliseconds(250));
+    auto const wait = std::chrono::duration_cast<std::chrono::milliseconds>(until - SteadyClock::now());
+    if (wait.count() <= 0) continue;
+    if (watch) {
+      FolderWatch::Event const event = watch->wait(wait);
+      if (event == FolderWatch::Event::changed || event == FolderWatch::Event::overflow) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_scanRequested = true;
+        for (std::string const& name : watch->takeMovedIn()) m_settle.trust(name);
+      }
+    } else {
+      std::unique_lock<std::mutex> lock(m_mutex);
+      m_wakeCv.wait_for(lock, wait, [this] { return m_woken || m_stop; });
+    }
+  }
+}
+
+void Pipeline::Impl::startUp() {
+  if (!m_journal) {
+    // Without a journal nothing can be uploaded exactly once: hold, and keep
+    // every file where it is.
+    setHeld("the journal cannot be used (see the log)");
+    return;
+  }
+  applySettings([this] {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return qxapp::independentCopy(m_settings);
+  }());
+}
+
+std::string Pipeline::Impl::openFolders(Settings const& settings) {
+  struct Role {
+    char const* name;
+    fs::path const& path;
+    FolderFd Folders::*fd;
+    fs::path Folders::*pathMember;
+  };
+  Role const roles[] = {{"incoming", settings.ReceiveFolder, &Folders::incoming, &Folders::incomingPath},
+                        {"outgoing", settings.SpoolFolder, &Folders::outgoing, &Folders::outgoingPath},
+                        {"backup", settings.BackupFolder, &Folders::backup, &Folders::backupPath},
+                        {"rejected", settings.RejectedFolder, &Folders::rejected, &Folders::rejectedPath}};
+  Folders next;
+  for (Role const& role : roles) {
+    OpenedFolder opened = openSpoolFolder(role.path, MakeMissing::yes);
+    if (!opened.why.empty()) return folderName({role.name, role.path}) + ": " + opened.why;
+    next.*(role.fd) = std::move(opened.fd);
+    next.*(role.pathMember) = role.path;
+  }
+  std::shared_ptr<FolderWatch> watch;
+  try {
+    watch = std::make_shared<FolderWatch>(next.incoming.get());
+  } catch (std::exception const& e) {
+    // Without notice the periodic scans still find every item.
+    logWarning(std::string("watches the incoming folder by scans only: ") + e.what());
+  }
+  {
+    std::lock_guard<std::mutex> moves(m_moveMutex);
+    m_folders = std::move(next);
+  }
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_watch = std::move(watch);
+  return std::string();
+}
+
+void Pipeline::Impl::rebuildEngine(Settings const& settings) {
+  std::shared_ptr<UploadEngine> old;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    old = std::move(m_engine);
+  }
+  old.reset();  // transfers stop; their results do not come
+  {
+    // Whatever was in flight waits for the new engine.
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto& j : m_jobs) {
+      j.second.tickets.clear();
+      if (j.second.row.state == JobState::uploading) j.second.row.state = JobState::queued;
+    }
+    m_tickets.clear();
+  }
+  std::string why;
+  Target target;
+  Credentials credentials;
+  m_targets.clear();
+  std::string const& address = settings.InetConfig.serverAddress();
+  std::string const& alternative = settings.InetConfig.altServerAddress();
+  Target altTarget;
+  if (address.empty()) {
+    why = "no server address is set (\"InetServer\")";
+  } else if (!parseTarget(address, target, why)) {
+    // why says what is wrong with the address
+  } else if (!alternative.empty() && alternative != address && !parseTarget(alternative, altTarget, why)) {
+    // likewise
+  } else {
+    m_targets.push_back(target);
+    if (!alternative.empty() && alternative != address) m_targets.push_back(altTarget);
+    fs::path const file = m_options.credentialsFile.empty() ? defaultCredentialsPath() : m_options.credentialsFile;
+    try {
+      credentials = loadCredentials(file);
+    } catch (std::exception const& e) {
+      why = e.what();
+    }
+  }
+  if (!why.empty()) {
+    setHeld(why);
+    return;
+  }
+  EngineOptions options = m_options.engine;
+  options.maxTransfers = std::max<std::size_t>(1, settings.ConcurrentUploads);
+  options.traceRequests = settings.EnableLogging;
+  options.curlDebug = settings.EnableCurlDbgLog;
+  UploadEngine::Callbacks callbacks;
+  callbacks.onUploadId = [this](std::uint64_t ticket, std::string const& uploadId) {
+    TicketRef ref;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      auto const it = m_tickets.find(ticket);
+      if (it == m_tickets.end()) return;
+      ref = it->second;
+    }
+    // Written before the first part goes, so a restart finds the upload.
+    m_journal->setUploadId(ref.jobId, ref.item, uploadId);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto const j = m_jobs.find(ref.jobId);
+    if (j == m_jobs.end()) return;
+    for (ItemRow& item : j->second.row.items) {
+      if (item.name == ref.item) item.uploadId = uploadId;
+    }
+  };
+  callbacks.onPart = [this](std::uint64_t ticket, PartRecord const& part) {
+    TicketRef ref;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      auto const it = m_tickets.find(ticket);
+      if (it == m_tickets.end()) return;
+      ref = it->second;
+    }
+    m_journal->addPart(ref.jobId, ref.item, PartRow{part.number, part.size, part.etag});
+  };
+  callbacks.onDone = [this](UploadResult const& result) {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_results.push_back(result);
+    }
+    wake();
+  };
+  auto engine = std::make_shared<UploadEngine>(settings.InetConfig, std::move(credentials), options,
+                                               std::move(callbacks));
+  bool paused = false;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_engine = engine;
+    paused = m_paused;
+  }
+  if (paused) engine->setPaused(true);
+  setHeld(std::string());
+}
+
+void Pipeline::Impl::applySettings(Settings const& settings) {
+  if (m_orphans.joinable()) m_orphans.join();
+  std::string const why = openFolders(settings);
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (why != m_folderProblem) {
+      if (!why.empty()) logError("moves nothing: " + why);
+      m_folderProblem = why;
+    }
+  }
+  if (!why.empty()) return;
+  rebuildEngine(settings);
+  reconcile();
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_scanRequested = true;
+  }
+  m_cleanedUp = false;
+  m_orphans = std::thread([this] { cleanUpOrphans(); });
+}
+
+void Pipeline::Impl::setHeld(std::string const& why) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (why == m_held) return;
+  if (!why.empty()) {
+    Log::inst().writeLine("WARNING:", "qxlite-svc holds the upload queue: " + why);
+  } else if (!m_held.empty()) {
+    Log::inst().writeLine("INFO:", "qxlite-svc uploads again");
+  }
+  m_held = why;
+  m_nextProbe = SteadyClock::now() + m_options.holdProbe;
+}
+
+// ---------------------------------------------------------------------------
+// Reconciling the journal with the folders.
+
+void Pipeline::Impl::reconcile() {
+  if (!m_journal) return;
+  int const out = m_folders.outgoing.get();
+  std::map<std::string, JobRow> rows;
+  for (JobRow& row : m_journal->jobs()) rows.emplace(row.id, std::move(row));
+
+  std::vector<std::string> names;
+  try {
+    names = listFolder(out);
+  } catch (std::exception const& e) {
+    logError(std::string("cannot read the outgoing folder: ") + e.what());
+    return;
+  }
+  std::set<std::string> present;
+  for (std::string const& name : names) {
+    if (!isJobId(name)) continue;  // strays are claimed as new jobs by scanOutgoingStrays
+    struct stat st {};
+    if (::fstatat(out, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) continue;
+    present.insert(name);
+    auto const row = rows.find(name);
+    if (row == rows.end()) {
+      // Claimed, but the journal never heard of it (a crash right after the
+      // claim, or a journal rebuilt): adopt it, or drop an empty claim.
+      if (::unlinkat(out, name.c_str(), AT_REMOVEDIR) == 0) continue;
+      logInfo("adopts job " + name + " found in the outgoing folder");
+      prepareJob(name, static_cast<std::int64_t>(st.st_mtime));
+      continue;
+    }
+    JobRow job = row->second;
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (job.state == JobState::uploading) job.state = JobState::queued;
+    m_jobs[name].row = job;
+  }
+  for (auto& r : rows) {
+    JobRow& row = r.second;
+    if (present.count(row.id)) continue;
+    if (isFinal(row.state)) {
+      if (unixNow() - row.updated > kHistorySecs) {
+        m_journal->remove(row.id);
+        continue;
+      }
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_jobs[row.id].row = row;
+      continue;
+    }
+    // A job whose folder is gone: finished just before a crash (its folder
+    // went to the backup), or removed by hand.
+    struct stat st {};
+    bool const inBackup = ::fstatat(m_folders.backup.get(), row.id.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0;
+    if (inBackup) {
+      row.state = JobState::done;
+      row.updated = unixNow();
+      m_journal->update(row);
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_jobs[row.id].row = row;
+    } else {
+      logWarning("job " + row.id + " (" + row.title + ") is no longer in the outgoing folder: dropped from the journal");
+      m_journal->remove(row.id);
+    }
+  }
+  // Jobs that ended but whose folders did not move yet.
+  std::vector<std::pair<std::string, JobState>> unfinished;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto const& j : m_jobs) {
+      if (present.count(j.first) && isFinal(j.second.row.state)) unfinished.emplace_back(j.first, j.second.row.state);
+    }
+  }
+  for (auto const& u : unfinished) {
+    if (u.second == JobState::done) {
+      finishJob(u.first);
+    } else {
+      std::string message;
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        message = m_jobs[u.first].row.lastError;
+      }
+      giveUp(u.first, u.second, jobStateName(u.second), message);
+    }
+  }
+  scanOutgoingStrays();
+}
+
+// Entries of the outgoing folder that are not jobs: items that an earlier
+// version of the service queued there directly. Each becomes a job.
+void Pipeline::Impl::scanOutgoingStrays() {
+  int const out = m_folders.outgoing.get();
+  std::vector<std::string> names;
+  try {
+    names = listFolder(out);
+  } catch (std::exception const&) {
+    return;
+  }
+  Settings const settings = [this] {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return qxapp::independentCopy(m_settings);
+  }();
+  for (std::string const& name : names) {
+    if (isJobId(name) || settings.isIgnoredExtension(fs::path(name))) continue;
+    std::string const jobId = newJobId(unixNow());
+    try {
+      claim(out, name, out, jobId);
+    } catch (std::exception const& e) {
+      logError(e.what());
+      continue;
+    }
+    logInfo("queues \"" + name + "\" found in the outgoing folder as job " + jobId);
+    prepareJob(jobId, unixNow());
+  }
+}
+
+// ---------------------------------------------------------------------------
+// Intake.
+
+void Pipeline::Impl::scanIncoming() {
+  if (!m_journal || !m_folders.incoming.valid()) return;
+  Settings const settings = [this] {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return qxapp::independentCopy(m_settings);
+  }();
+  int const in = m_folders.incoming.get();
+  std::vector<std::string> names;
+  try {
+    names = listFolder(in);
+  } catch (std::exception const& e) {
+    logError(std::string("cannot read the incoming folder: ") + e.what());
+    return;
+  }
+  m_settle.forgetAllBut(names);
+  SteadyClock::time_point const now = SteadyClock::now();
+  for (std::string const& name : names) {
+    if (paused()) return;
+    Verdict const verdict = judge(settings, in, name);
+    if (verdict.kind == Verdict::Kind::ignore) continue;
+    if (!m_settle.settled(in, name, now)) continue;
+    std::unique_lock<std::mutex> moves(m_moveMutex);
+    if (verdict.kind == Verdict::Kind::reject) {
+      try {
+        std::string const where = reject(in, name, m_folders.rejected.get(), verdict.rule, verdict.message, unixNow());
+        logWarning("rejected \"" + name + "\": " + verdict.message + "; moved to \"" +
+                   (m_folders.rejectedPath / where).string() + "\"");
+      } catch (std::exception const& e) {
+        logError(e.what());
+      }
+      continue;
+    }
+    std::string const jobId = newJobId(unixNow());
+    try {
+      claim(in, name, m_folders.outgoing.get(), jobId);
+    } catch (std::exception const& e) {
+      logError(e.what());
+      continue;
+    }
+    moves.unlock();  // hashing takes a while; the job is not listed yet
+    logInfo("queued \"" + name + "\" as job " + jobId);
+    prepareJob(jobId, unixNow());
+  }
+}
+
+bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
+  FileFd const file = openBeneath(jobDir, item.name, O_RDONLY);
+  struct stat st {};
+  if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
+  item.size = static_cast<std::uint64_t>(st.st_size);
+  item.mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+  item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"");
+  return true;
+}
+
+void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) {
+  Settings const settings = [this] {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return qxapp::independentCopy(m_settings);
+  }();
+  int const out = m_folders.outgoing.get();
+  FolderFd const jobDir(::openat(out, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  JobRow row;
+  row.id = jobId;
+  row.created = created;
+  row.updated = unixNow();
+  try {
+    if (!jobDir.valid()) throw std::system_error(errno, std::generic_category(), "cannot open job " + jobId);
+    // The drop is the one entry that is not an archive made from it.
+    std::vector<std::string> entries = listFolder(jobDir.get());
+    std::string drop;
+    bool dropIsFolder = false;
+    for (std::string const& e : entries) {
+      struct stat st {};
+      if (::fstatat(jobDir.get(), e.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;
+      if (S_ISDIR(st.st_mode) || drop.empty()) {
+        drop = e;
+        dropIsFolder = S_ISDIR(st.st_mode);
+      }
+    }
+    if (drop.empty()) throw std::runtime_error("job " + jobId + " holds nothing");
+    row.title = drop;
+    std::vector<std::string> files;
+    for (JobFile const& f : filesOf(jobDir.get())) {
+      if (!dropIsFolder ? f.name == drop : f.name.compare(0, drop.size() + 1, drop + "/") == 0) files.push_back(f.name);
+    }
+    std::vector<std::string> items = files;
+    if (dropIsFolder && files.size() >= settings.MinFilesToZip) {
+      Packed const packed = pack(settings, jobDir.get(), files, archiveName(settings, jobId, drop, true));
+      if (!packed.archive.empty()) {
+        items = packed.apart;
+        items.insert(items.begin(), packed.archive);
+      }
+    }
+    for (std::string const& name : items) {
+      ItemRow item;
+      item.name = name;
+      if (!hashItem(jobDir.get(), item)) throw std::runtime_error("\"" + name + "\" of job " + jobId + " cannot be read");
+      item.key = objectKey(settings.AccountId, settings.SpoolerId, static_cast<std::time_t>(created), jobId, name);
+      row.items.push_back(std::move(item));
+    }
+    if (row.items.empty()) {
+      std::string const where = reject(out, jobId, m_folders.rejected.get(), "empty", "\"" + drop + "\" holds no file to upload", unixNow());
+      logWarning("rejected \"" + drop + "\": it holds no file to upload; moved to \"" + (m_folders.rejectedPath / where).string() + "\"");
+      return;
+    }
+    m_journal->insert(row);
+  } catch (std::exception const& e) {
+    // The job folder stays; the next start adopts it again.
+    logError(std::string("cannot queue job ") + jobId + ": " + e.what());
+    return;
+  }
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_jobs[jobId].row = std::move(row);
+}
+
+// ---------------------------------------------------------------------------
+// Transfers.
+
+std::chrono::milliseconds Pipeline::Impl::backoff(unsigned attempts) {
+  double wait = static_cast<double>(m_options.retryFirst.count());
+  for (unsigned i = 1; i < attempts && wait < static_cast<double>(m_options.retryMost.count()); ++i) wait *= 2;
+  wait = std::min(wait, static_cast<double>(m_options.retryMost.count()));
+  // Up to a quarter either way, so that many jobs that failed together do
+  // not all come back in the same second.
+  std::uniform_real_distribution<double> jitter(0.75, 1.25);
+  return std::chrono::milliseconds(static_cast<long long>(wait * jitter(m_jitter)));
+}
+
+void Pipeline::Impl::schedule() {
+  std::shared_ptr<UploadEngine> const e = engine();
+  if (!e || !m_journal || !m_cleanedUp.load()) return;
+  std::int64_t const unow = unixNow();
+  std::vector<std::string> due;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (m_paused) return;
+    std::size_t budget = 0;
+    bool probe = false;
+    if (!m_held.empty()) {
+      // One job at a time finds out whether the server takes uploads again.
+      if (SteadyClock::now() < m_nextProbe || !m_tickets.empty()) return;
+      m_nextProbe = SteadyClock::now() + m_options.holdProbe;
+      probe = true;
+      budget = 1;
+    } else {
+      // One more than run at once, so that the next starts as one ends.
+      std::size_t const limit = std::max<std::size_t>(1, m_settings.ConcurrentUploads) + 1;
+      if (m_tickets.size() >= limit) return;
+      budget = limit - m_tickets.size();
+    }
+    for (auto const& j : m_jobs) {
+      if (due.size() >= budget) break;
+      JobRow const& row = j.second.row;
+      if (row.state != JobState::queued || !j.second.tickets.empty() || j.second.cancelRequested) continue;
+      if (!probe && row.nextTry > unow) continue;
+      due.push_back(j.first);
+    }
+  }
+  for (std::string const& id : due) startJob(id, *e);
+}
+
+void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
+  JobRow row;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    row = m_jobs[jobId].row;
+  }
+  FolderFd const jobDir(::openat(m_folders.outgoing.get(), jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!jobDir.valid()) {
+    logWarning("job " + jobId + " (" + row.title + ") is no longer in the outgoing folder: dropped from the journal");
+    m_journal->remove(jobId);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_jobs.erase(jobId);
+    return;
+  }
+  // Main address on even attempts, the alternative one on odd ones.
+  Target const& target = m_targets.size() > 1 && row.attempts % 2 == 1 ? m_targets[1] : m_targets[0];
+  std::vector<UploadRequest> requests;
+  for (ItemRow& item : row.items) {
+    if (item.done) continue;
+    FileFd file = openBeneath(jobDir.get(), item.name, O_RDONLY);
+    struct stat st {};
+    if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
+      giveUp(jobId, JobState::failed, "changed",
+             "\"" + item.name + "\" was removed from the outgoing folder before it was uploaded");
+      return;
+    }
+    std::int64_t const mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
+    if (item.sha256.empty() || static_cast<std::uint64_t>(st.st_size) != item.size || mtimeNs != item.mtimeNs) {
+      // Rewritten while it waited: what is there now is what gets uploaded.
+      logInfo("hashes \"" + item.name + "\" of job " + jobId + " again: it changed while it waited");
+      item.size = static_cast<std::uint64_t>(st.st_size);
+      item.mtimeNs = mtimeNs;
+      item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"");
+      item.uploadId.clear();
+      item.parts.clear();
+    }
+    UploadRequest request;
+    request.ticket = m_nextTicket++;
+    request.target = target;
+    request.key = item.key;
+    request.file = std::move(file);
+    request.size = item.size;
+    request.sha256 = item.sha256;
+    request.uploadId = item.uploadId;
+    requests.push_back(std::move(request));
+  }
+  row.state = JobState::uploading;
+  row.updated = unixNow();
+  try {
+    m_journal->update(row);
+  } catch (std::exception const& e) {
+    logError(std::string("cannot start job ") + jobId + ": " + e.what());
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    LiveJob& live = m_jobs[jobId];
+    live.row = row;
+    live.setback.reset();
+    for (UploadRequest const& r : requests) {
+      std::string const item = itemOfKey(row, r.key);
+      live.tickets[item] = r.ticket;
+      m_tickets[r.ticket] = TicketRef{jobId, item};
+    }
+  }
+  for (UploadRequest& r : requests) engine.submit(std::move(r));
+}
+
+std::string Pipeline::Impl::itemOfKey(JobRow const& row, std::string const& key) {
+  for (ItemRow const& item : row.items) {
+    if (item.key == key) return item.name;
+  }
+  return std::string();
+}
+
+void Pipeline::Impl::settle(UploadResult const& result) {
+  std::string jobId;
+  std::vector<std::uint64_t> others;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto const t = m_tickets.find(result.ticket);
+    if (t == m_tickets.end()) return;  // of an engine replaced since
+    TicketRef const ref = t->second;
+    m_tickets.erase(t);
+    jobId = ref.jobId;
+    auto const j = m_jobs.find(jobId);
+    if (j == m_jobs.end()) return;
+    LiveJob& live = j->second;
+    live.tickets.erase(ref.item);
+    live.row.bytesSent += result.bytesSent;
+    if (result.outcome == Outcome::done) {
+      for (ItemRow& item : live.row.items) {
+        if (item.name != ref.item) continue;
+        item.done = true;
+        item.key = result.finalKey.empty() ? item.key : result.finalKey;
+        item.uploadId.clear();
+        item.parts.clear();
+      }
+      if (!m_held.empty()) {
+        m_held.clear();
+        Log::inst().writeLine("INFO:", "qxlite-svc uploads again");
+      }
+    } else if (result.outcome == Outcome::changed) {
+      for (ItemRow& item : live.row.items) {
+        if (item.name == ref.item) item.sha256.clear();  // hashed again before the next try
+      }
+    } else if (result.outcome != Outcome::stopped && !live.setback) {
+      // The first setback decides for the whole job: its other items stop.
+      live.setback = result;
+      for (auto const& other : live.tickets) others.push_back(other.second);
+    }
+    if (!live.tickets.empty()) {
+      // Others still run.
+    }
+  }
+  if (std::shared_ptr<UploadEngine> e = engine()) {
+    for (std::uint64_t t : others) e->cancel(t);
+  }
+  conclude(jobId);
+}
+
+// Decides a job's next state once none of its transfers runs.
+void Pipeline::Impl::conclude(std::string const& jobId) {
+  JobRow row;
+  std::optional<UploadResult> setback;
+  bool cancelled = false;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto const j = m_jobs.find(jobId);
+    if (j == m_jobs.end() || !j->second.tickets.empty()) return;
+    row = j->second.row;
+    setback = j->second.setback;
+    cancelled = j->second.cancelRequested;
+    j->second.setback.reset();
+  }
+  std::int64_t const unow = unixNow();
+  if (cancelled) {
+    giveUp(jobId, JobState::cancelled, "cancelled", "cancelled by a person");
+    return;
+  }
+  bool const allDone = std::all_of(row.items.begin(), row.items.end(), [](ItemRow const& i) { return i.done; });
+  if (!setback && allDone) {
+    row.state = JobState::done;
+    row.lastError.clear();
+    row.nextTry = 0;
+    row.updated = unow;
+    m_journal->update(row);  // done before the folder moves: a crash between redoes the move only
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_jobs[jobId].row = row;
+    }
+    logInfo("uploaded job " + jobId + " (\"" + row.title + "\") to " + row.items.front().key);
+    finishJob(jobId);
+    return;
+  }
+  row.state = JobState::queued;
+  row.updated = unow;
+  if (setback) {
+    row.lastError = setback->message;
+    switch (setback->outcome) {
+      case Outcome::rejected:
+        giveUp(jobId, JobState::rejected, "server", setback->message);
+        return;
+      case Outcome::hold:
+        setHeld(setback->message);
+        break;
+      case Outcome::transient:
+        ++row.attempts;
+        if (unow - row.created > m_options.giveUpAfter.count()) {
+          giveUp(jobId, JobState::failed, "expired",
+                 "given up after " + std::to_string(row.attempts) + " attempts: " + setback->message);
+          return;
+        }
+        row.nextTry = unow + std::chrono::duration_cast<std::chrono::seconds>(backoff(row.attempts)).count();
+        logWarning("job " + jobId + " failed (" + setback->message + "); tries again in " +
+                   std::to_string(row.nextTry - unow) + " s");
+        break;
+      default:
+        break;
+    }
+  }
+  try {
+    m_journal->update(row);
+  } catch (std::exception const& e) {
+    logError(std::string("cannot record job ") + jobId + ": " + e.what());
+  }
+  std::lock_guard<std::mutex> lock(m_mutex);
+  m_jobs[jobId].row = row;
+}
+
+// ---------------------------------------------------------------------------
+// Where jobs end.
+
+void Pipeline::Impl::finishJob(std::string const& jobId) {
+  bool backupOn = false;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    backupOn = m_settings.BackupExpireSecs != 0;
+  }
+  std::lock_guard<std::mutex> moves(m_moveMutex);
+  int const out = m_folders.outgoing.get();
+  try {
+    if (backupOn) {
+      moveTree(out, jobId, m_folders.backup.get());
+    } else {
+      removeTree(out, jobId);
+    }
+  } catch (std::exception const& e) {
+    // The job is on the server; its local copy waits for the next sweep.
+    logError(std::string("keeps job ") + jobId + " in the outgoing folder for now: " + e.what());
+  }
+}
+
+void Pipeline::Impl::giveUp(std::string const& jobId, JobState state, std::string const& rule,
+                            std::string const& message) {
+  std::lock_guard<std::mutex> moves(m_moveMutex);
+  giveUpLocked(jobId, state, rule, message);
+}
+
+void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std::string const& rule,
+                                  std::string const& message) {
+  JobRow row;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    row = m_jobs[jobId].row;
+  }
+  row.state = state;
+  row.lastError = message;
+  row.nextTry = 0;
+  row.updated = unixNow();
+  try {
+    m_journal->update(row);
+  } catch (std::exception const& e) {
+    logError(std::string("cannot record job ") + jobId + ": " + e.what());
+    return;
+  }
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_jobs[jobId].row = row;
+  }
+  int const out = m_folders.outgoing.get();
+  FolderFd const jobDir(::openat(out, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!jobDir.valid()) return;
+  try {
+    // The person's drop goes to the rejected folder; archives made from it
+    // are the service's own and are removed.
+    std::string const where = reject(jobDir.get(), row.title, m_folders.rejected.get(), rule, message, unixNow());
+    removeTree(out, jobId);
+    logWarning(std::string(jobStateName(state)) + " job " + jobId + " (\"" + row.title + "\"): " + message +
+               "; moved to \"" + (m_folders.rejectedPath / where).string() + "\"");
+  } catch (std::exception const& e) {
+    logError(std::string("cannot move job ") + jobId + " to the rejected folder: " + e.what());
+  }
+}
+
+std::size_t Pipeline::Impl::discardWaiting() {
+  if (!m_journal) return 0;
+  std::lock_guard<std::mutex> moves(m_moveMutex);
+  if (!m_folders.rejected.valid()) throw std::runtime_error("the rejected folder cannot be used");
+  std::vector<std::string> waiting;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto const& j : m_jobs) {
+      if (j.second.row.state == JobState::queued && j.second.tickets.empty()) waiting.push_back(j.first);
+    }
+  }
+  for (std::string const& id : waiting) giveUpLocked(id, JobState::cancelled, "discarded", "discarded when the service was paused");
+  // Items not claimed yet wait too.
+  std::size_t moved = waiting.size();
+  Settings const settings = [this] {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return qxapp::independentCopy(m_settings);
+  }();
+  int const in = m_folders.incoming.get();
+  for (std::string const& name : listFolder(in)) {
+    if (settings.isIgnoredExtension(fs::path(name))) continue;
+    std::string const where = reject(in, name, m_folders.rejected.get(), "discarded",
+                                     "discarded when the service was paused", unixNow());
+    logInfo("discarded \"" + name + "\"; moved to \"" + (m_folders.rejectedPath / where).string() + "\"");
+    ++moved;
+  }
+  return moved;
+}
+
+void Pipeline::Impl::sweepBackups() {
+  if (!m_journal || !m_folders.backup.valid()) return;
+  std::uint32_t expire = 0;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    expire = m_settings.BackupExpireSecs;
+  }
+  // Jobs done whose local copy could not be moved or removed before.
+  std::vector<std::string> stuck;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    for (auto const& j : m_jobs) {
+      if (j.second.row.state != JobState::done) continue;
+      struct stat st {};
+      if (::fstatat(m_folders.outgoing.get(), j.first.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0) stuck.push_back(j.first);
+    }
+  }
+  for (std::string const& id : stuck) finishJob(id);
+  if (expire == 0 || expire == 0xFFFFFFFFu) return;
+  std::lock_guard<std::mutex> moves(m_moveMutex);
+  int const backup = m_folders.backup.get();
+  std::int64_t const unow = unixNow();
+  std::vector<std::string> names;
+  try {
+    names = listFolder(backup);
+  } catch (std::exception const& e) {
+    logError(std::string("cannot read the backup folder: ") + e.what());
+    return;
+  }
+  for (std::string const& name : names) {
+    if (!isJobId(name)) continue;
+    struct stat st {};
+    if (::fstatat(backup, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISDIR(st.st_mode)) continue;
+    // The folder's change time is when it moved to the backup.
+    if (unow - static_cast<std::int64_t>(st.st_ctime) < static_cast<std::int64_t>(expire)) continue;
+    try {
+      removeTree(backup, name);
+      logInfo("removed the backup of job " + name + ": older than " + std::to_string(expire) + " s");
+    } catch (std::exception const& e) {
+      logError(std::string("cannot remove the backup of job ") + name + ": " + e.what());
+    }
+  }
+}
+
+void Pipeline::Impl::cleanUpOrphans() {
+  std::shared_ptr<UploadEngine> const e = engine();
+  if (e && m_journal && !m_targets.empty()) {
+    std::set<std::string> owned;
+    for (JobRow const& row : m_journal->jobs()) {
+      for (ItemRow const& item : row.items) {
+        if (!item.uploadId.empty()) owned.insert(item.uploadId);
+      }
+    }
+    for (Target const& target : m_targets) {
+      try {
+        std::size_t const n = e->abortOrphans(target, owned);
+        if (n > 0) logInfo("aborted " + std::to_string(n) + " multipart upload(s) that no job owns at " + target.display());
+      } catch (std::exception const& ex) {
+        logWarning(std::string("could not look for abandoned multipart uploads: ") + ex.what());
+      }
+    }
+  }
+  m_cleanedUp = true;
+  wake();
+}
+
+// ---------------------------------------------------------------------------
+// The list.
+
+json::Object Pipeline::Impl::uploads() const {
+  std::map<std::uint64_t, std::uint64_t> sentByTicket;
+  double throughput = 0;
+  if (std::shared_ptr<UploadEngine> const e = engine()) {
+    for (TransferProgress const& p : e->inFlight()) sentByTicket[p.ticket] = p.bytesSent;
+    throughput = e->throughput();
+  }
+  json::Array list;
+  std::map<std::string, json_int_t> totals;
+  for (JobState s : {JobState::queued, JobState::uploading, JobState::done, JobState::failed, JobState::rejected,
+                     JobState::cancelled}) {
+    totals[jobStateName(s)] = 0;
+  }
+  json::Object obj;
+  std::lock_guard<std::mutex> lock(m_mutex);
+  for (auto const& j : m_jobs) {
+    JobRow const& row = j.second.row;
+    std::uint64_t size = 0;
+    std::uint64_t sent = 0;
+    for (ItemRow const& item : row.items) {
+      size += item.size;
+      if (item.done) sent += item.size;
+    }
+    for (auto const& t : j.second.tickets) {
+      auto const p = sentByTicket.find(t.second);
+      if (p != sentByTicket.end()) sent += p->second;
+    }
+    json::Object job;
+    job.setAt("id", json::Value(row.id));
+    job.setAt("name", json::Value(row.title));
+    job.setAt("state", json::Value(jobStateName(row.state)));
+    job.setAt("size", json::Value(static_cast<json_int_t>(size)));
+    job.setAt("sent", json::Value(static_cast<json_int_t>(std::min(sent, size))));
+    job.setAt("attempts", json::Value(static_cast<json_int_t>(row.attempts)));
+    if (row.state == JobState::queued && row.nextTry > 0) job.setAt("nextTry", json::Value(static_cast<json_int_t>(row.nextTry)));
+    if (!row.lastError.empty()) job.setAt("error", json::Value(row.lastError));
+    if (!row.items.empty()) job.setAt("key", json::Value(row.items.front().key));
+    job.setAt("created", json::Value(static_cast<json_int_t>(row.created)));
+    job.setAt("updated", json::Value(static_cast<json_int_t>(row.updated)));
+    list.append(job);
+    ++totals[jobStateName(row.state)];
+  }
+  json::Object totalsObj;
+  for (auto const& t : totals) totalsObj.setAt(t.first.c_str(), json::Value(t.second));
+  obj.setAt("uploads", list);
+  obj.setAt("totals", totalsObj);
+  obj.setAt("throughput", json::Value(static_cast<json_int_t>(throughput)));
+  if (m_paused) obj.setAt("paused", json::Value(true));
+  std::string const held = !m_folderProblem.empty() ? m_folderProblem : m_held;
+  if (!held.empty()) obj.setAt("held", json::Value(held));
+  return obj;
+}
+
+// ---------------------------------------------------------------------------
+
+Pipeline::Pipeline(Settings const& settings, PipelineOptions options)
+    : m_impl(std::make_unique<Impl>(settings, std::move(options))) {}
+Pipeline::~Pipeline() = default;
+void Pipeline::setSettings(Settings const& settings) { m_impl->setSettings(settings); }
+std::size_t Pipeline::pause(bool discard) { return m_impl->pause(discard); }
+void Pipeline::resume() { m_impl->resume(); }
+bool Pipeline::paused() const { return m_impl->paused(); }
+void Pipeline::scanNow() { m_impl->scanNow(); }
+json::Object Pipeline::uploads() const { return m_impl->uploads(); }
+std::string Pipeline::cancel(std::string const& jobId) { return m_impl->cancel(jobId); }
+std::string Pipeline::retry(std::string const& jobId) { return m_impl->retry(jobId); }
+
+}  // namespace qxsvc

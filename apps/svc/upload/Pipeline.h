@@ -1,0 +1,108 @@
+// The service's upload pipeline: from the incoming folder to the server,
+// exactly once, whatever crashes.
+//
+//   incoming/<name>  --claim-->  outgoing/<job id>/<name>  --upload-->
+//       backup/<job id>/<name>   (backup on; swept after BackupExpireSecs)
+//       nothing                  (backup off: removed once the server holds the bytes)
+//       rejected/<id>/<name> + reason.json   (refused by the rules or the server)
+//
+// Each accepted entry of the incoming folder becomes one job: claimed by an
+// atomic rename into a job folder, packed into a zip archive when it holds
+// MinFilesToZip files or more, hashed once, written to the journal, and
+// uploaded item by item by the engine (UploadEngine.h). The folders are the
+// truth and the journal their index (Journal.h): at start the two are
+// reconciled, a job folder without a row is adopted, a row without a folder
+// is dropped, and nothing a person dropped is ever deleted because of a
+// mismatch.
+//
+// Failures: transient ones (no answer, time-outs, 408, 429, 5xx) are tried
+// again after 30 s, doubling up to 1 h with jitter, on the alternative server
+// address every other time; a job still failing after 5 days is given up
+// (state failed, moved to the rejected folder with its last error). Refused
+// credentials and a server that cannot be reached hold the whole queue, with
+// the reason in uploads(), until a probe gets through. Another refusal by
+// the server rejects the job with the server's message.
+//
+// Threads: one loop thread of its own scans, claims, hashes, packs and
+// settles results; the engine's thread moves the bytes. Every public member
+// may be called from any thread (the IPC transport's) and returns without
+// waiting on the network or on a hash.
+#ifndef QX_APPS_SVC_UPLOAD_PIPELINE_H
+#define QX_APPS_SVC_UPLOAD_PIPELINE_H
+
+#include "apps/svc/upload/UploadEngine.h"
+#include "json/Json.h"
+#include "settings/Settings.h"
+
+#include <boost/filesystem/path.hpp>
+
+#include <chrono>
+#include <memory>
+#include <string>
+
+namespace qxsvc {
+
+struct PipelineOptions {
+  boost::filesystem::path stateFolder;       // the journal lives here
+  boost::filesystem::path credentialsFile;   // empty: defaultCredentialsPath()
+  std::chrono::milliseconds rescanInterval{60000};
+  std::chrono::milliseconds settleTime{2000};   // for entries copied in by other programs
+  std::chrono::milliseconds retryFirst{30000};  // first wait after a transient failure
+  std::chrono::milliseconds retryMost{3600000};
+  std::chrono::seconds giveUpAfter{5 * 24 * 3600};
+  std::chrono::milliseconds holdProbe{30000};   // a held queue tries again after this
+  std::chrono::milliseconds sweepInterval{3600000};
+  EngineOptions engine;  // maxTransfers and the trace flags come from the settings
+};
+
+class Pipeline {
+ public:
+  // Starts the loop thread; the journal is opened and reconciled there.
+  Pipeline(Settings const& settings, PipelineOptions options);
+  // Stops the loop and the transfers; jobs in flight stay queued for the
+  // next start.
+  ~Pipeline();
+  Pipeline(Pipeline const&) = delete;
+  Pipeline& operator=(Pipeline const&) = delete;
+
+  void setSettings(Settings const& settings);
+
+  // Paused: nothing new is claimed or started; transfers in flight finish
+  // their current request. With discard, the jobs waiting to start go to
+  // the rejected folder with reason "discarded"; returns how many. Throws
+  // std::runtime_error naming the folder when one cannot be used.
+  std::size_t pause(bool discard);
+  void resume();
+  bool paused() const;
+  // Looks at the incoming folder now (a drop just arrived).
+  void scanNow();
+
+  // The uploads list of GetUploads:
+  // {"uploads":[{"id","name","state","size","sent","attempts","nextTry",
+  //              "error","key","created","updated"},...],
+  //  "totals":{"queued":n,"uploading":n,"done":n,"failed":n,"rejected":n,
+  //            "cancelled":n},
+  //  "throughput":bytes per second, "paused":true (when paused),
+  //  "held":"why" (when the queue is held)}
+  // Jobs oldest first; "nextTry" only while waiting to try again; "error"
+  // only when there is one; "key" the target key (of the archive or first
+  // item).
+  json::Object uploads() const;
+
+  // A person's commands on one job: cancel stops a job that is not done
+  // and moves it to the rejected folder with reason "cancelled"; retry
+  // starts a job that waits to try again at once (and probes a held queue).
+  // A job given up is in the rejected folder: dropping its files again makes
+  // a new job. Return the empty string, or why not ("there is no job
+  // \"x\"", "job \"x\" is done").
+  std::string cancel(std::string const& jobId);
+  std::string retry(std::string const& jobId);
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> m_impl;
+};
+
+}  // namespace qxsvc
+
+#endif  // QX_APPS_SVC_UPLOAD_PIPELINE_H
