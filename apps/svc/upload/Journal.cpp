@@ -290,8 +290,10 @@ void fsyncFolderOf(fs::path const& file) {
 }
 
 // Moves file, and its write-ahead log or rollback journal if any, to
-// "<file>.corrupt-<now>" (then "_1", "_2", ... if taken); the shared-memory
-// index is rebuilt from the log and goes. Returns the new name of file.
+// "<file>.corrupt-<now>" (then "_1", "_2", ... if taken), each with its
+// suffix; the shared-memory index is rebuilt from the log and goes. A
+// leftover log would otherwise be replayed into the new journal. Returns the
+// new name of file.
 fs::path moveAside(fs::path const& file) {
   std::string const base = file.string() + ".corrupt-" + std::to_string(std::time(nullptr));
   std::string aside;
@@ -306,7 +308,13 @@ fs::path moveAside(fs::path const& file) {
   for (char const* suffix : {"-wal", "-journal"}) {
     std::string const from = file.string() + suffix;
     std::string const to = aside + suffix;
-    if (::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) != 0 && errno != ENOENT) {
+    struct stat st {};
+    if (::lstat(from.c_str(), &st) != 0) continue;
+    // An empty log (opening a database in WAL mode makes one) holds nothing.
+    bool const moved = S_ISREG(st.st_mode) && st.st_size == 0
+                           ? ::unlink(from.c_str()) == 0
+                           : ::renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0;
+    if (!moved && errno != ENOENT) {
       throw std::runtime_error("cannot move " + quoted(from) + " aside to " + quoted(to) + ": " +
                                std::strerror(errno));
     }

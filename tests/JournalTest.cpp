@@ -1,0 +1,550 @@
+// The journal of upload jobs: every field back as written, whatever the
+// names hold; refused writes with their messages; a missing or unreadable
+// database; a process killed among its writes; a full disk; several threads.
+#include "apps/svc/upload/Journal.h"
+#include "tests/DropTestUtil.h"
+#include "tests/TestUtil.h"
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdint>
+#include <ctime>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+namespace fs = boost::filesystem;
+using qxsvc::ItemRow;
+using qxsvc::JobRow;
+using qxsvc::JobState;
+using qxsvc::Journal;
+using qxsvc::PartRow;
+
+// Bytes outside printable ASCII as \xHH, so that a failure prints every name.
+std::string shown(std::string const& text) {
+  std::ostringstream out;
+  for (unsigned char c : text) {
+    if (c >= 0x20 && c < 0x7f && c != '\\') {
+      out << c;
+    } else {
+      static char const hex[] = "0123456789abcdef";
+      out << "\\x" << hex[c >> 4] << hex[c & 15];
+    }
+  }
+  return out.str();
+}
+
+// Every field of a job, its items and their parts: equal texts, equal rows.
+std::string describe(JobRow const& job) {
+  std::ostringstream out;
+  out << "job " << shown(job.id) << " title=" << shown(job.title) << " state=" << qxsvc::jobStateName(job.state)
+      << " created=" << job.created << " updated=" << job.updated << " nextTry=" << job.nextTry
+      << " attempts=" << job.attempts << " bytesSent=" << job.bytesSent << " lastError=" << shown(job.lastError)
+      << "\n";
+  for (ItemRow const& item : job.items) {
+    out << "  item " << shown(item.name) << " size=" << item.size << " mtimeNs=" << item.mtimeNs
+        << " sha256=" << shown(item.sha256) << " key=" << shown(item.key) << " done=" << item.done
+        << " uploadId=" << shown(item.uploadId) << "\n";
+    for (PartRow const& part : item.parts) {
+      out << "    part " << part.number << " size=" << part.size << " etag=" << shown(part.etag) << "\n";
+    }
+  }
+  return out.str();
+}
+
+std::string describe(std::vector<JobRow> const& jobs) {
+  std::string all;
+  for (JobRow const& job : jobs) all += describe(job);
+  return all;
+}
+
+std::string quoted(fs::path const& file) { return "\"" + file.string() + "\""; }
+
+JobRow simpleJob(std::string const& id, std::int64_t created = 1) {
+  JobRow job;
+  job.id = id;
+  job.title = id + ".pdf";
+  job.created = created;
+  job.updated = created;
+  ItemRow item;
+  item.name = id + ".pdf";
+  item.size = 4;
+  item.sha256 = std::string(64, 'a');
+  job.items.push_back(item);
+  return job;
+}
+
+std::unique_ptr<Journal> openJournal(fs::path const& file) {
+  std::string note;
+  return Journal::open(file, note);
+}
+
+// Runs sql on a database at file as another program would. keepLog leaves
+// the write-ahead log beside the file instead of folding it in at the close.
+void runOnDatabase(fs::path const& file, std::string const& sql, bool keepLog = false) {
+  sqlite3* db = nullptr;
+  ASSERT_EQ(SQLITE_OK, sqlite3_open(file.c_str(), &db)) << sqlite3_errmsg(db);
+  if (keepLog) sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+  char* error = nullptr;
+  int const rc = sqlite3_exec(db, sql.c_str(), nullptr, nullptr, &error);
+  std::string const message = error ? error : "";
+  sqlite3_free(error);
+  sqlite3_close(db);
+  ASSERT_EQ(SQLITE_OK, rc) << message;
+}
+
+// The names in folder that start with prefix.
+std::vector<std::string> namesStartingWith(fs::path const& folder, std::string const& prefix) {
+  std::vector<std::string> names;
+  for (std::string const& name : qxtest::listNames(folder)) {
+    if (name.compare(0, prefix.size(), prefix) == 0) names.push_back(name);
+  }
+  return names;
+}
+
+class JournalTest : public ::testing::Test {
+ protected:
+  fs::path file() const { return m_dir / "journal.db"; }
+
+  qxtest::TempDir m_dir;
+};
+
+TEST(JournalState, EveryStateHasItsNameBothWays) {
+  struct Row {
+    JobState state;
+    char const* name;
+  };
+  Row const rows[] = {{JobState::queued, "queued"}, {JobState::uploading, "uploading"},
+                      {JobState::done, "done"},     {JobState::failed, "failed"},
+                      {JobState::rejected, "rejected"}, {JobState::cancelled, "cancelled"}};
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.name);
+    EXPECT_STREQ(row.name, qxsvc::jobStateName(row.state));
+    JobState state = JobState::queued;
+    EXPECT_TRUE(qxsvc::jobStateFromName(row.name, state));
+    EXPECT_EQ(row.state, state);
+  }
+  for (char const* name : {"", "Queued", "queued ", "unknown", "done\n"}) {
+    SCOPED_TRACE(shown(name));
+    JobState state = JobState::uploading;
+    EXPECT_FALSE(qxsvc::jobStateFromName(name, state));
+    EXPECT_EQ(JobState::uploading, state);
+  }
+}
+
+// Rows that between them give every field its extremes and odd texts.
+std::vector<JobRow> roundTripRows() {
+  std::vector<JobRow> rows;
+  JobRow blank;
+  blank.id = "blank";
+  rows.push_back(blank);
+
+  JobRow extremes;
+  extremes.id = "20261123T203341Z-0badf00d";
+  extremes.title = "Quarterly report";
+  extremes.state = JobState::uploading;
+  extremes.created = std::numeric_limits<std::int64_t>::min();
+  extremes.updated = std::numeric_limits<std::int64_t>::max();
+  extremes.nextTry = -1;
+  extremes.attempts = std::numeric_limits<unsigned>::max();
+  extremes.bytesSent = std::numeric_limits<std::uint64_t>::max();
+  extremes.lastError = "HTTP 503 \"Slow Down\"\nretry after 30 s";
+  ItemRow big;
+  big.name = "big.iso";
+  big.size = std::numeric_limits<std::uint64_t>::max();
+  big.mtimeNs = std::numeric_limits<std::int64_t>::min();
+  big.sha256 = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+  big.key = "uploads/2026/11/23/big.iso";
+  big.done = true;
+  big.uploadId = "2~q1w2e3r4t5y6u7i8o9p0";
+  big.parts = {{0, 0, ""},
+               {1, 5242880, "\"9b2cf535f27731c974343645a3985328\""},
+               {std::numeric_limits<unsigned>::max(), std::numeric_limits<std::uint64_t>::max(), "last"}};
+  ItemRow small;
+  small.name = "small.txt";
+  small.size = 1;
+  small.mtimeNs = std::numeric_limits<std::int64_t>::max();
+  extremes.items = {big, small};
+  rows.push_back(extremes);
+
+  JobRow utf8;
+  utf8.id = "Übersicht 報告 📄";
+  utf8.title = "Ordner für Berichte";
+  utf8.state = JobState::done;
+  utf8.created = 1763930000;
+  for (char const* name : {"Übersicht/März.pdf", "報告/第一.docx", "emoji 📄✓.txt"}) {
+    ItemRow item;
+    item.name = name;
+    item.key = std::string("prefix/") + name;
+    utf8.items.push_back(item);
+  }
+  rows.push_back(utf8);
+
+  JobRow odd;
+  odd.id = "odd'\"; DROP TABLE jobs;--";
+  odd.title = std::string("nul\0inside", 10);
+  odd.state = JobState::rejected;
+  odd.lastError = "%s%n%x \\ \x1b[2K";
+  // Names in no sorted order: they come back in the order written.
+  for (std::string const& name : {std::string("z-last written first"), std::string("\xff\xfe not UTF-8"),
+                                 std::string("line\nfeed\r"), std::string(" leading and trailing "),
+                                 std::string("a/b/c/d/e/f.txt"), std::string(4000, 'n'),
+                                 std::string("tab\there"), std::string("'); DELETE FROM items;--")}) {
+    ItemRow item;
+    item.name = name;
+    item.sha256 = name;
+    item.uploadId = name;
+    item.parts = {{7, 7, name}};
+    odd.items.push_back(item);
+  }
+  rows.push_back(odd);
+
+  // The other states.
+  for (JobState const state : {JobState::queued, JobState::failed, JobState::cancelled}) {
+    JobRow job = simpleJob(std::string("state-") + qxsvc::jobStateName(state), 5);
+    job.state = state;
+    rows.push_back(job);
+  }
+  return rows;
+}
+
+TEST_F(JournalTest, EveryFieldComesBackAsWritten) {
+  std::vector<JobRow> const rows = roundTripRows();
+  {
+    auto journal = openJournal(file());
+    for (JobRow const& row : rows) {
+      SCOPED_TRACE(describe(row));
+      journal->insert(row);
+      std::optional<JobRow> const read = journal->job(row.id);
+      ASSERT_TRUE(read.has_value());
+      EXPECT_EQ(describe(row), describe(*read));
+    }
+  }
+  // And after the journal was closed and opened again; oldest first, then in
+  // the order written.
+  std::vector<JobRow> expected = rows;
+  std::stable_sort(expected.begin(), expected.end(),
+                   [](JobRow const& a, JobRow const& b) { return a.created < b.created; });
+  std::string note = "not cleared";
+  auto journal = Journal::open(file(), note);
+  EXPECT_EQ("", note);
+  EXPECT_EQ(describe(expected), describe(journal->jobs()));
+  EXPECT_FALSE(journal->job("no such job").has_value());
+}
+
+TEST_F(JournalTest, JobsComeOldestFirstThenInTheOrderWritten) {
+  auto journal = openJournal(file());
+  struct Row {
+    char const* id;
+    std::int64_t created;
+  };
+  Row const rows[] = {{"c", 30}, {"a", 10}, {"b2", 20}, {"b1", 20}, {"z", -5}};
+  for (Row const& row : rows) journal->insert(simpleJob(row.id, row.created));
+  std::vector<std::string> ids;
+  for (JobRow const& job : journal->jobs()) ids.push_back(job.id);
+  EXPECT_EQ((std::vector<std::string>{"z", "a", "b2", "b1", "c"}), ids);
+}
+
+TEST_F(JournalTest, PartsComeInNumberOrderAndAPartStoredAgainReplacesItsEtag) {
+  auto journal = openJournal(file());
+  JobRow job = simpleJob("J");
+  journal->insert(job);
+  journal->setUploadId("J", "J.pdf", "upload-1");
+  journal->addPart("J", "J.pdf", {3, 30, "etag-3"});
+  journal->addPart("J", "J.pdf", {1, 10, "etag-1"});
+  journal->addPart("J", "J.pdf", {2, 20, "etag-2"});
+  journal->addPart("J", "J.pdf", {1, 11, "etag-1-again"});
+  job.items[0].uploadId = "upload-1";
+  job.items[0].parts = {{1, 11, "etag-1-again"}, {2, 20, "etag-2"}, {3, 30, "etag-3"}};
+  EXPECT_EQ(describe(job), describe(*journal->job("J")));
+}
+
+TEST_F(JournalTest, AnotherUploadIdForgetsThePartsOfTheFormerOne) {
+  auto journal = openJournal(file());
+  JobRow job = simpleJob("J");
+  journal->insert(job);
+  journal->setUploadId("J", "J.pdf", "upload-1");
+  journal->addPart("J", "J.pdf", {1, 10, "etag-1"});
+  journal->setUploadId("J", "J.pdf", "upload-1");  // the same: parts stay
+  job.items[0].uploadId = "upload-1";
+  job.items[0].parts = {{1, 10, "etag-1"}};
+  EXPECT_EQ(describe(job), describe(*journal->job("J")));
+  journal->setUploadId("J", "J.pdf", "upload-2");
+  job.items[0].uploadId = "upload-2";
+  job.items[0].parts.clear();
+  EXPECT_EQ(describe(job), describe(*journal->job("J")));
+  journal->addPart("J", "J.pdf", {1, 12, "etag-1-of-2"});
+  journal->setUploadId("J", "J.pdf", "");
+  job.items[0].uploadId = "";
+  EXPECT_EQ(describe(job), describe(*journal->job("J")));
+}
+
+TEST_F(JournalTest, UpdateWritesEveryFieldAndReplacesItemsAndParts) {
+  auto journal = openJournal(file());
+  JobRow before = simpleJob("J", 100);
+  ItemRow second;
+  second.name = "second.txt";
+  second.parts = {{1, 1, "one"}, {2, 2, "two"}};
+  before.items.push_back(second);
+  journal->insert(before);
+  journal->insert(simpleJob("other", 50));
+
+  JobRow after;
+  after.id = "J";
+  after.title = "renamed";
+  after.state = JobState::queued;
+  after.created = 101;
+  after.updated = 200;
+  after.nextTry = 260;
+  after.attempts = 2;
+  after.bytesSent = 5242880;
+  after.lastError = "connection reset";
+  ItemRow third;
+  third.name = "third.bin";
+  third.size = 9;
+  third.parts = {{5, 5, "five"}};
+  ItemRow secondAgain = second;
+  secondAgain.parts = {{3, 3, "three"}};
+  secondAgain.done = true;
+  after.items = {third, secondAgain};  // J.pdf is gone, second.txt comes after third.bin
+  journal->update(after);
+  EXPECT_EQ(describe(after), describe(*journal->job("J")));
+  EXPECT_EQ(describe(simpleJob("other", 50)) + describe(after), describe(journal->jobs()));
+
+  after.items.clear();
+  journal->update(after);
+  EXPECT_EQ(describe(after), describe(*journal->job("J")));
+}
+
+TEST_F(JournalTest, RemoveTakesTheJobWithItsItemsAndParts) {
+  auto journal = openJournal(file());
+  JobRow job = simpleJob("J");
+  job.items[0].parts = {{1, 1, "one"}};
+  journal->insert(job);
+  journal->insert(simpleJob("K", 2));
+  journal->remove("J");
+  EXPECT_FALSE(journal->job("J").has_value());
+  EXPECT_EQ(describe(simpleJob("K", 2)), describe(journal->jobs()));
+  // A job of the same id again starts with nothing of the former.
+  JobRow bare;
+  bare.id = "J";
+  journal->insert(bare);
+  EXPECT_EQ(describe(bare), describe(*journal->job("J")));
+  journal->remove("J");
+  journal->remove("J");  // gone already: nothing happens
+  journal->remove("never there");
+  EXPECT_EQ(describe(simpleJob("K", 2)), describe(journal->jobs()));
+}
+
+TEST_F(JournalTest, RefusedWritesSayWhyAndChangeNothing) {
+  auto journal = openJournal(file());
+  JobRow const job = simpleJob("J");
+  journal->insert(job);
+  std::string const prefix = "journal " + quoted(file()) + ", job ";
+  JobRow changed = simpleJob("J", 7);
+  changed.title = "changed";
+  JobRow missing = simpleJob("missing");
+  JobRow twoOfAName = simpleJob("two");
+  twoOfAName.items.push_back(twoOfAName.items[0]);
+  struct Row {
+    char const* what;
+    std::function<void()> write;
+    std::string message;
+  };
+  Row const rows[] = {
+      {"insert of an id that exists", [&] { journal->insert(changed); },
+       prefix + "\"J\": cannot insert: a job of this id exists already"},
+      {"update of a missing job", [&] { journal->update(missing); },
+       prefix + "\"missing\": cannot update: no such job"},
+      {"upload id of a missing item", [&] { journal->setUploadId("J", "nope.pdf", "u"); },
+       prefix + "\"J\": cannot record the upload id of item \"nope.pdf\": no such item"},
+      {"upload id of a missing job", [&] { journal->setUploadId("missing", "J.pdf", "u"); },
+       prefix + "\"missing\": cannot record the upload id of item \"J.pdf\": no such item"},
+      {"part of a missing item", [&] { journal->addPart("J", "nope.pdf", {4, 1, "e"}); },
+       prefix + "\"J\": cannot record part 4 of item \"nope.pdf\": no such item"},
+      {"two items of one name", [&] { journal->insert(twoOfAName); },
+       prefix + "\"two\": cannot insert: UNIQUE constraint failed: items.job_id, items.name"},
+  };
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.what);
+    EXPECT_EQ(row.message, qxtest::runtimeErrorMessage(row.write));
+  }
+  EXPECT_EQ(describe(job), describe(journal->jobs()));
+}
+
+TEST_F(JournalTest, AMissingFileIsMadeAnewAndTheNoteSaysSo) {
+  std::string note;
+  {
+    auto journal = Journal::open(file(), note);
+    EXPECT_EQ("made a new journal " + quoted(file()), note);
+    journal->insert(simpleJob("J"));
+  }
+  EXPECT_TRUE(fs::is_regular_file(file()));
+  auto journal = Journal::open(file(), note);
+  EXPECT_EQ("", note);
+  EXPECT_EQ(describe(simpleJob("J")), describe(journal->jobs()));
+}
+
+TEST_F(JournalTest, AnEmptyFileIsMadeAJournal) {
+  qxtest::writeFile(file(), "");
+  std::string note;
+  auto journal = Journal::open(file(), note);
+  EXPECT_EQ("made a new journal " + quoted(file()), note);
+  journal->insert(simpleJob("J"));
+  EXPECT_EQ(describe(simpleJob("J")), describe(journal->jobs()));
+}
+
+TEST_F(JournalTest, AFolderThatIsMissingIsNamedInTheError) {
+  fs::path const nowhere = m_dir / "no-folder" / "journal.db";
+  std::string note = "stale";
+  EXPECT_EQ("cannot open the journal " + quoted(nowhere) + ": unable to open database file",
+            qxtest::runtimeErrorMessage([&] { Journal::open(nowhere, note); }));
+  EXPECT_EQ("", note);
+  EXPECT_FALSE(fs::exists(m_dir / "no-folder"));
+}
+
+TEST_F(JournalTest, ALinkInTheJournalsPlaceIsNotFollowed) {
+  fs::path const target = m_dir / "elsewhere.db";
+  qxtest::writeFile(target, "precious");
+  fs::create_symlink(target, file());
+  std::string note;
+  EXPECT_EQ("journal " + quoted(file()) + ": a link, not followed",
+            qxtest::runtimeErrorMessage([&] { Journal::open(file(), note); }));
+  EXPECT_EQ("precious", qxtest::readFile(target));
+  EXPECT_TRUE(fs::is_symlink(file()));
+}
+
+// Makes the journal file of a test of a database that is not a journal.
+struct UnreadableRow {
+  char const* what;
+  std::function<void(fs::path const&)> make;
+  char const* why;  // in the note
+};
+
+std::vector<UnreadableRow> unreadableRows() {
+  return {
+      {"garbage bytes", [](fs::path const& file) { qxtest::writeFile(file, qxtest::pattern(10000, 7)); },
+       "not an SQLite database"},
+      {"a text file", [](fs::path const& file) { qxtest::writeFile(file, "{\"jobs\": []}\n"); },
+       "not an SQLite database"},
+      {"another program's database with its log beside it",
+       [](fs::path const& file) {
+         runOnDatabase(file,
+                       "PRAGMA journal_mode = WAL; CREATE TABLE notes (x TEXT);"
+                       "INSERT INTO notes VALUES ('keep me');",
+                       true);
+         ASSERT_TRUE(fs::exists(file.string() + "-wal"));
+       },
+       "another program's tables"},
+      {"another program's database",
+       [](fs::path const& file) { runOnDatabase(file, "CREATE TABLE jobs (id TEXT); INSERT INTO jobs VALUES ('x');"); },
+       "another program's tables"},
+      {"a journal of a later schema",
+       [](fs::path const& file) {
+         openJournal(file)->insert(simpleJob("J"));
+         runOnDatabase(file, "PRAGMA user_version = 2;");
+       },
+       "schema version 2, expected 1"},
+      {"a journal cut short",
+       [](fs::path const& file) {
+         {
+           auto journal = openJournal(file);
+           for (int i = 0; i < 40; ++i) {
+             JobRow job = simpleJob("J" + std::to_string(i), i);
+             job.lastError = std::string(3000, 'e');
+             journal->insert(job);
+           }
+         }
+         ASSERT_FALSE(fs::exists(file.string() + "-wal"));
+         ASSERT_GT(fs::file_size(file), 100000u);
+         fs::resize_file(file, fs::file_size(file) / 2);
+       },
+       "corrupt pages"},
+      {"a journal whose pages were overwritten",
+       [](fs::path const& file) {
+         {
+           auto journal = openJournal(file);
+           for (int i = 0; i < 10; ++i) journal->insert(simpleJob("J" + std::to_string(i), i));
+         }
+         std::string bytes = qxtest::readFile(file);
+         ASSERT_GT(bytes.size(), 8192u);
+         std::string const noise = qxtest::pattern(bytes.size() - 4096, 3);
+         bytes.replace(4096, noise.size(), noise);
+         qxtest::writeFile(file, bytes);
+       },
+       "corrupt pages"},
+  };
+}
+
+TEST_F(JournalTest, ADatabaseThatIsNotAJournalIsMovedAsideAndANewOneMade) {
+  for (UnreadableRow const& row : unreadableRows()) {
+    SCOPED_TRACE(row.what);
+    qxtest::TempDir dir;
+    fs::path const file = dir / "journal.db";
+    row.make(file);
+    if (HasFatalFailure()) return;
+    std::string const bytes = qxtest::readFile(file);
+    bool const hasLog = fs::exists(file.string() + "-wal");
+    std::string const log = hasLog ? qxtest::readFile(file.string() + "-wal") : "";
+
+    std::time_t const before = std::time(nullptr);
+    std::string note;
+    auto journal = Journal::open(file, note);
+    std::time_t const after = std::time(nullptr);
+
+    std::vector<std::string> const aside = namesStartingWith(dir.path(), "journal.db.corrupt-");
+    ASSERT_EQ(hasLog ? 2u : 1u, aside.size()) << ::testing::PrintToString(qxtest::listNames(dir.path()));
+    std::string const name = aside[0];
+    std::string const digits = name.substr(sizeof "journal.db.corrupt-" - 1);
+    ASSERT_TRUE(!digits.empty() && std::all_of(digits.begin(), digits.end(), ::isdigit)) << name;
+    EXPECT_GE(std::stoll(digits), before);
+    EXPECT_LE(std::stoll(digits), after);
+    EXPECT_EQ("moved the journal " + quoted(file) + " aside to " + quoted(dir / name) + " (" + row.why +
+                  ") and made a new one",
+              note);
+    EXPECT_EQ(bytes, qxtest::readFile(dir / name));
+    if (hasLog) {
+      EXPECT_EQ(name + "-wal", aside[1]);
+      EXPECT_EQ(log, qxtest::readFile(dir / (name + "-wal")));
+    }
+
+    // The new journal works, and is a journal the next time.
+    journal->insert(simpleJob("new"));
+    journal.reset();
+    std::string again;
+    journal = Journal::open(file, again);
+    EXPECT_EQ("", again);
+    EXPECT_EQ(describe(simpleJob("new")), describe(journal->jobs()));
+  }
+}
+
+TEST_F(JournalTest, TwoDatabasesMovedAsideInOneSecondKeepBoth) {
+  std::vector<std::string> contents;
+  for (unsigned seed : {1u, 2u}) {
+    contents.push_back(qxtest::pattern(5000, seed));
+    qxtest::writeFile(file(), contents.back());
+    openJournal(file());
+  }
+  std::vector<std::string> const aside = namesStartingWith(m_dir.path(), "journal.db.corrupt-");
+  ASSERT_EQ(2u, aside.size());
+  std::vector<std::string> found = {qxtest::readFile(m_dir / aside[0]), qxtest::readFile(m_dir / aside[1])};
+  std::sort(found.begin(), found.end());
+  std::sort(contents.begin(), contents.end());
+  EXPECT_EQ(contents, found);
+}
+
+}  // namespace
