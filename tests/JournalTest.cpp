@@ -547,4 +547,178 @@ TEST_F(JournalTest, TwoDatabasesMovedAsideInOneSecondKeepBoth) {
   EXPECT_EQ(contents, found);
 }
 
+// The long run of writes of the durability test: job j goes through an
+// insert, its upload id, two parts and an update; every third job removes
+// the one before it instead of its update.
+struct Step {
+  enum class Kind { insert, uploadId, part, update, remove };
+  Kind kind;
+  JobRow job;  // insert, update
+  std::string jobId;
+  std::string item;
+  std::string uploadId;
+  PartRow part;
+};
+
+constexpr unsigned kStepsPerJob = 5;
+
+JobRow durableJob(unsigned j) {
+  JobRow job;
+  job.id = "job-" + std::to_string(j);
+  job.title = "Ordner " + std::to_string(j);
+  job.created = j;
+  job.updated = j;
+  job.lastError = std::string(300, static_cast<char>('a' + j % 26));
+  for (std::string const& name : {"a-" + std::to_string(j) + ".pdf", "Ordner/ü-" + std::to_string(j) + ".txt"}) {
+    ItemRow item;
+    item.name = name;
+    item.size = 1000 + j;
+    item.sha256 = std::string(64, 'f');
+    job.items.push_back(item);
+  }
+  return job;
+}
+
+Step stepNumber(unsigned k) {
+  unsigned const j = k / kStepsPerJob;
+  JobRow job = durableJob(j);
+  std::string const item = job.items[0].name;
+  std::string const uploadId = "upload-" + std::to_string(j);
+  PartRow const first{1, 5242880, "etag-1-" + std::to_string(j)};
+  PartRow const second{2, 77, "etag-2-" + std::to_string(j)};
+  switch (k % kStepsPerJob) {
+    case 0:
+      return {Step::Kind::insert, job, job.id, "", "", {}};
+    case 1:
+      return {Step::Kind::uploadId, {}, job.id, item, uploadId, {}};
+    case 2:
+      return {Step::Kind::part, {}, job.id, item, "", first};
+    case 3:
+      return {Step::Kind::part, {}, job.id, item, "", second};
+    default:
+      if (j % 3 == 2) return {Step::Kind::remove, {}, "job-" + std::to_string(j - 1), "", "", {}};
+      job.state = JobState::done;
+      job.updated = j + 60;
+      job.attempts = 1;
+      job.bytesSent = 5242877 + j;
+      job.lastError.clear();
+      job.items[0].done = true;
+      job.items[0].key = "uploads/" + item;
+      job.items[0].uploadId = uploadId;
+      job.items[0].parts = {first, second};
+      job.items[1].done = true;
+      return {Step::Kind::update, job, job.id, "", "", {}};
+  }
+}
+
+void apply(Step const& step, Journal& journal) {
+  switch (step.kind) {
+    case Step::Kind::insert: journal.insert(step.job); break;
+    case Step::Kind::uploadId: journal.setUploadId(step.jobId, step.item, step.uploadId); break;
+    case Step::Kind::part: journal.addPart(step.jobId, step.item, step.part); break;
+    case Step::Kind::update: journal.update(step.job); break;
+    case Step::Kind::remove: journal.remove(step.jobId); break;
+  }
+}
+
+// What the journal holds after the first count steps, worked out without it.
+std::vector<JobRow> afterSteps(unsigned count) {
+  std::vector<JobRow> jobs;
+  auto itemOf = [&](Step const& step) -> ItemRow& {
+    for (JobRow& job : jobs) {
+      if (job.id != step.jobId) continue;
+      for (ItemRow& item : job.items) {
+        if (item.name == step.item) return item;
+      }
+    }
+    throw std::logic_error("no item " + step.item + " in " + step.jobId);
+  };
+  for (unsigned k = 0; k < count; ++k) {
+    Step const step = stepNumber(k);
+    switch (step.kind) {
+      case Step::Kind::insert: jobs.push_back(step.job); break;
+      case Step::Kind::uploadId: itemOf(step).uploadId = step.uploadId; break;
+      case Step::Kind::part: itemOf(step).parts.push_back(step.part); break;
+      case Step::Kind::update:
+        for (JobRow& job : jobs) {
+          if (job.id == step.jobId) job = step.job;
+        }
+        break;
+      case Step::Kind::remove:
+        jobs.erase(std::remove_if(jobs.begin(), jobs.end(), [&](JobRow const& job) { return job.id == step.jobId; }),
+                   jobs.end());
+        break;
+    }
+  }
+  return jobs;
+}
+
+TEST(JournalDurability, AWriterKilledAmongItsWritesLeavesEveryReturnedWriteAndNoHalfOne) {
+  struct Row {
+    unsigned confirmedBeforeKill;  // writes that returned before the kill is sent
+    unsigned extraMicroseconds;    // then a little more, to land inside a write
+  };
+  Row const rows[] = {{3, 0}, {41, 150}, {97, 700}, {160, 2000}};
+  for (Row const& row : rows) {
+    SCOPED_TRACE("kill after " + std::to_string(row.confirmedBeforeKill) + " writes and " +
+                 std::to_string(row.extraMicroseconds) + " us");
+    qxtest::TempDir dir;
+    fs::path const file = dir / "journal.db";
+    int pipeFds[2];
+    ASSERT_EQ(0, ::pipe(pipeFds));
+    pid_t const pid = ::fork();
+    ASSERT_GE(pid, 0);
+    if (pid == 0) {
+      ::close(pipeFds[0]);
+      try {
+        auto journal = openJournal(file);
+        for (unsigned k = 0;; ++k) {
+          apply(stepNumber(k), *journal);
+          if (::write(pipeFds[1], &k, sizeof k) != sizeof k) ::_exit(4);
+        }
+      } catch (std::exception const& e) {
+        std::fprintf(stderr, "writer: %s\n", e.what());
+      }
+      ::_exit(3);
+    }
+    ::close(pipeFds[1]);
+    // Every number read was written after its write call returned.
+    unsigned confirmed = 0;
+    auto readOne = [&] {
+      unsigned k = 0;
+      std::size_t got = 0;
+      while (got < sizeof k) {
+        ssize_t const n = ::read(pipeFds[0], reinterpret_cast<char*>(&k) + got, sizeof k - got);
+        if (n <= 0) return false;
+        got += static_cast<std::size_t>(n);
+      }
+      EXPECT_EQ(confirmed, k);
+      ++confirmed;
+      return true;
+    };
+    while (confirmed < row.confirmedBeforeKill && readOne()) {
+    }
+    ::usleep(row.extraMicroseconds);
+    ::kill(pid, SIGKILL);
+    int status = 0;
+    ASSERT_EQ(pid, ::waitpid(pid, &status, 0));
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL) << "the writer ended on its own: " << status;
+    while (readOne()) {
+    }
+    ::close(pipeFds[0]);
+    ASSERT_GE(confirmed, row.confirmedBeforeKill);
+
+    std::string note = "not cleared";
+    auto journal = Journal::open(file, note);
+    EXPECT_EQ("", note);
+    std::string const found = describe(journal->jobs());
+    // The write in flight at the kill may have been committed or not.
+    std::string const returned = describe(afterSteps(confirmed));
+    std::string const inFlight = describe(afterSteps(confirmed + 1));
+    EXPECT_TRUE(found == returned || found == inFlight)
+        << "after " << confirmed << " writes:\n" << returned << "or:\n" << inFlight << "found:\n" << found;
+    EXPECT_EQ(std::vector<std::string>{}, namesStartingWith(dir.path(), "journal.db.corrupt-"));
+  }
+}
+
 }  // namespace
