@@ -14,6 +14,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cctype>
 #include <cstdint>
 #include <ctime>
@@ -71,8 +72,6 @@ std::string describe(std::vector<JobRow> const& jobs) {
   for (JobRow const& job : jobs) all += describe(job);
   return all;
 }
-
-std::string quoted(fs::path const& file) { return "\"" + file.string() + "\""; }
 
 JobRow simpleJob(std::string const& id, std::int64_t created = 1) {
   JobRow job;
@@ -354,7 +353,7 @@ TEST_F(JournalTest, RefusedWritesSayWhyAndChangeNothing) {
   auto journal = openJournal(file());
   JobRow const job = simpleJob("J");
   journal->insert(job);
-  std::string const prefix = "journal " + quoted(file()) + ", job ";
+  std::string const prefix = "journal " + qxtest::quoted(file()) + ", job ";
   JobRow changed = simpleJob("J", 7);
   changed.title = "changed";
   JobRow missing = simpleJob("missing");
@@ -390,7 +389,7 @@ TEST_F(JournalTest, AMissingFileIsMadeAnewAndTheNoteSaysSo) {
   std::string note;
   {
     auto journal = Journal::open(file(), note);
-    EXPECT_EQ("made a new journal " + quoted(file()), note);
+    EXPECT_EQ("made a new journal " + qxtest::quoted(file()), note);
     journal->insert(simpleJob("J"));
   }
   EXPECT_TRUE(fs::is_regular_file(file()));
@@ -403,7 +402,7 @@ TEST_F(JournalTest, AnEmptyFileIsMadeAJournal) {
   qxtest::writeFile(file(), "");
   std::string note;
   auto journal = Journal::open(file(), note);
-  EXPECT_EQ("made a new journal " + quoted(file()), note);
+  EXPECT_EQ("made a new journal " + qxtest::quoted(file()), note);
   journal->insert(simpleJob("J"));
   EXPECT_EQ(describe(simpleJob("J")), describe(journal->jobs()));
 }
@@ -411,7 +410,7 @@ TEST_F(JournalTest, AnEmptyFileIsMadeAJournal) {
 TEST_F(JournalTest, AFolderThatIsMissingIsNamedInTheError) {
   fs::path const nowhere = m_dir / "no-folder" / "journal.db";
   std::string note = "stale";
-  EXPECT_EQ("cannot open the journal " + quoted(nowhere) + ": unable to open database file",
+  EXPECT_EQ("cannot open the journal " + qxtest::quoted(nowhere) + ": unable to open database file",
             qxtest::runtimeErrorMessage([&] { Journal::open(nowhere, note); }));
   EXPECT_EQ("", note);
   EXPECT_FALSE(fs::exists(m_dir / "no-folder"));
@@ -422,7 +421,7 @@ TEST_F(JournalTest, ALinkInTheJournalsPlaceIsNotFollowed) {
   qxtest::writeFile(target, "precious");
   fs::create_symlink(target, file());
   std::string note;
-  EXPECT_EQ("journal " + quoted(file()) + ": a link, not followed",
+  EXPECT_EQ("journal " + qxtest::quoted(file()) + ": a link, not followed",
             qxtest::runtimeErrorMessage([&] { Journal::open(file(), note); }));
   EXPECT_EQ("precious", qxtest::readFile(target));
   EXPECT_TRUE(fs::is_symlink(file()));
@@ -513,7 +512,7 @@ TEST_F(JournalTest, ADatabaseThatIsNotAJournalIsMovedAsideAndANewOneMade) {
     ASSERT_TRUE(!digits.empty() && std::all_of(digits.begin(), digits.end(), ::isdigit)) << name;
     EXPECT_GE(std::stoll(digits), before);
     EXPECT_LE(std::stoll(digits), after);
-    EXPECT_EQ("moved the journal " + quoted(file) + " aside to " + quoted(dir / name) + " (" + row.why +
+    EXPECT_EQ("moved the journal " + qxtest::quoted(file) + " aside to " + qxtest::quoted(dir / name) + " (" + row.why +
                   ") and made a new one",
               note);
     EXPECT_EQ(bytes, qxtest::readFile(dir / name));
@@ -719,6 +718,156 @@ TEST(JournalDurability, AWriterKilledAmongItsWritesLeavesEveryReturnedWriteAndNo
         << "after " << confirmed << " writes:\n" << returned << "or:\n" << inFlight << "found:\n" << found;
     EXPECT_EQ(std::vector<std::string>{}, namesStartingWith(dir.path(), "journal.db.corrupt-"));
   }
+}
+
+// The first column of the first row of sql on the database at file, read
+// as another program would.
+std::string firstValue(fs::path const& file, char const* sql) {
+  sqlite3* db = nullptr;
+  std::string value = "(no row)";
+  if (sqlite3_open_v2(file.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK) {
+    sqlite3_stmt* statement = nullptr;
+    if (sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) != SQLITE_OK) {
+      value = std::string("(error) ") + sqlite3_errmsg(db);
+    } else if (sqlite3_step(statement) == SQLITE_ROW) {
+      auto const* text = sqlite3_column_text(statement, 0);
+      value = text ? reinterpret_cast<char const*>(text) : "(null)";
+    }
+    sqlite3_finalize(statement);
+  }
+  sqlite3_close(db);
+  return value;
+}
+
+TEST_F(JournalTest, TheFileIsAWriteAheadLoggedDatabaseOfSchemaVersionOne) {
+  auto journal = openJournal(file());
+  journal->insert(simpleJob("J"));
+  EXPECT_EQ("wal", firstValue(file(), "PRAGMA journal_mode"));
+  EXPECT_EQ("1", firstValue(file(), "PRAGMA user_version"));
+  EXPECT_EQ("items,jobs,parts",
+            firstValue(file(), "SELECT group_concat(name, ',') FROM (SELECT name FROM sqlite_schema "
+                               "WHERE type = 'table' ORDER BY name)"));
+  EXPECT_EQ("1", firstValue(file(), "SELECT count(*) FROM items WHERE job_id = 'J'"));
+}
+
+TEST_F(JournalTest, ThreadsWritingDifferentJobsAtOnceLoseNothing) {
+  auto journal = openJournal(file());
+  constexpr unsigned kWriters = 4;
+  constexpr unsigned kJobsEach = 15;
+  auto finalJob = [](unsigned writer, unsigned i) {
+    JobRow job = simpleJob("w" + std::to_string(writer) + "-" + std::to_string(i), i * kWriters + writer);
+    job.state = JobState::done;
+    job.attempts = 1;
+    job.items[0].uploadId = "upload";
+    job.items[0].parts = {{1, 10, "e1"}, {2, 20, "e2"}};
+    job.items[0].done = true;
+    return job;
+  };
+  std::vector<std::string> errors(kWriters + 1);
+  std::atomic<unsigned> writing{kWriters};
+  std::vector<std::thread> threads;
+  for (unsigned writer = 0; writer < kWriters; ++writer) {
+    threads.emplace_back([&, writer] {
+      try {
+        for (unsigned i = 0; i < kJobsEach; ++i) {
+          JobRow const done = finalJob(writer, i);
+          journal->insert(simpleJob(done.id, done.created));
+          journal->setUploadId(done.id, done.items[0].name, "upload");
+          journal->addPart(done.id, done.items[0].name, done.items[0].parts[1]);
+          journal->addPart(done.id, done.items[0].name, done.items[0].parts[0]);
+          journal->update(done);
+        }
+      } catch (std::exception const& e) {
+        errors[writer] = e.what();
+      }
+      --writing;
+    });
+  }
+  // A reader meanwhile sees every job whole: one item, parts only with their
+  // upload id.
+  threads.emplace_back([&] {
+    try {
+      while (writing > 0) {
+        for (JobRow const& job : journal->jobs()) {
+          bool const whole = job.items.size() == 1 && job.items[0].parts.size() <= 2 &&
+                             (job.items[0].parts.empty() || job.items[0].uploadId == "upload");
+          if (!whole) errors[kWriters] += "half a job: " + describe(job);
+        }
+      }
+    } catch (std::exception const& e) {
+      errors[kWriters] = e.what();
+    }
+  });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(std::vector<std::string>(kWriters + 1), errors);
+  std::vector<JobRow> expected;
+  for (unsigned i = 0; i < kJobsEach; ++i) {
+    for (unsigned writer = 0; writer < kWriters; ++writer) expected.push_back(finalJob(writer, i));
+  }
+  EXPECT_EQ(describe(expected), describe(journal->jobs()));
+}
+
+// A journal on a small tmpfs of its own, which a ballast file helps to fill.
+// The tmpfs goes in TearDown, also after a failure.
+class JournalDiskFullTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    fs::create_directory(folder());
+    m_disk = std::make_unique<qxtest::TmpfsMount>(folder(), "size=256k");
+    if (!m_disk->ok()) GTEST_SKIP() << "cannot mount a tmpfs on the journal's folder: " << m_disk->error();
+  }
+  void TearDown() override {
+    m_journal.reset();
+    m_disk.reset();
+  }
+
+  fs::path folder() const { return m_dir / "state"; }
+  fs::path file() const { return folder() / "journal.db"; }
+
+  qxtest::TempDir m_dir;
+  std::unique_ptr<qxtest::TmpfsMount> m_disk;
+  std::unique_ptr<Journal> m_journal;
+};
+
+TEST_F(JournalDiskFullTest, AWriteToAFullDiskThrowsNamingTheJobAndWorksAgainOnceThereIsRoom) {
+  fs::path const ballast = folder() / "ballast";
+  qxtest::writeFile(ballast, std::string(64 * 1024, 'b'));
+  ASSERT_EQ(64u * 1024u, fs::file_size(ballast));
+  m_journal = openJournal(file());
+  std::vector<JobRow> written;
+  JobRow refused;
+  std::string message;
+  for (unsigned i = 0; i < 200 && message.empty(); ++i) {
+    JobRow job = simpleJob("job-" + std::to_string(i), i);
+    job.lastError = std::string(6000, static_cast<char>('a' + i % 26));
+    try {
+      m_journal->insert(job);
+      written.push_back(job);
+    } catch (std::runtime_error const& e) {
+      message = e.what();
+      refused = job;
+    }
+  }
+  ASSERT_FALSE(message.empty()) << "the disk never filled";
+  ASSERT_FALSE(written.empty());
+  EXPECT_EQ("journal " + qxtest::quoted(file()) + ", job \"" + refused.id + "\": cannot insert: database or disk is full",
+            message);
+  // Still readable, without the refused job.
+  EXPECT_EQ(describe(written), describe(m_journal->jobs()));
+  EXPECT_FALSE(m_journal->job(refused.id).has_value());
+
+  fs::remove(ballast);
+  m_journal->insert(refused);
+  written.push_back(refused);
+  m_journal->setUploadId(refused.id, refused.items[0].name, "upload");
+  written.back().items[0].uploadId = "upload";
+  EXPECT_EQ(describe(written), describe(m_journal->jobs()));
+
+  m_journal.reset();
+  std::string note = "not cleared";
+  m_journal = Journal::open(file(), note);
+  EXPECT_EQ("", note);
+  EXPECT_EQ(describe(written), describe(m_journal->jobs()));
 }
 
 }  // namespace
