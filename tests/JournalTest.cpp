@@ -450,7 +450,9 @@ std::vector<UnreadableRow> unreadableRows() {
        },
        "another program's tables"},
       {"another program's database",
-       [](fs::path const& file) { runOnDatabase(file, "CREATE TABLE jobs (id TEXT); INSERT INTO jobs VALUES ('x');"); },
+       [](fs::path const& file) {
+         runOnDatabase(file, "CREATE TABLE jobs (id TEXT); INSERT INTO jobs VALUES ('x');");
+       },
        "another program's tables"},
       {"a journal of a later schema",
        [](fs::path const& file) {
@@ -512,8 +514,8 @@ TEST_F(JournalTest, ADatabaseThatIsNotAJournalIsMovedAsideAndANewOneMade) {
     ASSERT_TRUE(!digits.empty() && std::all_of(digits.begin(), digits.end(), ::isdigit)) << name;
     EXPECT_GE(std::stoll(digits), before);
     EXPECT_LE(std::stoll(digits), after);
-    EXPECT_EQ("moved the journal " + qxtest::quoted(file) + " aside to " + qxtest::quoted(dir / name) + " (" + row.why +
-                  ") and made a new one",
+    EXPECT_EQ("moved the journal " + qxtest::quoted(file) + " aside to " + qxtest::quoted(dir / name) + " (" +
+                  row.why + ") and made a new one",
               note);
     EXPECT_EQ(bytes, qxtest::readFile(dir / name));
     if (hasLog) {
@@ -644,7 +646,8 @@ std::vector<JobRow> afterSteps(unsigned count) {
         }
         break;
       case Step::Kind::remove:
-        jobs.erase(std::remove_if(jobs.begin(), jobs.end(), [&](JobRow const& job) { return job.id == step.jobId; }),
+        jobs.erase(std::remove_if(jobs.begin(), jobs.end(),
+                                  [&](JobRow const& job) { return job.id == step.jobId; }),
                    jobs.end());
         break;
     }
@@ -850,7 +853,8 @@ TEST_F(JournalDiskFullTest, AWriteToAFullDiskThrowsNamingTheJobAndWorksAgainOnce
   }
   ASSERT_FALSE(message.empty()) << "the disk never filled";
   ASSERT_FALSE(written.empty());
-  EXPECT_EQ("journal " + qxtest::quoted(file()) + ", job \"" + refused.id + "\": cannot insert: database or disk is full",
+  EXPECT_EQ("journal " + qxtest::quoted(file()) + ", job \"" + refused.id +
+                "\": cannot insert: database or disk is full",
             message);
   // Still readable, without the refused job.
   EXPECT_EQ(describe(written), describe(m_journal->jobs()));

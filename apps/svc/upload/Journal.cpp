@@ -447,7 +447,8 @@ struct Journal::Statements {
         selectItemsOfJob(db, std::string("SELECT ") + kItemColumns +
                                  " FROM items WHERE job_id = ?1 ORDER BY position"),
         selectItems(db, std::string("SELECT job_id, ") + kItemColumns + " FROM items ORDER BY job_id, position"),
-        selectPartsOfJob(db, "SELECT item, number, size, etag FROM parts WHERE job_id = ?1 ORDER BY item, number"),
+        selectPartsOfJob(db,
+                         "SELECT item, number, size, etag FROM parts WHERE job_id = ?1 ORDER BY item, number"),
         selectParts(db, "SELECT job_id, item, number, size, etag FROM parts ORDER BY job_id, item, number") {}
 
   Statement beginRead, beginWrite, commit, rollback;

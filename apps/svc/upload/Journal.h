@@ -8,8 +8,8 @@
 // crash a folder may lack a row (the pipeline adopts it) or a row may lack a
 // folder (the pipeline drops it); neither ever deletes a user's file.
 //
-// The service takes the file it is given; its state folder is its own
-// business.
+// Journal opens the file it is given and picks no folder of its own:
+// "/var/lib/qxlite" is where the service keeps it by default.
 //
 // A database that cannot be read as a journal (not SQLite, a wrong schema,
 // corrupt pages) is moved aside to "journal.db.corrupt-<unix time>" (with
@@ -63,7 +63,7 @@ struct ItemRow {
   std::string key;           // object key; the final one once done
   bool done = false;
   std::string uploadId;      // multipart upload in progress, or empty
-  std::vector<PartRow> parts;  // parts the server confirmed
+  std::vector<PartRow> parts;  // parts the server confirmed, read back by number
 };
 
 struct JobRow {
@@ -76,7 +76,7 @@ struct JobRow {
   unsigned attempts = 0;
   std::uint64_t bytesSent = 0;
   std::string lastError;
-  std::vector<ItemRow> items;
+  std::vector<ItemRow> items;  // read back in the order written
 };
 
 class Journal {
@@ -119,7 +119,7 @@ class Journal {
 
   boost::filesystem::path const m_file;
   mutable std::mutex m_mutex;
-  sqlite3* const m_db;                            // guarded by m_mutex
+  sqlite3* const m_db;                       // guarded by m_mutex
   std::unique_ptr<Statements> m_statements;  // guarded by m_mutex
 };
 
