@@ -460,6 +460,14 @@ std::vector<UnreadableRow> unreadableRows() {
          runOnDatabase(file, "PRAGMA user_version = 2;");
        },
        "schema version 2, expected 1"},
+      {"a journal with a row that its checks refuse",
+       [](fs::path const& file) {
+         openJournal(file)->insert(simpleJob("J"));
+         runOnDatabase(file,
+                       "PRAGMA ignore_check_constraints = ON;"
+                       "UPDATE jobs SET state = 'lost', attempts = -1 WHERE id = 'J';");
+       },
+       "corrupt pages"},
       {"a journal cut short",
        [](fs::path const& file) {
          {
@@ -531,6 +539,25 @@ TEST_F(JournalTest, ADatabaseThatIsNotAJournalIsMovedAsideAndANewOneMade) {
     EXPECT_EQ("", again);
     EXPECT_EQ(describe(simpleJob("new")), describe(journal->jobs()));
   }
+}
+
+TEST_F(JournalTest, ALogLeftWithoutItsDatabaseIsNotReplayedIntoTheNewOne) {
+  fs::path const log = file().string() + "-wal";
+  fs::path const kept = m_dir / "kept-wal";
+  {
+    auto journal = openJournal(file());
+    journal->insert(simpleJob("J"));
+    ASSERT_GT(fs::file_size(log), 0u);
+    fs::copy_file(log, kept);
+  }
+  fs::remove(file());
+  fs::rename(kept, log);
+  std::string note;
+  auto journal = Journal::open(file(), note);
+  EXPECT_EQ("made a new journal " + qxtest::quoted(file()), note);
+  EXPECT_EQ("", describe(journal->jobs()));
+  journal->insert(simpleJob("K"));
+  EXPECT_EQ(describe(simpleJob("K")), describe(journal->jobs()));
 }
 
 TEST_F(JournalTest, TwoDatabasesMovedAsideInOneSecondKeepBoth) {
