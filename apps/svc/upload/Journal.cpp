@@ -28,7 +28,9 @@ constexpr int kSchemaVersion = 1;
 // administrator's reader, a second service started by mistake).
 constexpr int kBusyTimeoutMs = 5000;
 
-// The text of each state in the database is its name in GetUploads.
+// The text of each state in the database is its name in GetUploads. The
+// names are part of the file's format (the CHECK of jobs.state lists them):
+// changing one makes a new schema version.
 struct StateName {
   JobState state;
   char const* name;
