@@ -8,13 +8,19 @@
 // crash a folder may lack a row (the pipeline adopts it) or a row may lack a
 // folder (the pipeline drops it); neither ever deletes a user's file.
 //
+// Journal opens the file it is given and picks no folder of its own:
+// "/var/lib/qxlite" is where the service keeps it by default.
+//
 // A database that cannot be read as a journal (not SQLite, a wrong schema,
-// corrupt pages) is moved aside to "journal.db.corrupt-<unix time>" and a new
-// one is made; open() says so in its note, for the log.
+// corrupt pages) is moved aside to "journal.db.corrupt-<unix time>" (with
+// its "-wal" beside it, if any) and a new one is made; open() says so in its
+// note, for the log. A passing failure (I/O error, a lock held too long) moves
+// nothing: open() throws. A link in the journal's place is not followed.
 //
 // Every write is one transaction, durable when the call returns
-// (synchronous=FULL). Every member may be called from any thread; calls are
-// serialised on one connection.
+// (synchronous=FULL): after a crash the journal holds every write whose call
+// returned and no part of one that had not. Every member may be called from
+// any thread; calls are serialised on one connection.
 #ifndef QX_APPS_SVC_UPLOAD_JOURNAL_H
 #define QX_APPS_SVC_UPLOAD_JOURNAL_H
 
@@ -57,7 +63,7 @@ struct ItemRow {
   std::string key;           // object key; the final one once done
   bool done = false;
   std::string uploadId;      // multipart upload in progress, or empty
-  std::vector<PartRow> parts;  // parts the server confirmed
+  std::vector<PartRow> parts;  // parts the server confirmed, read back by number
 };
 
 struct JobRow {
@@ -70,15 +76,16 @@ struct JobRow {
   unsigned attempts = 0;
   std::uint64_t bytesSent = 0;
   std::string lastError;
-  std::vector<ItemRow> items;
+  std::vector<ItemRow> items;  // read back in the order written
 };
 
 class Journal {
  public:
   // Opens or makes the journal at file (its folder must exist). note gets a
-  // line for the log when the file was missing ("made a new journal") or
-  // moved aside as corrupt. Throws std::runtime_error naming the file when
-  // no journal can be made there at all.
+  // line for the log when the file was missing or empty
+  // ("made a new journal \"<file>\"") or moved aside as corrupt, and is
+  // empty otherwise. Throws std::runtime_error naming the file when no
+  // journal can be made there at all.
   static std::unique_ptr<Journal> open(boost::filesystem::path const& file, std::string& note);
   ~Journal();
   Journal(Journal const&) = delete;
@@ -88,7 +95,8 @@ class Journal {
   void insert(JobRow const& job);
   // Writes the job's fields and every item's fields and parts.
   void update(JobRow const& job);
-  // Records the multipart upload id of an item (empty: none).
+  // Records the multipart upload id of an item (empty: none). The parts of
+  // an upload id belong to it: a different id forgets them.
   void setUploadId(std::string const& jobId, std::string const& item, std::string const& uploadId);
   // Records one stored part of an item's multipart upload.
   void addPart(std::string const& jobId, std::string const& item, PartRow const& part);
@@ -99,14 +107,20 @@ class Journal {
   std::vector<JobRow> jobs() const;
 
   // Every write above throws std::runtime_error with SQLite's message and
-  // the job id when the database refuses it (disk full, I/O error).
+  // the job id when the database refuses it (disk full, I/O error), and
+  // leaves the journal as it was before the call. update(), setUploadId()
+  // and addPart() throw the same way for a job or item that is not there;
+  // remove() of a missing job does nothing. The reads throw
+  // std::runtime_error naming the file when the database cannot be read.
 
  private:
-  Journal(sqlite3* db, boost::filesystem::path file);
+  struct Statements;
+  Journal(sqlite3* db, std::unique_ptr<Statements> statements, boost::filesystem::path file);
 
   boost::filesystem::path const m_file;
   mutable std::mutex m_mutex;
-  sqlite3* const m_db;  // guarded by m_mutex
+  sqlite3* const m_db;                       // guarded by m_mutex
+  std::unique_ptr<Statements> m_statements;  // guarded by m_mutex
 };
 
 }  // namespace qxsvc
