@@ -307,7 +307,8 @@ class AppsTest : public ::testing::Test {
   std::vector<std::string> serviceArgs(std::uint16_t onPort = 0) const { return serviceArgs(onPort, cfgFile); }
   std::vector<std::string> serviceArgs(std::uint16_t onPort, fs::path const& config) const {
     return {"--config", config.string(), "--token-file", tokenFile.string(), "--port", std::to_string(onPort),
-            "--foreground", "--scan-interval", "0.05"};
+            "--foreground", "--scan-interval", "0.05", "--settle-time", "0.1", "--state-dir",
+            (tmp / "state").string()};
   }
 
   // Starts the service (on a port of the system's choice unless told) and
@@ -409,42 +410,56 @@ class AppsTest : public ::testing::Test {
            keyed("IpcForceIP4", "IP4 is not forced");
   }
 
-  // The line of `qxlite uploads` for an item.
-  static std::string uploadLine(fs::path const& item, char const* folder, char const* type,
-                                std::uint64_t size) {
-    std::time_t const t = fs::last_write_time(item);
-    std::tm utc{};
-    gmtime_r(&t, &utc);
-    char when[32];
-    std::strftime(when, sizeof when, "%Y-%m-%d %H:%M:%S", &utc);
-    char line[256];
-    std::snprintf(line, sizeof line, "%-40s %-9s %-6s %12llu  %s\n", item.filename().c_str(), folder,
-                  type, static_cast<unsigned long long>(size), when);
-    return line;
-  }
-  static std::string uploadJson(fs::path const& item, char const* folder, char const* type,
-                                std::uint64_t size) {
-    return "{\"folder\":\"" + std::string(folder) +
-           "\",\"modified\":" + std::to_string(fs::last_write_time(item)) + ",\"name\":\"" +
-           item.filename().string() + "\",\"size\":" + std::to_string(size) + ",\"type\":\"" + type + "\"}";
+  // The item name as queued in a job folder of the outgoing folder: its
+  // path there, or an empty path while no job holds it.
+  fs::path queued(std::string const& name) const {
+    if (!fs::exists(out)) return fs::path();
+    for (auto const& job : fs::directory_iterator(out)) {
+      if (fs::exists(job.path() / name)) return job.path() / name;
+    }
+    return fs::path();
   }
 
-  qxtest::TempDir tmp;
-  fs::path const cfgFile;
-  fs::path const tokenFile;
-  fs::path const in;
-  fs::path const out;
-  fs::path const backup;
-  fs::path const rejected;
-  std::unique_ptr<Child> service;
+  // The entry of the rejected folder that holds name (beside its
+  // reason.json), or an empty path.
+  fs::path rejectedItem(std::string const& name) const {
+    if (!fs::exists(rejected)) return fs::path();
+    for (auto const& r : fs::directory_iterator(rejected)) {
+      if (fs::exists(r.path() / name)) return r.path() / name;
+    }
+    return fs::path();
+  }
+
+  // The jobs of `qxlite uploads --json` as "name state size" texts, in order.
+  std::vector<std::string> jobsListed() {
+    Outcome const o = qx({"uploads", "--json"});
+    EXPECT_EQ(0, o.status) << o.err;
+    std::vector<std::string> result;
+    json::Array const list(qxtest::parse(o.out)["uploads"]);
+    for (std::size_t i = 0; i < list.size(); ++i) {
+      json::Object const job(list[i]);
+      result.push_back(job["name"].asStringSafe() + " " + job["state"].asStringSafe() + " " +
+                       std::to_string(json_integer_value(job["size"].get())));
+    }
+    return result;
+  }
+
   std::uint16_t port = 0;
 
  private:
   unsigned m_outputs = 0;
 };
 
+// What `qxlite status` adds while the service has no server address.
+std::string const kNoServer = "uploads held: no server address is set (\"InetServer\")\n";
 std::string const kUploadsHeader =
-    "NAME                                     FOLDER    TYPE           SIZE  MODIFIED (UTC)\n";
+    "JOB                       STATE           SIZE  SENT TRIES NEXT TRY  NAME\n";
+// What `qxlite uploads` ends with on a service that has no server address.
+std::string uploadsFooter(int queued) {
+  return std::to_string(queued) +
+         " queued, 0 uploading, 0 done, 0 failed, 0 rejected, 0 cancelled; 0 B/s\n"
+         "held: no server address is set (\"InetServer\")\n";
+}
 
 // ---------------------------------------------------------------------------
 // Start and stop
@@ -470,7 +485,7 @@ TEST_F(AppsTest, ServiceMakesItsFoldersAndStopsCleanlyOnSignals) {
   // The same token serves again; SIGINT stops it as cleanly.
   ASSERT_TRUE(startService());
   EXPECT_EQ(token, readFile(tokenFile));
-  expectOutput({"status"}, "running\n");
+  expectOutput({"status"}, "running\n" + kNoServer);
   std::uint16_t const stoppedPort = port;
   stopService(SIGINT);
   port = stoppedPort;
@@ -485,15 +500,15 @@ TEST_F(AppsTest, ServiceMakesItsFoldersAndStopsCleanlyOnSignals) {
 TEST_F(AppsTest, StatusPauseAndResume) {
   writeConfig();
   ASSERT_TRUE(startService());
-  expectOutput({"status"}, "running\n");
+  expectOutput({"status"}, "running\n" + kNoServer);
   expectOutput({"--host", "127.0.0.1", "--timeout", "10", "status"}, "running\n");
   expectOutput({"pause"}, "Paused\n");
-  expectOutput({"status"}, "paused\n");
+  expectOutput({"status"}, "paused\n" + kNoServer);
   expectOutput({"pause"}, "Paused\n");
   expectOutput({"resume"}, "Resumed\n");
-  expectOutput({"status"}, "running\n");
+  expectOutput({"status"}, "running\n" + kNoServer);
   expectOutput({"resume"}, "Resumed\n");
-  expectOutput({"status"}, "running\n");
+  expectOutput({"status"}, "running\n" + kNoServer);
 }
 
 TEST_F(AppsTest, ConfigGetShowsTheConfigurationInForce) {
@@ -556,14 +571,14 @@ TEST_F(AppsTest, ConfigSaveTakesAFileIntoForce) {
                 kDefaultSrvExtsText + "}\n",
             readFile(cfgFile));
   EXPECT_EQ(0750u, fileMode(newIn));
-  // Drops now go to the new incoming folder, and on to the outgoing one.
+  // Drops now go to the new incoming folder, and on to a job of the outgoing one.
   writeFile(tmp / "a.pdf", "pdf");
   expectOutput({"drop", (tmp / "a.pdf").string()}, "dropped \"" + (tmp / "a.pdf").string() + "\": 1 file(s), 3 B\n");
-  EXPECT_TRUE(waitFor([&] { return fs::exists(out / "a.pdf"); }));
-  EXPECT_EQ("pdf", readFile(out / "a.pdf"));
+  EXPECT_TRUE(waitFor([&] { return !queued("a.pdf").empty(); }));
+  EXPECT_EQ("pdf", readFile(queued("a.pdf")));
 }
 
-TEST_F(AppsTest, DropOfAFolderAndOfAFileLandInTheOutgoingFolderAndAreListed) {
+TEST_F(AppsTest, DropOfAFolderAndOfAFileBecomeJobsAndAreListed) {
   writeConfig();
   ASSERT_TRUE(startService());
   fs::path const docs = tmp / "docs";
@@ -573,24 +588,35 @@ TEST_F(AppsTest, DropOfAFolderAndOfAFileLandInTheOutgoingFolderAndAreListed) {
   writeFile(tmp / "report.pdf", std::string(3000, 'r'));
 
   expectOutput({"drop", docs.string()}, "dropped \"" + docs.string() + "\": 2 file(s), 13 B\n");
-  ASSERT_TRUE(waitFor([&] { return fs::exists(out / "tmp"); }));
-  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"a.pdf", 5}, {"b.csv", 8}}), listing(out / "tmp"));
-  EXPECT_EQ("first", readFile(out / "tmp" / "a.pdf"));
-  EXPECT_EQ("x,y\n1,2\n", readFile(out / "tmp" / "b.csv"));
+  ASSERT_TRUE(waitFor([&] { return !queued("tmp").empty(); }));
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"a.pdf", 5}, {"b.csv", 8}}), listing(queued("tmp")));
+  EXPECT_EQ("first", readFile(queued("tmp") / "a.pdf"));
+  EXPECT_EQ("x,y\n1,2\n", readFile(queued("tmp") / "b.csv"));
 
   expectOutput({"drop", (tmp / "report.pdf").string()},
                "dropped \"" + (tmp / "report.pdf").string() + "\": 1 file(s), 2.9 KiB\n");
-  ASSERT_TRUE(waitFor([&] { return fs::exists(out / "report.pdf"); }));
-  EXPECT_EQ(std::string(3000, 'r'), readFile(out / "report.pdf"));
+  ASSERT_TRUE(waitFor([&] { return !queued("report.pdf").empty(); }));
+  EXPECT_EQ(std::string(3000, 'r'), readFile(queued("report.pdf")));
   EXPECT_TRUE(waitFor([&] { return listing(in).empty(); }));
-  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"report.pdf", 3000}, {"tmp", 13}}), listing(out));
   // The originals stay where they were.
   EXPECT_EQ("first", readFile(docs / "a.pdf"));
 
-  expectOutput({"uploads"}, kUploadsHeader + uploadLine(out / "report.pdf", "outgoing", "file", 3000) +
-                                uploadLine(out / "tmp", "outgoing", "folder", 13));
-  expectOutput({"uploads", "--json"}, "{\"uploads\":[" + uploadJson(out / "report.pdf", "outgoing", "file", 3000) +
-                                          "," + uploadJson(out / "tmp", "outgoing", "folder", 13) + "]}\n");
+  // Without a server address both wait, and the list says why.
+  ASSERT_TRUE(waitFor([&] { return jobsListed().size() == 2; }));
+  EXPECT_EQ((std::vector<std::string>{"tmp queued 13", "report.pdf queued 3000"}), jobsListed());
+  Outcome const table = qx({"uploads"});
+  EXPECT_EQ(0, table.status);
+  std::string const jobA = queued("tmp").parent_path().filename().string();
+  std::string const jobB = queued("report.pdf").parent_path().filename().string();
+  char line[256];
+  std::string expected = kUploadsHeader;
+  std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5d %-9s %s\n", jobA.c_str(), "queued", "13 B", "0%", 0, "", "tmp");
+  expected += line;
+  std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5d %-9s %s\n", jobB.c_str(), "queued", "2.9 KiB", "0%", 0, "",
+                "report.pdf");
+  expected += line;
+  EXPECT_EQ(expected + uploadsFooter(2), table.out);
+  expectOutput({"status"}, "running\n" + kNoServer);
 
   // Skipped entries are noted on standard error; the rest is dropped.
   fs::create_directories(tmp / "more");
@@ -603,22 +629,20 @@ TEST_F(AppsTest, DropOfAFolderAndOfAFileLandInTheOutgoingFolderAndAreListed) {
   EXPECT_EQ((std::vector<std::string>{"WARNING:Ipc \"Drop File\" request with empty file. \"" +
                                       (tmp / "more" / "empty.pdf").string() + "\" skipped!"}),
             logLines(more.err));
-  ASSERT_TRUE(waitFor([&] { return fs::exists(out / "tmp_1"); }));
-  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"c.pdf", 2}, {"d.pdf", 3}}), listing(out / "tmp_1"));
-
-  // A second drop of the same file takes a free name.
-  expectOutput({"drop", (tmp / "report.pdf").string()},
-               "dropped \"" + (tmp / "report.pdf").string() + "\": 1 file(s), 2.9 KiB\n");
-  EXPECT_TRUE(waitFor([&] { return fs::exists(out / "report_1.pdf"); }));
+  ASSERT_TRUE(waitFor([&] { return jobsListed().size() == 3; }));
+  EXPECT_EQ("tmp queued 5", jobsListed()[2]);
 }
 
-TEST_F(AppsTest, UploadsOfAnEmptyServiceAndOfTheBackupFolder) {
+TEST_F(AppsTest, UploadsOfAnEmptyService) {
   writeConfig();
   ASSERT_TRUE(startService());
-  expectOutput({"uploads"}, kUploadsHeader + "(no uploads)\n");
-  expectOutput({"uploads", "--json"}, "{\"uploads\":[]}\n");
-  writeFile(backup / "old.pdf", "12345");
-  expectOutput({"uploads"}, kUploadsHeader + uploadLine(backup / "old.pdf", "backup", "file", 5));
+  ASSERT_TRUE(waitFor([&] { return qx({"uploads"}).out == kUploadsHeader + "(no uploads)\n" + uploadsFooter(0); }))
+      << qx({"uploads"}).out;
+  expectOutput({"uploads", "--json"},
+               "{\"held\":\"no server address is set (\\\"InetServer\\\")\",\"throughput\":0,\"totals\":{"
+               "\"cancelled\":0,\"done\":0,\"failed\":0,\"queued\":0,\"rejected\":0,\"uploading\":0},\"uploads\":[]}\n");
+  expectFailure({"cancel", "20261123T000000Z-00000000"}, 1, "qxlite: there is no job \"20261123T000000Z-00000000\"\n");
+  expectFailure({"retry", "x"}, 1, "qxlite: there is no job \"x\"\n");
 }
 
 TEST_F(AppsTest, PauseKeepsItemsInIncomingAndDiscardMovesThemToRejected) {
@@ -637,19 +661,24 @@ TEST_F(AppsTest, PauseKeepsItemsInIncomingAndDiscardMovesThemToRejected) {
   std::map<std::string, std::uint64_t> const waiting{{"c.pdf", 4}, {"partial.pdf.noqx", 4}, {"tmp", 5}};
   EXPECT_EQ(waiting, listing(in));
   // Several scan intervals later, nothing moved.
-  expectOutput({"status"}, "paused\n");
+  std::this_thread::sleep_for(std::chrono::milliseconds(300));
+  Outcome const status = qx({"status"});
+  EXPECT_EQ(0, status.status);
+  EXPECT_EQ("paused\n", status.out.substr(0, 7));
   EXPECT_EQ(waiting, listing(in));
   EXPECT_TRUE(listing(out).empty());
 
   expectOutput({"pause", "--discard"}, "Paused; 2 waiting item(s) moved to the rejected folder\n");
   EXPECT_EQ((std::map<std::string, std::uint64_t>{{"partial.pdf.noqx", 4}}), listing(in));
-  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"c.pdf", 4}, {"tmp", 5}}), listing(rejected));
-  expectOutput({"uploads"}, kUploadsHeader + uploadLine(rejected / "c.pdf", "rejected", "file", 4) +
-                                uploadLine(rejected / "tmp", "rejected", "folder", 5));
+  ASSERT_FALSE(rejectedItem("c.pdf").empty());
+  EXPECT_EQ("cccc", readFile(rejectedItem("c.pdf")));
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"a.pdf", 2}, {"b.pdf", 3}}), listing(rejectedItem("tmp")));
+  EXPECT_EQ("discarded",
+            qxtest::parse(readFile(rejectedItem("c.pdf").parent_path() / "reason.json"))["rule"].asStringSafe());
   expectOutput({"resume"}, "Resumed\n");
   writeFile(tmp / "d.pdf", "d");
   expectOutput({"drop", (tmp / "d.pdf").string()}, "dropped \"" + (tmp / "d.pdf").string() + "\": 1 file(s), 1 B\n");
-  EXPECT_TRUE(waitFor([&] { return fs::exists(out / "d.pdf"); }));
+  EXPECT_TRUE(waitFor([&] { return !queued("d.pdf").empty(); }));
   EXPECT_EQ((std::map<std::string, std::uint64_t>{{"partial.pdf.noqx", 4}}), listing(in));
 }
 
@@ -877,7 +906,7 @@ TEST_F(AppsTest, ClientFailsPlainlyWithoutAServiceOrToken) {
             wrong.err);
   EXPECT_EQ("", wrong.out);
   // The service goes on serving those who hold its token.
-  expectOutput({"status"}, "running\n");
+  expectOutput({"status"}, "running\n" + kNoServer);
 
   std::uint16_t const stoppedPort = port;
   stopService();
@@ -1072,7 +1101,7 @@ TEST_F(AppsTest, ServiceRefusesAPortInUse) {
   EXPECT_EQ(2, o.status);
   EXPECT_EQ("qxlite-svc: Ipc cannot listen on 127.0.0.1:" + std::to_string(port) + ": Address already in use\n", o.err);
   // The first service goes on.
-  expectOutput({"status"}, "running\n");
+  expectOutput({"status"}, "running\n" + kNoServer);
 }
 
 TEST_F(AppsTest, ServiceRefusesBadCommandLines) {
@@ -1136,13 +1165,14 @@ TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
   // The restarted service is not paused: it scans, and leaves the partial
   // and ignored items alone.
   ASSERT_TRUE(startService());
-  expectOutput({"status"}, "running\n");
+  std::string const running = "running\n" + kNoServer;
+  expectOutput({"status"}, running);
   writeFile(tmp / "after.pdf", "after");
   expectOutput({"drop", (tmp / "after.pdf").string()},
                "dropped \"" + (tmp / "after.pdf").string() + "\": 1 file(s), 5 B\n");
-  EXPECT_TRUE(waitFor([&] { return fs::exists(out / "after.pdf"); }));
-  EXPECT_EQ("after", readFile(out / "after.pdf"));
-  expectOutput({"status"}, "running\n");
+  EXPECT_TRUE(waitFor([&] { return !queued("after.pdf").empty(); }));
+  EXPECT_EQ("after", readFile(queued("after.pdf")));
+  expectOutput({"status"}, running);
   EXPECT_EQ(afterKill, listing(in));
   EXPECT_EQ((std::map<std::string, std::uint64_t>{{"after.pdf", 5}}), listing(out));
 }
@@ -1304,7 +1334,7 @@ TEST_F(AppsTest, TheExampleConfigurationStartsTheService) {
   fs::path const moved = tmp / "example.json";
   writeFile(moved, qxtest::text(example));
   ASSERT_TRUE(startServiceWith(moved));
-  expectOutput({"status"}, "running\n");
+  expectOutput({"status"}, "running\n" + kNoServer);
   stopService();
 }
 

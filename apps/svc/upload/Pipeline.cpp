@@ -154,6 +154,7 @@ class Pipeline::Impl {
   // before it changes them).
   std::vector<Target> m_targets;  // main address, then the alternative one
   SettleTracker m_settle;
+  bool m_unsettled = false;  // the last scan saw entries still changing
   std::uint64_t m_nextTicket = 1;
   SteadyClock::time_point m_nextRescan{};
   SteadyClock::time_point m_nextSweep{};
@@ -343,6 +344,7 @@ void Pipeline::Impl::run() {
       scan = !paused();
       m_nextRescan = now + m_options.rescanInterval;
     }
+    if (m_unsettled && !paused()) scan = true;  // entries still being written in
     if (scan) scanIncoming();
     schedule();
     if (now >= m_nextSweep) {
@@ -368,7 +370,7 @@ void Pipeline::Impl::run() {
       if (m_woken || m_stop) continue;
       watch = m_watch;
     }
-    if (m_settle.pending()) until = std::min(until, SteadyClock::now() + std::chrono::milliseconds(250));
+    if (m_unsettled) until = std::min(until, SteadyClock::now() + std::chrono::milliseconds(250));
     auto const wait = std::chrono::duration_cast<std::chrono::milliseconds>(until - SteadyClock::now());
     if (wait.count() <= 0) continue;
     if (watch) {
@@ -376,7 +378,6 @@ void Pipeline::Impl::run() {
       if (event == FolderWatch::Event::changed || event == FolderWatch::Event::overflow) {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_scanRequested = true;
-        for (std::string const& name : watch->takeMovedIn()) m_settle.trust(name);
       }
     } else {
       std::unique_lock<std::mutex> lock(m_mutex);
@@ -691,12 +692,16 @@ void Pipeline::Impl::scanIncoming() {
     return;
   }
   m_settle.forgetAllBut(names);
+  m_unsettled = false;
   SteadyClock::time_point const now = SteadyClock::now();
   for (std::string const& name : names) {
     if (paused()) return;
     Verdict const verdict = judge(settings, in, name);
     if (verdict.kind == Verdict::Kind::ignore) continue;
-    if (!m_settle.settled(in, name, now)) continue;
+    if (!m_settle.settled(in, name, now)) {
+      m_unsettled = true;
+      continue;
+    }
     std::unique_lock<std::mutex> moves(m_moveMutex);
     if (verdict.kind == Verdict::Kind::reject) {
       try {

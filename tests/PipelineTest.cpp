@@ -1,0 +1,356 @@
+// Tests of the upload pipeline in process, against the real test servers:
+// what a person drops arrives on the server once, with its bytes, under the
+// documented key; what the rules or the server refuse goes to the rejected
+// folder with its reason; what cannot be sent yet waits in the outgoing
+// folder, never lost.
+#include "apps/svc/upload/Intake.h"
+#include "apps/svc/upload/Journal.h"
+#include "apps/svc/upload/Pipeline.h"
+#include "apps/svc/upload/Sha256.h"
+#include "tests/ProcessHarness.h"
+#include "tests/SpoolTestUtil.h"
+#include "tests/TestServers.h"
+#include "tests/TestUtil.h"
+
+#include <sys/stat.h>
+
+#include <boost/filesystem.hpp>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <ctime>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = boost::filesystem;
+
+std::string today() {
+  std::time_t const now = std::time(nullptr);
+  std::tm utc{};
+  gmtime_r(&now, &utc);
+  char day[16];
+  std::strftime(day, sizeof day, "%Y-%m-%d", &utc);
+  return day;
+}
+
+// The names of the entries of folder, sorted ("" when it does not exist).
+std::vector<std::string> entries(fs::path const& folder) {
+  std::vector<std::string> names;
+  if (!fs::exists(folder)) return names;
+  for (auto const& e : fs::directory_iterator(folder)) names.push_back(e.path().filename().string());
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+class PipelineTest : public ::testing::Test {
+ protected:
+  PipelineTest()
+      : in(tmp / "spool" / "in"), out(tmp / "spool" / "out"), backup(tmp / "spool" / "backup"),
+        rejected(backup / ".rejected"), credentials(tmp / "credentials.json") {
+    for (fs::path const& f : {in, out, backup, rejected}) {
+      fs::create_directories(f);
+      ::chmod(f.c_str(), 0750);
+    }
+  }
+
+  void writeCredentials(std::string const& user, std::string const& secret, mode_t mode = 0600) {
+    json::Object obj;
+    obj.setAt("user", json::Value(user));
+    obj.setAt("secret", json::Value(secret));
+    qxtest::writeFile(credentials, json::jsonToString(obj, false));
+    ::chmod(credentials.c_str(), mode);
+  }
+
+  // A configuration of the spool folders that uploads to address.
+  Settings settingsFor(std::string const& address, std::uint32_t backupSecs = 0, unsigned minFilesToZip = 10) {
+    Settings s = qxtest::spoolSettings(in, out, backup);
+    s.InetConfig.setServerAddress(address);
+    s.BackupExpireSecs = backupSecs;
+    s.MinFilesToZip = minFilesToZip;
+    s.SrvFileExts = Settings::CfgFileExts(json::strToArray(R"(["pdf","txt","csv","zip"])"));
+    s.SrvFileExtsSet.clear();
+    return s;
+  }
+
+  qxsvc::PipelineOptions options() {
+    qxsvc::PipelineOptions o = qxtest::pipelineOptions(tmp / "state", credentials);
+    o.rescanInterval = std::chrono::milliseconds(200);
+    o.settleTime = std::chrono::milliseconds(100);
+    o.retryFirst = std::chrono::milliseconds(200);
+    o.retryMost = std::chrono::milliseconds(400);
+    o.holdProbe = std::chrono::milliseconds(200);
+    return o;
+  }
+
+  // Drops a file the way the service's transfer does: written aside, then
+  // renamed into the incoming folder whole.
+  void drop(std::string const& name, std::string const& content) {
+    fs::path const aside = tmp / ("aside-" + std::to_string(++m_drops));
+    qxtest::writeFile(aside, content);
+    fs::rename(aside, in / name);
+  }
+
+  // The jobs of the list, by state name.
+  static std::vector<std::string> states(qxsvc::Pipeline const& p) {
+    std::vector<std::string> result;
+    json::Array const list(p.uploads()["uploads"]);
+    for (std::size_t i = 0; i < list.size(); ++i) result.push_back(json::Object(list[i])["state"].asStringSafe());
+    return result;
+  }
+
+  static json::Object job(qxsvc::Pipeline const& p, std::size_t i) {
+    json::Array const list(p.uploads()["uploads"]);
+    return i < list.size() ? json::Object(list[i]) : json::Object();
+  }
+
+  static bool allIn(qxsvc::Pipeline const& p, std::string const& state, std::size_t count) {
+    std::vector<std::string> const s = states(p);
+    return s.size() == count && std::all_of(s.begin(), s.end(), [&](std::string const& x) { return x == state; });
+  }
+
+  qxtest::TempDir tmp;
+  fs::path const in, out, backup, rejected, credentials;
+  int m_drops = 0;
+};
+
+TEST_F(PipelineTest, AFileDroppedArrivesOnTheS3ServerOnceWithItsBytesUnderTheDocumentedKey) {
+  qxtest::S3TestServer const& s3 = qxtest::s3Server();
+  std::string const bucket = qxtest::makeBucket(s3, "pipeline-one");
+  writeCredentials(s3.accessKey, s3.secretKey);
+  std::string const content = "%PDF-1.4 the report\n" + std::string(100000, 'x');
+  {
+    qxsvc::Pipeline p(settingsFor("s3://" + s3.endpoint.substr(7) + "/" + bucket + "/base"), options());
+    drop("report.pdf", content);
+    p.scanNow();
+    ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+    json::Object const done = job(p, 0);
+    std::string const id = done["id"].asStringSafe();
+    EXPECT_TRUE(qxsvc::isJobId(id)) << id;
+    EXPECT_EQ("report.pdf", done["name"].asStringSafe());
+    EXPECT_EQ(static_cast<json_int_t>(content.size()), json_integer_value(done["size"].get()));
+    EXPECT_EQ(static_cast<json_int_t>(content.size()), json_integer_value(done["sent"].get()));
+    std::string const key = "-/0/" + today() + "/" + id + "/report.pdf";
+    EXPECT_EQ(key, done["key"].asStringSafe());
+    EXPECT_EQ(std::vector<std::string>{"base/" + key}, qxtest::s3ListKeys(s3, bucket));
+    EXPECT_EQ(content, qxtest::s3ObjectBytes(s3, bucket, "base/" + key));
+    // Backup off: nothing is kept once the server holds the bytes.
+    EXPECT_TRUE(qxtest::waitFor([&] { return entries(out).empty(); })) << entries(out).size();
+    EXPECT_EQ(std::vector<std::string>{}, entries(in));
+  }
+  // A restart uploads nothing again.
+  qxsvc::Pipeline again(settingsFor("s3://" + s3.endpoint.substr(7) + "/" + bucket + "/base"), options());
+  std::this_thread::sleep_for(std::chrono::milliseconds(500));
+  EXPECT_EQ(1u, qxtest::s3ListKeys(s3, bucket).size());
+  EXPECT_EQ(std::vector<std::string>{"done"}, states(again));
+}
+
+TEST_F(PipelineTest, WithBackupOnTheJobFolderMovesToTheBackupFolderAfterTheUpload) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  std::string const base = "pipeline-backup-" + std::to_string(::getpid());
+  qxsvc::Pipeline p(settingsFor(dav.url + "/" + base, 4294967295u), options());
+  drop("a b+c#d%e ü.txt", "odd name\n");
+  p.scanNow();
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  std::string const id = job(p, 0)["id"].asStringSafe();
+  fs::path const stored = fs::path(dav.root) / base / "-" / "0" / today() / id / "a b+c#d%e ü.txt";
+  EXPECT_EQ("odd name\n", qxtest::readFile(stored));
+  ASSERT_TRUE(qxtest::waitFor([&] { return entries(backup) == std::vector<std::string>{".rejected", id}; }))
+      << entries(backup).size();
+  EXPECT_EQ("odd name\n", qxtest::readFile(backup / id / "a b+c#d%e ü.txt"));
+  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+}
+
+TEST_F(PipelineTest, AFolderOfMinFilesToZipFilesGoesAsOneArchive) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  std::string const base = "pipeline-zip-" + std::to_string(::getpid());
+  fs::path const folder = tmp / "batch";
+  fs::create_directories(folder);
+  for (int i = 0; i < 3; ++i) qxtest::writeFile(folder / ("f" + std::to_string(i) + ".csv"), "a,b\n" + std::to_string(i));
+  qxsvc::Pipeline p(settingsFor(dav.url + "/" + base, 0, 3), options());
+  fs::rename(folder, in / "batch");
+  p.scanNow();
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  json::Object const done = job(p, 0);
+  std::string const id = done["id"].asStringSafe();
+  EXPECT_EQ("batch", done["name"].asStringSafe());
+  EXPECT_EQ("-/0/" + today() + "/" + id + "/" + id + ".zip", done["key"].asStringSafe());
+  fs::path const jobOnServer = fs::path(dav.root) / base / "-" / "0" / today() / id;
+  EXPECT_EQ(std::vector<std::string>{id + ".zip"}, entries(jobOnServer));
+  std::string const zip = qxtest::readFile(jobOnServer / (id + ".zip"));
+  EXPECT_EQ("PK\x03\x04", zip.substr(0, 4));
+}
+
+TEST_F(PipelineTest, ARefusedTypeGoesToTheRejectedFolderWithItsReason) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  qxsvc::Pipeline p(settingsFor(dav.url + "/pipeline-refused"), options());
+  drop("tool.exe", "MZ");
+  p.scanNow();
+  ASSERT_TRUE(qxtest::waitFor([&] { return entries(rejected).size() == 1; }));
+  fs::path const where = rejected / entries(rejected).front();
+  EXPECT_EQ((std::vector<std::string>{"reason.json", "tool.exe"}), entries(where));
+  EXPECT_EQ("MZ", qxtest::readFile(where / "tool.exe"));
+  json::Object const reason = qxtest::parse(qxtest::readFile(where / "reason.json"));
+  EXPECT_EQ("extension", reason["rule"].asStringSafe());
+  EXPECT_TRUE(reason["time"].isInteger());
+  EXPECT_NE(std::string::npos, reason["message"].asStringSafe().find("tool.exe")) << qxtest::text(reason);
+  EXPECT_EQ(std::vector<std::string>{}, entries(in));
+  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+}
+
+TEST_F(PipelineTest, RefusedCredentialsHoldTheQueueAndKeepTheFiles) {
+  qxtest::S3TestServer const& s3 = qxtest::s3Server();
+  std::string const bucket = qxtest::makeBucket(s3, "pipeline-held");
+  writeCredentials(s3.accessKey, "not-the-secret");
+  std::string const address = "s3://" + s3.endpoint.substr(7) + "/" + bucket;
+  {
+    qxsvc::Pipeline p(settingsFor(address), options());
+    drop("kept.pdf", "kept");
+    p.scanNow();
+    ASSERT_TRUE(qxtest::waitFor([&] { return p.uploads()["held"].isString(); })) << qxtest::text(p.uploads());
+    std::string const held = p.uploads()["held"].asStringSafe();
+    EXPECT_NE(std::string::npos, held.find("403")) << held;
+    EXPECT_EQ(std::vector<std::string>{"queued"}, states(p));
+    EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(s3, bucket));
+    ASSERT_EQ(1u, entries(out).size());
+    EXPECT_EQ("kept", qxtest::readFile(out / entries(out).front() / "kept.pdf"));
+  }
+  // The right secret, and the same job goes.
+  writeCredentials(s3.accessKey, s3.secretKey);
+  qxsvc::Pipeline p(settingsFor(address), options());
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  EXPECT_EQ(1u, qxtest::s3ListKeys(s3, bucket).size());
+  EXPECT_FALSE(p.uploads()["held"].isString());
+}
+
+TEST_F(PipelineTest, ACredentialsFileReadableByOthersHoldsTheQueueWithTheReason) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password, 0644);
+  qxsvc::Pipeline p(settingsFor(dav.url + "/pipeline-0644"), options());
+  drop("waits.pdf", "waits");
+  ASSERT_TRUE(qxtest::waitFor([&] { return states(p) == std::vector<std::string>{"queued"}; }))
+      << qxtest::text(p.uploads());
+  std::string const held = p.uploads()["held"].asStringSafe();
+  EXPECT_NE(std::string::npos, held.find("0644")) << held;
+  EXPECT_NE(std::string::npos, held.find(credentials.string())) << held;
+}
+
+TEST_F(PipelineTest, AServerDownAtStartKeepsTheJobQueuedAndItGoesOnceTheServerIsThere) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  std::string const base = "pipeline-down-" + std::to_string(::getpid());
+  // Port 1 on loopback: nothing listens.
+  qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/" + base), options());
+  drop("later.txt", "later");
+  ASSERT_TRUE(qxtest::waitFor([&] {
+    json::Object const j = job(p, 0);
+    return j["attempts"].isInteger() && json_integer_value(j["attempts"].get()) + (p.uploads()["held"].isString() ? 1 : 0) >= 1;
+  })) << qxtest::text(p.uploads());
+  EXPECT_EQ(std::vector<std::string>{"queued"}, states(p)) << qxtest::text(p.uploads());
+  EXPECT_EQ(1u, entries(out).size());
+  p.setSettings(settingsFor(dav.url + "/" + base));
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  std::string const id = job(p, 0)["id"].asStringSafe();
+  EXPECT_EQ("later", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "later.txt"));
+}
+
+TEST_F(PipelineTest, CancelMovesAWaitingJobToTheRejectedFolder) {
+  writeCredentials("nobody", "nothing");
+  qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/nowhere"), options());
+  drop("cancel me.pdf", "cancel");
+  ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == 1; }));
+  std::string const id = job(p, 0)["id"].asStringSafe();
+  EXPECT_EQ("there is no job \"nope\"", p.cancel("nope"));
+  EXPECT_EQ("", p.cancel(id));
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "cancelled", 1); })) << qxtest::text(p.uploads());
+  ASSERT_EQ(1u, entries(rejected).size());
+  fs::path const where = rejected / entries(rejected).front();
+  EXPECT_EQ("cancel", qxtest::readFile(where / "cancel me.pdf"));
+  EXPECT_EQ("cancelled", qxtest::parse(qxtest::readFile(where / "reason.json"))["rule"].asStringSafe());
+  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+  EXPECT_EQ("job \"" + id + "\" is cancelled already", p.cancel(id));
+}
+
+TEST_F(PipelineTest, PauseWithDiscardMovesTheWaitingJobsAndCountsThem) {
+  writeCredentials("nobody", "nothing");
+  qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/nowhere"), options());
+  drop("one.pdf", "1");
+  drop("two.pdf", "2");
+  ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == 2; }));
+  EXPECT_EQ(2u, p.pause(true));
+  EXPECT_TRUE(p.paused());
+  EXPECT_EQ(2u, entries(rejected).size());
+  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+  EXPECT_TRUE(allIn(p, "cancelled", 2)) << qxtest::text(p.uploads());
+  EXPECT_TRUE(p.uploads()["paused"].isTrue());
+}
+
+TEST_F(PipelineTest, AJobFolderTheJournalLacksIsAdoptedAndUploaded) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  std::string const base = "pipeline-adopt-" + std::to_string(::getpid());
+  // What a crash between the claim and the journal leaves.
+  std::string const id = qxsvc::newJobId(std::time(nullptr));
+  fs::create_directories(out / id);
+  qxtest::writeFile(out / id / "orphan.pdf", "orphan");
+  // And an empty claim, which is removed.
+  std::string const empty = qxsvc::newJobId(std::time(nullptr));
+  fs::create_directories(out / empty);
+  qxsvc::Pipeline p(settingsFor(dav.url + "/" + base), options());
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  EXPECT_EQ(id, job(p, 0)["id"].asStringSafe());
+  EXPECT_EQ("orphan", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "orphan.pdf"));
+  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+}
+
+TEST_F(PipelineTest, ACorruptJournalIsSetAsideAndTheFoldersAreUploadedFromAgain) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  std::string const base = "pipeline-corrupt-" + std::to_string(::getpid());
+  fs::create_directories(tmp / "state");
+  qxtest::writeFile(tmp / "state" / "journal.db", "this is no database");
+  std::string const id = qxsvc::newJobId(std::time(nullptr));
+  fs::create_directories(out / id);
+  qxtest::writeFile(out / id / "survivor.pdf", "survivor");
+  qxsvc::Pipeline p(settingsFor(dav.url + "/" + base), options());
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  EXPECT_EQ("survivor", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "survivor.pdf"));
+  std::vector<std::string> const state = entries(tmp / "state");
+  EXPECT_TRUE(std::any_of(state.begin(), state.end(),
+                          [](std::string const& n) { return n.rfind("journal.db.corrupt-", 0) == 0; }));
+}
+
+TEST_F(PipelineTest, AFileRewrittenWhileItWaitsIsUploadedAsItIsNow) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  std::string const base = "pipeline-rewrite-" + std::to_string(::getpid());
+  std::string id;
+  {
+    qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/nowhere"), options());
+    drop("draft.txt", "first");
+    ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == 1; }));
+    id = job(p, 0)["id"].asStringSafe();
+  }
+  qxtest::writeFile(out / id / "draft.txt", "second, longer");
+  qxsvc::Pipeline p(settingsFor(dav.url + "/" + base), options());
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  EXPECT_EQ("second, longer", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "draft.txt"));
+}
+
+TEST_F(PipelineTest, AZeroByteFileIsUploaded) {
+  qxtest::S3TestServer const& s3 = qxtest::s3Server();
+  std::string const bucket = qxtest::makeBucket(s3, "pipeline-empty");
+  writeCredentials(s3.accessKey, s3.secretKey);
+  qxsvc::Pipeline p(settingsFor("s3://" + s3.endpoint.substr(7) + "/" + bucket), options());
+  drop("empty.txt", "");
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  std::vector<std::string> const keys = qxtest::s3ListKeys(s3, bucket);
+  ASSERT_EQ(1u, keys.size());
+  EXPECT_EQ("", qxtest::s3ObjectBytes(s3, bucket, keys.front()));
+}
+
+}  // namespace
