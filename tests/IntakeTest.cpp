@@ -444,6 +444,23 @@ TEST(IntakeReject, TheEntryMovesWithItsReasonEscapedAsJson) {
             "\"\\\"we\\\"ird\\u0001 \xc3\xa9t\xc3\xa9\\\\.exe\\\" has the extension \\\"exe\\\"\\n\"}");
 }
 
+TEST(IntakeReject, ANameThatIsNotUtf8KeepsItsBytesAndItsReasonStaysJson) {
+  Spool s;
+  std::string const name = "\xe9t\xe9.exe";  // Latin-1, not UTF-8
+  qxtest::writeFile(s.in / name, "MZ");
+  qxsvc::FolderFd const in = qxtest::openFolder(s.in);
+  qxsvc::FolderFd const rejected = qxtest::openFolder(s.rejected);
+  std::string const moved =
+      qxsvc::reject(in.get(), name, rejected.get(), "extension", "\"" + name + "\" is refused", 7);
+  std::string const id = moved.substr(0, moved.find('/'));
+  EXPECT_EQ(moved, id + "/" + name);
+  EXPECT_EQ(qxtest::readFile(s.rejected / moved), "MZ");
+  std::string const reason = qxtest::readFile(s.rejected / id / "reason.json");
+  EXPECT_EQ(reason, "{\"time\":7,\"rule\":\"extension\",\"message\":\"\\\"\\ufffdt\\ufffd.exe\\\" is refused\"}");
+  EXPECT_EQ(qxtest::parse(reason)["message"].asStringSafe(), "\"\xef\xbf\xbdt\xef\xbf\xbd.exe\" is refused")
+      << "the reason parses as JSON, each byte that is not UTF-8 replaced by U+FFFD";
+}
+
 TEST(IntakeReject, AFolderMovesWholeAndAnEntryNamedLikeTheReasonKeepsBoth) {
   Spool s;
   fs::create_directories(s.in / "drop");

@@ -18,8 +18,8 @@
 // "message": "..."}; "rule" is one of "extension", "bad-type-in-folder",
 // "empty", "not-a-file", "discarded", "server", "expired", "changed".
 //
-// Every function works on folder descriptors (FolderFd.h) and follows no
-// link. One thread at a time per folder; the functions keep no state.
+// Every function works on folder descriptors (FolderFd.h) open for reading
+// (not O_PATH: claim and reject fsync them) and follows no link. One thread at a time per folder; the functions keep no state.
 #ifndef QX_APPS_SVC_UPLOAD_INTAKE_H
 #define QX_APPS_SVC_UPLOAD_INTAKE_H
 
