@@ -1,5 +1,6 @@
-// An open file descriptor that the holder owns, and the opening of a spool
-// folder one path component at a time without following links.
+// An open file descriptor that the holder owns, the opening of a spool
+// folder one path component at a time without following links, and the
+// listing of a folder and opening below it by descriptor.
 //
 // The service checks a spool folder by its path once, but moves items into
 // it again and again; whoever can replace a component of that path (a

@@ -57,11 +57,20 @@ std::int64_t ctimeNsOf(struct stat const& st) {
   return static_cast<std::int64_t>(st.st_ctim.tv_sec) * 1000000000 + st.st_ctim.tv_nsec;
 }
 
+// How messages call the entries that are neither files nor folders.
+struct TypeName {
+  mode_t type;
+  char const* name;
+};
+TypeName const kTypeNames[] = {
+    {S_IFLNK, "a symbolic link"}, {S_IFIFO, "a named pipe"}, {S_IFSOCK, "a socket"},
+    {S_IFCHR, "a device"},        {S_IFBLK, "a device"},
+};
+
 char const* typeName(mode_t mode) {
-  if (S_ISLNK(mode)) return "a symbolic link";
-  if (S_ISFIFO(mode)) return "a named pipe";
-  if (S_ISSOCK(mode)) return "a socket";
-  if (S_ISCHR(mode) || S_ISBLK(mode)) return "a device";
+  for (TypeName const& t : kTypeNames) {
+    if ((mode & S_IFMT) == t.type) return t.name;
+  }
   return "not a file or folder";
 }
 
