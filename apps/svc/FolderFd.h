@@ -1,5 +1,6 @@
-// An open file descriptor that the holder owns, and the opening of a spool
-// folder one path component at a time without following links.
+// An open file descriptor that the holder owns, the opening of a spool
+// folder one path component at a time without following links, and the
+// listing of a folder and opening below it by descriptor.
 //
 // The service checks a spool folder by its path once, but moves items into
 // it again and again; whoever can replace a component of that path (a
@@ -16,6 +17,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include <string>
+#include <vector>
 
 namespace qxsvc {
 
@@ -67,6 +69,17 @@ OpenedFolder openSpoolFolder(boost::filesystem::path const& folder, MakeMissing 
 // component must also be safe to make the rest in. Makes nothing. Returns
 // why the folder could not be used, or the empty string.
 std::string checkExistingPart(boost::filesystem::path const& folder, boost::filesystem::path& lastExisting);
+
+// The names in the folder open as dir (path names it in errors), sorted,
+// without "." and "..". Throws std::system_error when it cannot be read.
+std::vector<std::string> entriesOf(int dir, boost::filesystem::path const& path);
+
+// Opens relPath ("a/b/c", relative, no "." or ".." components) below dir
+// one component at a time, every one with O_NOFOLLOW: a link anywhere on
+// the way fails with ELOOP or ENOTDIR. flags apply to the last component
+// (O_CLOEXEC and O_NOFOLLOW are added). Throws std::system_error naming
+// relPath.
+FileFd openBelow(int dir, std::string const& relPath, int flags);
 
 }  // namespace qxsvc
 

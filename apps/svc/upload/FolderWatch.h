@@ -1,6 +1,8 @@
 // Notice of what arrives in the incoming folder: inotify on the folder's
-// descriptor for entries moved in and files closed after writing, so that a
-// drop is seen at once rather than at the next scan.
+// descriptor for entries moved in, files closed after writing and folders
+// made, so that a drop is seen at once rather than at the next scan. Files
+// written inside a folder that is being copied in give no event: the
+// owner's settle scans see them.
 //
 // A watch only wakes its owner: what to take is decided by listing the
 // folder. wait() reports a full rescan when the kernel's queue overflowed,
@@ -28,6 +30,9 @@ class FolderWatch {
 
   enum class Event { timeout, changed, overflow, woken };
   // Waits up to timeout for something to arrive in the folder (or wake()).
+  // A pending wake() is reported first; the folder's events then wait for
+  // the next call. Each call reads all queued events: overflow when the
+  // kernel dropped some, else changed.
   Event wait(std::chrono::milliseconds timeout);
   void wake();
 

@@ -16,10 +16,12 @@
 // Reject: the entry moves to "<rejected>/<reject id>/<name>" with
 // "reason.json" beside it: {"time": unix seconds, "rule": "...",
 // "message": "..."}; "rule" is one of "extension", "bad-type-in-folder",
-// "empty", "discarded", "server", "expired", "changed".
+// "empty", "not-a-file", "unreadable", "discarded", "cancelled", "server",
+// "expired", "changed".
 //
-// Every function works on folder descriptors (FolderFd.h) and follows no
-// link. One thread at a time per folder; the functions keep no state.
+// Every function works on folder descriptors (FolderFd.h) open for reading
+// (not O_PATH: claim and reject fsync them) and follows no link. One thread
+// at a time per folder; the functions keep no state.
 #ifndef QX_APPS_SVC_UPLOAD_INTAKE_H
 #define QX_APPS_SVC_UPLOAD_INTAKE_H
 
@@ -45,7 +47,9 @@ class SettleTracker {
  public:
   explicit SettleTracker(std::chrono::milliseconds settleTime) : m_settleTime(settleTime) {}
   // Whether the entry name of dir has kept its size and times since
-  // settleTime; the first sighting starts the clock. A dropped item renamed
+  // settleTime; the first sighting starts the clock. For a folder, the sum of
+  // the sizes and the latest modification or change time of everything
+  // below it count. A dropped item renamed
   // into place by the IPC transfer is complete already: items that arrived
   // through a rename (moved in: inotify's IN_MOVED_TO) may be marked with
   // trust() and are ready at once.
@@ -65,7 +69,17 @@ class SettleTracker {
   std::map<std::string, Seen> m_seen;
 };
 
-// What the rules say of an entry of the incoming folder.
+// What the rules say of an entry of the incoming folder:
+//  - ignore: its name has an ignored extension (".noqx" among them);
+//  - reject "not-a-file": a link, pipe, socket or device (never followed);
+//  - reject "extension": a file whose extension is not accepted;
+//  - reject "bad-type-in-folder": a folder holding an entry that
+//    Settings::isBadFileExt refuses inside a folder (another folder, a zip or
+//    enm file, an extension not accepted) or a link or special file;
+//  - reject "empty": a folder with nothing to upload (no entry, or only
+//    ignored ones). A 0-byte file is accepted: it is a document too.
+// The type of each entry is read from the folder's descriptor, never through
+// a path. Throws std::system_error naming the entry when it cannot be read.
 struct Verdict {
   enum class Kind { accept, ignore, reject } kind = Kind::accept;
   std::string rule;     // for reject: as in reason.json
@@ -75,17 +89,23 @@ Verdict judge(Settings const& settings, int incomingDir, std::string const& name
 
 // Claims the entry name of incomingDir as job jobId under outgoingDir.
 // Throws std::system_error naming the entry when it fails; nothing is lost
-// (the entry stays where it was, or is inside the job folder).
+// (the entry stays where it was, or is inside the job folder). A job folder
+// of that id that exists already is never used: the claim throws (EEXIST)
+// and the caller takes another id. name must be one entry and jobId a job id
+// (EINVAL otherwise).
 void claim(int incomingDir, std::string const& name, int outgoingDir, std::string const& jobId);
 
 // Moves the entry name of fromDir to the rejected folder with its reason;
 // returns the path of the new entry, relative to rejectedDir
-// ("<id>/<name>"). Throws std::system_error naming the entry.
+// ("<id>/<name>"; an entry named "reason.json" becomes "<id>/reason_1.json").
+// The reason is written before the entry moves; a reject that fails leaves
+// no folder behind. Throws std::system_error naming the entry.
 std::string reject(int fromDir, std::string const& name, int rejectedDir, std::string const& rule,
                    std::string const& message, std::time_t now);
 
 // The files of a job folder (relative paths, sorted), sizes included; links
-// and special files are not listed.
+// and special files are not listed, folders are walked (64 levels at most).
+// Throws std::system_error naming a folder that cannot be read.
 struct JobFile {
   std::string name;
   std::uint64_t size = 0;

@@ -28,8 +28,12 @@ struct Packed {
   std::vector<std::string> apart;   // the files canZip refused
 };
 
-// Packs files (paths inside the job folder jobDir) into archive. Throws
-// std::runtime_error naming the file and libzip's message.
+// Packs files (paths inside the job folder jobDir, also the entries' names
+// in the archive) into archive, a name in jobDir. Each file is opened below
+// jobDir without following links, only while it is read. An archive of that
+// name that exists already is never replaced (the pack throws). Throws
+// std::runtime_error naming the file and libzip's message; no archive and
+// no partial one is left then.
 Packed pack(Settings const& settings, int jobDir, std::vector<std::string> const& files,
             std::string const& archive);
 

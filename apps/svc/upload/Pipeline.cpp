@@ -571,7 +571,7 @@ void Pipeline::Impl::reconcile() {
 
   std::vector<std::string> names;
   try {
-    names = listFolder(out);
+    names = entriesOf(out, m_folders.outgoingPath);
   } catch (std::exception const& e) {
     logError(std::string("cannot read the outgoing folder: ") + e.what());
     return;
@@ -652,7 +652,7 @@ void Pipeline::Impl::scanOutgoingStrays() {
   int const out = m_folders.outgoing.get();
   std::vector<std::string> names;
   try {
-    names = listFolder(out);
+    names = entriesOf(out, m_folders.outgoingPath);
   } catch (std::exception const&) {
     return;
   }
@@ -686,7 +686,7 @@ void Pipeline::Impl::scanIncoming() {
   int const in = m_folders.incoming.get();
   std::vector<std::string> names;
   try {
-    names = listFolder(in);
+    names = entriesOf(in, m_folders.incomingPath);
   } catch (std::exception const& e) {
     logError(std::string("cannot read the incoming folder: ") + e.what());
     return;
@@ -696,7 +696,17 @@ void Pipeline::Impl::scanIncoming() {
   SteadyClock::time_point const now = SteadyClock::now();
   for (std::string const& name : names) {
     if (paused()) return;
-    Verdict const verdict = judge(settings, in, name);
+    Verdict verdict;
+    try {
+      verdict = judge(settings, in, name);
+    } catch (std::system_error const& e) {
+      if (e.code().value() == ENOENT) continue;  // gone meanwhile
+      // An entry the service cannot examine would be looked at again and
+      // again: it goes aside with the reason.
+      verdict.kind = Verdict::Kind::reject;
+      verdict.rule = "unreadable";
+      verdict.message = e.what();
+    }
     if (verdict.kind == Verdict::Kind::ignore) continue;
     if (!m_settle.settled(in, name, now)) {
       m_unsettled = true;
@@ -727,7 +737,12 @@ void Pipeline::Impl::scanIncoming() {
 }
 
 bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
-  FileFd const file = openBeneath(jobDir, item.name, O_RDONLY);
+  FileFd file;
+  try {
+    file = openBelow(jobDir, item.name, O_RDONLY);
+  } catch (std::system_error const&) {
+    return false;
+  }
   struct stat st {};
   if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   item.size = static_cast<std::uint64_t>(st.st_size);
@@ -750,7 +765,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
   try {
     if (!jobDir.valid()) throw std::system_error(errno, std::generic_category(), "cannot open job " + jobId);
     // The drop is the one entry that is not an archive made from it.
-    std::vector<std::string> entries = listFolder(jobDir.get());
+    std::vector<std::string> entries = entriesOf(jobDir.get(), m_folders.outgoingPath / jobId);
     std::string drop;
     bool dropIsFolder = false;
     for (std::string const& e : entries) {
@@ -769,7 +784,14 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
     }
     std::vector<std::string> items = files;
     if (dropIsFolder && files.size() >= settings.MinFilesToZip) {
-      Packed const packed = pack(settings, jobDir.get(), files, archiveName(settings, jobId, drop, true));
+      // An archive left by a run that stopped before the journal heard of
+      // it is made again: only the service writes that name in a job folder.
+      std::string const archive = archiveName(settings, jobId, drop, true);
+      struct stat st {};
+      if (::fstatat(jobDir.get(), archive.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) {
+        ::unlinkat(jobDir.get(), archive.c_str(), 0);
+      }
+      Packed const packed = pack(settings, jobDir.get(), files, archive);
       if (!packed.archive.empty()) {
         items = packed.apart;
         items.insert(items.begin(), packed.archive);
@@ -862,7 +884,12 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
   std::vector<UploadRequest> requests;
   for (ItemRow& item : row.items) {
     if (item.done) continue;
-    FileFd file = openBeneath(jobDir.get(), item.name, O_RDONLY);
+    FileFd file;
+    try {
+      file = openBelow(jobDir.get(), item.name, O_RDONLY);
+    } catch (std::system_error const&) {
+      // Gone, or a link in its place: either way not what was hashed.
+    }
     struct stat st {};
     if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
       giveUp(jobId, JobState::failed, "changed",
@@ -1117,7 +1144,7 @@ std::size_t Pipeline::Impl::discardWaiting() {
     return qxapp::independentCopy(m_settings);
   }();
   int const in = m_folders.incoming.get();
-  for (std::string const& name : listFolder(in)) {
+  for (std::string const& name : entriesOf(in, m_folders.incomingPath)) {
     if (settings.isIgnoredExtension(fs::path(name))) continue;
     std::string const where = reject(in, name, m_folders.rejected.get(), "discarded",
                                      "discarded when the service was paused", unixNow());
@@ -1151,7 +1178,7 @@ void Pipeline::Impl::sweepBackups() {
   std::int64_t const unow = unixNow();
   std::vector<std::string> names;
   try {
-    names = listFolder(backup);
+    names = entriesOf(backup, m_folders.backupPath);
   } catch (std::exception const& e) {
     logError(std::string("cannot read the backup folder: ") + e.what());
     return;

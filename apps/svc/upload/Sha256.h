@@ -1,5 +1,6 @@
 // SHA-256 of files and of byte streams (OpenSSL's EVP interface), as
-// lower-case hex.
+// lower-case hex. An Sha256 is used by one thread at a time; a moved-from
+// one may only be assigned to or destroyed.
 #ifndef QX_APPS_SVC_UPLOAD_SHA256_H
 #define QX_APPS_SVC_UPLOAD_SHA256_H
 

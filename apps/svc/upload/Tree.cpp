@@ -1,6 +1,5 @@
 #include "apps/svc/upload/Tree.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -27,7 +26,7 @@ void removeBelow(int dir, std::string const& name, unsigned depth) {
   if (depth > kMaxDepth) fail(ELOOP, "cannot remove \"" + name + "\"");
   FolderFd const sub(::openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!sub.valid()) fail(errno, "cannot open \"" + name + "\"");
-  for (std::string const& entry : listFolder(sub.get())) removeBelow(sub.get(), entry, depth + 1);
+  for (std::string const& entry : entriesOf(sub.get(), name)) removeBelow(sub.get(), entry, depth + 1);
   if (::unlinkat(dir, name.c_str(), AT_REMOVEDIR) != 0 && errno != ENOENT) fail(errno, "cannot remove \"" + name + "\"");
 }
 
@@ -57,51 +56,11 @@ void copyTree(int fromDir, std::string const& name, int toDir, unsigned depth) {
   FolderFd const from(::openat(fromDir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   FolderFd const to(::openat(toDir, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!from.valid() || !to.valid()) fail(errno, "cannot open \"" + name + "\"");
-  for (std::string const& entry : listFolder(from.get())) copyTree(from.get(), entry, to.get(), depth + 1);
+  for (std::string const& entry : entriesOf(from.get(), name)) copyTree(from.get(), entry, to.get(), depth + 1);
   ::fsync(to.get());
 }
 
 }  // namespace
-
-std::vector<std::string> listFolder(int dir) {
-  int const fd = ::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* const listing = fd < 0 ? nullptr : ::fdopendir(fd);
-  if (!listing) {
-    int const err = errno;
-    if (fd >= 0) ::close(fd);
-    fail(err, "cannot list a folder");
-  }
-  std::vector<std::string> names;
-  while (dirent const* entry = ::readdir(listing)) {
-    std::string name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(std::move(name));
-  }
-  ::closedir(listing);
-  std::sort(names.begin(), names.end());
-  return names;
-}
-
-FileFd openBeneath(int dir, std::string const& rel, int flags) {
-  FileFd current;
-  int at = dir;
-  std::size_t start = 0;
-  for (;;) {
-    std::size_t const slash = rel.find('/', start);
-    std::string const part = rel.substr(start, slash == std::string::npos ? std::string::npos : slash - start);
-    if (part.empty() || part == "." || part == "..") {
-      errno = EINVAL;
-      return FileFd();
-    }
-    bool const last = slash == std::string::npos;
-    int const partFlags = last ? flags | O_NOFOLLOW | O_CLOEXEC : O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
-    FileFd next(::openat(at, part.c_str(), partFlags));
-    if (!next.valid()) return FileFd();
-    current = std::move(next);
-    at = current.get();
-    if (last) return current;
-    start = slash + 1;
-  }
-}
 
 void removeTree(int dir, std::string const& name) { removeBelow(dir, name, 0); }
 

@@ -1,24 +1,14 @@
 // Whole entries of the spool folders, relative to folder descriptors and
-// without following links: listing, opening below a folder, moving and
-// removing a tree.
+// without following links: moving and removing a tree (listing and opening
+// below a folder are in FolderFd.h).
 #ifndef QX_APPS_SVC_UPLOAD_TREE_H
 #define QX_APPS_SVC_UPLOAD_TREE_H
 
 #include "apps/svc/FolderFd.h"
 
 #include <string>
-#include <vector>
 
 namespace qxsvc {
-
-// The names in the folder open as dir, sorted, without "." and "..".
-// Throws std::system_error when it cannot be read.
-std::vector<std::string> listFolder(int dir);
-
-// Opens the path rel ("a/b/c.pdf") below dir one component at a time with
-// O_NOFOLLOW; an invalid FileFd (errno set) when a component is missing or
-// a link.
-FileFd openBeneath(int dir, std::string const& rel, int flags);
 
 // Removes the entry name of dir and everything below it. Throws
 // std::system_error naming the entry.

@@ -1,0 +1,26 @@
+// Helpers of the tests of the upload pipeline's intake parts (intake,
+// packing, hashing, the folder watch): folders opened as the service opens
+// them.
+#ifndef QX_TESTS_INTAKETESTUTIL_H
+#define QX_TESTS_INTAKETESTUTIL_H
+
+#include "apps/svc/FolderFd.h"
+
+#include <fcntl.h>
+
+#include <boost/filesystem/path.hpp>
+#include <gtest/gtest.h>
+
+namespace qxtest {
+
+// The folder at path opened for reading, without following a link; an
+// invalid holder (and a failure) when it cannot be opened.
+inline qxsvc::FolderFd openFolder(boost::filesystem::path const& path) {
+  qxsvc::FolderFd folder(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!folder.valid()) ADD_FAILURE() << "cannot open the folder " << path;
+  return folder;
+}
+
+}  // namespace qxtest
+
+#endif  // QX_TESTS_INTAKETESTUTIL_H
