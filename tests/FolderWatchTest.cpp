@@ -18,6 +18,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace fs = boost::filesystem;
 using namespace std::chrono_literals;
@@ -95,6 +96,19 @@ TEST(FolderWatch, EachWayOfArrivingWakesIt) {
     // Its events were read: the next wait has nothing.
     EXPECT_STREQ(name(watch.wait(50ms)), "timeout") << c.what;
   }
+}
+
+TEST(FolderWatch, NamesTheEntriesMovedInAndOnlyThose) {
+  Folders f;
+  FolderWatch watch(qxtest::openFolder(f.watched).get());
+  qxtest::writeFile(f.beside / "moved in.pdf", "m");
+  fs::create_directories(f.beside / "folder");
+  qxtest::writeFile(f.watched / "written.pdf", "w");  // closed after writing: not moved in
+  fs::rename(f.beside / "moved in.pdf", f.watched / "moved in.pdf");
+  fs::rename(f.beside / "folder", f.watched / "folder");
+  EXPECT_STREQ(name(watch.wait(2s)), "changed");
+  EXPECT_EQ((std::vector<std::string>{"moved in.pdf", "folder"}), watch.takeMovedIn());
+  EXPECT_EQ(std::vector<std::string>{}, watch.takeMovedIn());
 }
 
 TEST(FolderWatch, AFileOpenedButNotYetClosedDoesNotWakeIt) {

@@ -31,7 +31,8 @@ void closeIfOpen(int& fd) {
 // What a buffer of inotify events tells the owner: overflow before
 // anything else, a file or folder that arrived, or nothing of interest
 // (timeout).
-FolderWatch::Event classify(char const* events, std::size_t size) {
+// The names of entries moved in are kept in movedIn.
+FolderWatch::Event classify(char const* events, std::size_t size, std::vector<std::string>& movedIn) {
   using Event = FolderWatch::Event;
   Event result = Event::timeout;
   std::size_t offset = 0;
@@ -42,6 +43,11 @@ FolderWatch::Event classify(char const* events, std::size_t size) {
     bool const counts = (header.mask & (IN_MOVED_TO | IN_CLOSE_WRITE)) ||
                         ((header.mask & IN_CREATE) && (header.mask & IN_ISDIR));
     if (counts) result = Event::changed;
+    std::size_t const nameAt = offset + sizeof(inotify_event);
+    if ((header.mask & IN_MOVED_TO) && header.len > 0 && nameAt + header.len <= size) {
+      // The kernel pads the name with NULs.
+      movedIn.emplace_back(events + nameAt, ::strnlen(events + nameAt, header.len));
+    }
     offset += sizeof(inotify_event) + header.len;
   }
   return result;
@@ -113,12 +119,18 @@ FolderWatch::Event FolderWatch::wait(std::chrono::milliseconds timeout) {
         throw failure("reading inotify events");
       }
       if (got == 0) break;
-      Event const event = classify(buffer, static_cast<std::size_t>(got));
+      Event const event = classify(buffer, static_cast<std::size_t>(got), m_movedIn);
       if (event == Event::overflow || (event == Event::changed && seen == Event::timeout)) seen = event;
     }
     if (seen != Event::timeout) return seen;
     if (Clock::now() >= deadline) return Event::timeout;
   }
+}
+
+std::vector<std::string> FolderWatch::takeMovedIn() {
+  std::vector<std::string> names;
+  names.swap(m_movedIn);
+  return names;
 }
 
 }  // namespace qxsvc

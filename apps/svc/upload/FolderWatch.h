@@ -15,6 +15,7 @@
 
 #include <chrono>
 #include <string>
+#include <vector>
 
 namespace qxsvc {
 
@@ -35,10 +36,14 @@ class FolderWatch {
   // kernel dropped some, else changed.
   Event wait(std::chrono::milliseconds timeout);
   void wake();
+  // The names of the entries moved into the folder (renamed in whole, as a
+  // drop's final step does) since the last call; the waiting thread's.
+  std::vector<std::string> takeMovedIn();
 
  private:
   int m_inotify = -1;
   int m_wakePipe[2] = {-1, -1};
+  std::vector<std::string> m_movedIn;
 };
 
 }  // namespace qxsvc

@@ -379,6 +379,8 @@ void Pipeline::Impl::run() {
         std::lock_guard<std::mutex> lock(m_mutex);
         m_scanRequested = true;
       }
+      // Renamed in whole: complete already, no need to watch them settle.
+      for (std::string const& name : watch->takeMovedIn()) m_settle.trust(name);
     } else {
       std::unique_lock<std::mutex> lock(m_mutex);
       m_wakeCv.wait_for(lock, wait, [this] { return m_woken || m_stop; });
