@@ -9,16 +9,18 @@
 // act on each request: the policy, called with the request's method and path
 // before any of it is forwarded, returns the Fault for that request.
 //
-// Counts: the body bytes of each request handed to the upstream's socket,
-// summed per path (the request target without its query), with an entry for
-// every path whose request reached the upstream; for a chunked body its
-// bytes as sent, chunk lines included. Every request the policy saw.
+// Counts: the body bytes of each request that the proxy forwarded, summed
+// per path (the request target without its query), with an entry for every
+// path whose request was forwarded; for a chunked body its bytes as sent,
+// chunk lines included. All of them were written to the upstream's socket
+// unless the upstream closed first (a reset waits until they are). Every
+// request the policy saw.
 //
 // Threads: all the proxy's work runs on one thread of its own, started by the
 // constructor. The destructor stops it: it closes every connection (clients
 // then see the end of the stream) and joins the thread. setPolicy() and the
-// counts may be called from any thread; the policy runs on the proxy's thread
-// and must not call the proxy.
+// counts may be called from any thread; the policy runs on the proxy's thread,
+// must not throw and must not call the proxy.
 #ifndef QX_TESTS_FAULTPROXY_H
 #define QX_TESTS_FAULTPROXY_H
 
