@@ -237,6 +237,7 @@ EOF
 
   failed_log=$dir/log/client.rgw.a.log
   start_daemon rgw "$dir/log/rgw.out" radosgw -f -n client.rgw.a
+  local rgw_started=$SECONDS
   log "S3 gateway: 127.0.0.1:$rgw_port"
 
   # nginx with WebDAV, started while the gateway makes its pools.
@@ -296,7 +297,7 @@ EOF
 
   failed_log=$dir/log/client.rgw.a.log
   wait_for "the S3 gateway" rgw http_answers "http://127.0.0.1:$rgw_port/"
-  log "S3 gateway: up after $((SECONDS - began))s"
+  log "S3 gateway: up after $((SECONDS - began))s ($((SECONDS - rgw_started))s after its start)"
 
   local access_key secret_key
   access_key=$(random_text 20 'A-Z0-9')
