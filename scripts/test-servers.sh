@@ -194,6 +194,10 @@ osd_crush_chooseleaf_type = 0
 # Deleted and aborted objects are freed within seconds, not hours.
 rgw_gc_obj_min_wait = 10
 rgw_gc_processor_period = 10
+[mon]
+# One node: no need to batch changes of the maps (1 s by default each).
+paxos_propose_interval = 0.05
+paxos_min_wait = 0.01
 [mon.a]
 mon_data = $dir/mon.a
 [osd]
@@ -234,6 +238,16 @@ EOF
   start_daemon osd.0 "$dir/log/osd.0.out" ceph-osd -f -i 0
   wait_for "the OSD to be up" osd.0 bash -c 'ceph osd stat 2>/dev/null | grep -q "1 up"'
   log "object store: up after $((SECONDS - began))s"
+
+  # The gateway would make its pools one after another, each a wait for the
+  # store; made in one go they become ready together.
+  failed_log=$quiet
+  local pool
+  for pool in .rgw.root default.rgw.control default.rgw.meta default.rgw.log \
+    default.rgw.buckets.index default.rgw.buckets.data default.rgw.buckets.non-ec; do
+    echo "osd pool create $pool 8 8"
+    echo "osd pool application enable $pool rgw"
+  done | ceph >>"$quiet" 2>&1
 
   failed_log=$dir/log/client.rgw.a.log
   start_daemon rgw "$dir/log/rgw.out" radosgw -f -n client.rgw.a
