@@ -312,6 +312,8 @@ class FaultProxy::Loop {
     // The answer in progress.
     MessagePart answerPart = MessagePart::Head;
     BodyFraming answerBody;
+    bool answerHeld = false;
+    Clock::time_point answerHoldUntil;
 
     short clientWants() const {
       short events = 0;
@@ -341,6 +343,7 @@ class FaultProxy::Loop {
     for (Connection const& c : m_connections) {
       if (c.state == State::Draining) next = std::min(next, c.drainUntil);
       if (c.state == State::Relaying && c.holdUntil > now) next = std::min(next, c.holdUntil);
+      if (c.state == State::Relaying && c.answerHeld) next = std::min(next, c.answerHoldUntil);
     }
     if (next == Clock::time_point::max()) return -1;
     auto const wait = std::chrono::duration_cast<std::chrono::milliseconds>(next - now).count();
@@ -542,6 +545,7 @@ class FaultProxy::Loop {
       case Fault::Kind::Pass:
       case Fault::Kind::Answer503:
       case Fault::Kind::LoseAnswer:
+      case Fault::Kind::StallAnswer:
         return UINT64_MAX;
     }
     return UINT64_MAX;
@@ -622,7 +626,16 @@ class FaultProxy::Loop {
     bool const interim = status >= 100 && status < 200;
     Pending request{"GET", Fault::pass()};  // an answer nobody asked for (a 408, say)
     if (!interim && !c.pending.empty()) {
-      request = c.pending.front();
+      Pending const& next = c.pending.front();
+      if (next.fault.kind == Fault::Kind::StallAnswer) {
+        if (!c.answerHeld) {
+          c.answerHeld = true;
+          c.answerHoldUntil = Clock::now() + next.fault.duration;
+        }
+        if (Clock::now() < c.answerHoldUntil) return false;
+        c.answerHeld = false;
+      }
+      request = next;
       c.pending.pop_front();
     }
     if (request.fault.kind == Fault::Kind::LoseAnswer) {

@@ -48,6 +48,7 @@ struct Fault {
     LoseAnswer,        // forward the request; when the answer begins, reset the client's
                        // connection instead of forwarding it: the server did the
                        // work, the client never learns it
+    StallAnswer,       // forward the request; hold its answer for duration
   };
   Kind kind = Kind::Pass;
   std::uint64_t bodyBytes = 0;
@@ -66,6 +67,9 @@ struct Fault {
     return {Kind::Throttle, 0, {}, bytesPerSecond};
   }
   static Fault loseAnswer() { return {Kind::LoseAnswer, 0, {}, 0}; }
+  static Fault stallAnswer(std::chrono::milliseconds duration) {
+    return {Kind::StallAnswer, 0, duration, 0};
+  }
 };
 
 // Decides the fault of a request from its method and path (query included).

@@ -202,28 +202,32 @@ TEST(FaultProxyTest, KeepsOneConnectionAliveOverHeadChunkedAndPlainBodies) {
   EXPECT_EQ(proxy->requestCount(), 5u);
 }
 
-TEST(FaultProxyTest, StallHoldsTheRequestForItsTime) {
+TEST(FaultProxyTest, StallsHoldTheRequestOrItsAnswerForTheirTime) {
   DavTestServer const& dav = davServer();
   std::string const path = "/" + uniqueName("stall") + ".bin";
   std::string const bytes = pattern(200000, 8);
   ASSERT_EQ(davRequest(dav, "PUT", path, bytes).status, 201);
   struct Case {
-    char const* method;
+    std::string what;
+    std::string method;
     Fault fault;
   };
   std::vector<Case> const cases = {
-      {"GET", Fault::stall(milliseconds(600))},
-      {"PUT", Fault::stall(milliseconds(600), 100000)},
+      {"the head", "GET", Fault::stall(milliseconds(600))},
+      {"half the body", "PUT", Fault::stall(milliseconds(600), 100000)},
+      {"a GET's answer", "GET", Fault::stallAnswer(milliseconds(600))},
+      {"a PUT's answer", "PUT", Fault::stallAnswer(milliseconds(600))},
   };
   for (Case const& c : cases) {
     auto proxy = proxyInFrontOf(dav.url, [&](std::string const&, std::string const&) { return c.fault; });
+    bool const put = c.method == "PUT";
     Clock::time_point const start = Clock::now();
-    HttpAnswer const answer =
-        davRequest(throughProxy(*proxy, dav), c.method, path, c.method == std::string("PUT") ? bytes : "");
-    EXPECT_GE(millisecondsSince(start), 600) << c.method;
-    EXPECT_EQ(answer.status, c.method == std::string("PUT") ? 204 : 200) << c.method;
-    EXPECT_EQ(readFile(dav.root + path), bytes) << c.method;
-    EXPECT_EQ(proxy->bodyBytesForwarded("/dav" + path), c.method == std::string("PUT") ? 200000u : 0u);
+    HttpAnswer const answer = davRequest(throughProxy(*proxy, dav), c.method, path, put ? bytes : "");
+    EXPECT_GE(millisecondsSince(start), 600) << c.what;
+    EXPECT_EQ(answer.status, put ? 204 : 200) << c.what;
+    EXPECT_EQ(answer.body, put ? "" : bytes) << c.what;
+    EXPECT_EQ(readFile(dav.root + path), bytes) << c.what;
+    EXPECT_EQ(proxy->bodyBytesForwarded("/dav" + path), put ? 200000u : 0u) << c.what;
   }
 }
 
