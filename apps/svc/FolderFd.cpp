@@ -1,12 +1,15 @@
 #include "apps/svc/FolderFd.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 #include <vector>
 
 namespace fs = boost::filesystem;
@@ -182,6 +185,54 @@ OpenedFolder openSpoolFolder(fs::path const& folder, MakeMissing make) {
 
 std::string checkExistingPart(fs::path const& folder, fs::path& lastExisting) {
   return walk(folder, MakeMissing::no, Walk::untilMissing, &lastExisting).why;
+}
+
+std::vector<std::string> entriesOf(int dir, fs::path const& path) {
+  int const fd = ::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  DIR* const listing = fd < 0 ? nullptr : ::fdopendir(fd);
+  if (!listing) {
+    int const err = errno;
+    if (fd >= 0) ::close(fd);
+    throw std::system_error(err, std::generic_category(), "cannot read \"" + path.string() + "\"");
+  }
+  std::vector<std::string> names;
+  errno = 0;
+  while (dirent const* entry = ::readdir(listing)) {
+    std::string const name = entry->d_name;
+    if (name != "." && name != "..") names.push_back(name);
+    errno = 0;
+  }
+  int const err = errno;
+  ::closedir(listing);
+  if (err != 0) throw std::system_error(err, std::generic_category(), "cannot read \"" + path.string() + "\"");
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+FileFd openBelow(int dir, std::string const& relPath, int flags) {
+  auto fail = [&relPath](int err) {
+    return std::system_error(err, std::generic_category(), "cannot open \"" + relPath + "\"");
+  };
+  std::vector<std::string> parts;
+  std::size_t start = 0;
+  while (start <= relPath.size()) {
+    std::size_t const slash = std::min(relPath.find('/', start), relPath.size());
+    std::string part = relPath.substr(start, slash - start);
+    if (part.empty() || part == "." || part == "..") throw fail(EINVAL);
+    parts.push_back(std::move(part));
+    start = slash + 1;
+  }
+  FolderFd here;
+  int at = dir;
+  for (std::size_t i = 0; i + 1 < parts.size(); ++i) {
+    FolderFd next(::openat(at, parts[i].c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!next.valid()) throw fail(errno);
+    here = std::move(next);
+    at = here.get();
+  }
+  FileFd last(::openat(at, parts.back().c_str(), flags | O_NOFOLLOW | O_CLOEXEC));
+  if (!last.valid()) throw fail(errno);
+  return last;
 }
 
 }  // namespace qxsvc

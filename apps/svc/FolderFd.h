@@ -16,6 +16,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include <string>
+#include <vector>
 
 namespace qxsvc {
 
@@ -67,6 +68,17 @@ OpenedFolder openSpoolFolder(boost::filesystem::path const& folder, MakeMissing 
 // component must also be safe to make the rest in. Makes nothing. Returns
 // why the folder could not be used, or the empty string.
 std::string checkExistingPart(boost::filesystem::path const& folder, boost::filesystem::path& lastExisting);
+
+// The names in the folder open as dir (path names it in errors), sorted,
+// without "." and "..". Throws std::system_error when it cannot be read.
+std::vector<std::string> entriesOf(int dir, boost::filesystem::path const& path);
+
+// Opens relPath ("a/b/c", relative, no "." or ".." components) below dir
+// one component at a time, every one with O_NOFOLLOW: a link anywhere on
+// the way fails with ELOOP or ENOTDIR. flags apply to the last component
+// (O_CLOEXEC and O_NOFOLLOW are added). Throws std::system_error naming
+// relPath.
+FileFd openBelow(int dir, std::string const& relPath, int flags);
 
 }  // namespace qxsvc
 

@@ -6,7 +6,6 @@
 
 #include "shared/Log.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -25,26 +24,6 @@ namespace fs = boost::filesystem;
 namespace qxsvc {
 
 namespace {
-
-// The names in the folder open as dir (path names it in errors), sorted.
-// Throws std::system_error when it cannot be read.
-std::vector<std::string> entriesOf(int dir, fs::path const& path) {
-  int const fd = ::openat(dir, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  DIR* const listing = fd < 0 ? nullptr : ::fdopendir(fd);
-  if (!listing) {
-    int const err = errno;
-    if (fd >= 0) ::close(fd);
-    throw std::system_error(err, std::generic_category(), "cannot read \"" + path.string() + "\"");
-  }
-  std::vector<std::string> names;
-  while (dirent const* entry = ::readdir(listing)) {
-    std::string const name = entry->d_name;
-    if (name != "." && name != "..") names.push_back(name);
-  }
-  ::closedir(listing);
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 // The folder of role at path, opened and checked, or an exception naming
 // it.

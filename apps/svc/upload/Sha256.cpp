@@ -1,1 +1,89 @@
 #include "apps/svc/upload/Sha256.h"
+
+#include <openssl/evp.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <stdexcept>
+#include <system_error>
+#include <vector>
+
+namespace qxsvc {
+
+namespace {
+
+// Files are read in pieces of this size: large enough for few calls, small
+// enough not to matter in memory.
+constexpr std::size_t kReadChunk = 1 << 20;
+
+std::string toHex(unsigned char const* bytes, unsigned size) {
+  static char const digits[] = "0123456789abcdef";
+  std::string hex;
+  hex.reserve(size * 2);
+  for (unsigned i = 0; i < size; ++i) {
+    hex.push_back(digits[bytes[i] >> 4]);
+    hex.push_back(digits[bytes[i] & 0x0f]);
+  }
+  return hex;
+}
+
+}  // namespace
+
+struct Sha256::Ctx {
+  Ctx() : md(EVP_MD_CTX_new()) {
+    if (!md || EVP_DigestInit_ex(md, EVP_sha256(), nullptr) != 1) {
+      EVP_MD_CTX_free(md);
+      throw std::runtime_error("SHA-256: the digest cannot be set up");
+    }
+  }
+  ~Ctx() { EVP_MD_CTX_free(md); }
+  Ctx(Ctx const&) = delete;
+  Ctx& operator=(Ctx const&) = delete;
+
+  EVP_MD_CTX* md;
+};
+
+Sha256::Sha256() : m_ctx(new Ctx) {}
+Sha256::~Sha256() = default;
+Sha256::Sha256(Sha256&&) noexcept = default;
+Sha256& Sha256::operator=(Sha256&&) noexcept = default;
+
+void Sha256::update(void const* data, std::size_t size) {
+  if (size == 0) return;
+  if (EVP_DigestUpdate(m_ctx->md, data, size) != 1) throw std::runtime_error("SHA-256: the digest update failed");
+}
+
+std::string Sha256::hex() {
+  unsigned char digest[EVP_MAX_MD_SIZE];
+  unsigned size = 0;
+  if (EVP_DigestFinal_ex(m_ctx->md, digest, &size) != 1 ||
+      EVP_DigestInit_ex(m_ctx->md, EVP_sha256(), nullptr) != 1) {
+    throw std::runtime_error("SHA-256: the digest cannot be finished");
+  }
+  return toHex(digest, size);
+}
+
+std::string sha256OfFile(int fd, std::string const& what) {
+  Sha256 sha;
+  std::vector<unsigned char> buffer(kReadChunk);
+  off_t offset = 0;
+  for (;;) {
+    ssize_t const got = ::pread(fd, buffer.data(), buffer.size(), offset);
+    if (got < 0) {
+      if (errno == EINTR) continue;
+      throw std::system_error(errno, std::generic_category(), "cannot read " + what);
+    }
+    if (got == 0) break;
+    sha.update(buffer.data(), static_cast<std::size_t>(got));
+    offset += got;
+  }
+  return sha.hex();
+}
+
+std::string sha256OfText(std::string const& text) {
+  Sha256 sha;
+  sha.update(text.data(), text.size());
+  return sha.hex();
+}
+
+}  // namespace qxsvc
