@@ -9,6 +9,9 @@ packages=(
   libjansson-dev libgtest-dev libgmock-dev libbenchmark-dev
   libcli11-dev libcurl4-openssl-dev libssl-dev
   systemd libclang-rt-14-dev
+  libzip-dev libsqlite3-dev
+  # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
+  ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
 )
 
 missing=()
