@@ -385,7 +385,16 @@ void setUp(CURL* h, Exchange& exchange, Target const& target, Common const& comm
   } else {
     curl_easy_setopt(h, CURLOPT_HTTPAUTH, CURLAUTH_BASIC);
   }
-  if (exchange.source != BodySource::none && exchange.bodySize < kExpectThreshold) headers.push_back("Expect:");
+  if (exchange.source != BodySource::none && exchange.bodySize < kExpectThreshold) {
+    if (target.protocol == Protocol::S3) {
+      // libcurl 7.88 signs an emptied header that it then leaves out, and the
+      // server refuses the signature: keep the header but do not wait for
+      // the server's "100 Continue".
+      curl_easy_setopt(h, CURLOPT_EXPECT_100_TIMEOUT_MS, 0L);
+    } else {
+      headers.push_back("Expect:");
+    }
+  }
 
   if (exchange.method == "HEAD") {
     curl_easy_setopt(h, CURLOPT_NOBODY, 1L);
@@ -395,8 +404,9 @@ void setUp(CURL* h, Exchange& exchange, Target const& target, Common const& comm
   } else if (exchange.method == "POST") {
     curl_easy_setopt(h, CURLOPT_POST, 1L);
     curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(exchange.bodySize));
-    // libcurl would announce a form otherwise.
-    headers.push_back(exchange.bodySize ? "Content-Type: application/xml" : "Content-Type:");
+    // libcurl would announce a form otherwise (and an emptied header breaks
+    // the signature, as above).
+    headers.push_back("Content-Type: application/xml");
   } else if (exchange.method != "GET") {
     curl_easy_setopt(h, CURLOPT_CUSTOMREQUEST, exchange.method.c_str());
   }
@@ -730,8 +740,11 @@ void UploadEngine::Impl::run() {
   }
 }
 
+// Only the file's bytes count, not those of a request's own body (the list
+// of parts that completes an upload).
 void UploadEngine::Impl::countSent(Transfer& transfer, std::uint64_t bytes) {
-  transfer.bytesSent += bytes;
+  if (transfer.exchange && transfer.exchange->source == BodySource::file) transfer.bytesSent += bytes;
+  if (transfer.step == Step::s3PutPart) transfer.bytesSent += bytes;
 }
 
 void UploadEngine::Impl::start(std::unique_ptr<Transfer> owned) {

@@ -1,0 +1,592 @@
+// UploadEngine against the real test servers (an S3 gateway and nginx
+// WebDAV, tests/TestServers.h): the bytes that arrive, keys that must not be
+// replaced, refusals and their messages, multipart uploads stopped and
+// resumed, orphans, the limit of transfers at once, cancellation and
+// destruction.
+#include "apps/svc/upload/UploadEngine.h"
+
+#include "apps/svc/upload/ObjectKey.h"
+#include "apps/svc/upload/Sha256.h"
+#include "tests/DropTestUtil.h"
+#include "tests/TestServers.h"
+#include "tests/TestUtil.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+using qxsvc::Outcome;
+using qxsvc::UploadEngine;
+using qxsvc::UploadRequest;
+using qxsvc::UploadResult;
+using qxtest::TempDir;
+
+constexpr std::uint64_t kMiB = 1ull << 20;
+
+// What the engine reported, in order, as one line per callback.
+class Recorder {
+ public:
+  UploadEngine::Callbacks callbacks() {
+    UploadEngine::Callbacks callbacks;
+    callbacks.onUploadId = [this](std::uint64_t ticket, std::string const& id) {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_events.push_back(std::to_string(ticket) + " uploadId");
+      m_uploadIds[ticket] = id;
+      if (onUploadId) onUploadId(ticket, id);
+    };
+    callbacks.onPart = [this](std::uint64_t ticket, qxsvc::PartRecord const& part) {
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_events.push_back(std::to_string(ticket) + " part " + std::to_string(part.number) + " " +
+                           std::to_string(part.size));
+      }
+      if (onPart) onPart(ticket, part);
+    };
+    callbacks.onDone = [this](UploadResult const& result) {
+      if (onDone) onDone(result);
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_events.push_back(std::to_string(result.ticket) + " " + qxsvc::outcomeName(result.outcome));
+      m_results[result.ticket] = result;
+      m_changed.notify_all();
+    };
+    return callbacks;
+  }
+
+  // The result of ticket, once it is there (a failure after 120 s).
+  UploadResult waitFor(std::uint64_t ticket) {
+    std::unique_lock<std::mutex> lock(m_mutex);
+    if (!m_changed.wait_for(lock, 120s, [&] { return m_results.count(ticket) != 0; })) {
+      ADD_FAILURE() << "ticket " << ticket << " did not end";
+      return UploadResult{};
+    }
+    return m_results[ticket];
+  }
+
+  std::vector<std::string> events() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_events;
+  }
+  std::string uploadId(std::uint64_t ticket) const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    auto it = m_uploadIds.find(ticket);
+    return it == m_uploadIds.end() ? "" : it->second;
+  }
+  std::size_t resultCount() const {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_results.size();
+  }
+
+  // Hooks the test sets before the engine runs.
+  std::function<void(std::uint64_t, std::string const&)> onUploadId;
+  std::function<void(std::uint64_t, qxsvc::PartRecord const&)> onPart;
+  std::function<void(UploadResult const&)> onDone;
+
+ private:
+  mutable std::mutex m_mutex;
+  std::condition_variable m_changed;
+  std::vector<std::string> m_events;
+  std::map<std::uint64_t, UploadResult> m_results;
+  std::map<std::uint64_t, std::string> m_uploadIds;
+};
+
+Inet::InetCfg inetCfg() { return Inet::InetCfg("7.0.1"); }
+
+qxsvc::Credentials s3Credentials() {
+  return {qxtest::s3Server().accessKey, qxtest::s3Server().secretKey};
+}
+qxsvc::Credentials davCredentials() { return {qxtest::davServer().user, qxtest::davServer().password}; }
+
+qxsvc::Target target(std::string const& address) {
+  qxsvc::Target parsed;
+  std::string why;
+  EXPECT_TRUE(qxsvc::parseTarget(address, parsed, why)) << why;
+  return parsed;
+}
+
+// A bucket of the test's own on the S3 server, as a target.
+qxsvc::Target s3Target(std::string const& bucket) {
+  return target("s3" + qxtest::s3Server().endpoint.substr(4) + "/" + bucket);
+}
+
+// A folder of the test's own on the WebDAV server, as a target.
+qxsvc::Target davTarget(std::string const& folder) {
+  return target("dav" + qxtest::davServer().url.substr(4) + "/" + folder);
+}
+
+std::string uniqueName(std::string const& hint) {
+  static std::atomic<unsigned> count{0};
+  return hint + "-" + std::to_string(::getpid()) + "-" + std::to_string(++count);
+}
+
+// An upload of content, written to a file in dir, under key.
+UploadRequest request(TempDir const& dir, std::uint64_t ticket, qxsvc::Target const& to, std::string const& key,
+                      std::string const& content) {
+  boost::filesystem::path const file = dir / ("source-" + std::to_string(ticket));
+  qxtest::writeFile(file, content);
+  UploadRequest upload;
+  upload.ticket = ticket;
+  upload.target = to;
+  upload.key = key;
+  upload.file = qxsvc::FileFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  EXPECT_TRUE(upload.file.valid()) << file;
+  upload.size = content.size();
+  upload.sha256 = qxsvc::sha256OfText(content);
+  return upload;
+}
+
+qxsvc::EngineOptions smallParts() {
+  qxsvc::EngineOptions options;
+  options.multipartThreshold = 5 * kMiB;
+  options.partSize = 5 * kMiB;
+  return options;
+}
+
+// A loopback port on which nothing listens.
+int closedPort() {
+  int const fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ::bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+  socklen_t length = sizeof address;
+  ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+  ::close(fd);
+  return ntohs(address.sin_port);
+}
+
+// A server that takes connections (the kernel does) and never answers.
+class SilentServer {
+ public:
+  SilentServer() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+    ::listen(m_fd, 16);
+    socklen_t length = sizeof address;
+    ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
+    m_port = ntohs(address.sin_port);
+  }
+  ~SilentServer() { ::close(m_fd); }
+  SilentServer(SilentServer const&) = delete;
+  SilentServer& operator=(SilentServer const&) = delete;
+  int port() const { return m_port; }
+
+ private:
+  int m_fd;
+  int m_port = 0;
+};
+
+std::string s3Url(std::string const& bucket, std::string const& key) {
+  return qxtest::s3Server().endpoint + "/" + bucket + "/" + qxsvc::percentEncode(key, true);
+}
+
+// The names that must arrive as they are.
+char const* const kNames[] = {
+    "a/1/2026-11-23/job/plain.txt",
+    "a/1/2026-11-23/job/with spaces.pdf",
+    "a/1/2026-11-23/job/r\xC3\xA9sum\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC.txt",
+    "a/1/2026-11-23/job/100% +1 #2 ?3 &4 =5.txt",
+    "a/1/2026-11-23/job/sub folder/deeper/x.bin",
+};
+
+TEST(UploadEngineTest, SmallAndEmptyFilesReachS3ByteForByte) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "small");
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  std::uint64_t ticket = 0;
+  for (char const* name : kNames) {
+    for (std::string const& content : {qxtest::pattern(70000, ++ticket), std::string()}) {
+      SCOPED_TRACE(std::string(name) + " of " + std::to_string(content.size()) + " bytes");
+      std::string const key = content.empty() ? std::string(name) + ".empty" : name;
+      engine.submit(request(dir, ++ticket, s3Target(bucket), key, content));
+      UploadResult const result = recorder.waitFor(ticket);
+      EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+      EXPECT_EQ(200, result.httpStatus);
+      EXPECT_EQ("", result.message);
+      EXPECT_EQ(key, result.finalKey);
+      EXPECT_EQ(content.size(), result.bytesSent);
+      EXPECT_EQ(qxsvc::sha256OfText(content), qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key)));
+      qxtest::HttpAnswer const head =
+          qxtest::s3Request(qxtest::s3Server(), "HEAD", "/" + bucket + "/" + qxtest::s3Encode(key, true));
+      EXPECT_EQ(qxsvc::sha256OfText(content), head.header("x-amz-meta-sha256"));
+    }
+  }
+}
+
+TEST(UploadEngineTest, SmallAndEmptyFilesReachWebDavByteForByte) {
+  std::string const folder = uniqueName("small");
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), davCredentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  std::uint64_t ticket = 0;
+  for (char const* name : kNames) {
+    for (std::string const& content : {qxtest::pattern(70000, ++ticket), std::string()}) {
+      SCOPED_TRACE(std::string(name) + " of " + std::to_string(content.size()) + " bytes");
+      std::string const key = content.empty() ? std::string(name) + ".empty" : name;
+      engine.submit(request(dir, ++ticket, davTarget(folder), key, content));
+      UploadResult const result = recorder.waitFor(ticket);
+      EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+      EXPECT_EQ(201, result.httpStatus);
+      EXPECT_EQ(key, result.finalKey);
+      EXPECT_EQ(content.size(), result.bytesSent);
+      qxtest::HttpAnswer const got = qxtest::davRequest(qxtest::davServer(), "GET",
+                                                        "/" + folder + "/" + qxsvc::percentEncode(key, true));
+      EXPECT_EQ(200, got.status);
+      EXPECT_EQ(content.size(), got.body.size());
+      EXPECT_TRUE(content == got.body);
+      // The server's own folder holds the name as it was given.
+      EXPECT_EQ(content, qxtest::readFile(qxtest::davServer().root + "/" + folder + "/" + key));
+    }
+  }
+}
+
+TEST(UploadEngineTest, SameBytesUnderTheSameKeyMakeNoNewObjectAndOtherBytesTakeTheNextKey) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "same-key");
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  std::string const key = "a/1/2026-11-23/job/report 100%.pdf";
+  std::string const first = qxtest::pattern(5000, 1);
+  std::string const second = qxtest::pattern(5000, 2);
+
+  engine.submit(request(dir, 1, s3Target(bucket), key, first));
+  EXPECT_EQ(Outcome::done, recorder.waitFor(1).outcome);
+  engine.submit(request(dir, 2, s3Target(bucket), key, first));
+  UploadResult const again = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, again.outcome) << again.message;
+  EXPECT_EQ(key, again.finalKey);
+  EXPECT_EQ(200, again.httpStatus);  // of the HEAD after the 412
+  EXPECT_EQ(std::vector<std::string>{key}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+
+  engine.submit(request(dir, 3, s3Target(bucket), key, second));
+  UploadResult const other = recorder.waitFor(3);
+  EXPECT_EQ(Outcome::done, other.outcome) << other.message;
+  EXPECT_EQ("a/1/2026-11-23/job/report 100%_2.pdf", other.finalKey);
+  EXPECT_EQ(first, qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key));
+  EXPECT_EQ(second, qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, other.finalKey));
+
+  // The same second bytes again end at the second key, without a third.
+  engine.submit(request(dir, 4, s3Target(bucket), key, second));
+  EXPECT_EQ("a/1/2026-11-23/job/report 100%_2.pdf", recorder.waitFor(4).finalKey);
+  EXPECT_EQ((std::vector<std::string>{key, other.finalKey}), qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, AnObjectWithoutItsHashIsNeverReplaced) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "no-hash");
+  std::string const key = "a/1/2026-11-23/job/x.txt";
+  std::string const content = "the same bytes";
+  ASSERT_EQ(200, qxtest::s3Request(qxtest::s3Server(), "PUT", "/" + bucket + "/" + key, content).status);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  engine.submit(request(dir, 1, s3Target(bucket), key, content));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  EXPECT_EQ("a/1/2026-11-23/job/x_2.txt", result.finalKey);
+  EXPECT_EQ(content, qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, result.finalKey));
+}
+
+TEST(UploadEngineTest, RefusedCredentialsHoldTheQueueWithTheServersMessage) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "refused");
+  std::string const folder = uniqueName("refused");
+  std::string const key = "a/1/2026-11-23/job/x.txt";
+  TempDir dir;
+  struct Case {
+    qxsvc::Target to;
+    qxsvc::Credentials credentials;
+    long status;
+    std::string message;
+  } const cases[] = {
+      {s3Target(bucket), {qxtest::s3Server().accessKey, "wrong secret"}, 403,
+       "HTTP 403 SignatureDoesNotMatch (PUT " + s3Url(bucket, key) + ")"},
+      {s3Target(bucket), {"NOSUCHKEY", "wrong secret"}, 403,
+       "HTTP 403 InvalidAccessKeyId (PUT " + s3Url(bucket, key) + ")"},
+      {davTarget(folder), {qxtest::davServer().user, "wrong password"}, 401,
+       "HTTP 401 Unauthorized (PUT " + davTarget(folder).objectUrl(key) + ")"},
+  };
+  std::uint64_t ticket = 0;
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.message);
+    Recorder recorder;
+    UploadEngine engine(inetCfg(), c.credentials, qxsvc::EngineOptions{}, recorder.callbacks());
+    engine.submit(request(dir, ++ticket, c.to, key, "bytes"));
+    UploadResult const result = recorder.waitFor(ticket);
+    EXPECT_EQ(Outcome::hold, result.outcome);
+    EXPECT_EQ(c.status, result.httpStatus);
+    EXPECT_EQ(c.message, result.message);
+  }
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, AServerThatIsDownIsTransient) {
+  int const port = closedPort();
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  std::string const address = "127.0.0.1:" + std::to_string(port);
+  engine.submit(request(dir, 1, target("s3://" + address + "/docs"), "k", "bytes"));
+  engine.submit(request(dir, 2, target("dav://" + address + "/dav"), "k", "bytes"));
+  for (std::uint64_t ticket : {1, 2}) {
+    UploadResult const result = recorder.waitFor(ticket);
+    EXPECT_EQ(Outcome::transient, result.outcome);
+    EXPECT_EQ(0, result.httpStatus);
+    std::string const start = "connect to " + address + " failed: Failed to connect to 127.0.0.1 port " +
+                              std::to_string(port) + " after ";
+    EXPECT_EQ(start, result.message.substr(0, start.size())) << result.message;
+    EXPECT_NE(std::string::npos, result.message.find("Couldn't connect to server")) << result.message;
+  }
+}
+
+TEST(UploadEngineTest, AFileRewrittenAfterHashingEndsAsChangedAndLeavesNothing) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "changed");
+  std::string const folder = uniqueName("changed");
+  std::string const hashed = qxtest::pattern(300000, 1);
+  struct Case {
+    char const* what;
+    std::string now;  // the file's bytes when the upload runs
+    bool dav;
+  } const cases[] = {
+      {"S3, other bytes of the same size", qxtest::pattern(300000, 2), false},
+      {"S3, shorter", hashed.substr(0, 1000), false},
+      {"WebDAV, other bytes of the same size", qxtest::pattern(300000, 2), true},
+      {"WebDAV, shorter", hashed.substr(0, 1000), true},
+  };
+  TempDir dir;
+  std::uint64_t ticket = 0;
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.what);
+    Recorder recorder;
+    UploadEngine engine(inetCfg(), c.dav ? davCredentials() : s3Credentials(), qxsvc::EngineOptions{},
+                        recorder.callbacks());
+    std::string const key = "a/1/2026-11-23/job/" + std::to_string(++ticket) + ".bin";
+    UploadRequest upload = request(dir, ticket, c.dav ? davTarget(folder) : s3Target(bucket), key, hashed);
+    qxtest::writeFile(dir / ("source-" + std::to_string(ticket)), c.now);
+    engine.submit(std::move(upload));
+    UploadResult const result = recorder.waitFor(ticket);
+    EXPECT_EQ(Outcome::changed, result.outcome) << result.message;
+    if (c.dav) {
+      EXPECT_EQ(404, qxtest::davRequest(qxtest::davServer(), "GET", "/" + folder + "/" + key).status);
+    }
+  }
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, MultipartReportsTheUploadIdBeforeTheFirstPart) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "multipart");
+  std::string const content = qxtest::pattern(11 * kMiB + 12345, 3);
+  std::string const key = "a/1/2026-11-23/job/big file \xC3\xA9.bin";
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  engine.submit(request(dir, 1, s3Target(bucket), key, content));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  EXPECT_EQ(content.size(), result.bytesSent);
+  EXPECT_EQ((std::vector<std::string>{"1 uploadId", "1 part 1 5242880", "1 part 2 5242880",
+                                      "1 part 3 " + std::to_string(kMiB + 12345), "1 done"}),
+            recorder.events());
+  EXPECT_EQ(qxsvc::sha256OfText(content), qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key)));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, AMultipartUploadCancelledAfterAPartResumesWithTheMissingParts) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "resume");
+  std::string const content = qxtest::pattern(12 * kMiB, 4);
+  std::string const key = "a/1/2026-11-23/job/resumed.bin";
+  TempDir dir;
+  std::string uploadId;
+  {
+    Recorder recorder;
+    UploadEngine* running = nullptr;
+    recorder.onPart = [&running](std::uint64_t ticket, qxsvc::PartRecord const&) { running->cancel(ticket); };
+    UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+    running = &engine;
+    engine.submit(request(dir, 1, s3Target(bucket), key, content));
+    UploadResult const result = recorder.waitFor(1);
+    EXPECT_EQ(Outcome::stopped, result.outcome) << result.message;
+    EXPECT_EQ("cancelled", result.message);
+    uploadId = recorder.uploadId(1);
+    ASSERT_NE("", uploadId);
+  }
+  // What the server holds now: part 1 for sure, part 2 if its bytes had all
+  // gone out before the cancel.
+  qxtest::HttpAnswer const listed = qxtest::s3Request(
+      qxtest::s3Server(), "GET", "/" + bucket + "/" + qxtest::s3Encode(key, true) + "?uploadId=" + uploadId);
+  ASSERT_EQ(200, listed.status) << listed.body;
+  std::set<unsigned> held;
+  for (unsigned number : {1u, 2u, 3u}) {
+    if (listed.body.find("<PartNumber>" + std::to_string(number) + "</PartNumber>") != std::string::npos) {
+      held.insert(number);
+    }
+  }
+  ASSERT_EQ(1u, held.count(1));
+
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  UploadRequest resumed = request(dir, 2, s3Target(bucket), key, content);
+  resumed.uploadId = uploadId;
+  engine.submit(std::move(resumed));
+  UploadResult const result = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  std::vector<std::string> expected;
+  std::uint64_t missingBytes = 0;
+  for (unsigned number : {1u, 2u, 3u}) {
+    if (held.count(number)) continue;
+    std::uint64_t const size = number == 3 ? 2 * kMiB : 5 * kMiB;
+    expected.push_back("2 part " + std::to_string(number) + " " + std::to_string(size));
+    missingBytes += size;
+  }
+  expected.push_back("2 done");
+  EXPECT_EQ(expected, recorder.events());  // no new upload id either
+  EXPECT_EQ(missingBytes, result.bytesSent);
+  EXPECT_TRUE(content == qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, PauseStopsAMultipartUploadAfterItsCurrentPart) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "pause");
+  std::string const content = qxtest::pattern(11 * kMiB, 5);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine* running = nullptr;
+  recorder.onPart = [&running](std::uint64_t, qxsvc::PartRecord const&) { running->setPaused(true); };
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  running = &engine;
+  engine.submit(request(dir, 1, s3Target(bucket), "k.bin", content));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::stopped, result.outcome);
+  EXPECT_EQ("paused after part 1", result.message);
+  EXPECT_EQ(5 * kMiB, result.bytesSent);
+  EXPECT_EQ((std::vector<std::string>{"1 uploadId", "1 part 1 5242880", "1 stopped"}), recorder.events());
+}
+
+TEST(UploadEngineTest, AbortOrphansAbortsOnlyUploadsNotOwned) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "orphans");
+  auto begin = [&bucket](std::string const& key) {
+    qxtest::HttpAnswer const answer =
+        qxtest::s3Request(qxtest::s3Server(), "POST", "/" + bucket + "/" + qxtest::s3Encode(key, true) + "?uploads");
+    EXPECT_EQ(200, answer.status) << answer.body;
+    return qxtest::xmlElementText(answer.body, "UploadId");
+  };
+  std::string const owned = begin("in/a/owned.bin");
+  std::string const orphan = begin("in/a/orphan \xC3\xA9 100%.bin");
+  std::string const elsewhere = begin("out/other.bin");  // not under the target's prefix
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  EXPECT_EQ(1u, engine.abortOrphans(target("s3" + qxtest::s3Server().endpoint.substr(4) + "/" + bucket + "/in"),
+                                    {owned}));
+  std::vector<qxtest::MultipartUploadEntry> left = qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket);
+  EXPECT_EQ((std::vector<qxtest::MultipartUploadEntry>{{"in/a/owned.bin", owned}, {"out/other.bin", elsewhere}}),
+            left);
+  EXPECT_EQ(0u, engine.abortOrphans(target("s3" + qxtest::s3Server().endpoint.substr(4) + "/" + bucket + "/in"),
+                                    {owned}));
+
+  UploadEngine refused(inetCfg(), {"NOSUCHKEY", "x"}, qxsvc::EngineOptions{}, recorder.callbacks());
+  std::string const message = qxtest::runtimeErrorMessage([&] { refused.abortOrphans(s3Target(bucket), {}); });
+  EXPECT_EQ("HTTP 403 InvalidAccessKeyId (GET " + qxtest::s3Server().endpoint + "/" + bucket +
+                "?prefix=&uploads=)",
+            message);
+}
+
+TEST(UploadEngineTest, NeverMoreTransfersAtOnceThanAllowed) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "limit");
+  TempDir dir;
+  Recorder recorder;
+  qxsvc::EngineOptions options;
+  options.maxTransfers = 2;
+  std::atomic<std::size_t> most{0};
+  UploadEngine* running = nullptr;
+  auto note = [&most, &running] {
+    std::size_t const now = running->inFlight().size();
+    std::size_t seen = most.load();
+    while (now > seen && !most.compare_exchange_weak(seen, now)) {
+    }
+  };
+  recorder.onDone = [&note](UploadResult const&) { note(); };
+  UploadEngine engine(inetCfg(), s3Credentials(), options, recorder.callbacks());
+  running = &engine;
+  constexpr std::uint64_t kUploads = 8;
+  for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket) {
+    engine.submit(request(dir, ticket, s3Target(bucket), "k" + std::to_string(ticket), qxtest::pattern(2 * kMiB, ticket)));
+  }
+  while (recorder.resultCount() < kUploads) {
+    note();
+    std::this_thread::sleep_for(1ms);
+  }
+  EXPECT_EQ(2u, most.load());
+  for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket) EXPECT_EQ(Outcome::done, recorder.waitFor(ticket).outcome);
+  EXPECT_EQ(kUploads, qxtest::s3ListKeys(qxtest::s3Server(), bucket).size());
+  EXPECT_EQ(0u, engine.inFlight().size());
+}
+
+TEST(UploadEngineTest, CancelEndsAQueuedAndARunningTransfer) {
+  SilentServer silent;
+  TempDir dir;
+  Recorder recorder;
+  qxsvc::EngineOptions options;
+  options.maxTransfers = 1;
+  UploadEngine engine(inetCfg(), s3Credentials(), options, recorder.callbacks());
+  qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(silent.port()) + "/docs");
+  engine.submit(request(dir, 1, to, "running", "bytes"));
+  engine.submit(request(dir, 2, to, "queued", "bytes"));
+  auto const deadline = std::chrono::steady_clock::now() + 10s;
+  while (engine.inFlight().empty() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  ASSERT_EQ(1u, engine.inFlight().size());
+  EXPECT_EQ(1u, engine.inFlight().front().ticket);
+
+  engine.cancel(2);
+  UploadResult const queued = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::stopped, queued.outcome);
+  EXPECT_EQ("cancelled before it started", queued.message);
+  EXPECT_EQ(0u, queued.bytesSent);
+
+  auto const before = std::chrono::steady_clock::now();
+  engine.cancel(1);
+  UploadResult const running = recorder.waitFor(1);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+  EXPECT_EQ(Outcome::stopped, running.outcome);
+  EXPECT_EQ("cancelled", running.message);
+  EXPECT_EQ((std::vector<std::string>{"2 stopped", "1 stopped"}), recorder.events());
+  EXPECT_EQ(0u, engine.inFlight().size());
+}
+
+TEST(UploadEngineTest, DestructionWithTransfersInFlightEndsPromptlyWithoutCallbacks) {
+  SilentServer silent;
+  TempDir dir;
+  Recorder recorder;
+  auto const before = std::chrono::steady_clock::now();
+  {
+    UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+    qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(silent.port()) + "/docs");
+    for (std::uint64_t ticket = 1; ticket <= 4; ++ticket) engine.submit(request(dir, ticket, to, "k", "bytes"));
+    auto const deadline = std::chrono::steady_clock::now() + 10s;
+    while (engine.inFlight().size() < 2 && std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(1ms);
+    }
+    ASSERT_EQ(2u, engine.inFlight().size());
+  }
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
+  EXPECT_EQ(std::vector<std::string>{}, recorder.events());
+}
+
+}  // namespace
