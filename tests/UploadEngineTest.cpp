@@ -365,11 +365,14 @@ TEST(UploadEngineTest, AFileRewrittenAfterHashingEndsAsChangedAndLeavesNothing) 
     char const* what;
     std::string now;  // the file's bytes when the upload runs
     bool dav;
+    std::string message;  // "KEY" stands for the URL of the key
   } const cases[] = {
-      {"S3, other bytes of the same size", qxtest::pattern(300000, 2), false},
-      {"S3, shorter", hashed.substr(0, 1000), false},
-      {"WebDAV, other bytes of the same size", qxtest::pattern(300000, 2), true},
-      {"WebDAV, shorter", hashed.substr(0, 1000), true},
+      {"S3, other bytes of the same size", qxtest::pattern(300000, 2), false,
+       "HTTP 400 XAmzContentSHA256Mismatch (PUT KEY)"},
+      {"S3, shorter", hashed.substr(0, 1000), false, "the file ended before its 300000 bytes"},
+      {"WebDAV, other bytes of the same size", qxtest::pattern(300000, 2), true,
+       "the file changed while it was sent; the copy on the server was removed"},
+      {"WebDAV, shorter", hashed.substr(0, 1000), true, "the file ended before its 300000 bytes"},
   };
   TempDir dir;
   std::uint64_t ticket = 0;
@@ -384,6 +387,9 @@ TEST(UploadEngineTest, AFileRewrittenAfterHashingEndsAsChangedAndLeavesNothing) 
     engine.submit(std::move(upload));
     UploadResult const result = recorder.waitFor(ticket);
     EXPECT_EQ(Outcome::changed, result.outcome) << result.message;
+    std::string message = c.message;
+    if (message.find("KEY") != std::string::npos) message.replace(message.find("KEY"), 3, s3Url(bucket, key));
+    EXPECT_EQ(message, result.message);
     if (c.dav) {
       EXPECT_EQ(404, qxtest::davRequest(qxtest::davServer(), "GET", "/" + folder + "/" + key).status);
     }
@@ -587,6 +593,194 @@ TEST(UploadEngineTest, DestructionWithTransfersInFlightEndsPromptlyWithoutCallba
   }
   EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
   EXPECT_EQ(std::vector<std::string>{}, recorder.events());
+}
+
+}  // namespace
+
+namespace {
+
+TEST(UploadEngineTest, AMultipartFileRewrittenBetweenPartsIsAbortedAsChanged) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "multipart-changed");
+  std::string const content = qxtest::pattern(11 * kMiB, 6);
+  TempDir dir;
+  Recorder recorder;
+  // The first part goes out as hashed; then the file's last bytes change.
+  recorder.onPart = [&dir](std::uint64_t, qxsvc::PartRecord const& part) {
+    if (part.number == 1) qxtest::writeFile(dir / "source-1", qxtest::pattern(11 * kMiB, 7));
+  };
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  engine.submit(request(dir, 1, s3Target(bucket), "k.bin", content));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::changed, result.outcome);
+  EXPECT_EQ("the file changed while it was sent; its upload was aborted", result.message);
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, TraceLinesNameEveryRequestAndNeverTheSecret) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "trace");
+  std::string const folder = uniqueName("trace");
+  TempDir dir;
+  qxsvc::EngineOptions options;
+  options.traceRequests = true;
+  options.curlDebug = true;
+  bool const verbose = g_LogVerbose.exchange(true);
+  std::vector<std::string> lines;
+  {
+    qxtest::LogCapture capture;
+    {
+      Recorder recorder;
+      UploadEngine s3(inetCfg(), s3Credentials(), options, recorder.callbacks());
+      s3.submit(request(dir, 1, s3Target(bucket), "a b.txt", "bytes"));
+      EXPECT_EQ(Outcome::done, recorder.waitFor(1).outcome);
+      UploadEngine dav(inetCfg(), davCredentials(), options, recorder.callbacks());
+      dav.submit(request(dir, 2, davTarget(folder), "a b.txt", "bytes"));
+      EXPECT_EQ(Outcome::done, recorder.waitFor(2).outcome);
+    }
+    lines = capture.lines();
+  }
+  g_LogVerbose = verbose;
+  std::string const s3Put = "TRACE:qxlite-svc PUT " + s3Url(bucket, "a b.txt");
+  std::string const davPut = "TRACE:qxlite-svc PUT " + davTarget(folder).objectUrl("a b.txt");
+  for (std::string const& expected : {s3Put, s3Put + " -> 200 (5 bytes sent)", davPut, davPut + " -> 201 (5 bytes sent)",
+                                      std::string("TRACE:qxlite-svc curl Authorization: (not shown)")}) {
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), expected)) << expected;
+  }
+  for (std::string const& line : lines) {
+    EXPECT_EQ(std::string::npos, line.find(qxtest::s3Server().secretKey)) << line;
+    EXPECT_EQ(std::string::npos, line.find(qxtest::davServer().password)) << line;
+  }
+}
+
+// A server that answers every request with one canned answer, without
+// reading its body.
+class CannedServer {
+ public:
+  explicit CannedServer(std::string answer) : m_answer(std::move(answer)) {
+    m_thread = std::thread([this] { serve(); });
+  }
+  ~CannedServer() {
+    ::shutdown(m_listener.fd(), SHUT_RDWR);
+    m_thread.join();
+  }
+  CannedServer(CannedServer const&) = delete;
+  CannedServer& operator=(CannedServer const&) = delete;
+  int port() const { return m_listener.port(); }
+
+ private:
+  class Listener {
+   public:
+    Listener() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)) {
+      sockaddr_in address{};
+      address.sin_family = AF_INET;
+      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
+      ::listen(m_fd, 16);
+      socklen_t length = sizeof address;
+      ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
+      m_port = ntohs(address.sin_port);
+    }
+    ~Listener() { ::close(m_fd); }
+    Listener(Listener const&) = delete;
+    Listener& operator=(Listener const&) = delete;
+    int fd() const { return m_fd; }
+    int port() const { return m_port; }
+
+   private:
+    int m_fd;
+    int m_port = 0;
+  };
+
+  void serve() {
+    for (;;) {
+      int const client = ::accept(m_listener.fd(), nullptr, nullptr);
+      if (client < 0) return;
+      std::string request;
+      char buffer[4096];
+      while (request.find("\r\n\r\n") == std::string::npos) {
+        ssize_t const n = ::recv(client, buffer, sizeof buffer, 0);
+        if (n <= 0) break;
+        request.append(buffer, static_cast<std::size_t>(n));
+      }
+      std::size_t sent = 0;
+      while (sent < m_answer.size()) {
+        ssize_t const n = ::send(client, m_answer.data() + sent, m_answer.size() - sent, MSG_NOSIGNAL);
+        if (n <= 0) break;
+        sent += static_cast<std::size_t>(n);
+      }
+      ::close(client);
+    }
+  }
+
+  std::string const m_answer;
+  Listener m_listener;
+  std::thread m_thread;
+};
+
+std::string answer(std::string const& statusLine, std::string const& body, std::string const& headers = "") {
+  return "HTTP/1.1 " + statusLine + "\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
+         "\r\nConnection: close\r\n\r\n" + body;
+}
+
+TEST(UploadEngineTest, AnswersOfAHostileServerEndAsTheTableSays) {
+  std::string const longCode(5000, 'C');
+  struct Case {
+    char const* what;
+    std::string answer;
+    Outcome outcome;
+    long status;
+    std::string message;  // before " (PUT URL)"
+  } const cases[] = {
+      {"a redirect is not followed", answer("301 Moved Permanently", "", "Location: http://127.0.0.1:1/x\r\n"),
+       Outcome::hold, 301, "HTTP 301 Moved Permanently"},
+      {"a temporary redirect neither", answer("307 Temporary Redirect", "", "Location: /elsewhere\r\n"),
+       Outcome::hold, 307, "HTTP 307 Temporary Redirect"},
+      {"S3 error with its code and message",
+       answer("404 Not Found", "<Error><Code>NoSuchBucket</Code><Message>The &lt;bucket&gt; is gone</Message></Error>"),
+       Outcome::hold, 404, "HTTP 404 NoSuchBucket: The <bucket> is gone"},
+      {"another 4xx", answer("400 Bad Request", "<Error><Code>InvalidArgument</Code></Error>"), Outcome::rejected, 400,
+       "HTTP 400 InvalidArgument"},
+      {"a 4xx without XML", answer("413 Payload Too Large", "<html>no</html>"), Outcome::rejected, 413,
+       "HTTP 413 Payload Too Large"},
+      {"too many requests", answer("429 Too Many Requests", ""), Outcome::transient, 429, "HTTP 429 Too Many Requests"},
+      {"server trouble", answer("503 Slow Down", "<Error><Code>SlowDown</Code></Error>"), Outcome::transient, 503,
+       "HTTP 503 SlowDown"},
+      {"a code of 5000 bytes is cut",
+       answer("500 Internal Server Error", "<Error><Code>" + longCode + "</Code><Message>a\r\nb\x01</Message></Error>"),
+       Outcome::transient, 500, "HTTP 500 " + longCode.substr(0, 300) + "...: a  b"},
+      {"a status line without a reason", answer("502", ""), Outcome::transient, 502, "HTTP 502"},
+  };
+  TempDir dir;
+  std::uint64_t ticket = 0;
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.what);
+    CannedServer server(c.answer);
+    Recorder recorder;
+    UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+    qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(server.port()) + "/docs");
+    engine.submit(request(dir, ++ticket, to, "k", "bytes"));
+    UploadResult const result = recorder.waitFor(ticket);
+    EXPECT_EQ(c.outcome, result.outcome) << qxsvc::outcomeName(result.outcome);
+    EXPECT_EQ(c.status, result.httpStatus);
+    EXPECT_EQ(c.message + " (PUT " + to.objectUrl("k") + ")", result.message);
+  }
+}
+
+TEST(UploadEngineTest, AStalledServerIsTransientAfterTheStallTimeout) {
+  SilentServer silent;
+  TempDir dir;
+  Recorder recorder;
+  qxsvc::EngineOptions options;
+  options.stallTimeout = std::chrono::seconds(1);
+  UploadEngine engine(inetCfg(), s3Credentials(), options, recorder.callbacks());
+  qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(silent.port()) + "/docs");
+  auto const before = std::chrono::steady_clock::now();
+  engine.submit(request(dir, 1, to, "k", "bytes"));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 10s);
+  EXPECT_EQ(Outcome::transient, result.outcome);
+  std::string const start = "PUT " + to.objectUrl("k") + " failed: Operation too slow. Less than 1 bytes/sec transferred the last 1 seconds";
+  EXPECT_EQ(start, result.message);
 }
 
 }  // namespace

@@ -42,6 +42,8 @@ constexpr std::size_t kMaxListBody = 8 << 20;
 constexpr std::size_t kMaxQuoted = 300;
 // How many alternative keys an upload tries before it gives up.
 constexpr unsigned kMaxAlternatives = 1000;
+// The most pages of a listing of multipart uploads that abortOrphans reads.
+constexpr unsigned kMaxListPages = 1000;
 // Throughput is averaged over this many seconds.
 constexpr int kThroughputWindow = 5;
 
@@ -911,7 +913,8 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
       }
       std::uint64_t marker = 0;
       if (xmlText(answer.body, "IsTruncated") == "true" &&
-          parseNumber(xmlText(answer.body, "NextPartNumberMarker"), marker) && marker > transfer.partMarker) {
+          parseNumber(xmlText(answer.body, "NextPartNumberMarker"), marker) && marker > transfer.partMarker &&
+          marker < kMaxParts) {
         transfer.partMarker = marker;
         return s3ListParts(transfer);
       }
@@ -1148,7 +1151,8 @@ std::size_t UploadEngine::Impl::abortOrphans(Target const& target, std::set<std:
   std::string keyMarker;
   std::string idMarker;
   std::size_t aborted = 0;
-  for (;;) {
+  // A server that never ends its listing does not keep the caller forever.
+  for (unsigned page = 0; page < kMaxListPages; ++page) {
     // Parameters in sorted order, as the signature needs them.
     std::string url = bucketUrl + "?";
     if (!keyMarker.empty()) url += "key-marker=" + percentEncode(keyMarker, false) + "&";
