@@ -2,6 +2,7 @@
 
 #include "apps/svc/CurlInet.h"
 #include "apps/svc/upload/ObjectKey.h"
+#include "apps/svc/upload/S3Xml.h"
 #include "apps/svc/upload/Sha256.h"
 #include "shared/Log.h"
 
@@ -38,8 +39,6 @@ constexpr std::uint64_t kExpectThreshold = 1ull << 20;
 // listing; the rest is read and dropped.
 constexpr std::size_t kMaxErrorBody = 64 * 1024;
 constexpr std::size_t kMaxListBody = 8 << 20;
-// The longest text of a server that goes into a message.
-constexpr std::size_t kMaxQuoted = 300;
 // How many alternative keys an upload tries before it gives up.
 constexpr unsigned kMaxAlternatives = 1000;
 // The most pages of a listing of multipart uploads that abortOrphans reads.
@@ -117,101 +116,6 @@ Outcome outcomeOfCurl(CURLcode code) {
     if (code == rule.code) return rule.outcome;
   }
   return Outcome::transient;
-}
-
-// ---------------------------------------------------------------------------
-// The little XML that S3 answers with. Bodies are hostile: only bounded
-// searches, no recursion, and the text that comes out is cut and cleaned.
-
-std::string xmlUnescape(std::string const& text) {
-  struct Entity {
-    char const* name;
-    char value;
-  };
-  static constexpr Entity kEntities[] = {{"&quot;", '"'}, {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'},
-                                         {"&apos;", '\''}, {"&#34;", '"'}, {"&#39;", '\''}};
-  std::string out;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    bool replaced = false;
-    if (text[i] == '&') {
-      for (Entity const& entity : kEntities) {
-        std::size_t const length = std::strlen(entity.name);
-        if (text.compare(i, length, entity.name) == 0) {
-          out += entity.value;
-          i += length - 1;
-          replaced = true;
-          break;
-        }
-      }
-    }
-    if (!replaced) out += text[i];
-  }
-  return out;
-}
-
-// The text of the first <tag>...</tag> in body[from, to), or "" when there is none.
-std::string xmlText(std::string const& body, char const* tag, std::size_t from = 0,
-                    std::size_t to = std::string::npos) {
-  std::string const open = std::string("<") + tag + ">";
-  std::string const close = std::string("</") + tag + ">";
-  to = std::min(to, body.size());
-  std::size_t const start = body.find(open, from);
-  if (start == std::string::npos || start >= to) return "";
-  std::size_t const end = body.find(close, start + open.size());
-  if (end == std::string::npos || end > to) return "";
-  return xmlUnescape(body.substr(start + open.size(), end - start - open.size()));
-}
-
-// The [begin, end) ranges of every <tag>...</tag> element of body.
-std::vector<std::pair<std::size_t, std::size_t>> xmlElements(std::string const& body, char const* tag) {
-  std::string const open = std::string("<") + tag + ">";
-  std::string const close = std::string("</") + tag + ">";
-  std::vector<std::pair<std::size_t, std::size_t>> ranges;
-  for (std::size_t at = body.find(open); at != std::string::npos; at = body.find(open, at)) {
-    std::size_t const end = body.find(close, at);
-    if (end == std::string::npos) break;
-    ranges.emplace_back(at, end);
-    at = end + close.size();
-  }
-  return ranges;
-}
-
-std::string xmlEscape(std::string const& text) {
-  std::string out;
-  for (char c : text) {
-    switch (c) {
-      case '&': out += "&amp;"; break;
-      case '<': out += "&lt;"; break;
-      case '>': out += "&gt;"; break;
-      case '"': out += "&quot;"; break;
-      default: out += c;
-    }
-  }
-  return out;
-}
-
-// A server's text, fit for a message: one line, printable, bounded.
-std::string cleanQuote(std::string const& text) {
-  std::string out;
-  for (char c : text) {
-    if (out.size() >= kMaxQuoted) {
-      out += "...";
-      break;
-    }
-    out += (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) ? ' ' : c;
-  }
-  while (!out.empty() && out.back() == ' ') out.pop_back();
-  return out;
-}
-
-bool parseNumber(std::string const& text, std::uint64_t& value) {
-  if (text.empty() || text.size() > 19) return false;
-  value = 0;
-  for (char c : text) {
-    if (c < '0' || c > '9') return false;
-    value = value * 10 + static_cast<unsigned>(c - '0');
-  }
-  return true;
 }
 
 std::string hostPortOf(std::string const& url) {
@@ -902,8 +806,8 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
       for (auto const& range : xmlElements(answer.body, "Part")) {
         PartRecord part;
         std::uint64_t number = 0;
-        if (!parseNumber(xmlText(answer.body, "PartNumber", range.first, range.second), number) ||
-            !parseNumber(xmlText(answer.body, "Size", range.first, range.second), part.size) || number == 0 ||
+        if (!parseDecimal(xmlText(answer.body, "PartNumber", range.first, range.second), number) ||
+            !parseDecimal(xmlText(answer.body, "Size", range.first, range.second), part.size) || number == 0 ||
             number > kMaxParts) {
           continue;
         }
@@ -913,7 +817,7 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
       }
       std::uint64_t marker = 0;
       if (xmlText(answer.body, "IsTruncated") == "true" &&
-          parseNumber(xmlText(answer.body, "NextPartNumberMarker"), marker) && marker > transfer.partMarker &&
+          parseDecimal(xmlText(answer.body, "NextPartNumberMarker"), marker) && marker > transfer.partMarker &&
           marker < kMaxParts) {
         transfer.partMarker = marker;
         return s3ListParts(transfer);
