@@ -413,6 +413,8 @@ TEST(UploadEngineTest, MultipartReportsTheUploadIdBeforeTheFirstPart) {
             recorder.events());
   EXPECT_EQ(qxsvc::sha256OfText(content), qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key)));
   EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+  // The last seconds' bytes, over the window of five seconds.
+  EXPECT_GE(engine.throughput(), static_cast<double>(content.size()) / 5);
 }
 
 TEST(UploadEngineTest, AMultipartUploadCancelledAfterAPartResumesWithTheMissingParts) {
@@ -652,13 +654,17 @@ TEST(UploadEngineTest, TraceLinesNameEveryRequestAndNeverTheSecret) {
   }
 }
 
-// A server that answers every request with one canned answer, without
-// reading its body.
+// A server that answers each request (one per connection) with what
+// answerTo makes of its request line, without reading its body; or with one
+// canned answer.
 class CannedServer {
  public:
-  explicit CannedServer(std::string answer) : m_answer(std::move(answer)) {
+  using AnswerTo = std::function<std::string(std::string const& requestLine)>;
+  explicit CannedServer(AnswerTo answerTo) : m_answerTo(std::move(answerTo)) {
     m_thread = std::thread([this] { serve(); });
   }
+  explicit CannedServer(std::string answer)
+      : CannedServer([answer](std::string const&) { return answer; }) {}
   ~CannedServer() {
     ::shutdown(m_listener.fd(), SHUT_RDWR);
     m_thread.join();
@@ -702,9 +708,10 @@ class CannedServer {
         if (n <= 0) break;
         request.append(buffer, static_cast<std::size_t>(n));
       }
+      std::string const answer = m_answerTo(request.substr(0, request.find("\r\n")));
       std::size_t sent = 0;
-      while (sent < m_answer.size()) {
-        ssize_t const n = ::send(client, m_answer.data() + sent, m_answer.size() - sent, MSG_NOSIGNAL);
+      while (sent < answer.size()) {
+        ssize_t const n = ::send(client, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
         if (n <= 0) break;
         sent += static_cast<std::size_t>(n);
       }
@@ -712,7 +719,7 @@ class CannedServer {
     }
   }
 
-  std::string const m_answer;
+  AnswerTo const m_answerTo;  // called on the server's thread only
   Listener m_listener;
   std::thread m_thread;
 };
@@ -781,6 +788,46 @@ TEST(UploadEngineTest, AStalledServerIsTransientAfterTheStallTimeout) {
   EXPECT_EQ(Outcome::transient, result.outcome);
   std::string const start = "PUT " + to.objectUrl("k") + " failed: Operation too slow. Less than 1 bytes/sec transferred the last 1 seconds";
   EXPECT_EQ(start, result.message);
+}
+
+TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersThenPutsOnce) {
+  struct Case {
+    char const* what;
+    bool folderRefused;  // MKCOL answers 403
+    bool secondConflict;  // the PUT after the folders gets 409 again
+    Outcome outcome;
+    std::vector<std::string> requests;
+  } const cases[] = {
+      {"folders made", false, false, Outcome::done,
+       {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/a%20b/", "MKCOL /dav/a%20b/c/", "PUT /dav/a%20b/c/k.txt"}},
+      {"a second conflict is the end", false, true, Outcome::rejected,
+       {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/a%20b/", "MKCOL /dav/a%20b/c/", "PUT /dav/a%20b/c/k.txt"}},
+      {"a folder refused", true, false, Outcome::hold, {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/"}},
+  };
+  TempDir dir;
+  std::uint64_t ticket = 0;
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.what);
+    std::mutex mutex;
+    std::vector<std::string> requests;
+    CannedServer server([&](std::string const& line) {
+      std::lock_guard<std::mutex> lock(mutex);
+      requests.push_back(line.substr(0, line.rfind(' ')));
+      bool const put = line.compare(0, 4, "PUT ") == 0;
+      if (put && (requests.size() == 1 || c.secondConflict)) return answer("409 Conflict", "");
+      if (put) return answer("201 Created", "");
+      if (c.folderRefused) return answer("403 Forbidden", "");
+      return answer(requests.size() == 2 ? "405 Not Allowed" : "201 Created", "");  // /dav/ is there already
+    });
+    Recorder recorder;
+    UploadEngine engine(inetCfg(), davCredentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+    qxsvc::Target const to = target("dav://127.0.0.1:" + std::to_string(server.port()) + "/dav");
+    engine.submit(request(dir, ++ticket, to, "a b/c/k.txt", "bytes"));
+    UploadResult const result = recorder.waitFor(ticket);
+    EXPECT_EQ(c.outcome, result.outcome) << result.message;
+    std::lock_guard<std::mutex> lock(mutex);
+    EXPECT_EQ(c.requests, requests);
+  }
 }
 
 }  // namespace
