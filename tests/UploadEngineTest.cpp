@@ -534,9 +534,11 @@ TEST(UploadEngineTest, NeverMoreTransfersAtOnceThanAllowed) {
   UploadEngine engine(inetCfg(), s3Credentials(), options, recorder.callbacks());
   running = &engine;
   constexpr std::uint64_t kUploads = 8;
+  std::vector<UploadRequest> uploads;
   for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket) {
-    engine.submit(request(dir, ticket, s3Target(bucket), "k" + std::to_string(ticket), qxtest::pattern(2 * kMiB, ticket)));
+    uploads.push_back(request(dir, ticket, s3Target(bucket), "k" + std::to_string(ticket), qxtest::pattern(2 * kMiB, ticket)));
   }
+  for (UploadRequest& upload : uploads) engine.submit(std::move(upload));
   while (recorder.resultCount() < kUploads) {
     note();
     std::this_thread::sleep_for(1ms);
@@ -597,9 +599,6 @@ TEST(UploadEngineTest, DestructionWithTransfersInFlightEndsPromptlyWithoutCallba
   EXPECT_EQ(std::vector<std::string>{}, recorder.events());
 }
 
-}  // namespace
-
-namespace {
 
 TEST(UploadEngineTest, AMultipartFileRewrittenBetweenPartsIsAbortedAsChanged) {
   std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "multipart-changed");
@@ -707,6 +706,17 @@ class CannedServer {
         ssize_t const n = ::recv(client, buffer, sizeof buffer, 0);
         if (n <= 0) break;
         request.append(buffer, static_cast<std::size_t>(n));
+      }
+      // The body, when it comes without waiting for "100 Continue".
+      std::size_t const length = request.find("\r\nContent-Length: ");
+      bool const waits = request.find("\r\nExpect: 100-continue") != std::string::npos;
+      if (length != std::string::npos && !waits) {
+        std::size_t const total = request.find("\r\n\r\n") + 4 + std::stoul(request.substr(length + 18));
+        while (request.size() < total) {
+          ssize_t const n = ::recv(client, buffer, sizeof buffer, 0);
+          if (n <= 0) break;
+          request.append(buffer, static_cast<std::size_t>(n));
+        }
       }
       std::string const answer = m_answerTo(request.substr(0, request.find("\r\n")));
       std::size_t sent = 0;
@@ -828,6 +838,30 @@ TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersThenPutsOnce) {
     std::lock_guard<std::mutex> lock(mutex);
     EXPECT_EQ(c.requests, requests);
   }
+}
+
+
+TEST(UploadEngineTest, AWebDavServerThatAnswersBeforeTheWholeFileLosesItsPiece) {
+  std::mutex mutex;
+  std::vector<std::string> requests;
+  // Its 201 comes instead of the "100 Continue" that libcurl waits for
+  // before a large body.
+  CannedServer server([&](std::string const& line) {
+    std::lock_guard<std::mutex> lock(mutex);
+    requests.push_back(line.substr(0, line.rfind(' ')));
+    return answer("201 Created", "");
+  });
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), davCredentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  qxsvc::Target const to = target("dav://127.0.0.1:" + std::to_string(server.port()) + "/dav");
+  engine.submit(request(dir, 1, to, "k.bin", qxtest::pattern(2 * kMiB, 8)));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::transient, result.outcome);
+  EXPECT_EQ("the server answered HTTP 201 after 0 of 2097152 bytes; the piece on the server was removed",
+            result.message);
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ((std::vector<std::string>{"PUT /dav/k.bin", "DELETE /dav/k.bin"}), requests);
 }
 
 }  // namespace

@@ -878,9 +878,19 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
 
     case Step::davPut:
       if (ok) {
-        if (exchange.bodyHash.hex() == transfer.request.sha256) return finish(transfer, Outcome::done, "");
-        transfer.pending.outcome = Outcome::changed;
-        transfer.pending.message = "the file changed while it was sent; the copy on the server was removed";
+        if (exchange.position < exchange.bodySize) {
+          // A server that answers before it has the whole body may keep a
+          // piece of the file: that piece goes, and the upload tries again.
+          transfer.pending.outcome = Outcome::transient;
+          transfer.pending.message = "the server answered HTTP " + std::to_string(answer.status) + " after " +
+                                     std::to_string(exchange.position) + " of " + std::to_string(exchange.bodySize) +
+                                     " bytes; the piece on the server was removed";
+        } else if (exchange.bodyHash.hex() == transfer.request.sha256) {
+          return finish(transfer, Outcome::done, "");
+        } else {
+          transfer.pending.outcome = Outcome::changed;
+          transfer.pending.message = "the file changed while it was sent; the copy on the server was removed";
+        }
         return send(transfer, Step::davDeleteChanged, exchangeFor(transfer, "DELETE", keyUrl(transfer), kEmptySha256));
       }
       if (answer.code == CURLE_OK && answer.status == 409 && !transfer.madeFolders) {
