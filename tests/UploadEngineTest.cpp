@@ -415,6 +415,45 @@ TEST(UploadEngineTest, MultipartReportsTheUploadIdBeforeTheFirstPart) {
   EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
   // The last seconds' bytes, over the window of five seconds.
   EXPECT_GE(engine.throughput(), static_cast<double>(content.size()) / 5);
+
+  // The same bytes again: the object is there, no upload begins.
+  engine.submit(request(dir, 2, s3Target(bucket), key, content));
+  UploadResult const again = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, again.outcome) << again.message;
+  EXPECT_EQ(key, again.finalKey);
+  EXPECT_EQ(0u, again.bytesSent);
+  EXPECT_EQ("2 done", recorder.events().back());
+  EXPECT_EQ(6u, recorder.events().size());
+  EXPECT_EQ(std::vector<std::string>{key}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, AHashThatIsNoHashIsRejectedBeforeAnyRequest) {
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  struct Case {
+    std::string sha256;
+    std::string message;
+  } const cases[] = {
+      {"", "the hash \"\" of k is not 64 lower-case hexadecimal digits"},
+      {std::string(64, 'A'), "the hash \"" + std::string(64, 'A') + "\" of k is not 64 lower-case hexadecimal digits"},
+      {std::string(63, 'a') + "\n", "the hash \"" + std::string(63, 'a') + "\" of k is not 64 lower-case hexadecimal digits"},
+      {std::string(32, 'a') + "\r\nX-Injected: 1" + std::string(17, 'a'),
+       "the hash \"" + std::string(32, 'a') + "  X-Injected: 1" + std::string(17, 'a') +
+           "\" of k is not 64 lower-case hexadecimal digits"},
+  };
+  // A closed port: a request would end otherwise.
+  qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(closedPort()) + "/docs");
+  std::uint64_t ticket = 0;
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.message);
+    UploadRequest upload = request(dir, ++ticket, to, "k", "bytes");
+    upload.sha256 = c.sha256;
+    engine.submit(std::move(upload));
+    UploadResult const result = recorder.waitFor(ticket);
+    EXPECT_EQ(Outcome::rejected, result.outcome);
+    EXPECT_EQ(c.message, result.message);
+  }
 }
 
 TEST(UploadEngineTest, AMultipartUploadCancelledAfterAPartResumesWithTheMissingParts) {

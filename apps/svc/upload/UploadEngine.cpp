@@ -118,6 +118,11 @@ Outcome outcomeOfCurl(CURLcode code) {
   return Outcome::transient;
 }
 
+bool isSha256Hex(std::string const& text) {
+  return text.size() == 64 &&
+         std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+}
+
 std::string hostPortOf(std::string const& url) {
   std::size_t const start = url.find("://");
   if (start == std::string::npos) return url;
@@ -667,6 +672,12 @@ void UploadEngine::Impl::start(std::unique_ptr<Transfer> owned) {
   m_running.push_back(std::move(owned));
   if (!transfer.handle) {
     finish(transfer, Outcome::transient, "libcurl could not start a request");
+    return;
+  }
+  // The hash goes into request headers: it must be what it claims to be.
+  if (!isSha256Hex(transfer.request.sha256)) {
+    finish(transfer, Outcome::rejected, "the hash \"" + cleanQuote(transfer.request.sha256) + "\" of " +
+                                            transfer.request.key + " is not 64 lower-case hexadecimal digits");
     return;
   }
   if (transfer.request.target.protocol == Protocol::WebDav) {
