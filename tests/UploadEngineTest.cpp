@@ -903,4 +903,24 @@ TEST(UploadEngineTest, AWebDavServerThatAnswersBeforeTheWholeFileLosesItsPiece) 
   EXPECT_EQ((std::vector<std::string>{"PUT /dav/k.bin", "DELETE /dav/k.bin"}), requests);
 }
 
+TEST(UploadEngineTest, AFreedSlotStartsTheNextUploadAtOnce) {
+  // One at a time, each upload starts when the one before ends, not at the
+  // engine's next idle wake-up (a second later).
+  std::string const folder = uniqueName("one-by-one");
+  TempDir dir;
+  Recorder recorder;
+  qxsvc::EngineOptions options;
+  options.maxTransfers = 1;
+  UploadEngine engine(inetCfg(), davCredentials(), options, recorder.callbacks());
+  constexpr std::uint64_t kUploads = 30;
+  std::vector<UploadRequest> uploads;
+  for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket) {
+    uploads.push_back(request(dir, ticket, davTarget(folder), "k" + std::to_string(ticket), "bytes"));
+  }
+  auto const before = std::chrono::steady_clock::now();
+  for (UploadRequest& upload : uploads) engine.submit(std::move(upload));
+  for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket) EXPECT_EQ(Outcome::done, recorder.waitFor(ticket).outcome);
+  EXPECT_LT(std::chrono::steady_clock::now() - before, 15s);
+}
+
 }  // namespace
