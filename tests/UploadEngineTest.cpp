@@ -923,4 +923,25 @@ TEST(UploadEngineTest, AFreedSlotStartsTheNextUploadAtOnce) {
   EXPECT_LT(std::chrono::steady_clock::now() - before, 15s);
 }
 
+TEST(UploadEngineTest, RequestsGoThroughTheConfiguredProxy) {
+  std::mutex mutex;
+  std::vector<std::string> requests;
+  CannedServer proxy([&](std::string const& line) {
+    std::lock_guard<std::mutex> lock(mutex);
+    requests.push_back(line);
+    return answer("201 Created", "");
+  });
+  Inet::InetCfg const inet("", "", true, "127.0.0.1:" + std::to_string(proxy.port()), false, false, false,
+                           Inet::InetCfg::ProxyAuthMethod::None, "", "", "7.0.1");
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inet, {"user", "password"}, qxsvc::EngineOptions{}, recorder.callbacks());
+  // A name that no resolver knows: only the proxy can take the request.
+  engine.submit(request(dir, 1, target("dav://uploads.invalid/dav"), "a b.txt", "bytes"));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ(std::vector<std::string>{"PUT http://uploads.invalid/dav/a%20b.txt HTTP/1.1"}, requests);
+}
+
 }  // namespace
