@@ -113,6 +113,8 @@ qxsvc::Credentials s3Credentials() {
   return {qxtest::s3Server().accessKey, qxtest::s3Server().secretKey};
 }
 qxsvc::Credentials davCredentials() { return {qxtest::davServer().user, qxtest::davServer().password}; }
+// For the local stand-ins of a server, which check nothing.
+qxsvc::Credentials localAccount() { return {"user", "password"}; }
 
 qxsvc::Target target(std::string const& address) {
   qxsvc::Target parsed;
@@ -342,7 +344,7 @@ TEST(UploadEngineTest, AServerThatIsDownIsTransient) {
   int const port = closedPort();
   TempDir dir;
   Recorder recorder;
-  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
   std::string const address = "127.0.0.1:" + std::to_string(port);
   engine.submit(request(dir, 1, target("s3://" + address + "/docs"), "k", "bytes"));
   engine.submit(request(dir, 2, target("dav://" + address + "/dav"), "k", "bytes"));
@@ -430,7 +432,7 @@ TEST(UploadEngineTest, MultipartReportsTheUploadIdBeforeTheFirstPart) {
 TEST(UploadEngineTest, AHashThatIsNoHashIsRejectedBeforeAnyRequest) {
   TempDir dir;
   Recorder recorder;
-  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
   struct Case {
     std::string sha256;
     std::string message;
@@ -594,7 +596,7 @@ TEST(UploadEngineTest, CancelEndsAQueuedAndARunningTransfer) {
   Recorder recorder;
   qxsvc::EngineOptions options;
   options.maxTransfers = 1;
-  UploadEngine engine(inetCfg(), s3Credentials(), options, recorder.callbacks());
+  UploadEngine engine(inetCfg(), localAccount(), options, recorder.callbacks());
   qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(silent.port()) + "/docs");
   engine.submit(request(dir, 1, to, "running", "bytes"));
   engine.submit(request(dir, 2, to, "queued", "bytes"));
@@ -625,7 +627,7 @@ TEST(UploadEngineTest, DestructionWithTransfersInFlightEndsPromptlyWithoutCallba
   Recorder recorder;
   auto const before = std::chrono::steady_clock::now();
   {
-    UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+    UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
     qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(silent.port()) + "/docs");
     for (std::uint64_t ticket = 1; ticket <= 4; ++ticket) engine.submit(request(dir, ticket, to, "k", "bytes"));
     auto const deadline = std::chrono::steady_clock::now() + 10s;
@@ -692,17 +694,22 @@ TEST(UploadEngineTest, TraceLinesNameEveryRequestAndNeverTheSecret) {
   }
 }
 
+// Whether a server sends "100 Continue" to a request that waits for it.
+enum class Continue { no, yes };
+
 // A server that answers each request (one per connection) with what
-// answerTo makes of its request line, without reading its body; or with one
-// canned answer.
+// answerTo makes of its request line and body, or with one canned answer.
+// Without Continue::yes, a request that waits for "100 Continue" is answered
+// at once, without its body.
 class CannedServer {
  public:
-  using AnswerTo = std::function<std::string(std::string const& requestLine)>;
-  explicit CannedServer(AnswerTo answerTo) : m_answerTo(std::move(answerTo)) {
+  using AnswerTo = std::function<std::string(std::string const& requestLine, std::string const& body)>;
+  explicit CannedServer(AnswerTo answerTo, Continue sendsContinue = Continue::no)
+      : m_answerTo(std::move(answerTo)), m_sendsContinue(sendsContinue) {
     m_thread = std::thread([this] { serve(); });
   }
   explicit CannedServer(std::string answer)
-      : CannedServer([answer](std::string const&) { return answer; }) {}
+      : CannedServer([answer](std::string const&, std::string const&) { return answer; }) {}
   ~CannedServer() {
     ::shutdown(m_listener.fd(), SHUT_RDWR);
     m_thread.join();
@@ -746,29 +753,34 @@ class CannedServer {
         if (n <= 0) break;
         request.append(buffer, static_cast<std::size_t>(n));
       }
-      // The body, when it comes without waiting for "100 Continue".
+      std::size_t const headEnd = request.find("\r\n\r\n") + 4;
       std::size_t const length = request.find("\r\nContent-Length: ");
       bool const waits = request.find("\r\nExpect: 100-continue") != std::string::npos;
-      if (length != std::string::npos && !waits) {
-        std::size_t const total = request.find("\r\n\r\n") + 4 + std::stoul(request.substr(length + 18));
+      if (waits && m_sendsContinue == Continue::yes) sendAll(client, "HTTP/1.1 100 Continue\r\n\r\n");
+      if (length != std::string::npos && (!waits || m_sendsContinue == Continue::yes)) {
+        std::size_t const total = headEnd + std::stoul(request.substr(length + 18));
         while (request.size() < total) {
           ssize_t const n = ::recv(client, buffer, sizeof buffer, 0);
           if (n <= 0) break;
           request.append(buffer, static_cast<std::size_t>(n));
         }
       }
-      std::string const answer = m_answerTo(request.substr(0, request.find("\r\n")));
-      std::size_t sent = 0;
-      while (sent < answer.size()) {
-        ssize_t const n = ::send(client, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
-        if (n <= 0) break;
-        sent += static_cast<std::size_t>(n);
-      }
+      sendAll(client, m_answerTo(request.substr(0, request.find("\r\n")), request.substr(std::min(headEnd, request.size()))));
       ::close(client);
     }
   }
 
+  static void sendAll(int client, std::string const& answer) {
+    std::size_t sent = 0;
+    while (sent < answer.size()) {
+      ssize_t const n = ::send(client, answer.data() + sent, answer.size() - sent, MSG_NOSIGNAL);
+      if (n <= 0) break;
+      sent += static_cast<std::size_t>(n);
+    }
+  }
+
   AnswerTo const m_answerTo;  // called on the server's thread only
+  Continue const m_sendsContinue;
   Listener m_listener;
   std::thread m_thread;
 };
@@ -812,7 +824,7 @@ TEST(UploadEngineTest, AnswersOfAHostileServerEndAsTheTableSays) {
     SCOPED_TRACE(c.what);
     CannedServer server(c.answer);
     Recorder recorder;
-    UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+    UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
     qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(server.port()) + "/docs");
     engine.submit(request(dir, ++ticket, to, "k", "bytes"));
     UploadResult const result = recorder.waitFor(ticket);
@@ -828,7 +840,7 @@ TEST(UploadEngineTest, AStalledServerIsTransientAfterTheStallTimeout) {
   Recorder recorder;
   qxsvc::EngineOptions options;
   options.stallTimeout = std::chrono::seconds(1);
-  UploadEngine engine(inetCfg(), s3Credentials(), options, recorder.callbacks());
+  UploadEngine engine(inetCfg(), localAccount(), options, recorder.callbacks());
   qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(silent.port()) + "/docs");
   auto const before = std::chrono::steady_clock::now();
   engine.submit(request(dir, 1, to, "k", "bytes"));
@@ -859,7 +871,7 @@ TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersThenPutsOnce) {
     SCOPED_TRACE(c.what);
     std::mutex mutex;
     std::vector<std::string> requests;
-    CannedServer server([&](std::string const& line) {
+    CannedServer server([&](std::string const& line, std::string const&) {
       std::lock_guard<std::mutex> lock(mutex);
       requests.push_back(line.substr(0, line.rfind(' ')));
       bool const put = line.compare(0, 4, "PUT ") == 0;
@@ -869,7 +881,7 @@ TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersThenPutsOnce) {
       return answer(requests.size() == 2 ? "405 Not Allowed" : "201 Created", "");  // /dav/ is there already
     });
     Recorder recorder;
-    UploadEngine engine(inetCfg(), davCredentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+    UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
     qxsvc::Target const to = target("dav://127.0.0.1:" + std::to_string(server.port()) + "/dav");
     engine.submit(request(dir, ++ticket, to, "a b/c/k.txt", "bytes"));
     UploadResult const result = recorder.waitFor(ticket);
@@ -885,14 +897,14 @@ TEST(UploadEngineTest, AWebDavServerThatAnswersBeforeTheWholeFileLosesItsPiece) 
   std::vector<std::string> requests;
   // Its 201 comes instead of the "100 Continue" that libcurl waits for
   // before a large body.
-  CannedServer server([&](std::string const& line) {
+  CannedServer server([&](std::string const& line, std::string const&) {
     std::lock_guard<std::mutex> lock(mutex);
     requests.push_back(line.substr(0, line.rfind(' ')));
     return answer("201 Created", "");
   });
   TempDir dir;
   Recorder recorder;
-  UploadEngine engine(inetCfg(), davCredentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
   qxsvc::Target const to = target("dav://127.0.0.1:" + std::to_string(server.port()) + "/dav");
   engine.submit(request(dir, 1, to, "k.bin", qxtest::pattern(2 * kMiB, 8)));
   UploadResult const result = recorder.waitFor(1);
@@ -926,7 +938,7 @@ TEST(UploadEngineTest, AFreedSlotStartsTheNextUploadAtOnce) {
 TEST(UploadEngineTest, RequestsGoThroughTheConfiguredProxy) {
   std::mutex mutex;
   std::vector<std::string> requests;
-  CannedServer proxy([&](std::string const& line) {
+  CannedServer proxy([&](std::string const& line, std::string const&) {
     std::lock_guard<std::mutex> lock(mutex);
     requests.push_back(line);
     return answer("201 Created", "");
@@ -935,13 +947,64 @@ TEST(UploadEngineTest, RequestsGoThroughTheConfiguredProxy) {
                            Inet::InetCfg::ProxyAuthMethod::None, "", "", "7.0.1");
   TempDir dir;
   Recorder recorder;
-  UploadEngine engine(inet, {"user", "password"}, qxsvc::EngineOptions{}, recorder.callbacks());
+  UploadEngine engine(inet, localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
   // A name that no resolver knows: only the proxy can take the request.
   engine.submit(request(dir, 1, target("dav://uploads.invalid/dav"), "a b.txt", "bytes"));
   UploadResult const result = recorder.waitFor(1);
   EXPECT_EQ(Outcome::done, result.outcome) << result.message;
   std::lock_guard<std::mutex> lock(mutex);
   EXPECT_EQ(std::vector<std::string>{"PUT http://uploads.invalid/dav/a%20b.txt HTTP/1.1"}, requests);
+}
+
+TEST(UploadEngineTest, AResumedUploadReadsEveryPageOfItsPartsAndCompletesThemInOrder) {
+  std::mutex mutex;
+  std::vector<std::string> requests;
+  std::string completion;
+  CannedServer server(
+      [&](std::string const& line, std::string const& body) {
+        std::lock_guard<std::mutex> lock(mutex);
+        std::string const request = line.substr(0, line.rfind(' '));
+        requests.push_back(request);
+        std::map<std::string, std::string> const answers = {
+            {"HEAD /docs/k.bin", answer("404 Not Found", "")},
+            {"GET /docs/k.bin?max-parts=1000&uploadId=U%2B1",
+             answer("200 OK", "<ListPartsResult><IsTruncated>true</IsTruncated><NextPartNumberMarker>1"
+                              "</NextPartNumberMarker><Part><PartNumber>1</PartNumber><ETag>&quot;e1&quot;</ETag>"
+                              "<Size>5242880</Size></Part></ListPartsResult>")},
+            {"GET /docs/k.bin?max-parts=1000&part-number-marker=1&uploadId=U%2B1",
+             answer("200 OK", "<ListPartsResult><IsTruncated>false</IsTruncated><Part><PartNumber>2</PartNumber>"
+                              "<ETag>&quot;e2&quot;</ETag><Size>5242880</Size></Part>"
+                              // A part of another size is sent again.
+                              "<Part><PartNumber>3</PartNumber><ETag>&quot;old&quot;</ETag><Size>7</Size></Part>"
+                              "</ListPartsResult>")},
+            {"PUT /docs/k.bin?partNumber=3&uploadId=U%2B1", answer("200 OK", "", "ETag: \"e3\"\r\n")},
+            {"POST /docs/k.bin?uploadId=U%2B1", answer("200 OK", "<CompleteMultipartUploadResult/>")},
+        };
+        if (request.compare(0, 5, "POST ") == 0) completion = body;
+        auto const found = answers.find(request);
+        return found == answers.end() ? answer("400 Bad Request", "") : found->second;
+      },
+      Continue::yes);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), localAccount(), smallParts(), recorder.callbacks());
+  UploadRequest resumed = request(dir, 1, target("s3://127.0.0.1:" + std::to_string(server.port()) + "/docs"),
+                                  "k.bin", qxtest::pattern(12 * kMiB, 9));
+  resumed.uploadId = "U+1";
+  engine.submit(std::move(resumed));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  EXPECT_EQ(2 * kMiB, result.bytesSent);
+  EXPECT_EQ((std::vector<std::string>{"1 part 3 2097152", "1 done"}), recorder.events());
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ((std::vector<std::string>{"HEAD /docs/k.bin", "GET /docs/k.bin?max-parts=1000&uploadId=U%2B1",
+                                      "GET /docs/k.bin?max-parts=1000&part-number-marker=1&uploadId=U%2B1",
+                                      "PUT /docs/k.bin?partNumber=3&uploadId=U%2B1", "POST /docs/k.bin?uploadId=U%2B1"}),
+            requests);
+  EXPECT_EQ("<CompleteMultipartUpload><Part><PartNumber>1</PartNumber><ETag>&quot;e1&quot;</ETag></Part>"
+            "<Part><PartNumber>2</PartNumber><ETag>&quot;e2&quot;</ETag></Part>"
+            "<Part><PartNumber>3</PartNumber><ETag>&quot;e3&quot;</ETag></Part></CompleteMultipartUpload>",
+            completion);
 }
 
 }  // namespace

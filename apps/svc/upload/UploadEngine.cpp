@@ -855,6 +855,13 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
 
     case Step::s3PutPart: {
       if (!ok) return finishWithAnswer(transfer);
+      if (exchange.position < exchange.bodySize) {
+        return finish(transfer, Outcome::transient,
+                      "the server answered HTTP " + std::to_string(answer.status) + " after " +
+                          std::to_string(exchange.position) + " of " + std::to_string(exchange.bodySize) +
+                          " bytes of part " + std::to_string(transfer.nextPart) + " (" + exchange.method + " " +
+                          exchange.url + ")");
+      }
       PartRecord part;
       part.number = transfer.nextPart;
       part.size = exchange.bodySize;
