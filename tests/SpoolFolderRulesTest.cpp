@@ -26,7 +26,7 @@ class SpoolFolderRules : public ::testing::Test {
   SpoolFolderRules()
       : cfgFile(tmp / "config.json"),
         base(qxtest::spoolSettings(tmp / "spool" / "in", tmp / "spool" / "out", tmp / "spool" / "backup")),
-        pipeline(base, pipelineOptions(tmp / "state")),
+        pipeline(base, qxtest::pipelineOptions(tmp / "state")),
         processor(base, cfgFile, pipeline, 5) {}
 
   void SetUp() override { ASSERT_EQ("", qxsvc::prepareFolders(base)); }

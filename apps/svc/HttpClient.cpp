@@ -1,6 +1,6 @@
 #include "apps/svc/HttpClient.h"
 
-#include "shared/Log.h"
+#include "apps/svc/CurlInet.h"
 
 #include <curl/curl.h>
 
@@ -16,28 +16,6 @@ std::size_t collect(char* data, std::size_t size, std::size_t count, void* out) 
   if (body->size() + size * count > (std::size_t(16) << 20)) return 0;
   body->append(data, size * count);
   return size * count;
-}
-
-int traceToLog(CURL*, curl_infotype type, char* data, std::size_t size, void*) {
-  if (type != CURLINFO_TEXT && type != CURLINFO_HEADER_IN && type != CURLINFO_HEADER_OUT) return 0;
-  std::string text(data, size);
-  while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-  boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
-  Log::inst().logStreamStartLine() << "TRACE:" << "curl " << text << std::endl;
-  return 0;
-}
-
-long curlAuth(Inet::InetCfg::ProxyAuthMethod method) {
-  using M = Inet::InetCfg::ProxyAuthMethod;
-  switch (method) {
-    case M::Basic: return CURLAUTH_BASIC;
-    case M::Digest: return CURLAUTH_DIGEST;
-    case M::Ntlm: return CURLAUTH_NTLM;
-    case M::Negotiate: return CURLAUTH_NEGOTIATE;
-    case M::Any: return CURLAUTH_ANY;
-    case M::None: break;
-  }
-  return CURLAUTH_NONE;
 }
 
 }  // namespace
@@ -78,27 +56,10 @@ HttpResult HttpClient::perform(std::string const& url, std::string const* postBo
   curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &result.body);
-  std::string const agent = "qxlite-svc/" + m_inet.version();
-  curl_easy_setopt(h, CURLOPT_USERAGENT, agent.c_str());
-  if (m_inet.insecureTls()) {
-    curl_easy_setopt(h, CURLOPT_SSL_VERIFYPEER, 0L);
-    curl_easy_setopt(h, CURLOPT_SSL_VERIFYHOST, 0L);
-  }
-  if (m_inet.useProxy()) {
-    curl_easy_setopt(h, CURLOPT_PROXY, m_inet.proxyAddress().c_str());
-    curl_easy_setopt(h, CURLOPT_PROXYTYPE, m_inet.proxySocks() ? CURLPROXY_SOCKS5_HOSTNAME : CURLPROXY_HTTP);
-    curl_easy_setopt(h, CURLOPT_HTTPPROXYTUNNEL, m_inet.proxyTunnel() ? 1L : 0L);
-    curl_easy_setopt(h, CURLOPT_PROXYAUTH, curlAuth(m_inet.proxyAuth()));
-    if (!m_inet.proxyUser().empty()) {
-      curl_easy_setopt(h, CURLOPT_PROXYUSERNAME, m_inet.proxyUser().c_str());
-      curl_easy_setopt(h, CURLOPT_PROXYPASSWORD, m_inet.proxyPassword().c_str());
-    }
-  } else {
-    curl_easy_setopt(h, CURLOPT_PROXY, "");  // no proxy from the environment either
-  }
+  applyInetCfg(h, m_inet);
   if (m_debugLog) {
-    curl_easy_setopt(h, CURLOPT_VERBOSE, 1L);
-    curl_easy_setopt(h, CURLOPT_DEBUGFUNCTION, traceToLog);
+    static std::string const kPrefix = "curl ";
+    traceCurlToLog(h, &kPrefix);
   }
   std::unique_ptr<curl_slist, void (*)(curl_slist*)> headers(nullptr, curl_slist_free_all);
   if (postBody) {

@@ -5,6 +5,9 @@
 // where AccountId is "-" when it is empty, the date is the job's creation
 // day in UTC, and name is the item's path inside its job (a dropped folder
 // keeps its sub-folder names). The target's prefix goes in front (Target.h).
+// A "/" in the account or job id becomes "_", and a segment that is empty,
+// "." or ".." becomes "_", "_." or "_..", so that no key climbs out of its
+// job's folder on a server that reads the path.
 // Keys are raw UTF-8 text; only URLs encode them.
 #ifndef QX_APPS_SVC_UPLOAD_OBJECTKEY_H
 #define QX_APPS_SVC_UPLOAD_OBJECTKEY_H

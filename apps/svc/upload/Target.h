@@ -11,7 +11,11 @@
 // An S3 address may end in "?region=NAME" (default "us-east-1"), the region
 // that requests are signed for. Hosts may be names, IPv4 addresses or
 // bracketed IPv6 addresses. User names and passwords in the address are
-// refused: credentials live in their own file (Credentials.h).
+// refused: credentials live in their own file (Credentials.h). The path may
+// hold percent escapes, which are decoded here (prefix is raw text that
+// objectUrl encodes again); empty segments are dropped, and "." or ".."
+// segments, blanks, control characters, fragments and other parameters are
+// refused.
 //
 // A plain value.
 #ifndef QX_APPS_SVC_UPLOAD_TARGET_H

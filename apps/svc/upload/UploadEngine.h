@@ -8,7 +8,10 @@
 //    x-amz-meta-sha256, with If-None-Match: * so that nothing is replaced. A
 //    412 is settled by a HEAD: the same hash means the object is already
 //    there (done); other bytes move the upload to alternativeKey(key, 2, 3,
-//    ...). Files of multipartThreshold bytes or more go as a multipart
+//    ...), and so does an object without x-amz-meta-sha256 (whose bytes
+//    cannot be known; it is never replaced). A multipart upload, which
+//    If-None-Match does not guard, asks the same with a HEAD before it
+//    starts. Files of multipartThreshold bytes or more go as a multipart
 //    upload in parts of partSize; the upload id is reported through
 //    onUploadId before the first part is sent, and an upload given with an
 //    upload id (after a restart) asks the server which parts it holds
@@ -16,7 +19,9 @@
 //  - WebDAV: a PUT with basic authentication; the caller's keys cannot
 //    collide (they hold the job id), since many servers ignore
 //    If-None-Match. Missing folders are made (MKCOL) when the server asks
-//    for them (409).
+//    for them (409): every folder of the path from the top (405, "already
+//    there", is fine), then the PUT once more; a second 409 is rejected.
+// No redirect is followed: a 3xx means the address is wrong, and holds.
 // The bytes are read with pread() from the descriptor given, hashed as they
 // go, and compared with the hash given: a file that changed after it was
 // hashed ends as Outcome::changed, and what was sent is removed again (or,
@@ -82,7 +87,7 @@ struct UploadResult {
   long httpStatus = 0;        // the last status seen, 0 when none arrived
   std::string message;        // for people: "HTTP 403 AccessDenied: ...", "connect to 127.0.0.1:7480 failed: ..."
   std::string finalKey;       // the key the bytes are under (done)
-  std::uint64_t bytesSent = 0;  // body bytes that went out in this run
+  std::uint64_t bytesSent = 0;  // the file's bytes that went out in this run
 };
 
 struct EngineOptions {
