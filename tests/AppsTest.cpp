@@ -444,6 +444,14 @@ class AppsTest : public ::testing::Test {
     return result;
   }
 
+  qxtest::TempDir tmp;
+  fs::path const cfgFile;
+  fs::path const tokenFile;
+  fs::path const in;
+  fs::path const out;
+  fs::path const backup;
+  fs::path const rejected;
+  std::unique_ptr<Child> service;
   std::uint16_t port = 0;
 
  private:

@@ -216,7 +216,7 @@ bool SvcProcessor::ownMethod(std::string const& method, json::Object const& para
                                            : (m_pipeline.*m.act)(id.asStringSafe());
     answer = json::Object();
     if (why.empty()) {
-      answer.setAt("ok", json::Value(true));
+      answer.setAt("ok", json::Value(json_true()));
       Log::inst().writeLine("INFO:", std::string("qxlite-svc ") + m.done + " job " + id.asStringSafe() + " as asked");
     } else {
       answer.setAt("msg", json::Value(why));

@@ -970,10 +970,6 @@ void Pipeline::Impl::settle(UploadResult const& result) {
         item.uploadId.clear();
         item.parts.clear();
       }
-      if (!m_held.empty()) {
-        m_held.clear();
-        Log::inst().writeLine("INFO:", "qxlite-svc uploads again");
-      }
     } else if (result.outcome == Outcome::changed) {
       for (ItemRow& item : live.row.items) {
         if (item.name == ref.item) item.sha256.clear();  // hashed again before the next try
@@ -983,8 +979,10 @@ void Pipeline::Impl::settle(UploadResult const& result) {
       live.setback = result;
       for (auto const& other : live.tickets) others.push_back(other.second);
     }
-    if (!live.tickets.empty()) {
-      // Others still run.
+    // A server that answered, other than to refuse the credentials, ends a hold.
+    if (!m_held.empty() && result.outcome != Outcome::hold && result.httpStatus != 0) {
+      m_held.clear();
+      Log::inst().writeLine("INFO:", "qxlite-svc uploads again: the server answers");
     }
   }
   if (std::shared_ptr<UploadEngine> e = engine()) {
@@ -1019,12 +1017,10 @@ void Pipeline::Impl::conclude(std::string const& jobId) {
     row.nextTry = 0;
     row.updated = unow;
     m_journal->update(row);  // done before the folder moves: a crash between redoes the move only
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_jobs[jobId].row = row;
-    }
     logInfo("uploaded job " + jobId + " (\"" + row.title + "\") to " + row.items.front().key);
     finishJob(jobId);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_jobs[jobId].row = row;
     return;
   }
   row.state = JobState::queued;
@@ -1040,6 +1036,12 @@ void Pipeline::Impl::conclude(std::string const& jobId) {
         break;
       case Outcome::transient:
         ++row.attempts;
+        if (setback->httpStatus == 0) {
+          // Nothing answered: the server is down or cannot be reached, which
+          // is no fault of this job. The queue waits; one job probes.
+          setHeld("no server answers: " + setback->message);
+          break;
+        }
         if (unow - row.created > m_options.giveUpAfter.count()) {
           giveUp(jobId, JobState::failed, "expired",
                  "given up after " + std::to_string(row.attempts) + " attempts: " + setback->message);
@@ -1103,15 +1105,20 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
   row.nextTry = 0;
   row.updated = unixNow();
   try {
-    m_journal->update(row);
+    m_journal->update(row);  // first: a crash before the move below redoes the move
   } catch (std::exception const& e) {
     logError(std::string("cannot record job ") + jobId + ": " + e.what());
     return;
   }
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_jobs[jobId].row = row;
-  }
+  // The list shows the new state once the files are where it says.
+  struct Publish {
+    Impl& impl;
+    JobRow const& row;
+    ~Publish() {
+      std::lock_guard<std::mutex> lock(impl.m_mutex);
+      impl.m_jobs[row.id].row = row;
+    }
+  } const publish{*this, row};
   int const out = m_folders.outgoing.get();
   FolderFd const jobDir(::openat(out, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!jobDir.valid()) return;
@@ -1272,7 +1279,7 @@ json::Object Pipeline::Impl::uploads() const {
   obj.setAt("uploads", list);
   obj.setAt("totals", totalsObj);
   obj.setAt("throughput", json::Value(static_cast<json_int_t>(throughput)));
-  if (m_paused) obj.setAt("paused", json::Value(true));
+  if (m_paused) obj.setAt("paused", json::Value(json_true()));
   std::string const held = !m_folderProblem.empty() ? m_folderProblem : m_held;
   if (!held.empty()) obj.setAt("held", json::Value(held));
   return obj;
