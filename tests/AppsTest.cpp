@@ -308,7 +308,7 @@ class AppsTest : public ::testing::Test {
   std::vector<std::string> serviceArgs(std::uint16_t onPort, fs::path const& config) const {
     return {"--config", config.string(), "--token-file", tokenFile.string(), "--port", std::to_string(onPort),
             "--foreground", "--scan-interval", "0.05", "--settle-time", "0.1", "--state-dir",
-            (tmp / "state").string()};
+            (tmp / "state").string(), "--credentials", (tmp / "credentials.json").string()};
   }
 
   // Starts the service (on a port of the system's choice unless told) and
@@ -476,9 +476,11 @@ TEST_F(AppsTest, ServiceMakesItsFoldersAndStopsCleanlyOnSignals) {
   writeConfig();
   ASSERT_TRUE(startService());
   EXPECT_EQ((std::vector<std::string>{
+                "INFO:qxlite-svc made a new journal \"" + (tmp / "state" / "journal.db").string() + "\"",
+                "WARNING:qxlite-svc holds the upload queue: no server address is set (\"InetServer\")",
                 "INFO:qxlite-svc 7.0.1 serving on 127.0.0.1:" + std::to_string(port) +
-                " with configuration \"" + cfgFile.string() + "\", token file \"" + tokenFile.string() +
-                "\", incoming folder \"" + in.string() + "\""}),
+                    " with configuration \"" + cfgFile.string() + "\", token file \"" + tokenFile.string() +
+                    "\", incoming folder \"" + in.string() + "\""}),
             logLines(service->err()));
   for (fs::path const& folder : {in, out, backup, rejected}) {
     EXPECT_TRUE(fs::is_directory(folder)) << folder;
@@ -509,7 +511,7 @@ TEST_F(AppsTest, StatusPauseAndResume) {
   writeConfig();
   ASSERT_TRUE(startService());
   expectOutput({"status"}, "running\n" + kNoServer);
-  expectOutput({"--host", "127.0.0.1", "--timeout", "10", "status"}, "running\n");
+  expectOutput({"--host", "127.0.0.1", "--timeout", "10", "status"}, "running\n" + kNoServer);
   expectOutput({"pause"}, "Paused\n");
   expectOutput({"status"}, "paused\n" + kNoServer);
   expectOutput({"pause"}, "Paused\n");
@@ -649,8 +651,8 @@ TEST_F(AppsTest, UploadsOfAnEmptyService) {
   expectOutput({"uploads", "--json"},
                "{\"held\":\"no server address is set (\\\"InetServer\\\")\",\"throughput\":0,\"totals\":{"
                "\"cancelled\":0,\"done\":0,\"failed\":0,\"queued\":0,\"rejected\":0,\"uploading\":0},\"uploads\":[]}\n");
-  expectFailure({"cancel", "20261123T000000Z-00000000"}, 1, "qxlite: there is no job \"20261123T000000Z-00000000\"\n");
-  expectFailure({"retry", "x"}, 1, "qxlite: there is no job \"x\"\n");
+  expectFailure({"cancel", "20261123T000000Z-00000000"}, 1, "there is no job \"20261123T000000Z-00000000\"");
+  expectFailure({"retry", "x"}, 1, "there is no job \"x\"");
 }
 
 TEST_F(AppsTest, PauseKeepsItemsInIncomingAndDiscardMovesThemToRejected) {
@@ -1182,7 +1184,7 @@ TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
   EXPECT_EQ("after", readFile(queued("after.pdf")));
   expectOutput({"status"}, running);
   EXPECT_EQ(afterKill, listing(in));
-  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"after.pdf", 5}}), listing(out));
+  EXPECT_EQ(1u, listing(out).size());
 }
 
 // ---------------------------------------------------------------------------
@@ -1198,7 +1200,8 @@ TEST_F(AppsTest, ADroppedNameWithLineFeedsIsLoggedAsOneEscapedLine) {
   writeFile(tmp / name, "%PDF");
   Outcome const o = qx({"drop", (tmp / name).string()});
   EXPECT_EQ(0, o.status) << o.err;
-  ASSERT_TRUE(waitFor([&] { return fs::exists(out / name); }));
+  ASSERT_TRUE(waitFor([&] { return !queued(name).empty(); }));
+  std::string const job = queued(name).parent_path().filename().string();
   stopService();
   std::string const log = service->err();
   std::vector<std::string> forged;
@@ -1206,9 +1209,7 @@ TEST_F(AppsTest, ADroppedNameWithLineFeedsIsLoggedAsOneEscapedLine) {
     EXPECT_TRUE(matchesShape(line.substr(0, 25), "9999-99-99T99:99:99.999Z ")) << "a line of its own: " << line;
     if (line.find("forged") != std::string::npos) forged.push_back(line.substr(25));
   }
-  EXPECT_EQ((std::vector<std::string>{"INFO:qxlite-svc queued " + escaped + " as \"" + out.string() + "/" +
-                                      escaped + "\""}),
-            forged)
+  EXPECT_EQ((std::vector<std::string>{"INFO:qxlite-svc queued \"" + escaped + "\" as job " + job}), forged)
       << log;
 }
 
@@ -1342,7 +1343,9 @@ TEST_F(AppsTest, TheExampleConfigurationStartsTheService) {
   fs::path const moved = tmp / "example.json";
   writeFile(moved, qxtest::text(example));
   ASSERT_TRUE(startServiceWith(moved));
-  expectOutput({"status"}, "running\n" + kNoServer);
+  // Its server address is there; the account's credentials are not.
+  expectOutput({"status"}, "running\nuploads held: the credentials file \"" + (tmp / "credentials.json").string() +
+                               "\" cannot be opened: No such file or directory\n");
   stopService();
 }
 

@@ -129,6 +129,7 @@ TEST_F(PipelineTest, AFileDroppedArrivesOnTheS3ServerOnceWithItsBytesUnderTheDoc
   std::string const content = "%PDF-1.4 the report\n" + std::string(100000, 'x');
   {
     qxsvc::Pipeline p(settingsFor("s3://" + s3.endpoint.substr(7) + "/" + bucket + "/base"), options());
+    p.start();
     drop("report.pdf", content);
     p.scanNow();
     ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
@@ -148,6 +149,7 @@ TEST_F(PipelineTest, AFileDroppedArrivesOnTheS3ServerOnceWithItsBytesUnderTheDoc
   }
   // A restart uploads nothing again.
   qxsvc::Pipeline again(settingsFor("s3://" + s3.endpoint.substr(7) + "/" + bucket + "/base"), options());
+  again.start();
   std::this_thread::sleep_for(std::chrono::milliseconds(500));
   EXPECT_EQ(1u, qxtest::s3ListKeys(s3, bucket).size());
   EXPECT_EQ(std::vector<std::string>{"done"}, states(again));
@@ -158,6 +160,7 @@ TEST_F(PipelineTest, WithBackupOnTheJobFolderMovesToTheBackupFolderAfterTheUploa
   writeCredentials(dav.user, dav.password);
   std::string const base = "pipeline-backup-" + std::to_string(::getpid());
   qxsvc::Pipeline p(settingsFor(dav.url + "/" + base, 4294967295u), options());
+  p.start();
   drop("a b+c#d%e ü.txt", "odd name\n");
   p.scanNow();
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
@@ -178,6 +181,7 @@ TEST_F(PipelineTest, AFolderOfMinFilesToZipFilesGoesAsOneArchive) {
   fs::create_directories(folder);
   for (int i = 0; i < 3; ++i) qxtest::writeFile(folder / ("f" + std::to_string(i) + ".csv"), "a,b\n" + std::to_string(i));
   qxsvc::Pipeline p(settingsFor(dav.url + "/" + base, 0, 3), options());
+  p.start();
   fs::rename(folder, in / "batch");
   p.scanNow();
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
@@ -195,6 +199,7 @@ TEST_F(PipelineTest, ARefusedTypeGoesToTheRejectedFolderWithItsReason) {
   qxtest::DavTestServer const& dav = qxtest::davServer();
   writeCredentials(dav.user, dav.password);
   qxsvc::Pipeline p(settingsFor(dav.url + "/pipeline-refused"), options());
+  p.start();
   drop("tool.exe", "MZ");
   p.scanNow();
   ASSERT_TRUE(qxtest::waitFor([&] { return entries(in).empty() && entries(rejected).size() == 1; }));
@@ -216,6 +221,7 @@ TEST_F(PipelineTest, RefusedCredentialsHoldTheQueueAndKeepTheFiles) {
   std::string const address = "s3://" + s3.endpoint.substr(7) + "/" + bucket;
   {
     qxsvc::Pipeline p(settingsFor(address), options());
+    p.start();
     drop("kept.pdf", "kept");
     p.scanNow();
     ASSERT_TRUE(qxtest::waitFor([&] { return p.uploads()["held"].isString(); })) << qxtest::text(p.uploads());
@@ -229,6 +235,7 @@ TEST_F(PipelineTest, RefusedCredentialsHoldTheQueueAndKeepTheFiles) {
   // The right secret, and the same job goes.
   writeCredentials(s3.accessKey, s3.secretKey);
   qxsvc::Pipeline p(settingsFor(address), options());
+  p.start();
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   EXPECT_EQ(1u, qxtest::s3ListKeys(s3, bucket).size());
   EXPECT_FALSE(p.uploads()["held"].isString());
@@ -238,6 +245,7 @@ TEST_F(PipelineTest, ACredentialsFileReadableByOthersHoldsTheQueueWithTheReason)
   qxtest::DavTestServer const& dav = qxtest::davServer();
   writeCredentials(dav.user, dav.password, 0644);
   qxsvc::Pipeline p(settingsFor(dav.url + "/pipeline-0644"), options());
+  p.start();
   drop("waits.pdf", "waits");
   ASSERT_TRUE(qxtest::waitFor([&] { return states(p) == std::vector<std::string>{"queued"}; }))
       << qxtest::text(p.uploads());
@@ -252,6 +260,7 @@ TEST_F(PipelineTest, AServerDownAtStartKeepsTheJobQueuedAndItGoesOnceTheServerIs
   std::string const base = "pipeline-down-" + std::to_string(::getpid());
   // Port 1 on loopback: nothing listens.
   qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/" + base), options());
+  p.start();
   drop("later.txt", "later");
   ASSERT_TRUE(qxtest::waitFor([&] { return p.uploads()["held"].isString(); })) << qxtest::text(p.uploads());
   EXPECT_EQ(0u, p.uploads()["held"].asStringSafe().find("no server answers: connect to 127.0.0.1:1 failed"))
@@ -267,6 +276,7 @@ TEST_F(PipelineTest, AServerDownAtStartKeepsTheJobQueuedAndItGoesOnceTheServerIs
 TEST_F(PipelineTest, CancelMovesAWaitingJobToTheRejectedFolder) {
   writeCredentials("nobody", "nothing");
   qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/nowhere"), options());
+  p.start();
   drop("cancel me.pdf", "cancel");
   ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == 1; }));
   std::string const id = job(p, 0)["id"].asStringSafe();
@@ -285,6 +295,7 @@ TEST_F(PipelineTest, CancelMovesAWaitingJobToTheRejectedFolder) {
 TEST_F(PipelineTest, PauseWithDiscardMovesTheWaitingJobsAndCountsThem) {
   // No credentials file: the queue is held, so both jobs wait.
   qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/nowhere"), options());
+  p.start();
   drop("one.pdf", "1");
   drop("two.pdf", "2");
   ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == 2; }));
@@ -308,6 +319,7 @@ TEST_F(PipelineTest, AJobFolderTheJournalLacksIsAdoptedAndUploaded) {
   std::string const empty = qxsvc::newJobId(std::time(nullptr));
   fs::create_directories(out / empty);
   qxsvc::Pipeline p(settingsFor(dav.url + "/" + base), options());
+  p.start();
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   EXPECT_EQ(id, job(p, 0)["id"].asStringSafe());
   EXPECT_EQ("orphan", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "orphan.pdf"));
@@ -324,6 +336,7 @@ TEST_F(PipelineTest, ACorruptJournalIsSetAsideAndTheFoldersAreUploadedFromAgain)
   fs::create_directories(out / id);
   qxtest::writeFile(out / id / "survivor.pdf", "survivor");
   qxsvc::Pipeline p(settingsFor(dav.url + "/" + base), options());
+  p.start();
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   EXPECT_EQ("survivor", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "survivor.pdf"));
   std::vector<std::string> const state = entries(tmp / "state");
@@ -338,12 +351,14 @@ TEST_F(PipelineTest, AFileRewrittenWhileItWaitsIsUploadedAsItIsNow) {
   std::string id;
   {
     qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/nowhere"), options());
+    p.start();
     drop("draft.txt", "first");
     ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == 1; }));
     id = job(p, 0)["id"].asStringSafe();
   }
   qxtest::writeFile(out / id / "draft.txt", "second, longer");
   qxsvc::Pipeline p(settingsFor(dav.url + "/" + base), options());
+  p.start();
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   EXPECT_EQ("second, longer", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "draft.txt"));
 }
@@ -353,6 +368,7 @@ TEST_F(PipelineTest, AZeroByteFileIsUploaded) {
   std::string const bucket = qxtest::makeBucket(s3, "pipeline-empty");
   writeCredentials(s3.accessKey, s3.secretKey);
   qxsvc::Pipeline p(settingsFor("s3://" + s3.endpoint.substr(7) + "/" + bucket), options());
+  p.start();
   drop("empty.txt", "");
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   std::vector<std::string> const keys = qxtest::s3ListKeys(s3, bucket);

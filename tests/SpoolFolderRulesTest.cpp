@@ -29,7 +29,10 @@ class SpoolFolderRules : public ::testing::Test {
         pipeline(base, qxtest::pipelineOptions(tmp / "state")),
         processor(base, cfgFile, pipeline, 5) {}
 
-  void SetUp() override { ASSERT_EQ("", qxsvc::prepareFolders(base)); }
+  void SetUp() override {
+    ASSERT_EQ("", qxsvc::prepareFolders(base));
+    pipeline.start();
+  }
 
   // SaveCfg of the configuration in force with key set to folder: the
   // message when refused, "saved" when saved.

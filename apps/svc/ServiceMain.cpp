@@ -108,7 +108,8 @@ int serve(Options const& opt) {
         return Ipc::createLiteCmd(type, p, proc->incomingFolder());
       },
       processor);
-  server.start();
+  server.start();  // a port in use stops the start here, before anything moves
+  pipeline.start();
   processor->setServicePort(server.port());
   Log::inst().writeLine("INFO:", "qxlite-svc " + std::string(LITE_VERSION_STR) + " serving on 127.0.0.1:" + std::to_string(server.port()) +
                        " with configuration \"" + configFile.string() + "\", token file \"" +
@@ -119,6 +120,7 @@ int serve(Options const& opt) {
   Log::inst().writeLine("INFO:", std::string("qxlite-svc stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
   server.stop();
   io.stop();
+  pipeline.stop();
   Log::inst().writeLine("INFO:", "qxlite-svc stopped");
   return 0;
 }

@@ -77,6 +77,8 @@ class Pipeline::Impl {
  public:
   Impl(Settings const& settings, PipelineOptions options);
   ~Impl();
+  void start();
+  void stop();
 
   void setSettings(Settings const& settings);
   std::size_t pause(bool discard);
@@ -124,7 +126,9 @@ class Pipeline::Impl {
   bool hashItem(int jobDir, ItemRow& item);
 
   PipelineOptions const m_options;
-  std::unique_ptr<Journal> const m_journal;  // null when none could be opened: nothing is uploaded
+  // Set by start() under m_moveMutex, constant afterwards; null when none
+  // could be opened: nothing is uploaded then.
+  std::unique_ptr<Journal> m_journal;
 
   // Held around every move of a job's folder and every change of the
   // folders in use, so that a pause from an IPC thread and the loop never
@@ -162,7 +166,7 @@ class Pipeline::Impl {
   std::atomic<bool> m_cleanedUp{false};  // the start's clean-up of multipart uploads ran
   std::thread m_orphans;
 
-  std::thread m_thread;  // last: starts once the rest is built
+  std::thread m_thread;  // the loop, from start()
 };
 
 namespace {
@@ -173,7 +177,9 @@ std::unique_ptr<Journal> openJournal(fs::path const& folder) {
   try {
     std::string note;
     std::unique_ptr<Journal> journal = Journal::open(folder / "journal.db", note);
-    if (!note.empty()) logWarning(note);
+    // A first start makes its journal; anything else in the note is news.
+    if (note.rfind("made a new journal", 0) == 0) logInfo(note);
+    else if (!note.empty()) logWarning(note);
     return journal;
   } catch (std::exception const& e) {
     logError(std::string("uploads nothing: the journal cannot be used: ") + e.what());
@@ -184,19 +190,47 @@ std::unique_ptr<Journal> openJournal(fs::path const& folder) {
 }  // namespace
 
 Pipeline::Impl::Impl(Settings const& settings, PipelineOptions options)
-    : m_options(std::move(options)),
-      m_journal(openJournal(m_options.stateFolder)),
-      m_settings(qxapp::independentCopy(settings)),
-      m_settle(m_options.settleTime),
-      m_thread([this] { run(); }) {}
+    : m_options(std::move(options)), m_settings(qxapp::independentCopy(settings)), m_settle(m_options.settleTime) {}
 
-Pipeline::Impl::~Impl() {
+void Pipeline::Impl::start() {
+  std::unique_ptr<Journal> journal = openJournal(m_options.stateFolder);
+  {
+    std::lock_guard<std::mutex> moves(m_moveMutex);
+    m_journal = std::move(journal);
+  }
+  // Folders and the engine are ready (or the reason why not logged) before
+  // the service serves; the journal's reconciling, which may hash, runs on
+  // the loop.
+  Settings const settings = [this] {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return qxapp::independentCopy(m_settings);
+  }();
+  if (m_journal) {
+    std::string const why = openFolders(settings);
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      m_folderProblem = why;
+    }
+    if (!why.empty()) {
+      logError("moves nothing: " + why);
+    } else {
+      rebuildEngine(settings);
+    }
+  } else {
+    setHeld("the journal cannot be used (see the log)");
+  }
+  m_thread = std::thread([this] { run(); });
+}
+
+Pipeline::Impl::~Impl() { stop(); }
+
+void Pipeline::Impl::stop() {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_stop = true;
   }
   wake();
-  m_thread.join();
+  if (m_thread.joinable()) m_thread.join();
   if (m_orphans.joinable()) m_orphans.join();
   std::shared_ptr<UploadEngine> engine;
   {
@@ -389,16 +423,15 @@ void Pipeline::Impl::run() {
 }
 
 void Pipeline::Impl::startUp() {
-  if (!m_journal) {
-    // Without a journal nothing can be uploaded exactly once: hold, and keep
-    // every file where it is.
-    setHeld("the journal cannot be used (see the log)");
-    return;
-  }
-  applySettings([this] {
+  bool ready = false;
+  {
     std::lock_guard<std::mutex> lock(m_mutex);
-    return qxapp::independentCopy(m_settings);
-  }());
+    ready = m_journal && m_folderProblem.empty();
+  }
+  if (!ready) return;
+  reconcile();
+  m_cleanedUp = false;
+  m_orphans = std::thread([this] { cleanUpOrphans(); });
 }
 
 std::string Pipeline::Impl::openFolders(Settings const& settings) {
@@ -1135,8 +1168,8 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
 }
 
 std::size_t Pipeline::Impl::discardWaiting() {
-  if (!m_journal) return 0;
   std::lock_guard<std::mutex> moves(m_moveMutex);
+  if (!m_journal) return 0;
   if (!m_folders.rejected.valid()) throw std::runtime_error("the rejected folder cannot be used");
   std::vector<std::string> waiting;
   {
@@ -1290,6 +1323,8 @@ json::Object Pipeline::Impl::uploads() const {
 Pipeline::Pipeline(Settings const& settings, PipelineOptions options)
     : m_impl(std::make_unique<Impl>(settings, std::move(options))) {}
 Pipeline::~Pipeline() = default;
+void Pipeline::start() { m_impl->start(); }
+void Pipeline::stop() { m_impl->stop(); }
 void Pipeline::setSettings(Settings const& settings) { m_impl->setSettings(settings); }
 std::size_t Pipeline::pause(bool discard) { return m_impl->pause(discard); }
 void Pipeline::resume() { m_impl->resume(); }

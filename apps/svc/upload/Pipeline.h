@@ -57,13 +57,22 @@ struct PipelineOptions {
 
 class Pipeline {
  public:
-  // Starts the loop thread; the journal is opened and reconciled there.
+  // Does nothing yet that others see: start() does.
   Pipeline(Settings const& settings, PipelineOptions options);
   // Stops the loop and the transfers; jobs in flight stay queued for the
   // next start.
   ~Pipeline();
   Pipeline(Pipeline const&) = delete;
   Pipeline& operator=(Pipeline const&) = delete;
+
+  // Opens the journal and the folders, readies the engine (logging why the
+  // queue is held, when it is) and starts the loop, which reconciles the
+  // journal with the folders. Once; before it the list is empty and nothing
+  // moves.
+  void start();
+  // Stops the loop and the transfers (the destructor does too); jobs in
+  // flight stay queued for the next start. Nothing moves afterwards.
+  void stop();
 
   void setSettings(Settings const& settings);
 
