@@ -1,9 +1,12 @@
 #!/usr/bin/env bash
 # The project's main job, end to end on this machine: installs what it needs,
-# builds, starts the reference service with a configuration, token file and
-# spool folders under out/demo/ (nothing in /etc or /var), drops a few sample
-# files with the client, runs a configuration test, lists the uploads and
-# stops the service, showing each step.
+# builds, starts a WebDAV server and an S3 gateway on loopback
+# (scripts/test-servers.sh), starts the reference service with a
+# configuration, token file, credentials, journal and spool folders under
+# out/demo/ (nothing in /etc or /var), drops a few sample files with the
+# client and shows them arrive on the WebDAV server and in `qxlite uploads`,
+# points the service at an S3 bucket and does it again, then stops
+# everything, showing each step.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 
@@ -12,25 +15,42 @@ cmake -S "$root" -B "$root/build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/d
 cmake --build "$root/build" --target qxlite-svc qxlite qxlite-cfg
 
 demo="$root/out/demo"
+[ -d "$demo/servers" ] && bash "$root/scripts/test-servers.sh" stop "$demo/servers" >/dev/null 2>&1 || true
 rm -rf "$demo"
 mkdir -p "$demo/samples/batch"
+chmod 0700 "$demo"
+
+step() { printf '\n== %s\n' "$*"; }
+
+step "start a WebDAV server and an S3 gateway on loopback: scripts/test-servers.sh start out/demo/servers"
+bash "$root/scripts/test-servers.sh" start "$demo/servers" | grep -v '^QX_'
+# shellcheck disable=SC1091
+. "$demo/servers/env"
+cleanup() {
+  [ -n "${svc:-}" ] && kill "$svc" 2>/dev/null
+  bash "$root/scripts/test-servers.sh" stop "$demo/servers" >/dev/null 2>&1 || true
+}
+trap cleanup EXIT
+
 cat > "$demo/config.json" <<JSON
 {"ReceiveFolder": "$demo/spool/in", "SpoolFolder": "$demo/spool/out",
  "BackupFolder": "$demo/spool/backup", "BackupExpireSecs": 604800,
+ "AccountId": "demo", "MinFilesToZip": -8,
+ "InetServer": "$QX_DAV_URL/uploads",
  "EmailSmtpUrl": "smtp://mail.example.org:587"}
 JSON
+# The upload account: a file only the service's user may read.
+( umask 077; printf '{"user": "%s", "secret": "%s"}\n' "$QX_DAV_USER" "$QX_DAV_PASSWORD" > "$demo/credentials.json" )
 printf '%%PDF-1.7 quarterly report\n' > "$demo/samples/report.pdf"
 printf 'date,amount\n2026-11-01,120\n' > "$demo/samples/ledger.csv"
 printf '<invoice id="1"/>\n' > "$demo/samples/batch/invoice-1.xml"
 printf '<invoice id="2"/>\n' > "$demo/samples/batch/invoice-2.xml"
 
-step() { printf '\n== %s\n' "$*"; }
-
-step "start the service: qxlite-svc --config out/demo/config.json --token-file out/demo/ipc.token --port 0 --foreground"
+step "start the service: qxlite-svc --config out/demo/config.json --token-file out/demo/ipc.token --credentials out/demo/credentials.json --state-dir out/demo/state --port 0 --foreground"
 "$root/build/qxlite-svc" --config "$demo/config.json" --token-file "$demo/ipc.token" \
-  --port 0 --foreground --scan-interval 0.2 2> "$demo/service.log" &
+  --credentials "$demo/credentials.json" --state-dir "$demo/state" \
+  --port 0 --foreground 2> "$demo/service.log" &
 svc=$!
-trap 'kill "$svc" 2>/dev/null || true' EXIT
 port=""
 for _ in $(seq 100); do
   port=$(grep -o 'serving on 127.0.0.1:[0-9]*' "$demo/service.log" | cut -d: -f2 || true)
@@ -46,13 +66,38 @@ q() { echo "\$ qxlite $*"; "$root/build/qxlite" --port "$port" --token-file "$de
 step "is it running?";               q status
 step "drop a file";                  q drop "$demo/samples/report.pdf"
 step "drop another";                 q drop "$demo/samples/ledger.csv"
-step "drop a folder of two files";   q drop "$demo/samples/batch"
+step "drop a folder of two files (MinFilesToZip is 2 here: it goes as one zip)"; q drop "$demo/samples/batch"
 step "test the configuration";       q test-config
-step "list the uploads";             sleep 0.5; q uploads
+
+# Until every job is done (or 30 s).
+wait_done() {
+  for _ in $(seq 300); do
+    "$root/build/qxlite" --port "$port" --token-file "$demo/ipc.token" uploads | grep -q ' 0 queued, 0 uploading' && return 0
+    sleep 0.1
+  done
+  return 1
+}
+step "list the uploads";             wait_done || true; q uploads
+step "what the WebDAV server holds (under $QX_DAV_URL/uploads)"
+( cd "$QX_DAV_ROOT/uploads" && find . -type f | sort )
+
+step "point the service at an S3 bucket: the account's key in the credentials file, then the address"
+curl -fsS -X PUT --aws-sigv4 "aws:amz:$QX_S3_REGION:s3" -u "$QX_S3_ACCESS_KEY:$QX_S3_SECRET_KEY" \
+  -H "x-amz-content-sha256: e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855" \
+  "$QX_S3_ENDPOINT/demo-bucket" >/dev/null
+( umask 077; printf '{"user": "%s", "secret": "%s"}\n' "$QX_S3_ACCESS_KEY" "$QX_S3_SECRET_KEY" > "$demo/credentials.json" )
+q config set "InetServer=s3://${QX_S3_ENDPOINT#http://}/demo-bucket/scans"
+step "drop the report again";        q drop "$demo/samples/report.pdf"
+step "list the uploads";             wait_done || true; q uploads
+step "what the bucket holds"
+curl -fsS --aws-sigv4 "aws:amz:$QX_S3_REGION:s3" -u "$QX_S3_ACCESS_KEY:$QX_S3_SECRET_KEY" \
+  -H "x-amz-content-sha256: e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855" \
+  "$QX_S3_ENDPOINT/demo-bucket?list-type=2" | grep -o '<Key>[^<]*</Key>' | sed 's/<[^>]*>//g'
+
 step "stop the service (SIGTERM)"
 kill -TERM "$svc"
 wait "$svc" || true
-trap - EXIT
-tail -n 8 "$demo/service.log"
-step "what is on disk"
+svc=""
+tail -n 12 "$demo/service.log"
+step "what is on disk (the backups: BackupExpireSecs is a week here)"
 find "$demo/spool" | sort
