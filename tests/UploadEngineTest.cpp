@@ -1,5 +1,5 @@
-// UploadEngine against the real test servers (an S3 gateway and nginx
-// WebDAV, tests/TestServers.h): the bytes that arrive, keys that must not be
+// UploadEngine against the real test servers (an S3 gateway and a
+// WebDAV server, tests/TestServers.h): the bytes that arrive, keys that must not be
 // replaced, refusals and their messages, multipart uploads stopped and
 // resumed, orphans, the limit of transfers at once, cancellation and
 // destruction.
