@@ -1043,4 +1043,38 @@ TEST(UploadEngineTest, AResumedUploadReadsEveryPageOfItsPartsAndCompletesThemInO
       completion);
 }
 
+TEST(UploadEngineTest, PartsOfAHugeFileGrowSoThatTenThousandAreEnough) {
+  // 100 GiB at parts of 5 MiB would need 20480 parts: each grows to
+  // 100 GiB / 10000 rounded up to whole MiB, 11 MiB. The server answers the
+  // first part before its bytes (no "100 Continue"), which shows its size.
+  CannedServer server([](std::string const& line, std::string const&) {
+    if (line.compare(0, 5, "HEAD ") == 0) return answer("404 Not Found", "");
+    if (line.compare(0, 5, "POST ") == 0) {
+      return answer("200 OK", "<InitiateMultipartUploadResult><UploadId>U</UploadId></InitiateMultipartUploadResult>");
+    }
+    return answer("200 OK", "", "ETag: \"e\"\r\n");
+  });
+  TempDir dir;
+  boost::filesystem::path const file = dir / "huge";
+  qxtest::writeFile(file, "");
+  boost::filesystem::resize_file(file, 100ull << 30);  // sparse: no disk space taken
+  qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(server.port()) + "/docs");
+  UploadRequest upload;
+  upload.ticket = 1;
+  upload.target = to;
+  upload.key = "huge.bin";
+  upload.file = qxsvc::FileFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  upload.size = 100ull << 30;
+  upload.sha256 = std::string(64, '0');
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), localAccount(), smallParts(), recorder.callbacks());
+  engine.submit(std::move(upload));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::transient, result.outcome);
+  EXPECT_EQ("the server answered HTTP 200 after 0 of 11534336 bytes of part 1 (PUT " +
+                to.objectUrl("huge.bin") + "?partNumber=1&uploadId=U)",
+            result.message);
+  EXPECT_EQ((std::vector<std::string>{"1 uploadId", "1 transient"}), recorder.events());
+}
+
 }  // namespace
