@@ -1077,4 +1077,39 @@ TEST(UploadEngineTest, PartsOfAHugeFileGrowSoThatTenThousandAreEnough) {
   EXPECT_EQ((std::vector<std::string>{"1 uploadId", "1 transient"}), recorder.events());
 }
 
+TEST(UploadEngineTest, ACancelDoesNotCutTheRemovalOfAChangedFile) {
+  std::mutex mutex;
+  std::condition_variable deleting;
+  std::vector<std::string> requests;
+  CannedServer server([&](std::string const& line, std::string const&) {
+    std::string const request = line.substr(0, line.rfind(' '));
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      requests.push_back(request);
+    }
+    if (request.compare(0, 7, "DELETE ") != 0) return answer("201 Created", "");
+    deleting.notify_all();
+    std::this_thread::sleep_for(300ms);  // the cancel comes meanwhile
+    return answer("204 No Content", "");
+  });
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
+  UploadRequest upload = request(dir, 1, target("dav://127.0.0.1:" + std::to_string(server.port()) + "/dav"),
+                                 "k.txt", "hashed bytes");
+  qxtest::writeFile(dir / "source-1", "other bytes!");
+  engine.submit(std::move(upload));
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(deleting.wait_for(lock, 30s, [&] { return requests.size() == 2; }));
+  }
+  engine.cancel(1);
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::changed, result.outcome);
+  EXPECT_EQ(204, result.httpStatus);
+  EXPECT_EQ("the file changed while it was sent; the copy on the server was removed", result.message);
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ((std::vector<std::string>{"PUT /dav/k.txt", "DELETE /dav/k.txt"}), requests);
+}
+
 }  // namespace

@@ -614,10 +614,12 @@ void UploadEngine::Impl::takeCommands(bool& paused, std::size_t& maxTransfers) {
     }
   }
   // A cancelled transfer stops at once: its request is dropped half-way
-  // (a cut PUT leaves nothing; a multipart upload id stays valid).
+  // (a cut PUT leaves nothing; a multipart upload id stays valid). Only the
+  // removal of what a changed file left on the server runs to its end.
   for (auto it = m_running.begin(); it != m_running.end();) {
     Transfer& transfer = **it;
-    if (!transfer.cancelled) {
+    bool const cleaningUp = transfer.step == Step::s3AbortChanged || transfer.step == Step::davDeleteChanged;
+    if (!transfer.cancelled || cleaningUp) {
       ++it;
       continue;
     }
