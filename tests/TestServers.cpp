@@ -1,6 +1,7 @@
 #include "tests/TestServers.h"
 
 #include <curl/curl.h>
+#include <openssl/evp.h>
 #include <openssl/sha.h>
 #include <unistd.h>
 
@@ -347,6 +348,30 @@ HttpAnswer davRequest(DavTestServer const& server, std::string const& method,
                       HttpHeaders const& extraHeaders) {
   return perform(method, server.url + path, body, extraHeaders,
                  {server.user, server.password, ""});
+}
+
+std::string basicAuthorization(std::string const& user, std::string const& password) {
+  std::string const plain = user + ":" + password;
+  std::string encoded(4 * ((plain.size() + 2) / 3) + 1, '\0');
+  int const length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(&encoded[0]),
+                                     reinterpret_cast<unsigned char const*>(plain.data()),
+                                     static_cast<int>(plain.size()));
+  encoded.resize(static_cast<std::size_t>(length));
+  return "Basic " + encoded;
+}
+
+HostPort hostPortOf(std::string const& url) {
+  std::size_t const hostStart = url.find("://");
+  std::size_t const begin = hostStart == std::string::npos ? 0 : hostStart + 3;
+  std::size_t const end = url.find('/', begin);
+  std::string const authority = url.substr(begin, end == std::string::npos ? end : end - begin);
+  std::size_t const colon = authority.rfind(':');
+  if (colon == std::string::npos || colon + 1 == authority.size() ||
+      authority.find_first_not_of("0123456789", colon + 1) != std::string::npos ||
+      authority.size() - colon > 6 || std::stoul(authority.substr(colon + 1)) > 65535) {
+    throw std::runtime_error("no port in the address \"" + url + "\"");
+  }
+  return {authority.substr(0, colon), static_cast<std::uint16_t>(std::stoul(authority.substr(colon + 1)))};
 }
 
 std::string makeBucket(S3TestServer const& server, std::string const& hint) {

@@ -14,6 +14,7 @@
 #ifndef QX_TESTS_TESTSERVERS_H
 #define QX_TESTS_TESTSERVERS_H
 
+#include <cstdint>
 #include <string>
 #include <utility>
 #include <vector>
@@ -83,6 +84,17 @@ HttpAnswer davRequest(DavTestServer const& server, std::string const& method,
 // The text of the first <tag> element of an S3 answer, entities replaced
 // ("<UploadId>", "<Code>"); "" when there is none.
 std::string xmlElementText(std::string const& xml, std::string const& tag);
+
+// The value of an Authorization header for basic authentication.
+std::string basicAuthorization(std::string const& user, std::string const& password);
+
+struct HostPort {
+  std::string host;
+  std::uint16_t port = 0;
+};
+// The host and port of "http://host:port[/...]"; throws std::runtime_error
+// naming url when it has no port.
+HostPort hostPortOf(std::string const& url);
 
 // Creates a bucket of a new valid name made from hint and returns the name.
 // Throws std::runtime_error with the server's answer when it refuses.

@@ -1,6 +1,7 @@
 // The helpers of tests/TestServers.h against the real servers that the
 // TestServers fixture starts.
 #include "tests/TestServers.h"
+#include "tests/DropTestUtil.h"
 #include "tests/TestUtil.h"
 
 #include <gtest/gtest.h>
@@ -11,15 +12,6 @@
 
 namespace qxtest {
 namespace {
-
-// Every byte value, so that nothing on the way treats the body as text.
-std::string allByteValues(std::size_t repeats) {
-  std::string bytes;
-  for (std::size_t r = 0; r < repeats; ++r) {
-    for (int b = 0; b < 256; ++b) bytes += static_cast<char>(b);
-  }
-  return bytes;
-}
 
 TEST(TestServersEnvTest, MissingFileNamesIt) {
   TempDir dir;
@@ -59,6 +51,33 @@ TEST(TestServersEnvTest, ReadsEveryLine) {
   EXPECT_EQ(env.dav.root, "/r");
 }
 
+TEST(HostPortTest, ReadsHostAndPort) {
+  struct Case {
+    std::string url;
+    std::string host;
+    std::uint16_t port;
+  };
+  std::vector<Case> const cases = {
+      {"http://127.0.0.1:7480", "127.0.0.1", 7480},
+      {"http://127.0.0.1:8080/dav", "127.0.0.1", 8080},
+      {"http://[::1]:1/x", "[::1]", 1},
+  };
+  for (Case const& c : cases) {
+    HostPort const found = hostPortOf(c.url);
+    EXPECT_EQ(found.host, c.host) << c.url;
+    EXPECT_EQ(found.port, c.port) << c.url;
+  }
+  for (std::string const url : {"http://127.0.0.1", "http://h:", "http://h:65536", "http://h:8x/"}) {
+    EXPECT_EQ(runtimeErrorMessage([&] { hostPortOf(url); }), "no port in the address \"" + url + "\"")
+        << url;
+  }
+}
+
+TEST(BasicAuthorizationTest, EncodesUserAndPassword) {
+  EXPECT_EQ(basicAuthorization("Aladdin", "open sesame"), "Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==");
+  EXPECT_EQ(basicAuthorization("a", "b"), "Basic YTpi");
+}
+
 TEST(S3EncodeTest, EncodesAllButUnreserved) {
   struct Case {
     std::string text;
@@ -79,7 +98,7 @@ TEST(S3EncodeTest, EncodesAllButUnreserved) {
 TEST(TestServersS3Test, PutThenGetGivesTheSameBytes) {
   S3TestServer const& s3 = s3Server();
   std::string const bucket = makeBucket(s3, "put get");
-  std::string const bytes = allByteValues(300);
+  std::string const bytes = pattern(76800, 1);
   HttpAnswer const put = s3Request(s3, "PUT", "/" + bucket + "/a%20b/c.bin", bytes);
   ASSERT_EQ(put.status, 200) << put.body;
   EXPECT_EQ(put.header("ETag").size(), 34u) << put.header("ETag");
@@ -159,7 +178,7 @@ TEST(TestServersS3Test, MultipartUploadsAreListedUntilAborted) {
 TEST(TestServersDavTest, PutMakesTheFileUnderRoot) {
   DavTestServer const& dav = davServer();
   std::string const folder = "/put-" + std::to_string(::getpid());
-  std::string const bytes = allByteValues(40);
+  std::string const bytes = pattern(10240, 2);
   HttpAnswer const put = davRequest(dav, "PUT", folder + "/deep/er/file%201.bin", bytes);
   EXPECT_EQ(put.status, 201) << put.body;
   EXPECT_EQ(readFile(dav.root + folder + "/deep/er/file 1.bin"), bytes);
