@@ -8,6 +8,7 @@
 #include "apps/svc/upload/ObjectKey.h"
 #include "apps/svc/upload/Sha256.h"
 #include "tests/DropTestUtil.h"
+#include "tests/FaultProxy.h"
 #include "tests/TestServers.h"
 #include "tests/TestUtil.h"
 
@@ -1110,6 +1111,102 @@ TEST(UploadEngineTest, ACancelDoesNotCutTheRemovalOfAChangedFile) {
   EXPECT_EQ("the file changed while it was sent; the copy on the server was removed", result.message);
   std::lock_guard<std::mutex> lock(mutex);
   EXPECT_EQ((std::vector<std::string>{"PUT /dav/k.txt", "DELETE /dav/k.txt"}), requests);
+}
+
+// A fault proxy in front of the S3 server.
+std::unique_ptr<qxtest::FaultProxy> proxyToS3() {
+  std::string const endpoint = qxtest::s3Server().endpoint;  // http://127.0.0.1:PORT
+  std::size_t const colon = endpoint.rfind(':');
+  return std::make_unique<qxtest::FaultProxy>(endpoint.substr(7, colon - 7),
+                                              static_cast<std::uint16_t>(std::stoi(endpoint.substr(colon + 1))));
+}
+
+// The requests the proxy saw, as "METHOD target".
+std::vector<std::string> seen(qxtest::FaultProxy const& proxy) {
+  std::vector<std::string> lines;
+  for (qxtest::SeenRequest const& request : proxy.requests()) lines.push_back(request.method + " " + request.target);
+  return lines;
+}
+
+TEST(UploadEngineTest, AnAnswerLostAfterTheServerStoredTheObjectMakesNoSecondObject) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "lost-answer");
+  auto const proxy = proxyToS3();
+  std::atomic<int> puts{0};
+  proxy->setPolicy([&puts](std::string const& method, std::string const&) {
+    return method == "PUT" && puts++ == 0 ? qxtest::Fault::loseAnswer() : qxtest::Fault::pass();
+  });
+  qxsvc::Target const to = target("s3" + proxy->origin().substr(4) + "/" + bucket);
+  std::string const content = qxtest::pattern(300000, 10);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  engine.submit(request(dir, 1, to, "k.bin", content));
+  UploadResult const lost = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::transient, lost.outcome);
+  std::string const start = "PUT " + to.objectUrl("k.bin") + " failed: ";
+  EXPECT_EQ(start, lost.message.substr(0, start.size())) << lost.message;
+
+  // The next try learns that the server holds these very bytes.
+  engine.submit(request(dir, 2, to, "k.bin", content));
+  UploadResult const again = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, again.outcome) << again.message;
+  EXPECT_EQ("k.bin", again.finalKey);
+  EXPECT_EQ(std::vector<std::string>{"k.bin"}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+  EXPECT_TRUE(content == qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin"));
+  std::string const path = "/" + bucket + "/k.bin";
+  EXPECT_EQ((std::vector<std::string>{"PUT " + path, "PUT " + path, "HEAD " + path}), seen(*proxy));
+}
+
+TEST(UploadEngineTest, AConnectionResetHalfWayLeavesNothingAndTheNextTryStoresAll) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "reset");
+  auto const proxy = proxyToS3();
+  proxy->setPolicy([](std::string const&, std::string const&) { return qxtest::Fault::resetAfter(100000); });
+  qxsvc::Target const to = target("s3" + proxy->origin().substr(4) + "/" + bucket);
+  std::string const content = qxtest::pattern(300000, 11);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  engine.submit(request(dir, 1, to, "k.bin", content));
+  EXPECT_EQ(Outcome::transient, recorder.waitFor(1).outcome);
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+
+  proxy->setPolicy({});
+  engine.submit(request(dir, 2, to, "k.bin", content));
+  UploadResult const result = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  EXPECT_EQ(content.size(), result.bytesSent);
+  EXPECT_TRUE(content == qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin"));
+}
+
+TEST(UploadEngineTest, AMultipartCompletionWhoseAnswerIsLostIsDoneOnResume) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "lost-completion");
+  auto const proxy = proxyToS3();
+  proxy->setPolicy([](std::string const& method, std::string const& requestTarget) {
+    bool const completion = method == "POST" && requestTarget.find("uploadId=") != std::string::npos;
+    return completion ? qxtest::Fault::loseAnswer() : qxtest::Fault::pass();
+  });
+  qxsvc::Target const to = target("s3" + proxy->origin().substr(4) + "/" + bucket);
+  std::string const content = qxtest::pattern(11 * kMiB, 12);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  engine.submit(request(dir, 1, to, "k.bin", content));
+  EXPECT_EQ(Outcome::transient, recorder.waitFor(1).outcome);
+  std::string const uploadId = recorder.uploadId(1);
+  ASSERT_NE("", uploadId);
+
+  std::size_t const before = proxy->requestCount();
+  UploadRequest resumed = request(dir, 2, to, "k.bin", content);
+  resumed.uploadId = uploadId;
+  engine.submit(std::move(resumed));
+  UploadResult const result = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  EXPECT_EQ(0u, result.bytesSent);
+  std::vector<std::string> const all = seen(*proxy);
+  EXPECT_EQ(std::vector<std::string>{"HEAD /" + bucket + "/k.bin"},
+            std::vector<std::string>(all.begin() + static_cast<long>(before), all.end()));
+  EXPECT_TRUE(content == qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin"));
+  EXPECT_EQ(std::vector<std::string>{"k.bin"}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
 }
 
 }  // namespace
