@@ -127,11 +127,13 @@ TEST(CredentialsTest, RefusesWhatIsNoRegularFile) {
             runtimeErrorMessage([&] { qxsvc::loadCredentials(missing); }));
   boost::filesystem::path const folder = dir / "folder";
   ASSERT_TRUE(qxtest::makeFolder(folder, 0700));
-  EXPECT_EQ(named(folder) + " is not a regular file", runtimeErrorMessage([&] { qxsvc::loadCredentials(folder); }));
+  EXPECT_EQ(named(folder) + " is not a regular file",
+            runtimeErrorMessage([&] { qxsvc::loadCredentials(folder); }));
   // A FIFO with no writer would block a plain open.
   boost::filesystem::path const fifo = dir / "fifo";
   ASSERT_EQ(0, ::mkfifo(fifo.c_str(), 0600));
-  EXPECT_EQ(named(fifo) + " is not a regular file", runtimeErrorMessage([&] { qxsvc::loadCredentials(fifo); }));
+  EXPECT_EQ(named(fifo) + " is not a regular file",
+            runtimeErrorMessage([&] { qxsvc::loadCredentials(fifo); }));
 }
 
 TEST(CredentialsTest, DefaultPathFollowsTheCredentialsDirectory) {

@@ -18,7 +18,8 @@ struct TextCase {
 };
 
 TEST(S3XmlTest, TextOfTheFirstElementInTheRange) {
-  std::string const error = "<Error><Code>NoSuchKey</Code><Message>a &lt;b&gt; &amp; &quot;c&quot;</Message></Error>";
+  std::string const error =
+      "<Error><Code>NoSuchKey</Code><Message>a &lt;b&gt; &amp; &quot;c&quot;</Message></Error>";
   TextCase const cases[] = {
       {error, "Code", 0, std::string::npos, "NoSuchKey"},
       {error, "Message", 0, std::string::npos, "a <b> & \"c\""},
@@ -73,7 +74,9 @@ TEST(S3XmlTest, CleanQuoteIsOneBoundedLine) {
     std::string quoted;
   } const cases[] = {
       {"Access Denied", "Access Denied"},
-      {"a\r\nb\x01\x7f" "c", "a  b  c"},
+      {"a\r\nb\x01\x7f"
+       "c",
+       "a  b  c"},
       {"trailing \r\n", "trailing"},
       {"r\xC3\xA9sum\xC3\xA9", "r\xC3\xA9sum\xC3\xA9"},
       {std::string(300, 'x'), std::string(300, 'x')},
@@ -92,9 +95,9 @@ TEST(S3XmlTest, DecimalNumbersOnly) {
     bool ok;
     std::uint64_t value;
   } const cases[] = {
-      {"0", true, 0},          {"10000", true, 10000}, {"9999999999999999999", true, 9999999999999999999ull},
-      {"", false, 0},          {"-1", false, 0},       {"1a", false, 0},
-      {" 1", false, 0},        {"+1", false, 0},       {"18446744073709551616", false, 0},
+      {"0", true, 0},   {"10000", true, 10000}, {"9999999999999999999", true, 9999999999999999999ull},
+      {"", false, 0},   {"-1", false, 0},       {"1a", false, 0},
+      {" 1", false, 0}, {"+1", false, 0},       {"18446744073709551616", false, 0},
   };
   for (auto const& c : cases) {
     SCOPED_TRACE(c.text);

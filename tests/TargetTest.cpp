@@ -63,15 +63,18 @@ struct Refused {
 TEST(TargetTest, RefusesWithAReason) {
   Refused const cases[] = {
       {"", "the server address is empty"},
-      {"ftp://x", "the server address \"ftp://x\" has an unknown scheme \"ftp\": use s3://, s3s://, dav://, "
-                  "davs://, http:// or https://"},
-      {"127.0.0.1:7480/docs", "the server address \"127.0.0.1:7480/docs\" has no scheme: use s3://, s3s://, "
-                              "dav://, davs://, http:// or https://"},
+      {"ftp://x",
+       "the server address \"ftp://x\" has an unknown scheme \"ftp\": use s3://, s3s://, dav://, "
+       "davs://, http:// or https://"},
+      {"127.0.0.1:7480/docs",
+       "the server address \"127.0.0.1:7480/docs\" has no scheme: use s3://, s3s://, "
+       "dav://, davs://, http:// or https://"},
       {"s3://KEY:SECRET@host/docs",
        "the server address \"s3://KEY:SECRET@host/docs\" holds a user name or password: put them in the "
        "credentials file"},
-      {"dav://user@host/x", "the server address \"dav://user@host/x\" holds a user name or password: put them "
-                            "in the credentials file"},
+      {"dav://user@host/x",
+       "the server address \"dav://user@host/x\" holds a user name or password: put them "
+       "in the credentials file"},
       {"s3://host/a b", "the server address \"s3://host/a b\" holds a blank or a control character"},
       {"s3://host/a\tb", "the server address \"s3://host/a\tb\" holds a blank or a control character"},
       {"s3:///docs", "the server address \"s3:///docs\" has no host"},
@@ -79,35 +82,47 @@ TEST(TargetTest, RefusesWithAReason) {
       {"s3://-host/docs", "the server address \"s3://-host/docs\" has an invalid host \"-host\""},
       {"s3://[zz::1]/docs", "the server address \"s3://[zz::1]/docs\" has an invalid host \"[zz::1]\""},
       {"s3://[::1/docs", "the server address \"s3://[::1/docs\" has an invalid host \"[::1\""},
-      {"s3://host:0/docs", "the server address \"s3://host:0/docs\" has an invalid port \"0\": use a number "
-                           "from 1 to 65535"},
-      {"s3://host:65536/docs", "the server address \"s3://host:65536/docs\" has an invalid port \"65536\": "
-                               "use a number from 1 to 65535"},
-      {"s3://host:80a/docs", "the server address \"s3://host:80a/docs\" has an invalid port \"80a\": use a "
-                             "number from 1 to 65535"},
-      {"s3://host:/docs", "the server address \"s3://host:/docs\" has an invalid port \"\": use a number from "
-                          "1 to 65535"},
+      {"s3://host:0/docs",
+       "the server address \"s3://host:0/docs\" has an invalid port \"0\": use a number "
+       "from 1 to 65535"},
+      {"s3://host:65536/docs",
+       "the server address \"s3://host:65536/docs\" has an invalid port \"65536\": "
+       "use a number from 1 to 65535"},
+      {"s3://host:80a/docs",
+       "the server address \"s3://host:80a/docs\" has an invalid port \"80a\": use a "
+       "number from 1 to 65535"},
+      {"s3://host:/docs",
+       "the server address \"s3://host:/docs\" has an invalid port \"\": use a number from "
+       "1 to 65535"},
       {"s3://host", "the server address \"s3://host\" has no bucket: use s3://host/bucket"},
       {"s3://host/", "the server address \"s3://host/\" has no bucket: use s3://host/bucket"},
-      {"s3://host/Docs", "the server address \"s3://host/Docs\" has an invalid bucket name \"Docs\": use 3 to "
-                         "63 lower-case letters, digits, \".\" and \"-\""},
-      {"s3://host/ab", "the server address \"s3://host/ab\" has an invalid bucket name \"ab\": use 3 to 63 "
-                       "lower-case letters, digits, \".\" and \"-\""},
-      {"s3://host/docs?acl", "the server address \"s3://host/docs?acl\" has an unknown parameter \"acl\": only "
-                             "\"region=NAME\" is allowed"},
+      {"s3://host/Docs",
+       "the server address \"s3://host/Docs\" has an invalid bucket name \"Docs\": use 3 to "
+       "63 lower-case letters, digits, \".\" and \"-\""},
+      {"s3://host/ab",
+       "the server address \"s3://host/ab\" has an invalid bucket name \"ab\": use 3 to 63 "
+       "lower-case letters, digits, \".\" and \"-\""},
+      {"s3://host/docs?acl",
+       "the server address \"s3://host/docs?acl\" has an unknown parameter \"acl\": only "
+       "\"region=NAME\" is allowed"},
       {"s3://host/docs?region=", "the server address \"s3://host/docs?region=\" has an invalid region \"\""},
-      {"s3://host/docs?region=a&b", "the server address \"s3://host/docs?region=a&b\" has an invalid region "
-                                    "\"a&b\""},
-      {"dav://host/x?y=1", "the server address \"dav://host/x?y=1\" has a query \"?y=1\": WebDAV addresses "
-                           "take none"},
+      {"s3://host/docs?region=a&b",
+       "the server address \"s3://host/docs?region=a&b\" has an invalid region "
+       "\"a&b\""},
+      {"dav://host/x?y=1",
+       "the server address \"dav://host/x?y=1\" has a query \"?y=1\": WebDAV addresses "
+       "take none"},
       {"dav://host/x?", "the server address \"dav://host/x?\" has a query \"?\": WebDAV addresses take none"},
       {"dav://host/x#top", "the server address \"dav://host/x#top\" has a fragment \"#top\": remove it"},
-      {"dav://host/a/../b", "the server address \"dav://host/a/../b\" has a path segment \"..\" that is not a "
-                            "name"},
-      {"dav://host/a/%2e%2E/b", "the server address \"dav://host/a/%2e%2E/b\" has a path segment \"%2e%2E\" "
-                                "that is not a name"},
-      {"dav://host/a%2Fb", "the server address \"dav://host/a%2Fb\" has a path segment \"a%2Fb\" that is not "
-                           "a name"},
+      {"dav://host/a/../b",
+       "the server address \"dav://host/a/../b\" has a path segment \"..\" that is not a "
+       "name"},
+      {"dav://host/a/%2e%2E/b",
+       "the server address \"dav://host/a/%2e%2E/b\" has a path segment \"%2e%2E\" "
+       "that is not a name"},
+      {"dav://host/a%2Fb",
+       "the server address \"dav://host/a%2Fb\" has a path segment \"a%2Fb\" that is not "
+       "a name"},
       {"dav://host/100%", "the server address \"dav://host/100%\" has a broken percent escape in \"100%\""},
       {"dav://host/%zz", "the server address \"dav://host/%zz\" has a broken percent escape in \"%zz\""},
       {"dav://host/a%0Ab", "the server address \"dav://host/a%0Ab\" has a control character in its path"},

@@ -1,5 +1,5 @@
-// UploadEngine against the real test servers (an S3 gateway and nginx
-// WebDAV, tests/TestServers.h): the bytes that arrive, keys that must not be
+// UploadEngine against the real test servers (an S3 gateway and a
+// WebDAV server, tests/TestServers.h): the bytes that arrive, keys that must not be
 // replaced, refusals and their messages, multipart uploads stopped and
 // resumed, orphans, the limit of transfers at once, cancellation and
 // destruction.
@@ -8,6 +8,7 @@
 #include "apps/svc/upload/ObjectKey.h"
 #include "apps/svc/upload/Sha256.h"
 #include "tests/DropTestUtil.h"
+#include "tests/FaultProxy.h"
 #include "tests/TestServers.h"
 #include "tests/TestUtil.h"
 
@@ -109,9 +110,7 @@ class Recorder {
 
 Inet::InetCfg inetCfg() { return Inet::InetCfg("7.0.1"); }
 
-qxsvc::Credentials s3Credentials() {
-  return {qxtest::s3Server().accessKey, qxtest::s3Server().secretKey};
-}
+qxsvc::Credentials s3Credentials() { return {qxtest::s3Server().accessKey, qxtest::s3Server().secretKey}; }
 qxsvc::Credentials davCredentials() { return {qxtest::davServer().user, qxtest::davServer().password}; }
 // For the local stand-ins of a server, which check nothing.
 qxsvc::Credentials localAccount() { return {"user", "password"}; }
@@ -139,8 +138,8 @@ std::string uniqueName(std::string const& hint) {
 }
 
 // An upload of content, written to a file in dir, under key.
-UploadRequest request(TempDir const& dir, std::uint64_t ticket, qxsvc::Target const& to, std::string const& key,
-                      std::string const& content) {
+UploadRequest request(TempDir const& dir, std::uint64_t ticket, qxsvc::Target const& to,
+                      std::string const& key, std::string const& content) {
   boost::filesystem::path const file = dir / ("source-" + std::to_string(ticket));
   qxtest::writeFile(file, content);
   UploadRequest upload;
@@ -227,7 +226,8 @@ TEST(UploadEngineTest, SmallAndEmptyFilesReachS3ByteForByte) {
       EXPECT_EQ("", result.message);
       EXPECT_EQ(key, result.finalKey);
       EXPECT_EQ(content.size(), result.bytesSent);
-      EXPECT_EQ(qxsvc::sha256OfText(content), qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key)));
+      EXPECT_EQ(qxsvc::sha256OfText(content),
+                qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key)));
       qxtest::HttpAnswer const head =
           qxtest::s3Request(qxtest::s3Server(), "HEAD", "/" + bucket + "/" + qxtest::s3Encode(key, true));
       EXPECT_EQ(qxsvc::sha256OfText(content), head.header("x-amz-meta-sha256"));
@@ -319,11 +319,17 @@ TEST(UploadEngineTest, RefusedCredentialsHoldTheQueueWithTheServersMessage) {
     long status;
     std::string message;
   } const cases[] = {
-      {s3Target(bucket), {qxtest::s3Server().accessKey, "wrong secret"}, 403,
+      {s3Target(bucket),
+       {qxtest::s3Server().accessKey, "wrong secret"},
+       403,
        "HTTP 403 SignatureDoesNotMatch (PUT " + s3Url(bucket, key) + ")"},
-      {s3Target(bucket), {"NOSUCHKEY", "wrong secret"}, 403,
+      {s3Target(bucket),
+       {"NOSUCHKEY", "wrong secret"},
+       403,
        "HTTP 403 InvalidAccessKeyId (PUT " + s3Url(bucket, key) + ")"},
-      {davTarget(folder), {qxtest::davServer().user, "wrong password"}, 401,
+      {davTarget(folder),
+       {qxtest::davServer().user, "wrong password"},
+       401,
        "HTTP 401 Unauthorized (PUT " + davTarget(folder).objectUrl(key) + ")"},
   };
   std::uint64_t ticket = 0;
@@ -413,8 +419,10 @@ TEST(UploadEngineTest, MultipartReportsTheUploadIdBeforeTheFirstPart) {
   EXPECT_EQ((std::vector<std::string>{"1 uploadId", "1 part 1 5242880", "1 part 2 5242880",
                                       "1 part 3 " + std::to_string(kMiB + 12345), "1 done"}),
             recorder.events());
-  EXPECT_EQ(qxsvc::sha256OfText(content), qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key)));
-  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+  EXPECT_EQ(qxsvc::sha256OfText(content),
+            qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key)));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{},
+            qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
   // The last seconds' bytes, over the window of five seconds.
   EXPECT_GE(engine.throughput(), static_cast<double>(content.size()) / 5);
 
@@ -438,8 +446,10 @@ TEST(UploadEngineTest, AHashThatIsNoHashIsRejectedBeforeAnyRequest) {
     std::string message;
   } const cases[] = {
       {"", "the hash \"\" of k is not 64 lower-case hexadecimal digits"},
-      {std::string(64, 'A'), "the hash \"" + std::string(64, 'A') + "\" of k is not 64 lower-case hexadecimal digits"},
-      {std::string(63, 'a') + "\n", "the hash \"" + std::string(63, 'a') + "\" of k is not 64 lower-case hexadecimal digits"},
+      {std::string(64, 'A'),
+       "the hash \"" + std::string(64, 'A') + "\" of k is not 64 lower-case hexadecimal digits"},
+      {std::string(63, 'a') + "\n",
+       "the hash \"" + std::string(63, 'a') + "\" of k is not 64 lower-case hexadecimal digits"},
       {std::string(32, 'a') + "\r\nX-Injected: 1" + std::string(17, 'a'),
        "the hash \"" + std::string(32, 'a') + "  X-Injected: 1" + std::string(17, 'a') +
            "\" of k is not 64 lower-case hexadecimal digits"},
@@ -509,7 +519,8 @@ TEST(UploadEngineTest, AMultipartUploadCancelledAfterAPartResumesWithTheMissingP
   EXPECT_EQ(expected, recorder.events());  // no new upload id either
   EXPECT_EQ(missingBytes, result.bytesSent);
   EXPECT_TRUE(content == qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, key));
-  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{},
+            qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
 }
 
 TEST(UploadEngineTest, PauseStopsAMultipartUploadAfterItsCurrentPart) {
@@ -532,8 +543,8 @@ TEST(UploadEngineTest, PauseStopsAMultipartUploadAfterItsCurrentPart) {
 TEST(UploadEngineTest, AbortOrphansAbortsOnlyUploadsNotOwned) {
   std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "orphans");
   auto begin = [&bucket](std::string const& key) {
-    qxtest::HttpAnswer const answer =
-        qxtest::s3Request(qxtest::s3Server(), "POST", "/" + bucket + "/" + qxtest::s3Encode(key, true) + "?uploads");
+    qxtest::HttpAnswer const answer = qxtest::s3Request(
+        qxtest::s3Server(), "POST", "/" + bucket + "/" + qxtest::s3Encode(key, true) + "?uploads");
     EXPECT_EQ(200, answer.status) << answer.body;
     return qxtest::xmlElementText(answer.body, "UploadId");
   };
@@ -542,19 +553,21 @@ TEST(UploadEngineTest, AbortOrphansAbortsOnlyUploadsNotOwned) {
   std::string const elsewhere = begin("out/other.bin");  // not under the target's prefix
   Recorder recorder;
   UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
-  EXPECT_EQ(1u, engine.abortOrphans(target("s3" + qxtest::s3Server().endpoint.substr(4) + "/" + bucket + "/in"),
-                                    {owned}));
+  EXPECT_EQ(1u, engine.abortOrphans(
+                    target("s3" + qxtest::s3Server().endpoint.substr(4) + "/" + bucket + "/in"), {owned}));
   std::vector<qxtest::MultipartUploadEntry> left = qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket);
-  EXPECT_EQ((std::vector<qxtest::MultipartUploadEntry>{{"in/a/owned.bin", owned}, {"out/other.bin", elsewhere}}),
-            left);
-  EXPECT_EQ(0u, engine.abortOrphans(target("s3" + qxtest::s3Server().endpoint.substr(4) + "/" + bucket + "/in"),
-                                    {owned}));
+  EXPECT_EQ(
+      (std::vector<qxtest::MultipartUploadEntry>{{"in/a/owned.bin", owned}, {"out/other.bin", elsewhere}}),
+      left);
+  EXPECT_EQ(0u, engine.abortOrphans(
+                    target("s3" + qxtest::s3Server().endpoint.substr(4) + "/" + bucket + "/in"), {owned}));
 
   UploadEngine refused(inetCfg(), {"NOSUCHKEY", "x"}, qxsvc::EngineOptions{}, recorder.callbacks());
-  std::string const message = qxtest::runtimeErrorMessage([&] { refused.abortOrphans(s3Target(bucket), {}); });
-  EXPECT_EQ("HTTP 403 InvalidAccessKeyId (GET " + qxtest::s3Server().endpoint + "/" + bucket +
-                "?prefix=&uploads=)",
-            message);
+  std::string const message =
+      qxtest::runtimeErrorMessage([&] { refused.abortOrphans(s3Target(bucket), {}); });
+  EXPECT_EQ(
+      "HTTP 403 InvalidAccessKeyId (GET " + qxtest::s3Server().endpoint + "/" + bucket + "?prefix=&uploads=)",
+      message);
 }
 
 TEST(UploadEngineTest, NeverMoreTransfersAtOnceThanAllowed) {
@@ -577,7 +590,8 @@ TEST(UploadEngineTest, NeverMoreTransfersAtOnceThanAllowed) {
   constexpr std::uint64_t kUploads = 8;
   std::vector<UploadRequest> uploads;
   for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket) {
-    uploads.push_back(request(dir, ticket, s3Target(bucket), "k" + std::to_string(ticket), qxtest::pattern(2 * kMiB, ticket)));
+    uploads.push_back(request(dir, ticket, s3Target(bucket), "k" + std::to_string(ticket),
+                              qxtest::pattern(2 * kMiB, ticket)));
   }
   for (UploadRequest& upload : uploads) engine.submit(std::move(upload));
   while (recorder.resultCount() < kUploads) {
@@ -585,7 +599,8 @@ TEST(UploadEngineTest, NeverMoreTransfersAtOnceThanAllowed) {
     std::this_thread::sleep_for(1ms);
   }
   EXPECT_EQ(2u, most.load());
-  for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket) EXPECT_EQ(Outcome::done, recorder.waitFor(ticket).outcome);
+  for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket)
+    EXPECT_EQ(Outcome::done, recorder.waitFor(ticket).outcome);
   EXPECT_EQ(kUploads, qxtest::s3ListKeys(qxtest::s3Server(), bucket).size());
   EXPECT_EQ(0u, engine.inFlight().size());
 }
@@ -601,7 +616,8 @@ TEST(UploadEngineTest, CancelEndsAQueuedAndARunningTransfer) {
   engine.submit(request(dir, 1, to, "running", "bytes"));
   engine.submit(request(dir, 2, to, "queued", "bytes"));
   auto const deadline = std::chrono::steady_clock::now() + 10s;
-  while (engine.inFlight().empty() && std::chrono::steady_clock::now() < deadline) std::this_thread::sleep_for(1ms);
+  while (engine.inFlight().empty() && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(1ms);
   ASSERT_EQ(1u, engine.inFlight().size());
   EXPECT_EQ(1u, engine.inFlight().front().ticket);
 
@@ -629,7 +645,8 @@ TEST(UploadEngineTest, DestructionWithTransfersInFlightEndsPromptlyWithoutCallba
   {
     UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
     qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(silent.port()) + "/docs");
-    for (std::uint64_t ticket = 1; ticket <= 4; ++ticket) engine.submit(request(dir, ticket, to, "k", "bytes"));
+    for (std::uint64_t ticket = 1; ticket <= 4; ++ticket)
+      engine.submit(request(dir, ticket, to, "k", "bytes"));
     auto const deadline = std::chrono::steady_clock::now() + 10s;
     while (engine.inFlight().size() < 2 && std::chrono::steady_clock::now() < deadline) {
       std::this_thread::sleep_for(1ms);
@@ -639,7 +656,6 @@ TEST(UploadEngineTest, DestructionWithTransfersInFlightEndsPromptlyWithoutCallba
   EXPECT_LT(std::chrono::steady_clock::now() - before, 5s);
   EXPECT_EQ(std::vector<std::string>{}, recorder.events());
 }
-
 
 TEST(UploadEngineTest, AMultipartFileRewrittenBetweenPartsIsAbortedAsChanged) {
   std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "multipart-changed");
@@ -656,7 +672,8 @@ TEST(UploadEngineTest, AMultipartFileRewrittenBetweenPartsIsAbortedAsChanged) {
   EXPECT_EQ(Outcome::changed, result.outcome);
   EXPECT_EQ("the file changed while it was sent; its upload was aborted", result.message);
   EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
-  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{},
+            qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
 }
 
 TEST(UploadEngineTest, TraceLinesNameEveryRequestAndNeverTheSecret) {
@@ -684,8 +701,9 @@ TEST(UploadEngineTest, TraceLinesNameEveryRequestAndNeverTheSecret) {
   g_LogVerbose = verbose;
   std::string const s3Put = "TRACE:qxlite-svc PUT " + s3Url(bucket, "a b.txt");
   std::string const davPut = "TRACE:qxlite-svc PUT " + davTarget(folder).objectUrl("a b.txt");
-  for (std::string const& expected : {s3Put, s3Put + " -> 200 (5 bytes sent)", davPut, davPut + " -> 201 (5 bytes sent)",
-                                      std::string("TRACE:qxlite-svc curl Authorization: (not shown)")}) {
+  for (std::string const& expected :
+       {s3Put, s3Put + " -> 200 (5 bytes sent)", davPut, davPut + " -> 201 (5 bytes sent)",
+        std::string("TRACE:qxlite-svc curl Authorization: (not shown)")}) {
     EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), expected)) << expected;
   }
   for (std::string const& line : lines) {
@@ -765,7 +783,8 @@ class CannedServer {
           request.append(buffer, static_cast<std::size_t>(n));
         }
       }
-      sendAll(client, m_answerTo(request.substr(0, request.find("\r\n")), request.substr(std::min(headEnd, request.size()))));
+      sendAll(client, m_answerTo(request.substr(0, request.find("\r\n")),
+                                 request.substr(std::min(headEnd, request.size()))));
       ::close(client);
     }
   }
@@ -799,22 +818,26 @@ TEST(UploadEngineTest, AnswersOfAHostileServerEndAsTheTableSays) {
     long status;
     std::string message;  // before " (PUT URL)"
   } const cases[] = {
-      {"a redirect is not followed", answer("301 Moved Permanently", "", "Location: http://127.0.0.1:1/x\r\n"),
-       Outcome::hold, 301, "HTTP 301 Moved Permanently"},
+      {"a redirect is not followed",
+       answer("301 Moved Permanently", "", "Location: http://127.0.0.1:1/x\r\n"), Outcome::hold, 301,
+       "HTTP 301 Moved Permanently"},
       {"a temporary redirect neither", answer("307 Temporary Redirect", "", "Location: /elsewhere\r\n"),
        Outcome::hold, 307, "HTTP 307 Temporary Redirect"},
       {"S3 error with its code and message",
-       answer("404 Not Found", "<Error><Code>NoSuchBucket</Code><Message>The &lt;bucket&gt; is gone</Message></Error>"),
+       answer("404 Not Found",
+              "<Error><Code>NoSuchBucket</Code><Message>The &lt;bucket&gt; is gone</Message></Error>"),
        Outcome::hold, 404, "HTTP 404 NoSuchBucket: The <bucket> is gone"},
-      {"another 4xx", answer("400 Bad Request", "<Error><Code>InvalidArgument</Code></Error>"), Outcome::rejected, 400,
-       "HTTP 400 InvalidArgument"},
+      {"another 4xx", answer("400 Bad Request", "<Error><Code>InvalidArgument</Code></Error>"),
+       Outcome::rejected, 400, "HTTP 400 InvalidArgument"},
       {"a 4xx without XML", answer("413 Payload Too Large", "<html>no</html>"), Outcome::rejected, 413,
        "HTTP 413 Payload Too Large"},
-      {"too many requests", answer("429 Too Many Requests", ""), Outcome::transient, 429, "HTTP 429 Too Many Requests"},
-      {"server trouble", answer("503 Slow Down", "<Error><Code>SlowDown</Code></Error>"), Outcome::transient, 503,
-       "HTTP 503 SlowDown"},
+      {"too many requests", answer("429 Too Many Requests", ""), Outcome::transient, 429,
+       "HTTP 429 Too Many Requests"},
+      {"server trouble", answer("503 Slow Down", "<Error><Code>SlowDown</Code></Error>"), Outcome::transient,
+       503, "HTTP 503 SlowDown"},
       {"a code of 5000 bytes is cut",
-       answer("500 Internal Server Error", "<Error><Code>" + longCode + "</Code><Message>a\r\nb\x01</Message></Error>"),
+       answer("500 Internal Server Error",
+              "<Error><Code>" + longCode + "</Code><Message>a\r\nb\x01</Message></Error>"),
        Outcome::transient, 500, "HTTP 500 " + longCode.substr(0, 300) + "...: a  b"},
       {"a status line without a reason", answer("502", ""), Outcome::transient, 502, "HTTP 502"},
   };
@@ -847,22 +870,32 @@ TEST(UploadEngineTest, AStalledServerIsTransientAfterTheStallTimeout) {
   UploadResult const result = recorder.waitFor(1);
   EXPECT_LT(std::chrono::steady_clock::now() - before, 10s);
   EXPECT_EQ(Outcome::transient, result.outcome);
-  std::string const start = "PUT " + to.objectUrl("k") + " failed: Operation too slow. Less than 1 bytes/sec transferred the last 1 seconds";
+  std::string const start =
+      "PUT " + to.objectUrl("k") +
+      " failed: Operation too slow. Less than 1 bytes/sec transferred the last 1 seconds";
   EXPECT_EQ(start, result.message);
 }
 
 TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersThenPutsOnce) {
   struct Case {
     char const* what;
-    bool folderRefused;  // MKCOL answers 403
+    bool folderRefused;   // MKCOL answers 403
     bool secondConflict;  // the PUT after the folders gets 409 again
     Outcome outcome;
     std::vector<std::string> requests;
   } const cases[] = {
-      {"folders made", false, false, Outcome::done,
-       {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/a%20b/", "MKCOL /dav/a%20b/c/", "PUT /dav/a%20b/c/k.txt"}},
-      {"a second conflict is the end", false, true, Outcome::rejected,
-       {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/a%20b/", "MKCOL /dav/a%20b/c/", "PUT /dav/a%20b/c/k.txt"}},
+      {"folders made",
+       false,
+       false,
+       Outcome::done,
+       {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/a%20b/", "MKCOL /dav/a%20b/c/",
+        "PUT /dav/a%20b/c/k.txt"}},
+      {"a second conflict is the end",
+       false,
+       true,
+       Outcome::rejected,
+       {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/a%20b/", "MKCOL /dav/a%20b/c/",
+        "PUT /dav/a%20b/c/k.txt"}},
       {"a folder refused", true, false, Outcome::hold, {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/"}},
   };
   TempDir dir;
@@ -890,7 +923,6 @@ TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersThenPutsOnce) {
     EXPECT_EQ(c.requests, requests);
   }
 }
-
 
 TEST(UploadEngineTest, AWebDavServerThatAnswersBeforeTheWholeFileLosesItsPiece) {
   std::mutex mutex;
@@ -931,7 +963,8 @@ TEST(UploadEngineTest, AFreedSlotStartsTheNextUploadAtOnce) {
   }
   auto const before = std::chrono::steady_clock::now();
   for (UploadRequest& upload : uploads) engine.submit(std::move(upload));
-  for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket) EXPECT_EQ(Outcome::done, recorder.waitFor(ticket).outcome);
+  for (std::uint64_t ticket = 1; ticket <= kUploads; ++ticket)
+    EXPECT_EQ(Outcome::done, recorder.waitFor(ticket).outcome);
   EXPECT_LT(std::chrono::steady_clock::now() - before, 15s);
 }
 
@@ -968,15 +1001,17 @@ TEST(UploadEngineTest, AResumedUploadReadsEveryPageOfItsPartsAndCompletesThemInO
         std::map<std::string, std::string> const answers = {
             {"HEAD /docs/k.bin", answer("404 Not Found", "")},
             {"GET /docs/k.bin?max-parts=1000&uploadId=U%2B1",
-             answer("200 OK", "<ListPartsResult><IsTruncated>true</IsTruncated><NextPartNumberMarker>1"
-                              "</NextPartNumberMarker><Part><PartNumber>1</PartNumber><ETag>&quot;e1&quot;</ETag>"
-                              "<Size>5242880</Size></Part></ListPartsResult>")},
+             answer("200 OK",
+                    "<ListPartsResult><IsTruncated>true</IsTruncated><NextPartNumberMarker>1"
+                    "</NextPartNumberMarker><Part><PartNumber>1</PartNumber><ETag>&quot;e1&quot;</ETag>"
+                    "<Size>5242880</Size></Part></ListPartsResult>")},
             {"GET /docs/k.bin?max-parts=1000&part-number-marker=1&uploadId=U%2B1",
-             answer("200 OK", "<ListPartsResult><IsTruncated>false</IsTruncated><Part><PartNumber>2</PartNumber>"
-                              "<ETag>&quot;e2&quot;</ETag><Size>5242880</Size></Part>"
-                              // A part of another size is sent again.
-                              "<Part><PartNumber>3</PartNumber><ETag>&quot;old&quot;</ETag><Size>7</Size></Part>"
-                              "</ListPartsResult>")},
+             answer("200 OK",
+                    "<ListPartsResult><IsTruncated>false</IsTruncated><Part><PartNumber>2</PartNumber>"
+                    "<ETag>&quot;e2&quot;</ETag><Size>5242880</Size></Part>"
+                    // A part of another size is sent again.
+                    "<Part><PartNumber>3</PartNumber><ETag>&quot;old&quot;</ETag><Size>7</Size></Part>"
+                    "</ListPartsResult>")},
             {"PUT /docs/k.bin?partNumber=3&uploadId=U%2B1", answer("200 OK", "", "ETag: \"e3\"\r\n")},
             {"POST /docs/k.bin?uploadId=U%2B1", answer("200 OK", "<CompleteMultipartUploadResult/>")},
         };
@@ -999,12 +1034,179 @@ TEST(UploadEngineTest, AResumedUploadReadsEveryPageOfItsPartsAndCompletesThemInO
   std::lock_guard<std::mutex> lock(mutex);
   EXPECT_EQ((std::vector<std::string>{"HEAD /docs/k.bin", "GET /docs/k.bin?max-parts=1000&uploadId=U%2B1",
                                       "GET /docs/k.bin?max-parts=1000&part-number-marker=1&uploadId=U%2B1",
-                                      "PUT /docs/k.bin?partNumber=3&uploadId=U%2B1", "POST /docs/k.bin?uploadId=U%2B1"}),
+                                      "PUT /docs/k.bin?partNumber=3&uploadId=U%2B1",
+                                      "POST /docs/k.bin?uploadId=U%2B1"}),
             requests);
-  EXPECT_EQ("<CompleteMultipartUpload><Part><PartNumber>1</PartNumber><ETag>&quot;e1&quot;</ETag></Part>"
-            "<Part><PartNumber>2</PartNumber><ETag>&quot;e2&quot;</ETag></Part>"
-            "<Part><PartNumber>3</PartNumber><ETag>&quot;e3&quot;</ETag></Part></CompleteMultipartUpload>",
-            completion);
+  EXPECT_EQ(
+      "<CompleteMultipartUpload><Part><PartNumber>1</PartNumber><ETag>&quot;e1&quot;</ETag></Part>"
+      "<Part><PartNumber>2</PartNumber><ETag>&quot;e2&quot;</ETag></Part>"
+      "<Part><PartNumber>3</PartNumber><ETag>&quot;e3&quot;</ETag></Part></CompleteMultipartUpload>",
+      completion);
+}
+
+TEST(UploadEngineTest, PartsOfAHugeFileGrowSoThatTenThousandAreEnough) {
+  // 100 GiB at parts of 5 MiB would need 20480 parts: each grows to
+  // 100 GiB / 10000 rounded up to whole MiB, 11 MiB. The server answers the
+  // first part before its bytes (no "100 Continue"), which shows its size.
+  CannedServer server([](std::string const& line, std::string const&) {
+    if (line.compare(0, 5, "HEAD ") == 0) return answer("404 Not Found", "");
+    if (line.compare(0, 5, "POST ") == 0) {
+      return answer("200 OK", "<InitiateMultipartUploadResult><UploadId>U</UploadId></InitiateMultipartUploadResult>");
+    }
+    return answer("200 OK", "", "ETag: \"e\"\r\n");
+  });
+  TempDir dir;
+  boost::filesystem::path const file = dir / "huge";
+  qxtest::writeFile(file, "");
+  boost::filesystem::resize_file(file, 100ull << 30);  // sparse: no disk space taken
+  qxsvc::Target const to = target("s3://127.0.0.1:" + std::to_string(server.port()) + "/docs");
+  UploadRequest upload;
+  upload.ticket = 1;
+  upload.target = to;
+  upload.key = "huge.bin";
+  upload.file = qxsvc::FileFd(::open(file.c_str(), O_RDONLY | O_CLOEXEC));
+  upload.size = 100ull << 30;
+  upload.sha256 = std::string(64, '0');
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), localAccount(), smallParts(), recorder.callbacks());
+  engine.submit(std::move(upload));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::transient, result.outcome);
+  EXPECT_EQ("the server answered HTTP 200 after 0 of 11534336 bytes of part 1 (PUT " +
+                to.objectUrl("huge.bin") + "?partNumber=1&uploadId=U)",
+            result.message);
+  EXPECT_EQ((std::vector<std::string>{"1 uploadId", "1 transient"}), recorder.events());
+}
+
+TEST(UploadEngineTest, ACancelDoesNotCutTheRemovalOfAChangedFile) {
+  std::mutex mutex;
+  std::condition_variable deleting;
+  std::vector<std::string> requests;
+  CannedServer server([&](std::string const& line, std::string const&) {
+    std::string const request = line.substr(0, line.rfind(' '));
+    {
+      std::lock_guard<std::mutex> lock(mutex);
+      requests.push_back(request);
+    }
+    if (request.compare(0, 7, "DELETE ") != 0) return answer("201 Created", "");
+    deleting.notify_all();
+    std::this_thread::sleep_for(300ms);  // the cancel comes meanwhile
+    return answer("204 No Content", "");
+  });
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
+  UploadRequest upload = request(dir, 1, target("dav://127.0.0.1:" + std::to_string(server.port()) + "/dav"),
+                                 "k.txt", "hashed bytes");
+  qxtest::writeFile(dir / "source-1", "other bytes!");
+  engine.submit(std::move(upload));
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(deleting.wait_for(lock, 30s, [&] { return requests.size() == 2; }));
+  }
+  engine.cancel(1);
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::changed, result.outcome);
+  EXPECT_EQ(204, result.httpStatus);
+  EXPECT_EQ("the file changed while it was sent; the copy on the server was removed", result.message);
+  std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ((std::vector<std::string>{"PUT /dav/k.txt", "DELETE /dav/k.txt"}), requests);
+}
+
+// A fault proxy in front of the S3 server.
+std::unique_ptr<qxtest::FaultProxy> proxyToS3() {
+  std::string const endpoint = qxtest::s3Server().endpoint;  // http://127.0.0.1:PORT
+  std::size_t const colon = endpoint.rfind(':');
+  return std::make_unique<qxtest::FaultProxy>(endpoint.substr(7, colon - 7),
+                                              static_cast<std::uint16_t>(std::stoi(endpoint.substr(colon + 1))));
+}
+
+// The requests the proxy saw, as "METHOD target".
+std::vector<std::string> seen(qxtest::FaultProxy const& proxy) {
+  std::vector<std::string> lines;
+  for (qxtest::SeenRequest const& request : proxy.requests()) lines.push_back(request.method + " " + request.target);
+  return lines;
+}
+
+TEST(UploadEngineTest, AnAnswerLostAfterTheServerStoredTheObjectMakesNoSecondObject) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "lost-answer");
+  auto const proxy = proxyToS3();
+  std::atomic<int> puts{0};
+  proxy->setPolicy([&puts](std::string const& method, std::string const&) {
+    return method == "PUT" && puts++ == 0 ? qxtest::Fault::loseAnswer() : qxtest::Fault::pass();
+  });
+  qxsvc::Target const to = target("s3" + proxy->origin().substr(4) + "/" + bucket);
+  std::string const content = qxtest::pattern(300000, 10);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  engine.submit(request(dir, 1, to, "k.bin", content));
+  UploadResult const lost = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::transient, lost.outcome);
+  std::string const start = "PUT " + to.objectUrl("k.bin") + " failed: ";
+  EXPECT_EQ(start, lost.message.substr(0, start.size())) << lost.message;
+
+  // The next try learns that the server holds these very bytes.
+  engine.submit(request(dir, 2, to, "k.bin", content));
+  UploadResult const again = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, again.outcome) << again.message;
+  EXPECT_EQ("k.bin", again.finalKey);
+  EXPECT_EQ(std::vector<std::string>{"k.bin"}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+  EXPECT_TRUE(content == qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin"));
+  std::string const path = "/" + bucket + "/k.bin";
+  EXPECT_EQ((std::vector<std::string>{"PUT " + path, "PUT " + path, "HEAD " + path}), seen(*proxy));
+}
+
+TEST(UploadEngineTest, AConnectionResetHalfWayLeavesNothingAndTheNextTryStoresAll) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "reset");
+  auto const proxy = proxyToS3();
+  proxy->setPolicy([](std::string const&, std::string const&) { return qxtest::Fault::resetAfter(100000); });
+  qxsvc::Target const to = target("s3" + proxy->origin().substr(4) + "/" + bucket);
+  std::string const content = qxtest::pattern(300000, 11);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), qxsvc::EngineOptions{}, recorder.callbacks());
+  engine.submit(request(dir, 1, to, "k.bin", content));
+  EXPECT_EQ(Outcome::transient, recorder.waitFor(1).outcome);
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+
+  proxy->setPolicy({});
+  engine.submit(request(dir, 2, to, "k.bin", content));
+  UploadResult const result = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  EXPECT_EQ(content.size(), result.bytesSent);
+  EXPECT_TRUE(content == qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin"));
+}
+
+TEST(UploadEngineTest, AMultipartCompletionWhoseAnswerIsLostIsDoneOnResume) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "lost-completion");
+  auto const proxy = proxyToS3();
+  proxy->setPolicy([](std::string const& method, std::string const& requestTarget) {
+    bool const completion = method == "POST" && requestTarget.find("uploadId=") != std::string::npos;
+    return completion ? qxtest::Fault::loseAnswer() : qxtest::Fault::pass();
+  });
+  qxsvc::Target const to = target("s3" + proxy->origin().substr(4) + "/" + bucket);
+  std::string const content = qxtest::pattern(11 * kMiB, 12);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  engine.submit(request(dir, 1, to, "k.bin", content));
+  EXPECT_EQ(Outcome::transient, recorder.waitFor(1).outcome);
+  std::string const uploadId = recorder.uploadId(1);
+  ASSERT_NE("", uploadId);
+
+  std::size_t const before = proxy->requestCount();
+  UploadRequest resumed = request(dir, 2, to, "k.bin", content);
+  resumed.uploadId = uploadId;
+  engine.submit(std::move(resumed));
+  UploadResult const result = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message;
+  EXPECT_EQ(0u, result.bytesSent);
+  std::vector<std::string> const all = seen(*proxy);
+  EXPECT_EQ(std::vector<std::string>{"HEAD /" + bucket + "/k.bin"},
+            std::vector<std::string>(all.begin() + static_cast<long>(before), all.end()));
+  EXPECT_TRUE(content == qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin"));
+  EXPECT_EQ(std::vector<std::string>{"k.bin"}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
 }
 
 }  // namespace

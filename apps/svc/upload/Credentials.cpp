@@ -80,10 +80,12 @@ Credentials loadCredentials(boost::filesystem::path const& file) {
                              "): chown it");
   }
   if (info.st_mode & (S_IRGRP | S_IROTH)) {
-    throw std::runtime_error(named + " is readable by others (mode " + modeText(info.st_mode) + "): chmod 600 it");
+    throw std::runtime_error(named + " is readable by others (mode " + modeText(info.st_mode) +
+                             "): chmod 600 it");
   }
   if (info.st_mode & (S_IWGRP | S_IWOTH | S_IXGRP | S_IXOTH)) {
-    throw std::runtime_error(named + " is open to others (mode " + modeText(info.st_mode) + "): chmod 600 it");
+    throw std::runtime_error(named + " is open to others (mode " + modeText(info.st_mode) +
+                             "): chmod 600 it");
   }
   if (static_cast<std::uint64_t>(info.st_size) > kMaxFileSize) {
     throw std::runtime_error(named + " is larger than 64 KiB");

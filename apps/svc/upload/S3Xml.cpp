@@ -13,7 +13,7 @@ std::string xmlUnescape(std::string const& text) {
     char const* name;
     char value;
   };
-  static constexpr Entity kEntities[] = {{"&quot;", '"'}, {"&amp;", '&'}, {"&lt;", '<'}, {"&gt;", '>'},
+  static constexpr Entity kEntities[] = {{"&quot;", '"'},  {"&amp;", '&'}, {"&lt;", '<'},  {"&gt;", '>'},
                                          {"&apos;", '\''}, {"&#34;", '"'}, {"&#39;", '\''}};
   std::string out;
   for (std::size_t i = 0; i < text.size(); ++i) {

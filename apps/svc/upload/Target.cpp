@@ -18,8 +18,8 @@ struct SchemeRule {
   bool tls;
 };
 constexpr SchemeRule kSchemeRules[] = {
-    {"s3", Protocol::S3, false},       {"s3s", Protocol::S3, true},      {"dav", Protocol::WebDav, false},
-    {"davs", Protocol::WebDav, true},  {"http", Protocol::WebDav, false}, {"https", Protocol::WebDav, true},
+    {"s3", Protocol::S3, false},      {"s3s", Protocol::S3, true},       {"dav", Protocol::WebDav, false},
+    {"davs", Protocol::WebDav, true}, {"http", Protocol::WebDav, false}, {"https", Protocol::WebDav, true},
 };
 
 bool isAlnum(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9'); }
@@ -128,11 +128,13 @@ bool parseTarget(std::string const& address, Target& target, std::string& why) {
   for (SchemeRule const& candidate : kSchemeRules) {
     if (scheme == candidate.name) rule = &candidate;
   }
-  if (!rule) return refuse(named + " has an unknown scheme " + quote(address.substr(0, schemeEnd)) + ": " + kSchemes);
+  if (!rule)
+    return refuse(named + " has an unknown scheme " + quote(address.substr(0, schemeEnd)) + ": " + kSchemes);
 
   std::string rest = address.substr(schemeEnd + 3);
   std::size_t const hash = rest.find('#');
-  if (hash != std::string::npos) return refuse(named + " has a fragment " + quote(rest.substr(hash)) + ": remove it");
+  if (hash != std::string::npos)
+    return refuse(named + " has a fragment " + quote(rest.substr(hash)) + ": remove it");
   std::string query;
   bool const hasQuery = rest.find('?') != std::string::npos;
   if (std::size_t const mark = rest.find('?'); mark != std::string::npos) {
@@ -152,7 +154,8 @@ bool parseTarget(std::string const& address, Target& target, std::string& why) {
   if (authority.front() == '[') {
     std::size_t const close = authority.find(']');
     if (close == std::string::npos || !isIpv6(authority.substr(1, close - 1))) {
-      return refuse(named + " has an invalid host " + quote(authority.substr(0, close == std::string::npos ? authority.size() : close + 1)));
+      return refuse(named + " has an invalid host " +
+                    quote(authority.substr(0, close == std::string::npos ? authority.size() : close + 1)));
     }
     host = authority.substr(0, close + 1);
     std::string const after = authority.substr(close + 1);
@@ -213,10 +216,12 @@ bool parseTarget(std::string const& address, Target& target, std::string& why) {
     parsed.region = kDefaultRegion;
     if (hasQuery) {
       if (query.compare(0, 7, "region=") != 0) {
-        return refuse(named + " has an unknown parameter " + quote(query) + ": only \"region=NAME\" is allowed");
+        return refuse(named + " has an unknown parameter " + quote(query) +
+                      ": only \"region=NAME\" is allowed");
       }
       parsed.region = query.substr(7);
-      if (!isRegionName(parsed.region)) return refuse(named + " has an invalid region " + quote(parsed.region));
+      if (!isRegionName(parsed.region))
+        return refuse(named + " has an invalid region " + quote(parsed.region));
     }
   } else if (hasQuery) {
     return refuse(named + " has a query " + quote("?" + query) + ": WebDAV addresses take none");

@@ -11,9 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 #include <deque>
 #include <list>
@@ -32,8 +30,8 @@ constexpr char kEmptySha256[] = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934
 // S3's limits on multipart uploads.
 constexpr std::uint64_t kMinPartSize = 5ull << 20;
 constexpr std::uint64_t kMaxParts = 10000;
-// Bodies below this size go without "Expect: 100-continue": the round trip
-// costs more than sending bytes that the server might refuse.
+// WebDAV bodies below this size go without "Expect: 100-continue": the
+// round trip costs more than sending bytes that the server might refuse.
 constexpr std::uint64_t kExpectThreshold = 1ull << 20;
 // What is kept of an answer's body: enough for an error or a page of a
 // listing; the rest is read and dropped.
@@ -58,7 +56,7 @@ struct StatusRule {
 constexpr StatusRule kStatusRules[] = {
     {300, 399, Outcome::hold},       // sent elsewhere (no redirect is followed): the address is wrong
     {401, 401, Outcome::hold},       // the credentials are refused
-    {403, 403, Outcome::hold},
+    {403, 403, Outcome::hold},       // the account may not write here
     {408, 408, Outcome::transient},  // request time-out
     {429, 429, Outcome::transient},  // too many requests
     {400, 499, Outcome::rejected},   // the server refuses this upload
@@ -74,7 +72,7 @@ struct CodeRule {
 constexpr CodeRule kS3CodeRules[] = {
     {"XAmzContentSHA256Mismatch", Outcome::changed},  // the bytes that arrived are not those hashed
     {"BadDigest", Outcome::changed},
-    {"NoSuchBucket", Outcome::hold},                  // every upload would fail the same way
+    {"NoSuchBucket", Outcome::hold},  // every upload would fail the same way
     {"InvalidAccessKeyId", Outcome::hold},
     {"SignatureDoesNotMatch", Outcome::hold},
     {"RequestTimeTooSkewed", Outcome::hold},
@@ -119,8 +117,9 @@ Outcome outcomeOfCurl(CURLcode code) {
 }
 
 bool isSha256Hex(std::string const& text) {
-  return text.size() == 64 &&
-         std::all_of(text.begin(), text.end(), [](char c) { return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'); });
+  return text.size() == 64 && std::all_of(text.begin(), text.end(), [](char c) {
+           return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f');
+         });
 }
 
 std::string hostPortOf(std::string const& url) {
@@ -149,7 +148,7 @@ enum class BodySource { none, file, memory };
 
 struct Answer {
   CURLcode code = CURLE_OK;
-  std::string error;   // libcurl's text when code is not CURLE_OK
+  std::string error;  // libcurl's text when code is not CURLE_OK
   long status = 0;
   std::string reason;  // of the status line
   std::string body;
@@ -174,7 +173,7 @@ struct Exchange {
   std::uint64_t position = 0;  // of the body
   bool shortFile = false;      // the file ended before bodySize bytes
   int readErrno = 0;
-  Sha256 bodyHash;             // of the file's bytes as they were read
+  Sha256 bodyHash;  // of the file's bytes as they were read
   std::function<void(std::uint64_t)> onBodyBytes;
   Answer answer;
   char errorText[CURL_ERROR_SIZE] = {};
@@ -235,7 +234,8 @@ bool headerIs(std::string const& line, char const* name, std::string& value) {
   }
   value = line.substr(length + 1);
   while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.erase(0, 1);
-  while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) value.pop_back();
+  while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' '))
+    value.pop_back();
   return true;
 }
 
@@ -331,6 +331,17 @@ void setUp(CURL* h, Exchange& exchange, Target const& target, Common const& comm
   curl_easy_setopt(h, CURLOPT_HTTPHEADER, list);
 }
 
+// A request of method to url; S3 requests sign payloadSha256, the hash of
+// their body.
+std::unique_ptr<Exchange> exchangeFor(Protocol protocol, std::string method, std::string url,
+                                      std::string const& payloadSha256) {
+  auto exchange = std::make_unique<Exchange>();
+  exchange->method = std::move(method);
+  exchange->url = std::move(url);
+  if (protocol == Protocol::S3) exchange->headers.push_back("x-amz-content-sha256: " + payloadSha256);
+  return exchange;
+}
+
 // Reads what the finished exchange got back.
 void collectAnswer(CURL* h, CURLcode code, Exchange& exchange) {
   Answer& answer = exchange.answer;
@@ -368,8 +379,9 @@ std::string s3Code(Answer const& answer) { return xmlText(answer.body, "Code"); 
 
 void trace(Exchange const& exchange, bool done) {
   boost::lock_guard<boost::mutex> lock(Log::inst().mutex());
-  std::ostream& line = Log::inst().logStreamStartLine() << "TRACE:" << "qxlite-svc " << exchange.method << " "
-                                                        << exchange.url;
+  std::ostream& line = Log::inst().logStreamStartLine()
+                       << "TRACE:"
+                       << "qxlite-svc " << exchange.method << " " << exchange.url;
   if (!done) {
     line << std::endl;
   } else if (exchange.answer.code != CURLE_OK) {
@@ -384,17 +396,17 @@ void trace(Exchange const& exchange, bool done) {
 // One upload and the steps it goes through.
 
 enum class Step {
-  s3Put,            // PUT the whole file with If-None-Match: *
-  s3HeadTaken,      // after a 412: whose bytes hold the key?
-  s3HeadBefore,     // multipart: is the key free, or are these bytes there already?
-  s3ListParts,      // multipart, resumed: which parts does the server hold?
-  s3Initiate,       // multipart: a new upload id
-  s3PutPart,        // multipart: one part
-  s3Complete,       // multipart: the parts become the object
-  s3AbortChanged,   // multipart: the file changed, the upload goes
-  davPut,           // PUT the whole file
-  davMakeFolder,    // MKCOL one folder of the key's path, after a 409
-  davDeleteChanged, // the file changed after it was sent: the object goes
+  s3Put,             // PUT the whole file with If-None-Match: *
+  s3HeadTaken,       // after a 412: whose bytes hold the key?
+  s3HeadBefore,      // multipart: is the key free, or are these bytes there already?
+  s3ListParts,       // multipart, resumed: which parts does the server hold?
+  s3Initiate,        // multipart: a new upload id
+  s3PutPart,         // multipart: one part
+  s3Complete,        // multipart: the parts become the object
+  s3AbortChanged,    // multipart: the file changed, the upload goes
+  davPut,            // PUT the whole file
+  davMakeFolder,     // MKCOL one folder of the key's path, after a 409
+  davDeleteChanged,  // the file changed after it was sent: the object goes
 };
 
 struct Transfer {
@@ -417,7 +429,7 @@ struct Transfer {
   std::map<unsigned, PartRecord> serverParts;  // what ListParts reported
   std::vector<PartRecord> parts;               // in order, for the completion
   std::uint64_t partMarker = 0;
-  Sha256 fileHash;                             // of the parts read so far
+  Sha256 fileHash;  // of the parts read so far
   // WebDAV.
   std::vector<std::string> folders;  // the URLs still to make, after a 409
   bool madeFolders = false;
@@ -521,7 +533,8 @@ class UploadEngine::Impl {
 
  private:
   static long long nowSecond() {
-    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now().time_since_epoch())
+    return std::chrono::duration_cast<std::chrono::seconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
         .count();
   }
 
@@ -545,9 +558,9 @@ class UploadEngine::Impl {
   void davMakeNextFolder(Transfer& transfer);
   bool nextKey(Transfer& transfer);
 
-  std::unique_ptr<Exchange> exchangeFor(Transfer const& transfer, std::string method, std::string url,
-                                        std::string const& payloadSha256) const;
-  std::string keyUrl(Transfer const& transfer) const { return transfer.request.target.objectUrl(transfer.key); }
+  std::string keyUrl(Transfer const& transfer) const {
+    return transfer.request.target.objectUrl(transfer.key);
+  }
 
   Common m_common;
   Callbacks const m_callbacks;
@@ -601,10 +614,12 @@ void UploadEngine::Impl::takeCommands(bool& paused, std::size_t& maxTransfers) {
     }
   }
   // A cancelled transfer stops at once: its request is dropped half-way
-  // (a cut PUT leaves nothing; a multipart upload id stays valid).
+  // (a cut PUT leaves nothing; a multipart upload id stays valid). Only the
+  // removal of what a changed file left on the server runs to its end.
   for (auto it = m_running.begin(); it != m_running.end();) {
     Transfer& transfer = **it;
-    if (!transfer.cancelled) {
+    bool const cleaningUp = transfer.step == Step::s3AbortChanged || transfer.step == Step::davDeleteChanged;
+    if (!transfer.cancelled || cleaningUp) {
       ++it;
       continue;
     }
@@ -679,31 +694,21 @@ void UploadEngine::Impl::start(std::unique_ptr<Transfer> owned) {
   }
   // The hash goes into request headers: it must be what it claims to be.
   if (!isSha256Hex(transfer.request.sha256)) {
-    finish(transfer, Outcome::rejected, "the hash \"" + cleanQuote(transfer.request.sha256) + "\" of " +
-                                            transfer.request.key + " is not 64 lower-case hexadecimal digits");
+    finish(transfer, Outcome::rejected,
+           "the hash \"" + cleanQuote(transfer.request.sha256) + "\" of " + transfer.request.key +
+               " is not 64 lower-case hexadecimal digits");
     return;
   }
   if (transfer.request.target.protocol == Protocol::WebDav) {
     davPut(transfer);
   } else if (transfer.request.size >= m_common.options.multipartThreshold) {
     transfer.partSize = partSizeFor(transfer.request.size, m_common.options.partSize);
-    transfer.partCount = static_cast<unsigned>((transfer.request.size + transfer.partSize - 1) / transfer.partSize);
+    transfer.partCount =
+        static_cast<unsigned>((transfer.request.size + transfer.partSize - 1) / transfer.partSize);
     s3Head(transfer, Step::s3HeadBefore);
   } else {
     s3Put(transfer);
   }
-}
-
-std::unique_ptr<Exchange> UploadEngine::Impl::exchangeFor(Transfer const& transfer, std::string method,
-                                                          std::string url,
-                                                          std::string const& payloadSha256) const {
-  auto exchange = std::make_unique<Exchange>();
-  exchange->method = std::move(method);
-  exchange->url = std::move(url);
-  if (transfer.request.target.protocol == Protocol::S3) {
-    exchange->headers.push_back("x-amz-content-sha256: " + payloadSha256);
-  }
-  return exchange;
 }
 
 void UploadEngine::Impl::send(Transfer& transfer, Step step, std::unique_ptr<Exchange> exchange) {
@@ -717,9 +722,11 @@ void UploadEngine::Impl::send(Transfer& transfer, Step step, std::unique_ptr<Exc
     auto it = m_progress.find(ticket);
     if (it != m_progress.end()) it->second.bytesSent = base + current.position + bytes;
     long long const second = nowSecond();
-    if (m_sentPerSecond.empty() || m_sentPerSecond.back().first != second) m_sentPerSecond.emplace_back(second, 0);
+    if (m_sentPerSecond.empty() || m_sentPerSecond.back().first != second)
+      m_sentPerSecond.emplace_back(second, 0);
     m_sentPerSecond.back().second += bytes;
-    while (m_sentPerSecond.size() > static_cast<std::size_t>(kThroughputWindow) + 1) m_sentPerSecond.pop_front();
+    while (m_sentPerSecond.size() > static_cast<std::size_t>(kThroughputWindow) + 1)
+      m_sentPerSecond.pop_front();
   };
   setUp(transfer.handle, current, transfer.request.target, m_common);
   if (m_common.options.traceRequests) trace(current, false);
@@ -755,8 +762,9 @@ void UploadEngine::Impl::finish(Transfer& transfer, Outcome outcome, std::string
 // An answer that the step did not expect ends the upload as the tables say.
 void UploadEngine::Impl::finishWithAnswer(Transfer& transfer) {
   Exchange const& exchange = *transfer.exchange;
-  Outcome const outcome = exchange.answer.code != CURLE_OK ? outcomeOfCurl(exchange.answer.code)
-                                                           : outcomeOfStatus(exchange.answer.status, s3Code(exchange.answer));
+  Outcome const outcome = exchange.answer.code != CURLE_OK
+                              ? outcomeOfCurl(exchange.answer.code)
+                              : outcomeOfStatus(exchange.answer.status, s3Code(exchange.answer));
   finish(transfer, outcome, describe(exchange));
 }
 
@@ -776,8 +784,9 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
   bool const ok = answer.code == CURLE_OK && answer.status >= 200 && answer.status <= 299;
   // A body that could not be read whole: the file is not what was hashed.
   if (exchange.shortFile || exchange.readErrno) {
-    std::string const why = exchange.shortFile ? "the file ended before its " + std::to_string(transfer.request.size) + " bytes"
-                                               : std::string("reading the file failed: ") + std::strerror(exchange.readErrno);
+    std::string const why =
+        exchange.shortFile ? "the file ended before its " + std::to_string(transfer.request.size) + " bytes"
+                           : std::string("reading the file failed: ") + std::strerror(exchange.readErrno);
     if (transfer.step == Step::s3PutPart) {
       s3Abort(transfer, Outcome::changed, why);
     } else {
@@ -801,7 +810,8 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
         if (answer.hasMetaSha256 && answer.metaSha256 == transfer.request.sha256) {
           return finish(transfer, Outcome::done, "");
         }
-        if (!nextKey(transfer)) return finish(transfer, Outcome::rejected, "no free key near " + transfer.request.key);
+        if (!nextKey(transfer))
+          return finish(transfer, Outcome::rejected, "no free key near " + transfer.request.key);
         return multipart ? s3Head(transfer, Step::s3HeadBefore) : s3Put(transfer);
       }
       if (answer.code == CURLE_OK && answer.status == 404) {
@@ -823,8 +833,8 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
         PartRecord part;
         std::uint64_t number = 0;
         if (!parseDecimal(xmlText(answer.body, "PartNumber", range.first, range.second), number) ||
-            !parseDecimal(xmlText(answer.body, "Size", range.first, range.second), part.size) || number == 0 ||
-            number > kMaxParts) {
+            !parseDecimal(xmlText(answer.body, "Size", range.first, range.second), part.size) ||
+            number == 0 || number > kMaxParts) {
           continue;
         }
         part.number = static_cast<unsigned>(number);
@@ -833,8 +843,8 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
       }
       std::uint64_t marker = 0;
       if (xmlText(answer.body, "IsTruncated") == "true" &&
-          parseDecimal(xmlText(answer.body, "NextPartNumberMarker"), marker) && marker > transfer.partMarker &&
-          marker < kMaxParts) {
+          parseDecimal(xmlText(answer.body, "NextPartNumberMarker"), marker) &&
+          marker > transfer.partMarker && marker < kMaxParts) {
         transfer.partMarker = marker;
         return s3ListParts(transfer);
       }
@@ -845,8 +855,9 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
       if (!ok) return finishWithAnswer(transfer);
       std::string const id = xmlText(answer.body, "UploadId");
       if (id.empty() || id.size() > 1024) {
-        return finish(transfer, Outcome::transient, "the server started a multipart upload without an id (" +
-                                                        exchange.method + " " + exchange.url + ")");
+        return finish(transfer, Outcome::transient,
+                      "the server started a multipart upload without an id (" + exchange.method + " " +
+                          exchange.url + ")");
       }
       transfer.uploadId = id;
       if (m_callbacks.onUploadId) m_callbacks.onUploadId(transfer.request.ticket, id);
@@ -859,17 +870,17 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
         return finish(transfer, Outcome::transient,
                       "the server answered HTTP " + std::to_string(answer.status) + " after " +
                           std::to_string(exchange.position) + " of " + std::to_string(exchange.bodySize) +
-                          " bytes of part " + std::to_string(transfer.nextPart) + " (" + exchange.method + " " +
-                          exchange.url + ")");
+                          " bytes of part " + std::to_string(transfer.nextPart) + " (" + exchange.method +
+                          " " + exchange.url + ")");
       }
       PartRecord part;
       part.number = transfer.nextPart;
       part.size = exchange.bodySize;
       part.etag = answer.etag;
       if (part.etag.empty()) {
-        return finish(transfer, Outcome::transient, "the server stored part " + std::to_string(part.number) +
-                                                        " without an ETag (" + exchange.method + " " +
-                                                        exchange.url + ")");
+        return finish(transfer, Outcome::transient,
+                      "the server stored part " + std::to_string(part.number) + " without an ETag (" +
+                          exchange.method + " " + exchange.url + ")");
       }
       transfer.parts.push_back(part);
       ++transfer.nextPart;
@@ -896,8 +907,7 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
     }
 
     case Step::s3AbortChanged:
-    case Step::davDeleteChanged:
-      return finish(transfer, transfer.pending.outcome, transfer.pending.message);
+    case Step::davDeleteChanged: return finish(transfer, transfer.pending.outcome, transfer.pending.message);
 
     case Step::davPut:
       if (ok) {
@@ -906,7 +916,8 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
           // piece of the file: that piece goes, and the upload tries again.
           transfer.pending.outcome = Outcome::transient;
           transfer.pending.message = "the server answered HTTP " + std::to_string(answer.status) + " after " +
-                                     std::to_string(exchange.position) + " of " + std::to_string(exchange.bodySize) +
+                                     std::to_string(exchange.position) + " of " +
+                                     std::to_string(exchange.bodySize) +
                                      " bytes; the piece on the server was removed";
         } else if (exchange.bodyHash.hex() == transfer.request.sha256) {
           return finish(transfer, Outcome::done, "");
@@ -914,7 +925,8 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
           transfer.pending.outcome = Outcome::changed;
           transfer.pending.message = "the file changed while it was sent; the copy on the server was removed";
         }
-        return send(transfer, Step::davDeleteChanged, exchangeFor(transfer, "DELETE", keyUrl(transfer), kEmptySha256));
+        return send(transfer, Step::davDeleteChanged,
+                    exchangeFor(transfer.request.target.protocol, "DELETE", keyUrl(transfer), kEmptySha256));
       }
       if (answer.code == CURLE_OK && answer.status == 409 && !transfer.madeFolders) {
         // The server has no folder to put the object in: make the path's
@@ -948,7 +960,7 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
 
 void UploadEngine::Impl::s3Put(Transfer& transfer) {
   UploadRequest const& request = transfer.request;
-  auto exchange = exchangeFor(transfer, "PUT", keyUrl(transfer), request.sha256);
+  auto exchange = exchangeFor(transfer.request.target.protocol, "PUT", keyUrl(transfer), request.sha256);
   exchange->headers.push_back("x-amz-meta-sha256: " + request.sha256);
   exchange->headers.push_back("If-None-Match: *");
   exchange->source = BodySource::file;
@@ -958,7 +970,7 @@ void UploadEngine::Impl::s3Put(Transfer& transfer) {
 }
 
 void UploadEngine::Impl::s3Head(Transfer& transfer, Step step) {
-  send(transfer, step, exchangeFor(transfer, "HEAD", keyUrl(transfer), kEmptySha256));
+  send(transfer, step, exchangeFor(transfer.request.target.protocol, "HEAD", keyUrl(transfer), kEmptySha256));
 }
 
 void UploadEngine::Impl::s3ListParts(Transfer& transfer) {
@@ -966,13 +978,14 @@ void UploadEngine::Impl::s3ListParts(Transfer& transfer) {
   std::string url = keyUrl(transfer) + "?max-parts=1000";
   if (transfer.partMarker) url += "&part-number-marker=" + std::to_string(transfer.partMarker);
   url += "&uploadId=" + percentEncode(transfer.uploadId, false);
-  auto exchange = exchangeFor(transfer, "GET", url, kEmptySha256);
+  auto exchange = exchangeFor(transfer.request.target.protocol, "GET", url, kEmptySha256);
   exchange->maxBody = kMaxListBody;
   send(transfer, Step::s3ListParts, std::move(exchange));
 }
 
 void UploadEngine::Impl::s3Initiate(Transfer& transfer) {
-  auto exchange = exchangeFor(transfer, "POST", keyUrl(transfer) + "?uploads=", kEmptySha256);
+  auto exchange =
+      exchangeFor(transfer.request.target.protocol, "POST", keyUrl(transfer) + "?uploads=", kEmptySha256);
   exchange->headers.push_back("x-amz-meta-sha256: " + transfer.request.sha256);
   exchange->source = BodySource::memory;
   send(transfer, Step::s3Initiate, std::move(exchange));
@@ -990,9 +1003,12 @@ void UploadEngine::Impl::s3NextPart(Transfer& transfer) {
     std::string bytes(static_cast<std::size_t>(size), '\0');
     std::size_t got = 0;
     while (got < bytes.size()) {
-      ssize_t const n = ::pread(request.file.get(), &bytes[got], bytes.size() - got, static_cast<off_t>(offset + got));
+      ssize_t const n =
+          ::pread(request.file.get(), &bytes[got], bytes.size() - got, static_cast<off_t>(offset + got));
       if (n < 0 && errno == EINTR) continue;
-      if (n < 0) return s3Abort(transfer, Outcome::changed, std::string("reading the file failed: ") + std::strerror(errno));
+      if (n < 0)
+        return s3Abort(transfer, Outcome::changed,
+                       std::string("reading the file failed: ") + std::strerror(errno));
       if (n == 0) {
         return s3Abort(transfer, Outcome::changed,
                        "the file ended before its " + std::to_string(request.size) + " bytes");
@@ -1011,7 +1027,7 @@ void UploadEngine::Impl::s3NextPart(Transfer& transfer) {
     }
     std::string const url = keyUrl(transfer) + "?partNumber=" + std::to_string(number) +
                             "&uploadId=" + percentEncode(transfer.uploadId, false);
-    auto exchange = exchangeFor(transfer, "PUT", url, sha256OfText(bytes));
+    auto exchange = exchangeFor(transfer.request.target.protocol, "PUT", url, sha256OfText(bytes));
     exchange->source = BodySource::memory;
     exchange->memory = std::move(bytes);
     exchange->bodySize = size;
@@ -1026,12 +1042,12 @@ void UploadEngine::Impl::s3NextPart(Transfer& transfer) {
 void UploadEngine::Impl::s3Complete(Transfer& transfer) {
   std::string body = "<CompleteMultipartUpload>";
   for (PartRecord const& part : transfer.parts) {
-    body += "<Part><PartNumber>" + std::to_string(part.number) + "</PartNumber><ETag>" + xmlEscape(part.etag) +
-            "</ETag></Part>";
+    body += "<Part><PartNumber>" + std::to_string(part.number) + "</PartNumber><ETag>" +
+            xmlEscape(part.etag) + "</ETag></Part>";
   }
   body += "</CompleteMultipartUpload>";
-  auto exchange = exchangeFor(transfer, "POST", keyUrl(transfer) + "?uploadId=" +
-                                                   percentEncode(transfer.uploadId, false),
+  auto exchange = exchangeFor(transfer.request.target.protocol, "POST",
+                              keyUrl(transfer) + "?uploadId=" + percentEncode(transfer.uploadId, false),
                               sha256OfText(body));
   exchange->source = BodySource::memory;
   exchange->bodySize = body.size();
@@ -1045,13 +1061,13 @@ void UploadEngine::Impl::s3Abort(Transfer& transfer, Outcome outcome, std::strin
   transfer.pending.outcome = outcome;
   transfer.pending.message = std::move(message);
   send(transfer, Step::s3AbortChanged,
-       exchangeFor(transfer, "DELETE", keyUrl(transfer) + "?uploadId=" + percentEncode(transfer.uploadId, false),
-                   kEmptySha256));
+       exchangeFor(transfer.request.target.protocol, "DELETE",
+                   keyUrl(transfer) + "?uploadId=" + percentEncode(transfer.uploadId, false), kEmptySha256));
 }
 
 void UploadEngine::Impl::davPut(Transfer& transfer) {
   UploadRequest const& request = transfer.request;
-  auto exchange = exchangeFor(transfer, "PUT", keyUrl(transfer), kEmptySha256);
+  auto exchange = exchangeFor(transfer.request.target.protocol, "PUT", keyUrl(transfer), kEmptySha256);
   exchange->source = BodySource::file;
   exchange->fd = request.file.get();
   exchange->bodySize = request.size;
@@ -1062,7 +1078,8 @@ void UploadEngine::Impl::davMakeNextFolder(Transfer& transfer) {
   if (transfer.folders.empty()) return davPut(transfer);
   std::string const url = transfer.folders.front();
   transfer.folders.erase(transfer.folders.begin());
-  send(transfer, Step::davMakeFolder, exchangeFor(transfer, "MKCOL", url, kEmptySha256));
+  send(transfer, Step::davMakeFolder,
+       exchangeFor(transfer.request.target.protocol, "MKCOL", url, kEmptySha256));
 }
 
 // ---------------------------------------------------------------------------
@@ -1071,8 +1088,6 @@ std::size_t UploadEngine::Impl::abortOrphans(Target const& target, std::set<std:
   if (target.protocol != Protocol::S3) return 0;
   std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), curl_easy_cleanup);
   if (!handle) throw std::runtime_error("libcurl could not start a request");
-  Transfer context{UploadRequest{}};
-  context.request.target = target;
   auto perform = [&](Exchange& exchange) {
     setUp(handle.get(), exchange, target, m_common);
     if (m_common.options.traceRequests) trace(exchange, false);
@@ -1096,7 +1111,7 @@ std::size_t UploadEngine::Impl::abortOrphans(Target const& target, std::set<std:
     url += "prefix=" + percentEncode(prefix, false) + "&";
     if (!idMarker.empty()) url += "upload-id-marker=" + percentEncode(idMarker, false) + "&";
     url += "uploads=";
-    auto listing = exchangeFor(context, "GET", url, kEmptySha256);
+    auto listing = exchangeFor(Protocol::S3, "GET", url, kEmptySha256);
     listing->maxBody = kMaxListBody;
     perform(*listing);
     std::string const& body = listing->answer.body;
@@ -1105,9 +1120,9 @@ std::size_t UploadEngine::Impl::abortOrphans(Target const& target, std::set<std:
       std::string const id = xmlText(body, "UploadId", range.first, range.second);
       if (key.empty() || id.empty() || owned.count(id)) continue;
       if (key.compare(0, prefix.size(), prefix) != 0) continue;  // not under the target's prefix
-      auto abort = exchangeFor(context, "DELETE", bucketUrl + "/" + percentEncode(key, true) + "?uploadId=" +
-                                                      percentEncode(id, false),
-                               kEmptySha256);
+      auto abort = exchangeFor(
+          Protocol::S3, "DELETE",
+          bucketUrl + "/" + percentEncode(key, true) + "?uploadId=" + percentEncode(id, false), kEmptySha256);
       perform(*abort);
       ++aborted;
     }
