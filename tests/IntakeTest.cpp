@@ -489,6 +489,27 @@ TEST(IntakeReject, AFailedRejectLeavesNoFolderBehind) {
             "cannot reject \"a/b\": not the name of an entry: Invalid argument");
 }
 
+TEST(IntakeReject, TheSweepRemovesWhatACrashedRejectLeftAndNothingElse) {
+  Spool s;
+  std::string const halfReason = qxsvc::newJobId(5);
+  std::string const wholeReason = qxsvc::newJobId(5);
+  std::string const done = qxsvc::newJobId(5);
+  fs::create_directories(s.rejected / halfReason);
+  qxtest::writeFile(s.rejected / halfReason / "reason.json.noqx", "{\"ti");
+  fs::create_directories(s.rejected / wholeReason);
+  qxtest::writeFile(s.rejected / wholeReason / "reason.json", "{}");
+  fs::create_directories(s.rejected / done);
+  qxtest::writeFile(s.rejected / done / "reason.json", "{}");
+  qxtest::writeFile(s.rejected / done / "kept.pdf", "kept");
+  fs::create_directories(s.rejected / "by hand");  // not the service's
+  qxtest::writeFile(s.rejected / "by hand" / "reason.json", "{}");
+  qxsvc::FolderFd const rejected = qxtest::openFolder(s.rejected);
+  EXPECT_EQ(2u, qxsvc::sweepUnfinishedRejects(rejected.get()));
+  EXPECT_EQ(namesIn(s.rejected), (std::vector<std::string>{done, "by hand"}));
+  EXPECT_EQ("kept", qxtest::readFile(s.rejected / done / "kept.pdf"));
+  EXPECT_EQ(0u, qxsvc::sweepUnfinishedRejects(rejected.get()));
+}
+
 // ---------------------------------------------------------------------------
 // The files of a job
 

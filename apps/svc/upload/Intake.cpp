@@ -368,6 +368,24 @@ std::string reject(int fromDir, std::string const& name, int rejectedDir, std::s
   return id + "/" + target;
 }
 
+std::size_t sweepUnfinishedRejects(int rejectedDir) {
+  std::size_t removed = 0;
+  for (std::string const& id : entriesOf(rejectedDir, "the rejected folder")) {
+    if (!isJobId(id)) continue;
+    FolderFd const folder(::openat(rejectedDir, id.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    if (!folder.valid()) continue;
+    std::vector<std::string> const names = entriesOf(folder.get(), id);
+    std::string const temp = std::string(kReasonFile) + ".noqx";
+    bool const onlyReasons = std::all_of(names.begin(), names.end(), [&temp](std::string const& n) {
+      return n == kReasonFile || n == temp;
+    });
+    if (!onlyReasons) continue;  // holds what a person dropped: never touched
+    removeRejectFolder(rejectedDir, id);
+    ++removed;
+  }
+  return removed;
+}
+
 // ---------------------------------------------------------------------------
 // Listing a job
 

@@ -103,6 +103,11 @@ void claim(int incomingDir, std::string const& name, int outgoingDir, std::strin
 std::string reject(int fromDir, std::string const& name, int rejectedDir, std::string const& rule,
                    std::string const& message, std::time_t now);
 
+// Removes the folders of the rejected folder that a reject stopped by a
+// crash left without their entry (holding only the reason, whole or not);
+// returns how many. Folders holding anything else are left alone.
+std::size_t sweepUnfinishedRejects(int rejectedDir);
+
 // The files of a job folder (relative paths, sorted), sizes included; links
 // and special files are not listed, folders are walked (64 levels at most).
 // Throws std::system_error naming a folder that cannot be read.

@@ -611,6 +611,12 @@ void Pipeline::Impl::reconcile() {
     logError(std::string("cannot read the outgoing folder: ") + e.what());
     return;
   }
+  try {
+    std::size_t const swept = sweepUnfinishedRejects(m_folders.rejected.get());
+    if (swept > 0) logInfo("removed " + std::to_string(swept) + " unfinished rejection(s) from the rejected folder");
+  } catch (std::exception const& e) {
+    logError(std::string("cannot read the rejected folder: ") + e.what());
+  }
   std::set<std::string> present;
   for (std::string const& name : names) {
     if (!isJobId(name)) continue;  // strays are claimed as new jobs by scanOutgoingStrays
@@ -1013,7 +1019,7 @@ void Pipeline::Impl::settle(UploadResult const& result) {
       for (auto const& other : live.tickets) others.push_back(other.second);
     }
     // A server that answered, other than to refuse the credentials, ends a hold.
-    if (!m_held.empty() && result.outcome != Outcome::hold && result.httpStatus != 0) {
+    if (!m_held.empty() && result.outcome != Outcome::hold && !result.unreachable) {
       m_held.clear();
       Log::inst().writeLine("INFO:", "qxlite-svc uploads again: the server answers");
     }
@@ -1069,9 +1075,9 @@ void Pipeline::Impl::conclude(std::string const& jobId) {
         break;
       case Outcome::transient:
         ++row.attempts;
-        if (setback->httpStatus == 0) {
-          // Nothing answered: the server is down or cannot be reached, which
-          // is no fault of this job. The queue waits; one job probes.
+        if (setback->unreachable) {
+          // No server to talk to: down, or not reachable from here, which is
+          // no fault of this job. The queue waits; one job probes.
           setHeld("no server answers: " + setback->message);
           break;
         }

@@ -742,6 +742,11 @@ void UploadEngine::Impl::finish(Transfer& transfer, Outcome outcome, std::string
   result.message = std::move(message);
   result.finalKey = transfer.key;
   result.bytesSent = transfer.bytesSent;
+  if (transfer.exchange) {
+    CURLcode const code = transfer.exchange->answer.code;
+    result.unreachable = code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
+                         code == CURLE_COULDNT_RESOLVE_PROXY;
+  }
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_progress.erase(transfer.request.ticket);

@@ -88,6 +88,7 @@ struct UploadResult {
   std::string message;        // for people: "HTTP 403 AccessDenied: ...", "connect to 127.0.0.1:7480 failed: ..."
   std::string finalKey;       // the key the bytes are under (done)
   std::uint64_t bytesSent = 0;  // the file's bytes that went out in this run
+  bool unreachable = false;     // the last request found no server: name or connection failed
 };
 
 struct EngineOptions {
