@@ -344,7 +344,7 @@ std::string Pipeline::Impl::retry(std::string const& jobId) {
 void Pipeline::Impl::run() {
   startUp();
   for (;;) {
-    Settings settings = qxapp::independentCopy(m_settings);  // replaced below when changed
+    std::optional<Settings> settings;  // the new ones, when they changed
     bool scan = false;
     bool changed = false;
     std::deque<UploadResult> results;
@@ -354,14 +354,14 @@ void Pipeline::Impl::run() {
       if (m_stop) break;
       changed = m_settingsChanged;
       m_settingsChanged = false;
-      if (changed) settings = qxapp::independentCopy(m_settings);
+      if (changed) settings.emplace(qxapp::independentCopy(m_settings));
       scan = m_scanRequested && !m_paused;
       m_scanRequested = false;
       m_woken = false;
       results.swap(m_results);
       cancels.swap(m_cancels);
     }
-    if (changed) applySettings(settings);
+    if (settings) applySettings(*settings);
     for (UploadResult const& r : results) settle(r);
     for (std::string const& id : cancels) {
       bool idle = false;
@@ -400,7 +400,8 @@ void Pipeline::Impl::run() {
           until = std::min(until, due);
         }
       }
-      if (!m_held.empty()) until = std::min(until, m_nextProbe);
+      // A held queue probes only with an engine to probe with.
+      if (!m_held.empty() && m_engine && m_cleanedUp.load()) until = std::min(until, m_nextProbe);
       if (m_woken || m_stop) continue;
       watch = m_watch;
     }
