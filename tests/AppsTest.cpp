@@ -349,7 +349,7 @@ class AppsTest : public ::testing::Test {
     std::string const stopping = std::string("INFO:qxlite-svc stopping on ") + (sig == SIGINT ? "SIGINT" : "SIGTERM");
     auto const at = std::find(lines.begin(), lines.end(), stopping);
     ASSERT_NE(lines.end(), at) << service->err();
-    for (auto it = at + 1; it + 1 < lines.end(); ++it) EXPECT_EQ(std::string::npos, it->find("ERR:")) << *it;
+    for (auto it = at + 1; it + 1 < lines.end(); ++it) EXPECT_NE(0u, it->rfind("ERR:", 0)) << *it;
     EXPECT_EQ("INFO:qxlite-svc stopped", lines.back());
     port = 0;
   }
