@@ -7,6 +7,7 @@
 #include "apps/svc/upload/Journal.h"
 #include "apps/svc/upload/Pipeline.h"
 #include "apps/svc/upload/Sha256.h"
+#include "tests/DropTestUtil.h"
 #include "tests/ProcessHarness.h"
 #include "tests/SpoolTestUtil.h"
 #include "tests/TestServers.h"
@@ -374,6 +375,89 @@ TEST_F(PipelineTest, AZeroByteFileIsUploaded) {
   std::vector<std::string> const keys = qxtest::s3ListKeys(s3, bucket);
   ASSERT_EQ(1u, keys.size());
   EXPECT_EQ("", qxtest::s3ObjectBytes(s3, bucket, keys.front()));
+}
+
+TEST_F(PipelineTest, AProxyThatRefusesHoldsTheQueueAndKeepsTheFiles) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  Settings settings = settingsFor(dav.url + "/pipeline-proxy");
+  // A proxy on a port where nothing listens.
+  settings.InetConfig = Inet::InetCfg(dav.url + "/pipeline-proxy", "", true, "127.0.0.1:1", false, false, false,
+                                      Inet::InetCfg::ProxyAuthMethod::None, "", "", "7.0.1");
+  qxsvc::Pipeline p(settings, options());
+  p.start();
+  drop("kept.pdf", "kept");
+  ASSERT_TRUE(qxtest::waitFor([&] { return p.uploads()["held"].isString(); })) << qxtest::text(p.uploads());
+  EXPECT_EQ(0u, p.uploads()["held"].asStringSafe().find("no server answers: ")) << qxtest::text(p.uploads());
+  EXPECT_TRUE(waiting(p)) << qxtest::text(p.uploads());
+  ASSERT_EQ(1u, entries(out).size());
+  EXPECT_EQ("kept", qxtest::readFile(out / entries(out).front() / "kept.pdf"));
+}
+
+TEST_F(PipelineTest, AFileDeletedWhileItWaitsFailsTheJobAndLeavesNothingBehind) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  std::string const base = "pipeline-deleted-" + std::to_string(::getpid());
+  std::string id;
+  {
+    qxsvc::Pipeline p(settingsFor(dav.url + "/" + base), options());  // no credentials yet: held
+    p.start();
+    drop("gone.pdf", "soon gone");
+    ASSERT_TRUE(qxtest::waitFor([&] { return states(p) == std::vector<std::string>{"queued"}; }));
+    id = job(p, 0)["id"].asStringSafe();
+  }
+  fs::remove(out / id / "gone.pdf");
+  writeCredentials(dav.user, dav.password);
+  qxsvc::Pipeline p(settingsFor(dav.url + "/" + base), options());
+  p.start();
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "failed", 1); })) << qxtest::text(p.uploads());
+  EXPECT_EQ("\"gone.pdf\" was removed from the outgoing folder before it was uploaded", job(p, 0)["error"].asStringSafe());
+  EXPECT_TRUE(qxtest::waitFor([&] { return entries(out).empty(); })) << entries(out).size();
+  EXPECT_EQ(std::vector<std::string>{".rejected"}, entries(backup));
+  EXPECT_FALSE(fs::exists(fs::path(dav.root) / base));
+}
+
+TEST_F(PipelineTest, AFullBackupFolderKeepsTheUploadedJobInTheOutgoingFolder) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  std::string const base = "pipeline-full-" + std::to_string(::getpid());
+  fs::remove(rejected);
+  qxtest::TmpfsMount const disk(backup, "size=64k,mode=0750");
+  if (!disk.ok()) GTEST_SKIP() << "cannot mount a tmpfs on the backup folder: " << disk.error();
+  std::string const big(200000, 'b');
+  qxtest::LogWatch log;
+  {
+    qxsvc::Pipeline p(settingsFor(dav.url + "/" + base, 4294967295u), options());
+    p.start();
+    drop("big.pdf", big);
+    ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+    std::string const id = job(p, 0)["id"].asStringSafe();
+    EXPECT_EQ(big, qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "big.pdf"));
+    ASSERT_TRUE(log.waitFor("ERR:qxlite-svc keeps job " + id + " in the outgoing folder for now: cannot copy \"big.pdf\": No space left on device"))
+        << [&] {
+             std::string all;
+             for (std::string const& l : log.lines()) all += l + "\n";
+             return all;
+           }();
+    // The local copy stays whole where it was; no half copy in the backup.
+    EXPECT_EQ(big, qxtest::readFile(out / id / "big.pdf"));
+    EXPECT_EQ(std::vector<std::string>{".rejected"}, entries(backup));
+  }
+}
+
+TEST_F(PipelineTest, ABackupFolderOnAnotherFileSystemGetsTheJobCopiedThenRemovedHere) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  fs::remove(rejected);
+  qxtest::TmpfsMount const disk(backup, "size=4m,mode=0750");
+  if (!disk.ok()) GTEST_SKIP() << "cannot mount a tmpfs on the backup folder: " << disk.error();
+  qxsvc::Pipeline p(settingsFor(dav.url + "/pipeline-copy-" + std::to_string(::getpid()), 4294967295u), options());
+  p.start();
+  drop("copied.pdf", "copied");
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  std::string const id = job(p, 0)["id"].asStringSafe();
+  ASSERT_TRUE(qxtest::waitFor([&] { return entries(out).empty(); }));
+  EXPECT_EQ((std::vector<std::string>{".rejected", id}), entries(backup));
+  EXPECT_EQ("copied", qxtest::readFile(backup / id / "copied.pdf"));
 }
 
 }  // namespace

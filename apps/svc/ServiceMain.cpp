@@ -48,6 +48,8 @@ struct Options {
   long httpTimeoutSecs = 30;
   std::string stateFolder;
   std::string credentialsFile;
+  unsigned multipartFromMib = 64;
+  unsigned partMib = 16;
 };
 
 // Where the journal lives when --state-dir is not given.
@@ -92,6 +94,8 @@ int serve(Options const& opt) {
   pipelineOptions.settleTime = millis(opt.settleSecs);
   pipelineOptions.retryFirst = millis(opt.retrySecs);
   pipelineOptions.holdProbe = millis(opt.retrySecs);
+  pipelineOptions.engine.multipartThreshold = std::uint64_t{opt.multipartFromMib} << 20;
+  pipelineOptions.engine.partSize = std::uint64_t{opt.partMib} << 20;
   qxsvc::OpenedFolder const state = qxsvc::openSpoolFolder(pipelineOptions.stateFolder, qxsvc::MakeMissing::yes);
   if (!state.why.empty()) throw qxapp::ConfigError("the state folder: " + state.why);
   qxsvc::Pipeline pipeline(settings, pipelineOptions);
@@ -150,6 +154,11 @@ int main(int argc, char** argv) {
   app.add_option("--retry-after", opt.retrySecs,
                  "Seconds before a failed upload is tried again (doubling up to an hour)")
       ->check(CLI::Range(0.01, 3600.0));
+  app.add_option("--multipart-from", opt.multipartFromMib,
+                 "MiB from which a file goes to S3 in parts that survive a restart (default 64)")
+      ->check(CLI::Range(5u, 1048576u));
+  app.add_option("--part-size", opt.partMib, "MiB of each part of a multipart upload (default 16; at least 5)")
+      ->check(CLI::Range(5u, 5120u));
   app.add_option("--state-dir", opt.stateFolder,
                  "Folder of the upload journal (default: /var/lib/qxlite as root, else \"state\" beside the configuration file)");
   app.add_option("--credentials", opt.credentialsFile,

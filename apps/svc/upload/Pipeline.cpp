@@ -1163,6 +1163,14 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
   FolderFd const jobDir(::openat(out, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!jobDir.valid()) return;
   try {
+    struct stat st {};
+    if (::fstatat(jobDir.get(), row.title.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+      // Someone removed the drop from the outgoing folder: nothing of it is
+      // left to keep, only what the service made from it.
+      removeTree(out, jobId);
+      logWarning(std::string(jobStateName(state)) + " job " + jobId + " (\"" + row.title + "\"): " + message);
+      return;
+    }
     // The person's drop goes to the rejected folder; archives made from it
     // are the service's own and are removed.
     std::string const where = reject(jobDir.get(), row.title, m_folders.rejected.get(), rule, message, unixNow());

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <vector>
 
 namespace qxsvc {
 
@@ -35,8 +36,26 @@ void copyFile(int fromDir, std::string const& name, int toDir, mode_t mode) {
   if (!in.valid()) fail(errno, "cannot open \"" + name + "\"");
   FileFd const out(::openat(toDir, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, mode & 0777));
   if (!out.valid()) fail(errno, "cannot make \"" + name + "\"");
+  bool inKernel = true;  // copy_file_range, until the kernel refuses it between these file systems
+  std::vector<char> buffer;
   for (;;) {
-    ssize_t const n = ::copy_file_range(in.get(), nullptr, out.get(), nullptr, 1 << 30, 0);
+    ssize_t n = 0;
+    if (inKernel) {
+      n = ::copy_file_range(in.get(), nullptr, out.get(), nullptr, 1 << 30, 0);
+      if (n < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP)) {
+        inKernel = false;
+        buffer.resize(1 << 20);
+        continue;
+      }
+    } else {
+      n = ::read(in.get(), buffer.data(), buffer.size());
+      for (ssize_t done = 0; n > 0 && done < n;) {
+        ssize_t const wrote = ::write(out.get(), buffer.data() + done, static_cast<std::size_t>(n - done));
+        if (wrote < 0 && errno == EINTR) continue;
+        if (wrote <= 0) fail(wrote < 0 ? errno : EIO, "cannot copy \"" + name + "\"");
+        done += wrote;
+      }
+    }
     if (n == 0) break;
     if (n < 0) {
       if (errno == EINTR) continue;
