@@ -34,7 +34,9 @@ constexpr int kKills = 20;
 // The service and what it needs to start again and again.
 class Service {
  public:
-  Service(fs::path const& dir, std::string const& address, qxtest::S3TestServer const& s3) : m_dir(dir) {
+  Service(fs::path const& dir, std::string const& address, qxtest::S3TestServer const& s3,
+          std::vector<std::string> extraArgs = {}, bool backup = false)
+      : m_dir(dir), m_extraArgs(std::move(extraArgs)) {
     for (char const* f : {"in", "out", "backup", "backup/.rejected", "state"}) {
       fs::create_directories(dir / f);
       ::chmod((dir / f).c_str(), 0750);
@@ -45,6 +47,7 @@ class Service {
     cfg.setAt("BackupFolder", json::Value((dir / "backup").string()));
     cfg.setAt("InetServer", json::Value(address));
     cfg.setAt("ConcurrentUploads", json::Value(json_int_t{4}));
+    if (backup) cfg.setAt("BackupExpireSecs", json::Value(json_int_t{4294967295LL}));
     static char const kExts[] = R"(["txt"])";
     cfg.setAt("SrvFileExts", json::strToArray(kExts, sizeof kExts - 1));
     qxtest::writeFile(dir / "config.json", json::jsonToString(cfg, false));
@@ -57,14 +60,14 @@ class Service {
 
   void start() {
     ++m_starts;
-    m_child = std::make_unique<qxtest::Child>(
-        QX_SVC_PROGRAM,
-        std::vector<std::string>{"--config", (m_dir / "config.json").string(), "--token-file",
+    std::vector<std::string> args{"--config", (m_dir / "config.json").string(), "--token-file",
                                  (m_dir / "ipc.token").string(), "--port", "0", "--foreground",
                                  "--state-dir", (m_dir / "state").string(), "--credentials",
                                  (m_dir / "credentials.json").string(), "--retry-after", "0.1",
-                                 "--settle-time", "0.05", "--scan-interval", "0.5"},
-        m_dir / ("svc" + std::to_string(m_starts) + ".out"), m_dir / ("svc" + std::to_string(m_starts) + ".err"));
+                                 "--settle-time", "0.05", "--scan-interval", "0.5"};
+    args.insert(args.end(), m_extraArgs.begin(), m_extraArgs.end());
+    m_child = std::make_unique<qxtest::Child>(QX_SVC_PROGRAM, args, m_dir / ("svc" + std::to_string(m_starts) + ".out"),
+                                              m_dir / ("svc" + std::to_string(m_starts) + ".err"));
   }
   void kill() { m_child->kill(); }
   bool running() { return m_child && m_child->running(); }
@@ -72,6 +75,7 @@ class Service {
 
  private:
   fs::path const m_dir;
+  std::vector<std::string> const m_extraArgs;
   int m_starts = 0;
   std::unique_ptr<qxtest::Child> m_child;
 };
@@ -102,7 +106,7 @@ TEST(UploadCrash, EveryDropEndsOnTheServerExactlyOnceOrRejectedWithItsReason) {
   });
 
   qxtest::TempDir tmp;
-  Service service(tmp.path(), "s3://127.0.0.1:" + std::to_string(proxy.port()) + "/" + bucket, s3);
+  Service service(tmp.path(), "s3://127.0.0.1:" + std::to_string(proxy.port()) + "/" + bucket, s3, {}, true);
   fs::path const stage = tmp / "stage";
   fs::create_directories(stage);
   std::map<std::string, std::string> sha;  // name -> SHA-256 of its content
@@ -184,6 +188,59 @@ TEST(UploadCrash, EveryDropEndsOnTheServerExactlyOnceOrRejectedWithItsReason) {
   for (auto const& r : rejected) EXPECT_EQ(1u, sha.count(r.first)) << "rejected, never dropped: " << r.first << " " << r.second;
   // The faults are all of the kind that passes: nothing deserved rejection.
   EXPECT_EQ(0u, rejected.size()) << rejected.begin()->first << ": " << rejected.begin()->second;
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(s3, bucket));
+  // Backup on: each uploaded file is kept once, in its job's folder.
+  std::map<std::string, int> backedUp;
+  for (auto const& jobFolder : fs::directory_iterator(tmp / "backup")) {
+    if (jobFolder.path().filename() == ".rejected") continue;
+    for (auto const& e : fs::directory_iterator(jobFolder.path())) ++backedUp[e.path().filename().string()];
+  }
+  for (auto const& k : keysByName) EXPECT_EQ(1, backedUp[k.first]) << k.first;
+  EXPECT_EQ(keysByName.size(), backedUp.size());
+}
+
+TEST(UploadCrash, AMultipartUploadCutByAKillSendsAtMostOnePartAgain) {
+  qxtest::S3TestServer const& s3 = qxtest::s3Server();
+  std::string const bucket = qxtest::makeBucket(s3, "resume");
+  qxtest::HostPort const upstream = qxtest::hostPortOf(s3.endpoint);
+  // Slow enough that the kill falls among the parts.
+  qxtest::FaultProxy proxy(upstream.host, upstream.port, [](std::string const& method, std::string const&) {
+    return method == "PUT" ? qxtest::Fault::throttle(16u << 20) : qxtest::Fault::pass();
+  });
+  qxtest::TempDir tmp;
+  Service service(tmp.path(), "s3://127.0.0.1:" + std::to_string(proxy.port()) + "/" + bucket, s3,
+                  {"--multipart-from", "5", "--part-size", "5"});
+  std::uint64_t const partSize = 5u << 20;
+  std::string content;
+  for (int i = 0; content.size() < 12 * partSize + 12345; ++i) content += "line " + std::to_string(i) + "\n";
+  qxtest::writeFile(tmp / "big.txt", content);
+  service.start();
+  fs::rename(tmp / "big.txt", tmp / "in" / "big.txt");
+  auto sent = [&] {
+    std::uint64_t total = 0;
+    for (auto const& p : proxy.bodyBytesByPath()) {
+      if (p.first.size() >= 8 && p.first.compare(p.first.size() - 8, 8, "/big.txt") == 0) total += p.second;
+    }
+    return total;
+  };
+  ASSERT_TRUE(qxtest::waitFor([&] { return sent() >= 5 * partSize; }, std::chrono::seconds(60))) << service.log();
+  service.kill();
+  std::uint64_t const beforeKill = sent();
+  EXPECT_LT(beforeKill, content.size()) << "the kill came after the last part";
+  proxy.setPolicy({});
+  service.start();
+  std::vector<std::string> keys;
+  ASSERT_TRUE(qxtest::waitFor(
+      [&] {
+        keys = qxtest::s3ListKeys(s3, bucket);
+        return keys.size() == 1 && fs::is_empty(tmp / "out");
+      },
+      std::chrono::seconds(120)))
+      << service.log();
+  EXPECT_EQ(qxsvc::sha256OfText(content), qxsvc::sha256OfText(qxtest::s3ObjectBytes(s3, bucket, keys.front())));
+  // Every byte went once, but for the part in flight at the kill.
+  EXPECT_GE(sent(), content.size());
+  EXPECT_LE(sent(), content.size() + partSize) << beforeKill << " before the kill";
   EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(s3, bucket));
 }
 
