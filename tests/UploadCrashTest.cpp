@@ -119,13 +119,19 @@ TEST(UploadCrash, EveryDropEndsOnTheServerExactlyOnceOrRejectedWithItsReason) {
   }
 
   // Drops arrive in batches whether the service runs or not; it is killed at
-  // random moments while it works.
+  // random moments while it works: after a random number of its requests
+  // (so also in slow sanitizer builds) and a random time more.
   std::mt19937 moments(7);
-  std::uniform_int_distribution<int> pause(50, 500);
+  std::uniform_int_distribution<int> requests(5, 40);
+  std::uniform_int_distribution<int> pause(0, 150);
   service.start();
   auto it = sha.begin();
   for (int kill = 0; kill < kKills; ++kill) {
     for (int n = 0; n < kDrops / kKills && it != sha.end(); ++n, ++it) fs::rename(stage / it->first, tmp / "in" / it->first);
+    std::size_t const until = proxy.requestCount() + static_cast<std::size_t>(requests(moments));
+    EXPECT_TRUE(qxtest::waitFor([&] { return proxy.requestCount() >= until; }, std::chrono::seconds(60)))
+        << "the service makes no requests; its log:\n"
+        << service.log();
     std::this_thread::sleep_for(std::chrono::milliseconds(pause(moments)));
     service.kill();
     service.start();
