@@ -659,6 +659,25 @@ TEST_F(AppsTest, UploadsOfAnEmptyService) {
   expectFailure({"retry", "x"}, 1, "there is no job \"x\"");
 }
 
+TEST_F(AppsTest, UploadsWatchShowsTheListAgainEverySecondUntilStopped) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  Child watch(kCli, {"--port", std::to_string(port), "--token-file", tokenFile.string(), "uploads", "--watch"},
+              nextOutput(".out"), nextOutput(".err"));
+  ASSERT_TRUE(waitFor([&] {
+    std::string const out = watch.out();
+    std::size_t n = 0;
+    for (std::size_t at = out.find(kUploadsHeader); at != std::string::npos; at = out.find(kUploadsHeader, at + 1)) ++n;
+    return n >= 2;
+  }, std::chrono::seconds(10))) << watch.out();
+  EXPECT_TRUE(watch.running());
+  watch.kill();
+  // Not a terminal: no clearing of the screen, each page whole.
+  std::string const page = kUploadsHeader + "(no uploads)\n" + uploadsFooter(0);
+  EXPECT_EQ(0u, watch.out().find(page + page)) << watch.out();
+  EXPECT_EQ("", watch.err());
+}
+
 TEST_F(AppsTest, PauseKeepsItemsInIncomingAndDiscardMovesThemToRejected) {
   writeConfig();
   ASSERT_TRUE(startService());

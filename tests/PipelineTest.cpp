@@ -460,4 +460,24 @@ TEST_F(PipelineTest, ABackupFolderOnAnotherFileSystemGetsTheJobCopiedThenRemoved
   EXPECT_EQ("copied", qxtest::readFile(backup / id / "copied.pdf"));
 }
 
+TEST_F(PipelineTest, TheSweepRemovesBackupsOlderThanBackupExpireSecsOnly) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  // A backup of another service's making, or of a person's: not a job, kept.
+  fs::create_directories(backup / "mine");
+  qxsvc::PipelineOptions o = options();
+  o.sweepInterval = std::chrono::milliseconds(200);
+  qxsvc::Pipeline p(settingsFor(dav.url + "/pipeline-sweep-" + std::to_string(::getpid()), 2), o);
+  p.start();
+  drop("short-lived.pdf", "brief");
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  std::string const id = job(p, 0)["id"].asStringSafe();
+  ASSERT_TRUE(qxtest::waitFor([&] { return fs::exists(backup / id / "short-lived.pdf"); }));
+  auto const kept = std::chrono::steady_clock::now();
+  ASSERT_TRUE(qxtest::waitFor([&] { return !fs::exists(backup / id); }, std::chrono::seconds(10)));
+  EXPECT_GE(std::chrono::steady_clock::now() - kept, std::chrono::milliseconds(900));
+  EXPECT_EQ((std::vector<std::string>{".rejected", "mine"}), entries(backup));
+  EXPECT_EQ(std::vector<std::string>{"done"}, states(p));
+}
+
 }  // namespace
