@@ -8,6 +8,7 @@
 #include "apps/svc/upload/Pipeline.h"
 #include "apps/svc/upload/Sha256.h"
 #include "tests/DropTestUtil.h"
+#include "tests/FaultProxy.h"
 #include "tests/ProcessHarness.h"
 #include "tests/SpoolTestUtil.h"
 #include "tests/TestServers.h"
@@ -478,6 +479,50 @@ TEST_F(PipelineTest, TheSweepRemovesBackupsOlderThanBackupExpireSecsOnly) {
   EXPECT_GE(std::chrono::steady_clock::now() - kept, std::chrono::milliseconds(900));
   EXPECT_EQ((std::vector<std::string>{".rejected", "mine"}), entries(backup));
   EXPECT_EQ(std::vector<std::string>{"done"}, states(p));
+}
+
+TEST_F(PipelineTest, AMainAddressThatDoesNotAnswerFailsOverToTheAlternativeOne) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  writeCredentials(dav.user, dav.password);
+  std::string const base = "pipeline-failover-" + std::to_string(::getpid());
+  Settings settings = settingsFor("dav://127.0.0.1:1/" + base);
+  settings.InetConfig.setAltServerAddress(dav.url + "/" + base);
+  qxsvc::Pipeline p(settings, options());
+  p.start();
+  drop("either.pdf", "either");
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
+  std::string const id = job(p, 0)["id"].asStringSafe();
+  EXPECT_EQ("either", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "either.pdf"));
+  EXPECT_EQ(1, json_integer_value(job(p, 0)["attempts"].get())) << qxtest::text(p.uploads());
+  EXPECT_FALSE(p.uploads()["held"].isString());
+}
+
+TEST_F(PipelineTest, AJobThatKeepsFailingIsGivenUpWithItsLastErrorAfterTheRetryWindow) {
+  qxtest::S3TestServer const& s3 = qxtest::s3Server();
+  std::string const bucket = qxtest::makeBucket(s3, "pipeline-expire");
+  writeCredentials(s3.accessKey, s3.secretKey);
+  qxtest::HostPort const upstream = qxtest::hostPortOf(s3.endpoint);
+  qxtest::FaultProxy proxy(upstream.host, upstream.port, [](std::string const& method, std::string const&) {
+    return method == "PUT" ? qxtest::Fault::answer503() : qxtest::Fault::pass();
+  });
+  qxsvc::PipelineOptions o = options();
+  o.giveUpAfter = std::chrono::seconds(1);
+  qxsvc::Pipeline p(settingsFor("s3://127.0.0.1:" + std::to_string(proxy.port()) + "/" + bucket), o);
+  p.start();
+  drop("never.pdf", "never");
+  ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "failed", 1); })) << qxtest::text(p.uploads());
+  json::Object const failed = job(p, 0);
+  EXPECT_GE(json_integer_value(failed["attempts"].get()), 2);
+  std::string const error = failed["error"].asStringSafe();
+  EXPECT_EQ(0u, error.find("given up after ")) << error;
+  EXPECT_NE(std::string::npos, error.find("503")) << error;
+  ASSERT_TRUE(qxtest::waitFor([&] { return entries(out).empty() && entries(rejected).size() == 1; }));
+  fs::path const where = rejected / entries(rejected).front();
+  EXPECT_EQ("never", qxtest::readFile(where / "never.pdf"));
+  json::Object const reason = qxtest::parse(qxtest::readFile(where / "reason.json"));
+  EXPECT_EQ("expired", reason["rule"].asStringSafe());
+  EXPECT_EQ(error, reason["message"].asStringSafe());
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(s3, bucket));
 }
 
 }  // namespace
