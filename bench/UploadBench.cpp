@@ -666,10 +666,13 @@ class Bench {
     ServiceConfig config{"s3://127.0.0.1:" + std::to_string(proxy.port()) + "/" + bucket, m_s3.accessKey,
                          m_s3.secretKey, 2};
     auto service = startWarm("latency", config, [&] { return keyCount(m_s3, bucket, "") == 1; });
+    // When the first PUT of the object named name arrived (its key ends in /name).
     auto headOf = [&](std::string const& name) {
+      std::string const tail = "/" + name;
       std::lock_guard<std::mutex> lock(mutex);
       for (auto const& seen : putSeen) {
-        if (seen.first.size() > name.size() && seen.first.compare(seen.first.size() - name.size(), name.size(), name) == 0) {
+        std::string const& target = seen.first;
+        if (target.size() > tail.size() && target.compare(target.size() - tail.size(), tail.size(), tail) == 0) {
           return seen.second;
         }
       }
