@@ -41,6 +41,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -69,6 +70,14 @@ constexpr auto kTransferLimit = std::chrono::minutes(10);
 constexpr auto kRssSampleEvery = std::chrono::milliseconds(50);
 
 std::string errnoText(std::string const& what) { return what + ": " + std::strerror(errno); }
+
+// Set by SIGINT and SIGTERM: every wait then throws, so that the servers and
+// the programs started are stopped on the way out, as on any failure.
+volatile std::sig_atomic_t g_interrupted = 0;
+
+void throwIfInterrupted() {
+  if (g_interrupted) throw std::runtime_error("interrupted");
+}
 
 double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
 
@@ -187,6 +196,7 @@ class Process {
   void expectSuccess(std::chrono::milliseconds limit = kTransferLimit) {
     auto const deadline = Clock::now() + limit;
     while (running()) {
+      throwIfInterrupted();
       if (Clock::now() > deadline) throw std::runtime_error(m_program + " did not end in time");
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
@@ -236,6 +246,7 @@ bool waitUntil(std::function<bool()> const& done, std::chrono::milliseconds poll
                std::chrono::milliseconds limit = kTransferLimit) {
   auto const deadline = Clock::now() + limit;
   while (!done()) {
+    throwIfInterrupted();
     if (Clock::now() > deadline) return false;
     std::this_thread::sleep_for(pollEvery);
   }
@@ -771,6 +782,11 @@ int main(int argc, char** argv) {
   fs::path const work =
       (options.dir.empty() ? fs::temp_directory_path() : options.dir) / fs::unique_path("qx-uploadbench-%%%%-%%%%");
   bool allMet = false;
+  struct sigaction onInterrupt {};
+  onInterrupt.sa_handler = [](int) { g_interrupted = 1; };
+  sigemptyset(&onInterrupt.sa_mask);
+  ::sigaction(SIGINT, &onInterrupt, nullptr);
+  ::sigaction(SIGTERM, &onInterrupt, nullptr);
   try {
     fs::create_directories(work);
     ::chmod(work.c_str(), 0700);
