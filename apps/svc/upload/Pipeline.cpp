@@ -775,6 +775,8 @@ void Pipeline::Impl::scanIncoming() {
     moves.unlock();  // hashing takes a while; the job is not listed yet
     logInfo("queued \"" + name + "\" as job " + jobId);
     prepareJob(jobId, unixNow());
+    // Uploads start while the rest of a burst is still being taken in.
+    schedule();
   }
 }
 

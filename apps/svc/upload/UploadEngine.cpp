@@ -1001,6 +1001,9 @@ void UploadEngine::Impl::s3Initiate(Transfer& transfer) {
 // and completes.
 void UploadEngine::Impl::s3NextPart(Transfer& transfer) {
   UploadRequest const& request = transfer.request;
+  // The part just sent is done with: its bytes go before the next part's
+  // come, so that one part's worth is held at a time.
+  if (transfer.exchange) std::string().swap(transfer.exchange->memory);
   while (transfer.nextPart <= transfer.partCount) {
     unsigned const number = transfer.nextPart;
     std::uint64_t const offset = (number - 1) * transfer.partSize;
