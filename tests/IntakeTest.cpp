@@ -37,12 +37,7 @@ std::string systemErrorOf(std::function<void()> const& f) {
   return "(nothing thrown)";
 }
 
-std::vector<std::string> namesIn(fs::path const& folder) {
-  std::vector<std::string> names;
-  for (fs::directory_iterator it(folder), end; it != end; ++it) names.push_back(it->path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
+using qxtest::namesIn;
 
 void setMtime(fs::path const& file, std::time_t seconds, long nanoseconds) {
   timespec const times[2] = {{seconds, nanoseconds}, {seconds, nanoseconds}};

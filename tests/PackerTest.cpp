@@ -84,22 +84,8 @@ std::map<std::string, unsigned> centralFlags(fs::path const& path) {
   return flags;
 }
 
-std::string runtimeErrorOf(std::function<void()> const& f) {
-  try {
-    f();
-  } catch (std::runtime_error const& e) {
-    return e.what();
-  }
-  ADD_FAILURE() << "expected std::runtime_error, nothing was thrown";
-  return "(nothing thrown)";
-}
 
-std::vector<std::string> namesIn(fs::path const& folder) {
-  std::vector<std::string> names;
-  for (fs::directory_iterator it(folder), end; it != end; ++it) names.push_back(it->path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
+using qxtest::namesIn;
 
 // Content that deflate shrinks well, different for each file.
 std::string textOf(std::string const& name, std::size_t repeats) {
@@ -263,7 +249,7 @@ TEST(Packer, AnExistingArchiveIsNeverReplaced) {
   qxtest::writeFile(job / "d" / "a.pdf", "a");
   qxtest::writeFile(job / "J.zip", "a file of the drop");
   qxsvc::FolderFd const dir = qxtest::openFolder(job.path());
-  EXPECT_EQ(runtimeErrorOf([&] { qxsvc::pack(defaults(), dir.get(), {"d/a.pdf"}, "J.zip"); }),
+  EXPECT_EQ(qxtest::runtimeErrorMessage([&] { qxsvc::pack(defaults(), dir.get(), {"d/a.pdf"}, "J.zip"); }),
             "cannot name the archive \"J.zip\": File exists");
   EXPECT_EQ(qxtest::readFile(job / "J.zip"), "a file of the drop");
   EXPECT_EQ(namesIn(job.path()), (std::vector<std::string>{"J.zip", "d"}));
@@ -293,7 +279,7 @@ TEST(Packer, AFileThatCannotBeReadIsNamedAndNoArchiveIsLeft) {
   };
   qxsvc::FolderFd const dir = qxtest::openFolder(job.path());
   for (Case const& c : cases) {
-    EXPECT_EQ(runtimeErrorOf([&] { qxsvc::pack(defaults(), dir.get(), {"d/a.pdf", c.file}, "J.zip"); }), c.message)
+    EXPECT_EQ(qxtest::runtimeErrorMessage([&] { qxsvc::pack(defaults(), dir.get(), {"d/a.pdf", c.file}, "J.zip"); }), c.message)
         << c.file;
     EXPECT_EQ(namesIn(job.path()), (std::vector<std::string>{"d", "linkdir", "outside"})) << c.file;
   }
@@ -324,7 +310,7 @@ TEST(Packer, AnArchiveNameThatIsAPathIsRefused) {
   qxtest::writeFile(job / "d" / "a.pdf", "a");
   qxsvc::FolderFd const dir = qxtest::openFolder(job.path());
   for (char const* name : {"", "..", "../J.zip", "d/J.zip"}) {
-    EXPECT_EQ(runtimeErrorOf([&] { qxsvc::pack(defaults(), dir.get(), {"d/a.pdf"}, name); }),
+    EXPECT_EQ(qxtest::runtimeErrorMessage([&] { qxsvc::pack(defaults(), dir.get(), {"d/a.pdf"}, name); }),
               std::string("cannot pack into \"") + name + "\": not the name of an entry")
         << "\"" << name << "\"";
   }

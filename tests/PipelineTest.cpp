@@ -9,6 +9,7 @@
 #include "apps/svc/upload/Sha256.h"
 #include "tests/DropTestUtil.h"
 #include "tests/FaultProxy.h"
+#include "tests/IntakeTestUtil.h"
 #include "tests/ProcessHarness.h"
 #include "tests/SpoolTestUtil.h"
 #include "tests/TestServers.h"
@@ -37,14 +38,6 @@ std::string today() {
   return day;
 }
 
-// The names of the entries of folder, sorted ("" when it does not exist).
-std::vector<std::string> entries(fs::path const& folder) {
-  std::vector<std::string> names;
-  if (!fs::exists(folder)) return names;
-  for (auto const& e : fs::directory_iterator(folder)) names.push_back(e.path().filename().string());
-  std::sort(names.begin(), names.end());
-  return names;
-}
 
 class PipelineTest : public ::testing::Test {
  protected:
@@ -146,8 +139,8 @@ TEST_F(PipelineTest, AFileDroppedArrivesOnTheS3ServerOnceWithItsBytesUnderTheDoc
     EXPECT_EQ(std::vector<std::string>{"base/" + key}, qxtest::s3ListKeys(s3, bucket));
     EXPECT_EQ(content, qxtest::s3ObjectBytes(s3, bucket, "base/" + key));
     // Backup off: nothing is kept once the server holds the bytes.
-    EXPECT_TRUE(qxtest::waitFor([&] { return entries(out).empty(); })) << entries(out).size();
-    EXPECT_EQ(std::vector<std::string>{}, entries(in));
+    EXPECT_TRUE(qxtest::waitFor([&] { return qxtest::namesIn(out).empty(); })) << qxtest::namesIn(out).size();
+    EXPECT_EQ(std::vector<std::string>{}, qxtest::namesIn(in));
   }
   // A restart uploads nothing again.
   qxsvc::Pipeline again(settingsFor("s3://" + s3.endpoint.substr(7) + "/" + bucket + "/base"), options());
@@ -169,10 +162,10 @@ TEST_F(PipelineTest, WithBackupOnTheJobFolderMovesToTheBackupFolderAfterTheUploa
   std::string const id = job(p, 0)["id"].asStringSafe();
   fs::path const stored = fs::path(dav.root) / base / "-" / "0" / today() / id / "a b+c#d%e ü.txt";
   EXPECT_EQ("odd name\n", qxtest::readFile(stored));
-  ASSERT_TRUE(qxtest::waitFor([&] { return entries(backup) == std::vector<std::string>{".rejected", id}; }))
-      << entries(backup).size();
+  ASSERT_TRUE(qxtest::waitFor([&] { return qxtest::namesIn(backup) == std::vector<std::string>{".rejected", id}; }))
+      << qxtest::namesIn(backup).size();
   EXPECT_EQ("odd name\n", qxtest::readFile(backup / id / "a b+c#d%e ü.txt"));
-  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::namesIn(out));
 }
 
 TEST_F(PipelineTest, AFolderOfMinFilesToZipFilesGoesAsOneArchive) {
@@ -192,7 +185,7 @@ TEST_F(PipelineTest, AFolderOfMinFilesToZipFilesGoesAsOneArchive) {
   EXPECT_EQ("batch", done["name"].asStringSafe());
   EXPECT_EQ("-/0/" + today() + "/" + id + "/" + id + ".zip", done["key"].asStringSafe());
   fs::path const jobOnServer = fs::path(dav.root) / base / "-" / "0" / today() / id;
-  EXPECT_EQ(std::vector<std::string>{id + ".zip"}, entries(jobOnServer));
+  EXPECT_EQ(std::vector<std::string>{id + ".zip"}, qxtest::namesIn(jobOnServer));
   std::string const zip = qxtest::readFile(jobOnServer / (id + ".zip"));
   EXPECT_EQ("PK\x03\x04", zip.substr(0, 4));
 }
@@ -204,16 +197,16 @@ TEST_F(PipelineTest, ARefusedTypeGoesToTheRejectedFolderWithItsReason) {
   p.start();
   drop("tool.exe", "MZ");
   p.scanNow();
-  ASSERT_TRUE(qxtest::waitFor([&] { return entries(in).empty() && entries(rejected).size() == 1; }));
-  fs::path const where = rejected / entries(rejected).front();
-  EXPECT_EQ((std::vector<std::string>{"reason.json", "tool.exe"}), entries(where));
+  ASSERT_TRUE(qxtest::waitFor([&] { return qxtest::namesIn(in).empty() && qxtest::namesIn(rejected).size() == 1; }));
+  fs::path const where = rejected / qxtest::namesIn(rejected).front();
+  EXPECT_EQ((std::vector<std::string>{"reason.json", "tool.exe"}), qxtest::namesIn(where));
   EXPECT_EQ("MZ", qxtest::readFile(where / "tool.exe"));
   json::Object const reason = qxtest::parse(qxtest::readFile(where / "reason.json"));
   EXPECT_EQ("extension", reason["rule"].asStringSafe());
   EXPECT_TRUE(reason["time"].isInteger());
   EXPECT_NE(std::string::npos, reason["message"].asStringSafe().find("tool.exe")) << qxtest::text(reason);
-  EXPECT_EQ(std::vector<std::string>{}, entries(in));
-  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::namesIn(in));
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::namesIn(out));
 }
 
 TEST_F(PipelineTest, RefusedCredentialsHoldTheQueueAndKeepTheFiles) {
@@ -231,8 +224,8 @@ TEST_F(PipelineTest, RefusedCredentialsHoldTheQueueAndKeepTheFiles) {
     EXPECT_NE(std::string::npos, held.find("403")) << held;
     EXPECT_TRUE(waiting(p)) << qxtest::text(p.uploads());
     EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(s3, bucket));
-    ASSERT_EQ(1u, entries(out).size());
-    EXPECT_EQ("kept", qxtest::readFile(out / entries(out).front() / "kept.pdf"));
+    ASSERT_EQ(1u, qxtest::namesIn(out).size());
+    EXPECT_EQ("kept", qxtest::readFile(out / qxtest::namesIn(out).front() / "kept.pdf"));
   }
   // The right secret, and the same job goes.
   writeCredentials(s3.accessKey, s3.secretKey);
@@ -268,7 +261,7 @@ TEST_F(PipelineTest, AServerDownAtStartKeepsTheJobQueuedAndItGoesOnceTheServerIs
   EXPECT_EQ(0u, p.uploads()["held"].asStringSafe().find("no server answers: connect to 127.0.0.1:1 failed"))
       << qxtest::text(p.uploads());
   EXPECT_TRUE(waiting(p)) << qxtest::text(p.uploads());
-  EXPECT_EQ(1u, entries(out).size());
+  EXPECT_EQ(1u, qxtest::namesIn(out).size());
   p.setSettings(settingsFor(dav.url + "/" + base));
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   std::string const id = job(p, 0)["id"].asStringSafe();
@@ -286,11 +279,11 @@ TEST_F(PipelineTest, CancelMovesAWaitingJobToTheRejectedFolder) {
   EXPECT_EQ("", p.cancel(id));
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "cancelled", 1); })) << qxtest::text(p.uploads());
   EXPECT_EQ("cancelled by a person", job(p, 0)["error"].asStringSafe());
-  ASSERT_EQ(1u, entries(rejected).size());
-  fs::path const where = rejected / entries(rejected).front();
+  ASSERT_EQ(1u, qxtest::namesIn(rejected).size());
+  fs::path const where = rejected / qxtest::namesIn(rejected).front();
   EXPECT_EQ("cancel", qxtest::readFile(where / "cancel me.pdf"));
   EXPECT_EQ("cancelled", qxtest::parse(qxtest::readFile(where / "reason.json"))["rule"].asStringSafe());
-  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::namesIn(out));
   EXPECT_EQ("job \"" + id + "\" is cancelled already", p.cancel(id));
 }
 
@@ -303,8 +296,8 @@ TEST_F(PipelineTest, PauseWithDiscardMovesTheWaitingJobsAndCountsThem) {
   ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == 2; }));
   EXPECT_EQ(2u, p.pause(true));
   EXPECT_TRUE(p.paused());
-  EXPECT_EQ(2u, entries(rejected).size());
-  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+  EXPECT_EQ(2u, qxtest::namesIn(rejected).size());
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::namesIn(out));
   EXPECT_TRUE(allIn(p, "cancelled", 2)) << qxtest::text(p.uploads());
   EXPECT_TRUE(p.uploads()["paused"].isTrue());
 }
@@ -325,7 +318,7 @@ TEST_F(PipelineTest, AJobFolderTheJournalLacksIsAdoptedAndUploaded) {
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   EXPECT_EQ(id, job(p, 0)["id"].asStringSafe());
   EXPECT_EQ("orphan", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "orphan.pdf"));
-  EXPECT_EQ(std::vector<std::string>{}, entries(out));
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::namesIn(out));
 }
 
 TEST_F(PipelineTest, ACorruptJournalIsSetAsideAndTheFoldersAreUploadedFromAgain) {
@@ -341,7 +334,7 @@ TEST_F(PipelineTest, ACorruptJournalIsSetAsideAndTheFoldersAreUploadedFromAgain)
   p.start();
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   EXPECT_EQ("survivor", qxtest::readFile(fs::path(dav.root) / base / "-" / "0" / today() / id / "survivor.pdf"));
-  std::vector<std::string> const state = entries(tmp / "state");
+  std::vector<std::string> const state = qxtest::namesIn(tmp / "state");
   EXPECT_TRUE(std::any_of(state.begin(), state.end(),
                           [](std::string const& n) { return n.rfind("journal.db.corrupt-", 0) == 0; }));
 }
@@ -391,8 +384,8 @@ TEST_F(PipelineTest, AProxyThatRefusesHoldsTheQueueAndKeepsTheFiles) {
   ASSERT_TRUE(qxtest::waitFor([&] { return p.uploads()["held"].isString(); })) << qxtest::text(p.uploads());
   EXPECT_EQ(0u, p.uploads()["held"].asStringSafe().find("no server answers: ")) << qxtest::text(p.uploads());
   EXPECT_TRUE(waiting(p)) << qxtest::text(p.uploads());
-  ASSERT_EQ(1u, entries(out).size());
-  EXPECT_EQ("kept", qxtest::readFile(out / entries(out).front() / "kept.pdf"));
+  ASSERT_EQ(1u, qxtest::namesIn(out).size());
+  EXPECT_EQ("kept", qxtest::readFile(out / qxtest::namesIn(out).front() / "kept.pdf"));
 }
 
 TEST_F(PipelineTest, AFileDeletedWhileItWaitsFailsTheJobAndLeavesNothingBehind) {
@@ -412,8 +405,8 @@ TEST_F(PipelineTest, AFileDeletedWhileItWaitsFailsTheJobAndLeavesNothingBehind) 
   p.start();
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "failed", 1); })) << qxtest::text(p.uploads());
   EXPECT_EQ("\"gone.pdf\" was removed from the outgoing folder before it was uploaded", job(p, 0)["error"].asStringSafe());
-  EXPECT_TRUE(qxtest::waitFor([&] { return entries(out).empty(); })) << entries(out).size();
-  EXPECT_EQ(std::vector<std::string>{".rejected"}, entries(backup));
+  EXPECT_TRUE(qxtest::waitFor([&] { return qxtest::namesIn(out).empty(); })) << qxtest::namesIn(out).size();
+  EXPECT_EQ(std::vector<std::string>{".rejected"}, qxtest::namesIn(backup));
   EXPECT_FALSE(fs::exists(fs::path(dav.root) / base));
 }
 
@@ -441,7 +434,7 @@ TEST_F(PipelineTest, AFullBackupFolderKeepsTheUploadedJobInTheOutgoingFolder) {
            }();
     // The local copy stays whole where it was; no half copy in the backup.
     EXPECT_EQ(big, qxtest::readFile(out / id / "big.pdf"));
-    EXPECT_EQ(std::vector<std::string>{".rejected"}, entries(backup));
+    EXPECT_EQ(std::vector<std::string>{".rejected"}, qxtest::namesIn(backup));
   }
 }
 
@@ -456,8 +449,8 @@ TEST_F(PipelineTest, ABackupFolderOnAnotherFileSystemGetsTheJobCopiedThenRemoved
   drop("copied.pdf", "copied");
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   std::string const id = job(p, 0)["id"].asStringSafe();
-  ASSERT_TRUE(qxtest::waitFor([&] { return entries(out).empty(); }));
-  EXPECT_EQ((std::vector<std::string>{".rejected", id}), entries(backup));
+  ASSERT_TRUE(qxtest::waitFor([&] { return qxtest::namesIn(out).empty(); }));
+  EXPECT_EQ((std::vector<std::string>{".rejected", id}), qxtest::namesIn(backup));
   EXPECT_EQ("copied", qxtest::readFile(backup / id / "copied.pdf"));
 }
 
@@ -477,7 +470,7 @@ TEST_F(PipelineTest, TheSweepRemovesBackupsOlderThanBackupExpireSecsOnly) {
   auto const kept = std::chrono::steady_clock::now();
   ASSERT_TRUE(qxtest::waitFor([&] { return !fs::exists(backup / id); }, std::chrono::seconds(10)));
   EXPECT_GE(std::chrono::steady_clock::now() - kept, std::chrono::milliseconds(900));
-  EXPECT_EQ((std::vector<std::string>{".rejected", "mine"}), entries(backup));
+  EXPECT_EQ((std::vector<std::string>{".rejected", "mine"}), qxtest::namesIn(backup));
   EXPECT_EQ(std::vector<std::string>{"done"}, states(p));
 }
 
@@ -516,8 +509,8 @@ TEST_F(PipelineTest, AJobThatKeepsFailingIsGivenUpWithItsLastErrorAfterTheRetryW
   std::string const error = failed["error"].asStringSafe();
   EXPECT_EQ(0u, error.find("given up after ")) << error;
   EXPECT_NE(std::string::npos, error.find("503")) << error;
-  ASSERT_TRUE(qxtest::waitFor([&] { return entries(out).empty() && entries(rejected).size() == 1; }));
-  fs::path const where = rejected / entries(rejected).front();
+  ASSERT_TRUE(qxtest::waitFor([&] { return qxtest::namesIn(out).empty() && qxtest::namesIn(rejected).size() == 1; }));
+  fs::path const where = rejected / qxtest::namesIn(rejected).front();
   EXPECT_EQ("never", qxtest::readFile(where / "never.pdf"));
   json::Object const reason = qxtest::parse(qxtest::readFile(where / "reason.json"));
   EXPECT_EQ("expired", reason["rule"].asStringSafe());

@@ -173,10 +173,12 @@ int closedPort() {
   return ntohs(address.sin_port);
 }
 
-// A server that takes connections (the kernel does) and never answers.
-class SilentServer {
+// A socket listening on a loopback port of the system's choice. Nobody
+// accepts on it unless its owner does: as it stands, a server that takes
+// connections (the kernel does) and never answers.
+class LoopbackListener {
  public:
-  SilentServer() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)) {
+  LoopbackListener() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -186,15 +188,17 @@ class SilentServer {
     ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
     m_port = ntohs(address.sin_port);
   }
-  ~SilentServer() { ::close(m_fd); }
-  SilentServer(SilentServer const&) = delete;
-  SilentServer& operator=(SilentServer const&) = delete;
+  ~LoopbackListener() { ::close(m_fd); }
+  LoopbackListener(LoopbackListener const&) = delete;
+  LoopbackListener& operator=(LoopbackListener const&) = delete;
+  int fd() const { return m_fd; }
   int port() const { return m_port; }
 
  private:
   int m_fd;
   int m_port = 0;
 };
+using SilentServer = LoopbackListener;
 
 std::string s3Url(std::string const& bucket, std::string const& key) {
   return qxtest::s3Server().endpoint + "/" + bucket + "/" + qxsvc::percentEncode(key, true);
@@ -737,28 +741,6 @@ class CannedServer {
   int port() const { return m_listener.port(); }
 
  private:
-  class Listener {
-   public:
-    Listener() : m_fd(::socket(AF_INET, SOCK_STREAM, 0)) {
-      sockaddr_in address{};
-      address.sin_family = AF_INET;
-      address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      ::bind(m_fd, reinterpret_cast<sockaddr*>(&address), sizeof address);
-      ::listen(m_fd, 16);
-      socklen_t length = sizeof address;
-      ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&address), &length);
-      m_port = ntohs(address.sin_port);
-    }
-    ~Listener() { ::close(m_fd); }
-    Listener(Listener const&) = delete;
-    Listener& operator=(Listener const&) = delete;
-    int fd() const { return m_fd; }
-    int port() const { return m_port; }
-
-   private:
-    int m_fd;
-    int m_port = 0;
-  };
 
   void serve() {
     for (;;) {
@@ -800,7 +782,7 @@ class CannedServer {
 
   AnswerTo const m_answerTo;  // called on the server's thread only
   Continue const m_sendsContinue;
-  Listener m_listener;
+  LoopbackListener m_listener;
   std::thread m_thread;
 };
 
