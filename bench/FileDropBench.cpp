@@ -18,6 +18,7 @@
 // Targets: the drop reaches at least 0.8 times the plain transfer, and the
 // service's resident memory grows by at most 8 MiB. With --check-targets the
 // exit status is 1 when one is missed; it is 2 when a transfer fails.
+#include "bench/BenchBytes.h"
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdClient.h"
 #include "shared/CmdServer.h"
@@ -247,16 +248,7 @@ Options parseOptions(int argc, char** argv) {
   return o;
 }
 
-// Deterministic bytes, different in every 1 MiB block.
-void fillBlock(std::vector<char>& block, std::uint64_t index) {
-  std::uint64_t x = index * 0x9e3779b97f4a7c15ULL + 0x243f6a8885a308d3ULL;
-  for (std::size_t i = 0; i + 8 <= block.size(); i += 8) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    std::memcpy(&block[i], &x, 8);
-  }
-}
+using qxbench::fillBlock;
 
 void writeSource(fs::path const& file, std::uint64_t size) {
   int const fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);

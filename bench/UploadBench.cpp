@@ -25,6 +25,7 @@
 //
 // Exit status: 0; 1 with --check-targets when a target is missed; 2 when
 // something fails (a transfer, a server, the service).
+#include "bench/BenchBytes.h"
 #include "json/Json.h"
 #include "tests/FaultProxy.h"
 #include "tests/TestServers.h"
@@ -102,16 +103,7 @@ void writeText(fs::path const& file, std::string const& text, mode_t mode = 0644
   if (!ok) throw std::runtime_error(errnoText("write " + file.string()));
 }
 
-// Deterministic bytes, different in every block and for every seed.
-void fillBlock(std::vector<char>& block, std::uint64_t seed) {
-  std::uint64_t x = seed * 0x9e3779b97f4a7c15ULL + 0x243f6a8885a308d3ULL;
-  for (std::size_t i = 0; i + 8 <= block.size(); i += 8) {
-    x ^= x << 13;
-    x ^= x >> 7;
-    x ^= x << 17;
-    std::memcpy(&block[i], &x, 8);
-  }
-}
+using qxbench::fillBlock;
 
 void writeSource(fs::path const& file, std::uint64_t size, std::uint64_t seed) {
   int const fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
