@@ -4,6 +4,7 @@
 #include "apps/svc/upload/Intake.h"
 
 #include "apps/svc/FolderFd.h"
+#include "tests/DropTestUtil.h"
 #include "tests/IntakeTestUtil.h"
 #include "tests/TestUtil.h"
 
@@ -384,22 +385,12 @@ TEST(IntakeClaim, ANameOrIdThatIsAPathIsRefusedAndNothingMoves) {
 
 TEST(IntakeClaim, AClaimThatFailsHalfWayLeavesTheEntryInTheIncomingFolder) {
   // The job folder can be made, but the entry cannot be renamed into it: the
-  // incoming folder lies on another file system (a tmpfs).
+  // incoming folder lies on another file system (a tmpfs of the test's own).
   Spool s;
-  if (!fs::is_directory("/dev/shm")) GTEST_SKIP() << "no /dev/shm";
-  fs::path const shmIn = fs::path("/dev/shm") / fs::unique_path("qxtest-claim-%%%%-%%%%");
+  fs::path const shmIn = s.in.parent_path() / "other-disk";
   fs::create_directories(shmIn);
-  struct Cleanup {
-    fs::path path;
-    ~Cleanup() {
-      boost::system::error_code ec;
-      fs::remove_all(path, ec);
-    }
-  } const cleanup{shmIn};
-  struct stat a {}, b {};
-  ASSERT_EQ(::stat(shmIn.c_str(), &a), 0);
-  ASSERT_EQ(::stat(s.out.c_str(), &b), 0);
-  if (a.st_dev == b.st_dev) GTEST_SKIP() << "/dev/shm and " << s.out << " are on one file system";
+  qxtest::TmpfsMount const disk(shmIn, "size=1m,mode=0750");
+  if (!disk.ok()) GTEST_SKIP() << "cannot mount a tmpfs (mounting needs root): " << disk.error();
   qxtest::writeFile(shmIn / "a.pdf", "document");
   qxsvc::FolderFd const in = qxtest::openFolder(shmIn);
   qxsvc::FolderFd const out = qxtest::openFolder(s.out);
