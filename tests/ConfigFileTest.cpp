@@ -2,6 +2,7 @@
 #include "apps/ConfigFile.h"
 
 #include "SettingsTestUtil.h"
+#include "tests/TestUtil.h"
 
 #include <gtest/gtest.h>
 
@@ -13,13 +14,7 @@
 
 namespace {
 
-std::set<std::string> keysOf(json::Object const& obj) {
-  std::set<std::string> keys;
-  char const* key;
-  json_t* value;
-  json_object_foreach(obj.get(), key, value) { keys.insert(key); }
-  return keys;
-}
+using qxtest::keysOf;
 
 // A record with every member set writes every key, so the programs' list
 // must hold exactly what it writes: a key added to the record and not to the

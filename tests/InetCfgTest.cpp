@@ -32,13 +32,7 @@ std::string serialized(InetCfg const& cfg) {
   return sortedText(obj);
 }
 
-std::set<std::string> keysOf(json::Object const& obj) {
-  std::set<std::string> keys;
-  char const* key;
-  json_t* value;
-  json_object_foreach(obj.get(), key, value) { keys.insert(key); }
-  return keys;
-}
+using qxtest::keysOf;
 
 // The arguments of the full constructor, so that a case can change one.
 struct InetArgs {

@@ -12,6 +12,7 @@
 #include <exception>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -50,6 +51,15 @@ inline std::string runtimeErrorMessage(std::function<void()> const& f) {
     return e.what();
   }
   return "(no exception)";
+}
+
+// The keys of obj.
+inline std::set<std::string> keysOf(json::Object const& obj) {
+  std::set<std::string> keys;
+  char const* key;
+  json_t* value;
+  json_object_foreach(obj.get(), key, value) { keys.insert(key); }
+  return keys;
 }
 
 // A fresh folder under the system's temporary directory, removed with all its
