@@ -762,4 +762,25 @@ std::vector<SeenRequest> FaultProxy::requests() const {
   return m_requests;
 }
 
+static char const* kindName(Fault::Kind kind) {
+  switch (kind) {
+    case Fault::Kind::Pass: return "pass";
+    case Fault::Kind::Answer503: return "503";
+    case Fault::Kind::ResetAfterBytes: return "reset";
+    case Fault::Kind::Stall: return "stall";
+    case Fault::Kind::Throttle: return "throttle";
+    case Fault::Kind::LoseAnswer: return "lose answer";
+    case Fault::Kind::StallAnswer: return "stall answer";
+  }
+  return "?";
+}
+
+std::string FaultProxy::report() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  std::string text = std::to_string(m_requests.size()) + " request(s) through the proxy:\n";
+  for (SeenRequest const& r : m_requests) text += "  " + r.method + " " + r.target + " (" + kindName(r.fault) + ")\n";
+  for (auto const& b : m_bodyBytes) text += "  " + std::to_string(b.second) + " body bytes to " + b.first + "\n";
+  return text;
+}
+
 }  // namespace qxtest

@@ -102,6 +102,9 @@ class FaultProxy {
   std::map<std::string, std::uint64_t> bodyBytesByPath() const;
   std::size_t requestCount() const;
   std::vector<SeenRequest> requests() const;
+  // Every request seen with its fault, and the body bytes forwarded by path:
+  // for the message of a failing test.
+  std::string report() const;
 
  private:
   class Loop;

@@ -130,7 +130,7 @@ TEST(UploadCrash, EveryDropEndsOnTheServerExactlyOnceOrRejectedWithItsReason) {
     for (int n = 0; n < kDrops / kKills && it != sha.end(); ++n, ++it) fs::rename(stage / it->first, tmp / "in" / it->first);
     std::size_t const until = proxy.requestCount() + static_cast<std::size_t>(requests(moments));
     EXPECT_TRUE(qxtest::waitFor([&] { return proxy.requestCount() >= until; }, std::chrono::seconds(60)))
-        << "the service makes no requests; its log:\n"
+        << "the service makes no requests; " << proxy.report() << "its log:\n"
         << service.log();
     std::this_thread::sleep_for(std::chrono::milliseconds(pause(moments)));
     service.kill();
@@ -230,7 +230,8 @@ TEST(UploadCrash, AMultipartUploadCutByAKillSendsAtMostOnePartAgain) {
     }
     return total;
   };
-  ASSERT_TRUE(qxtest::waitFor([&] { return sent() >= 5 * partSize; }, std::chrono::seconds(60))) << service.log();
+  ASSERT_TRUE(qxtest::waitFor([&] { return sent() >= 5 * partSize; }, std::chrono::seconds(60)))
+      << proxy.report() << service.log();
   service.kill();
   std::uint64_t const beforeKill = sent();
   EXPECT_LT(beforeKill, content.size()) << "the kill came after the last part";
@@ -243,7 +244,7 @@ TEST(UploadCrash, AMultipartUploadCutByAKillSendsAtMostOnePartAgain) {
         return keys.size() == 1 && fs::is_empty(tmp / "out");
       },
       std::chrono::seconds(120)))
-      << service.log();
+      << proxy.report() << service.log();
   EXPECT_EQ(qxsvc::sha256OfText(content), qxsvc::sha256OfText(qxtest::s3ObjectBytes(s3, bucket, keys.front())));
   // Every byte went once, but for the part in flight at the kill.
   EXPECT_GE(sent(), content.size());

@@ -393,7 +393,11 @@ void Pipeline::Impl::run() {
     {
       std::lock_guard<std::mutex> lock(m_mutex);
       std::int64_t const unow = unixNow();
+      // Queued jobs wait for the engine and the start's clean-up, which wakes
+      // the loop when it ends; counting them before would spin.
+      bool const canStart = m_engine && m_cleanedUp.load();
       for (auto const& j : m_jobs) {
+        if (!canStart) break;
         JobRow const& row = j.second.row;
         if (row.state == JobState::queued && j.second.tickets.empty() && m_held.empty() && !m_paused) {
           SteadyClock::time_point const due = now + std::chrono::seconds(std::max<std::int64_t>(0, row.nextTry - unow));
