@@ -617,14 +617,15 @@ TEST_F(AppsTest, DropOfAFolderAndOfAFileBecomeJobsAndAreListed) {
 
   // Without a server address both wait, and the list says why.
   ASSERT_TRUE(waitFor([&] { return jobsListed().size() == 2; }));
-  EXPECT_EQ((std::vector<std::string>{"tmp queued 13", "report.pdf queued 3000"}), jobsListed());
+  EXPECT_EQ((std::vector<std::string>{"2 files: a.pdf, b.csv queued 13", "report.pdf queued 3000"}), jobsListed());
   Outcome const table = qx({"uploads"});
   EXPECT_EQ(0, table.status);
   std::string const jobA = queued("tmp").parent_path().filename().string();
   std::string const jobB = queued("report.pdf").parent_path().filename().string();
   char line[256];
   std::string expected = kUploadsHeader;
-  std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5d %-9s %s\n", jobA.c_str(), "queued", "13 B", "0%", 0, "", "tmp");
+  std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5d %-9s %s\n", jobA.c_str(), "queued", "13 B", "0%", 0, "",
+                "2 files: a.pdf, b.csv");
   expected += line;
   std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5d %-9s %s\n", jobB.c_str(), "queued", "2.9 KiB", "0%", 0, "",
                 "report.pdf");
@@ -644,7 +645,7 @@ TEST_F(AppsTest, DropOfAFolderAndOfAFileBecomeJobsAndAreListed) {
                                       (tmp / "more" / "empty.pdf").string() + "\" skipped!"}),
             logLines(more.err));
   ASSERT_TRUE(waitFor([&] { return jobsListed().size() == 3; }));
-  EXPECT_EQ("tmp queued 5", jobsListed()[2]);
+  EXPECT_EQ("2 files: c.pdf, d.pdf queued 5", jobsListed()[2]);
 }
 
 TEST_F(AppsTest, UploadsOfAnEmptyService) {
@@ -700,8 +701,16 @@ TEST_F(AppsTest, PauseKeepsItemsInIncomingAndDiscardMovesThemToRejected) {
   EXPECT_EQ("paused\n", status.out.substr(0, 7));
   EXPECT_EQ(waiting, listing(in));
   EXPECT_TRUE(listing(out).empty());
+  // The list shows what waits, under a header that says the service is paused.
+  std::string expected = "paused: nothing new starts (qxlite resume)\n" + kUploadsHeader;
+  for (auto const& w : std::vector<std::pair<char const*, char const*>>{{"c.pdf", "4 B"}, {"tmp", "5 B"}}) {
+    char line[256];
+    std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5s %-9s %s\n", "-", "waiting", w.second, "", "", "", w.first);
+    expected += line;
+  }
+  expectOutput({"uploads"}, expected + uploadsFooter(0));
 
-  expectOutput({"pause", "--discard"}, "Paused; 2 waiting item(s) moved to the rejected folder\n");
+  expectOutput({"pause", "--discard"}, "Paused; 2 waiting item(s) moved to the rejected folder: c.pdf, tmp\n");
   EXPECT_EQ((std::map<std::string, std::uint64_t>{{"partial.pdf.noqx", 4}}), listing(in));
   ASSERT_FALSE(rejectedItem("c.pdf").empty());
   EXPECT_EQ("cccc", readFile(rejectedItem("c.pdf")));

@@ -22,6 +22,7 @@
 
 #include <atomic>
 #include <ctime>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -182,12 +183,38 @@ TEST_F(PipelineTest, AFolderOfMinFilesToZipFilesGoesAsOneArchive) {
   ASSERT_TRUE(qxtest::waitFor([&] { return allIn(p, "done", 1); })) << qxtest::text(p.uploads());
   json::Object const done = job(p, 0);
   std::string const id = done["id"].asStringSafe();
-  EXPECT_EQ("batch", done["name"].asStringSafe());
+  EXPECT_EQ("3 files: f0.csv, f1.csv, f2.csv", done["name"].asStringSafe());
   EXPECT_EQ("-/0/" + today() + "/" + id + "/" + id + ".zip", done["key"].asStringSafe());
   fs::path const jobOnServer = fs::path(dav.root) / base / "-" / "0" / today() / id;
   EXPECT_EQ(std::vector<std::string>{id + ".zip"}, qxtest::namesIn(jobOnServer));
   std::string const zip = qxtest::readFile(jobOnServer / (id + ".zip"));
   EXPECT_EQ("PK\x03\x04", zip.substr(0, 4));
+}
+
+TEST_F(PipelineTest, AFolderDropIsListedByItsFilesNotByItsSpoolName) {
+  // No credentials file: the queue is held, and the jobs stay in the list.
+  qxsvc::Pipeline p(settingsFor("dav://127.0.0.1:1/nowhere"), options());
+  p.start();
+  struct Row {
+    char const* folder;
+    std::vector<char const*> files;
+    char const* shown;
+  };
+  std::vector<Row> const rows = {
+      {"tmp", {"only.pdf"}, "1 file: only.pdf"},
+      {"tmp_1", {"b.pdf", "a.pdf", "c.txt"}, "3 files: a.pdf, b.pdf, c.txt"},
+      {"tmp_2", {"e.txt", "d.pdf", "a.pdf", "b.csv", "c.pdf"}, "5 files: a.pdf, b.csv, c.pdf, \u2026"},
+  };
+  for (Row const& row : rows) {
+    fs::path const stage = tmp / "stage" / row.folder;
+    fs::create_directories(stage);
+    for (char const* file : row.files) qxtest::writeFile(stage / file, file);
+    fs::rename(stage, in / row.folder);
+  }
+  ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == rows.size(); })) << qxtest::text(p.uploads());
+  std::set<std::string> shown;
+  for (std::size_t i = 0; i < rows.size(); ++i) shown.insert(job(p, i)["name"].asStringSafe());
+  for (Row const& row : rows) EXPECT_EQ(1u, shown.count(row.shown)) << row.shown << " in " << qxtest::text(p.uploads());
 }
 
 TEST_F(PipelineTest, ARefusedTypeGoesToTheRejectedFolderWithItsReason) {
@@ -294,7 +321,16 @@ TEST_F(PipelineTest, PauseWithDiscardMovesTheWaitingJobsAndCountsThem) {
   drop("one.pdf", "1");
   drop("two.pdf", "2");
   ASSERT_TRUE(qxtest::waitFor([&] { return states(p).size() == 2; }));
-  EXPECT_EQ(2u, p.pause(true));
+  std::vector<std::string> const moved = p.pause(true);
+  ASSERT_EQ(2u, moved.size());
+  std::set<std::string> expected;
+  for (std::size_t i = 0; i < 2; ++i) {
+    expected.insert(job(p, i)["name"].asStringSafe() + " (job " + job(p, i)["id"].asStringSafe() + ")");
+  }
+  EXPECT_EQ(2u, expected.size());
+  EXPECT_EQ(1u, expected.count("one.pdf (job " + job(p, 0)["id"].asStringSafe() + ")") +
+                    expected.count("one.pdf (job " + job(p, 1)["id"].asStringSafe() + ")"));
+  EXPECT_EQ(expected, std::set<std::string>(moved.begin(), moved.end()));
   EXPECT_TRUE(p.paused());
   EXPECT_EQ(2u, qxtest::namesIn(rejected).size());
   EXPECT_EQ(std::vector<std::string>{}, qxtest::namesIn(out));

@@ -441,8 +441,11 @@ std::string whenText(long long at, long long now) {
 
 void printUploads(json::Object const& list, std::ostream& out) {
   json::Array const jobs(list["uploads"]);
+  json::Array const waiting(list["waiting"].isArray() ? list["waiting"] : json::Value(json::Array()));
   long long const now = static_cast<long long>(std::time(nullptr));
   char line[512];
+  bool const paused = list["paused"].isTrue();
+  if (paused) out << "paused: nothing new starts (qxlite resume)\n";
   std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5s %-9s %s\n", "JOB", "STATE", "SIZE", "SENT", "TRIES",
                 "NEXT TRY", "NAME");
   out << line;
@@ -459,7 +462,14 @@ void printUploads(json::Object const& list, std::ostream& out) {
     std::string const error = textOf(job, "error");
     if (!error.empty()) out << "    " << error << "\n";
   }
-  if (jobs.size() == 0) out << "(no uploads)\n";
+  // Items the paused service has not taken in yet.
+  for (std::size_t i = 0; i < waiting.size(); ++i) {
+    json::Object const item(waiting[i]);
+    std::snprintf(line, sizeof line, "%-25s %-9s %10s %5s %5s %-9s ", "-", "waiting",
+                  sizeText(static_cast<double>(intOf(item, "size"))).c_str(), "", "", "");
+    out << line << textOf(item, "name") << "\n";
+  }
+  if (jobs.size() == 0 && waiting.size() == 0) out << "(no uploads)\n";
   if (list["totals"].isObject()) {
     json::Object const totals(list["totals"]);
     out << intOf(totals, "queued") << " queued, " << intOf(totals, "uploading") << " uploading, "
@@ -467,7 +477,6 @@ void printUploads(json::Object const& list, std::ostream& out) {
         << " rejected, " << intOf(totals, "cancelled") << " cancelled; "
         << sizeText(static_cast<double>(intOf(list, "throughput"))) << "/s\n";
   }
-  if (list["paused"].isTrue()) out << "paused: nothing new starts (qxlite resume)\n";
   std::string const held = textOf(list, "held");
   if (!held.empty()) out << "held: " << held << "\n";
 }

@@ -12,6 +12,16 @@ namespace qxsvc {
 
 namespace {
 
+// ": a, b, c" for the reply to a person; the log names each item on a line
+// of its own, so a long list ends with how many more there are.
+std::string listedBriefly(std::vector<std::string> const& names) {
+  constexpr std::size_t kNamed = 10;
+  std::string text;
+  for (std::size_t i = 0; i < names.size() && i < kNamed; ++i) text += (i == 0 ? ": " : ", ") + names[i];
+  if (names.size() > kNamed) text += " and " + std::to_string(names.size() - kNamed) + " more";
+  return text;
+}
+
 // What the reader of the configuration would pass over silently: numbers out
 // of range and lists that are not lists of texts.
 std::string checkRawValues(json::Object const& raw) {
@@ -135,10 +145,10 @@ void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
 
 void SvcProcessor::visit(Ipc::Pause& cmd) {
   try {
-    std::size_t const moved = m_pipeline.pause(cmd.delAll);
+    std::vector<std::string> const moved = m_pipeline.pause(cmd.delAll);
     cmd.ok = true;
-    cmd.msg = cmd.delAll ? "Paused; " + std::to_string(moved) +
-                               " waiting item(s) moved to the rejected folder"
+    cmd.msg = cmd.delAll ? "Paused; " + std::to_string(moved.size()) +
+                               " waiting item(s) moved to the rejected folder" + listedBriefly(moved)
                          : std::string("Paused");
   } catch (std::exception const& e) {
     cmd.ok = false;

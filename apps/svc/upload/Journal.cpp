@@ -21,9 +21,10 @@ namespace qxsvc {
 
 namespace {
 
-// PRAGMA user_version of the schema below; a journal of another version is
-// not read.
-constexpr int kSchemaVersion = 1;
+// The schema is the first version's (kSchema) changed by each migration in
+// turn; PRAGMA user_version counts the versions applied. A journal of an
+// earlier version is brought up to date when opened; one of a later version
+// (a newer service's) is not read.
 // How long a statement waits for a lock that another connection holds (an
 // administrator's reader, a second service started by mistake).
 constexpr int kBusyTimeoutMs = 5000;
@@ -80,8 +81,14 @@ CREATE TABLE parts (
 ) STRICT;
 )";
 
+constexpr char const* kMigrations[] = {
+    // 2: what the list shows of a job, apart from the name of its drop.
+    "ALTER TABLE jobs ADD COLUMN label TEXT NOT NULL DEFAULT '';",
+};
+constexpr int kSchemaVersion = 1 + static_cast<int>(sizeof kMigrations / sizeof *kMigrations);
+
 constexpr char kJobColumns[] =
-    "id, title, state, created, updated, next_try, attempts, bytes_sent, last_error";
+    "id, title, state, created, updated, next_try, attempts, bytes_sent, last_error, label";
 constexpr char kItemColumns[] = "name, size, mtime_ns, sha256, object_key, done, upload_id";
 
 std::string quoted(fs::path const& file) { return "\"" + file.string() + "\""; }
@@ -239,45 +246,67 @@ std::vector<std::string> schemaOf(sqlite3* db) {
                      "FROM sqlite_schema ORDER BY name");
 }
 
-std::vector<std::string> const& journalSchema() {
-  static std::vector<std::string> const schema = [] {
+// The statements that bring a journal of version from (0: none) to the
+// current one.
+std::string migrationsFrom(int from) {
+  std::string text = from == 0 ? kSchema : "";
+  for (int version = std::max(from, 1); version < kSchemaVersion; ++version) text += kMigrations[version - 1];
+  return text;
+}
+
+// The schema's text of each version, as SQLite keeps it.
+std::vector<std::string> const& journalSchema(int version) {
+  static std::vector<std::vector<std::string>> const schemas = [] {
+    std::vector<std::vector<std::string>> all;
     sqlite3* raw = nullptr;
     int const rc = sqlite3_open_v2(":memory:", &raw, SQLITE_OPEN_READWRITE, nullptr);
     DbHandle db(raw);
     if (rc != SQLITE_OK) throw Failure(raw ? sqlite3_errmsg(raw) : "out of memory", rc);
     execute(db.get(), kSchema);
-    return schemaOf(db.get());
+    all.push_back(schemaOf(db.get()));
+    for (char const* migration : kMigrations) {
+      execute(db.get(), migration);
+      all.push_back(schemaOf(db.get()));
+    }
+    return all;
   }();
-  return schema;
+  return schemas[static_cast<std::size_t>(version - 1)];
 }
 
 enum class Verdict { journal, empty, foreign };
 struct Inspection {
   Verdict verdict;
   std::string why;  // of a foreign one, for the note
+  int version = 0;  // of a journal's schema
 };
 
-// What the database open as db is. Throws a Failure for what may pass (a
-// lock, an I/O error).
 Inspection inspect(sqlite3* db) {
   try {
     std::vector<std::string> const version = firstColumn(db, "PRAGMA user_version");
     std::vector<std::string> const schema = schemaOf(db);
     std::string const versionText = version.empty() ? "0" : version.front();
-    if (schema.empty() && versionText == "0") return {Verdict::empty, ""};
-    if (!schema.empty() && schema != journalSchema()) return {Verdict::foreign, "another program's tables"};
-    if (versionText != std::to_string(kSchemaVersion)) {
-      return {Verdict::foreign,
-              "schema version " + versionText + ", expected " + std::to_string(kSchemaVersion)};
+    if (schema.empty() && versionText == "0") return {Verdict::empty, "", 0};
+    int number = 0;
+    for (int v = 1; v <= kSchemaVersion; ++v) {
+      if (versionText == std::to_string(v)) number = v;
     }
+    if (number == 0) {
+      // A journal's tables under a version this service does not know (a
+      // newer service's), or not a journal at all.
+      bool journalTables = false;
+      for (int v = 1; v <= kSchemaVersion; ++v) journalTables = journalTables || schema == journalSchema(v);
+      if (!journalTables) return {Verdict::foreign, "another program's tables", 0};
+      return {Verdict::foreign,
+              "schema version " + versionText + ", expected " + std::to_string(kSchemaVersion), 0};
+    }
+    if (schema != journalSchema(number)) return {Verdict::foreign, "another program's tables", 0};
     std::vector<std::string> const check = firstColumn(db, "PRAGMA integrity_check");
-    if (check.size() != 1 || check.front() != "ok") return {Verdict::foreign, "corrupt pages"};
-    return {Verdict::journal, ""};
+    if (check.size() != 1 || check.front() != "ok") return {Verdict::foreign, "corrupt pages", 0};
+    return {Verdict::journal, "", number};
   } catch (Failure const& failure) {
     if (!failure.corrupt()) throw;
-    return {Verdict::foreign, std::string(failure.what()) == "file is not a database"
-                                  ? "not an SQLite database"
-                                  : "corrupt pages"};
+    return {Verdict::foreign,
+            std::string(failure.what()) == "file is not a database" ? "not an SQLite database" : "corrupt pages", 0};
   }
 }
 
@@ -346,16 +375,17 @@ DbHandle openDatabase(fs::path const& file) {
   return db;
 }
 
-// The settings of a journal's connection; the schema when it has none.
-void prepareJournal(sqlite3* db, Verdict verdict) {
+// The settings of a journal's connection; the schema when it has none, or
+// the migrations that bring an earlier one up to date, in one transaction.
+void prepareJournal(sqlite3* db, Inspection const& inspection) {
   std::vector<std::string> const mode = firstColumn(db, "PRAGMA journal_mode = WAL");
   if (mode.size() != 1 || mode.front() != "wal") throw Failure("cannot switch to write-ahead logging");
   execute(db, "PRAGMA synchronous = FULL");
   execute(db, "PRAGMA foreign_keys = ON");
   sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 0, nullptr);
-  if (verdict == Verdict::empty) {
-    std::string const make = std::string("BEGIN IMMEDIATE;") + kSchema + "PRAGMA user_version = " +
-                             std::to_string(kSchemaVersion) + "; COMMIT;";
+  if (inspection.verdict == Verdict::empty || inspection.version < kSchemaVersion) {
+    std::string const make = "BEGIN IMMEDIATE;" + migrationsFrom(inspection.version) +
+                             "PRAGMA user_version = " + std::to_string(kSchemaVersion) + "; COMMIT;";
     int const rc = sqlite3_exec(db, make.c_str(), nullptr, nullptr, nullptr);
     if (rc != SQLITE_OK) {
       Failure const failure = Failure::of(db, rc);
@@ -378,6 +408,7 @@ JobRow jobOf(Run const& row) {
   job.attempts = row.count(6, "attempts");
   job.bytesSent = row.size(7);
   job.lastError = row.text(8);
+  job.label = row.text(9);
   return job;
 }
 
@@ -430,10 +461,10 @@ struct Journal::Statements {
         rollback(db, "ROLLBACK"),
         jobExists(db, "SELECT 1 FROM jobs WHERE id = ?1"),
         insertJob(db, std::string("INSERT INTO jobs (") + kJobColumns +
-                          ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9)"),
+                          ") VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7, ?8, ?9, ?10)"),
         updateJob(db,
                   "UPDATE jobs SET title = ?2, state = ?3, created = ?4, updated = ?5, next_try = ?6, "
-                  "attempts = ?7, bytes_sent = ?8, last_error = ?9 WHERE id = ?1"),
+                  "attempts = ?7, bytes_sent = ?8, last_error = ?9, label = ?10 WHERE id = ?1"),
         deleteJob(db, "DELETE FROM jobs WHERE id = ?1"),
         deleteItems(db, "DELETE FROM items WHERE job_id = ?1"),
         insertItem(db, std::string("INSERT INTO items (job_id, position, ") + kItemColumns +
@@ -472,7 +503,8 @@ void bindJob(Run& run, JobRow const& job) {
       .integer(6, job.nextTry)
       .integer(7, job.attempts)
       .size(8, job.bytesSent)
-      .text(9, job.lastError);
+      .text(9, job.lastError)
+      .text(10, job.label);
 }
 
 void putPart(Statement& putPart, std::string const& jobId, std::string const& item, PartRow const& part) {
@@ -522,8 +554,11 @@ std::unique_ptr<Journal> Journal::open(fs::path const& file, std::string& note) 
       inspection = fresh;
     } else if (inspection.verdict == Verdict::empty) {
       note = "made a new journal " + quoted(file);
+    } else if (inspection.version < kSchemaVersion) {
+      note = "brought the journal " + quoted(file) + " from schema version " + std::to_string(inspection.version) +
+             " to " + std::to_string(kSchemaVersion);
     }
-    prepareJournal(db.get(), inspection.verdict);
+    prepareJournal(db.get(), inspection);
     if (inspection.verdict != Verdict::journal) fsyncFolderOf(file);
     auto statements = std::make_unique<Statements>(db.get());
     std::unique_ptr<Journal> journal(new Journal(db.get(), std::move(statements), file));

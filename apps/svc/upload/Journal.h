@@ -76,6 +76,7 @@ struct JobRow {
   unsigned attempts = 0;
   std::uint64_t bytesSent = 0;
   std::string lastError;
+  std::string label;  // what the list shows: the file's name, or a folder's files; empty: title
   std::vector<ItemRow> items;  // read back in the order written
 };
 
@@ -83,8 +84,9 @@ class Journal {
  public:
   // Opens or makes the journal at file (its folder must exist). note gets a
   // line for the log when the file was missing or empty
-  // ("made a new journal \"<file>\"") or moved aside as corrupt, and is
-  // empty otherwise. Throws std::runtime_error naming the file when no
+  // ("made a new journal \"<file>\""), was of an earlier schema and brought
+  // up to date ("brought the journal \"<file>\" from schema version 1 to
+  // 2"), or was moved aside as corrupt, and is empty otherwise. Throws std::runtime_error naming the file when no
   // journal can be made there at all.
   static std::unique_ptr<Journal> open(boost::filesystem::path const& file, std::string& note);
   ~Journal();

@@ -50,6 +50,22 @@ bool isFinal(JobState state) {
          state == JobState::cancelled;
 }
 
+// What the list shows of a folder drop: its files, since the folder's name
+// is often only the one that the drop's transfer made up ("tmp", "tmp_1").
+std::string folderLabel(std::string const& folder, std::vector<std::string> const& files) {
+  constexpr std::size_t kNamesShown = 3;
+  std::string label = std::to_string(files.size()) + (files.size() == 1 ? " file: " : " files: ");
+  for (std::size_t i = 0; i < files.size() && i < kNamesShown; ++i) {
+    if (i > 0) label += ", ";
+    label += files[i].substr(folder.size() + 1);
+  }
+  if (files.size() > kNamesShown) label += ", \u2026";
+  return label;
+}
+
+// A job as people know it.
+std::string shownName(JobRow const& row) { return row.label.empty() ? row.title : row.label; }
+
 void logInfo(std::string const& text) { Log::inst().writeLine("INFO:", "qxlite-svc " + text); }
 void logWarning(std::string const& text) { Log::inst().writeLine("WARNING:", "qxlite-svc " + text); }
 void logError(std::string const& text) { Log::inst().writeLine("ERR:", "qxlite-svc " + text); }
@@ -81,11 +97,12 @@ class Pipeline::Impl {
   void stop();
 
   void setSettings(Settings const& settings);
-  std::size_t pause(bool discard);
+  std::vector<std::string> pause(bool discard);
   void resume();
   bool paused() const;
   void scanNow();
   json::Object uploads() const;
+  json::Array waitingItems() const;  // in the incoming folder, for the list
   std::string cancel(std::string const& jobId);
   std::string retry(std::string const& jobId);
 
@@ -116,7 +133,7 @@ class Pipeline::Impl {
   void giveUp(std::string const& jobId, JobState state, std::string const& rule, std::string const& message);
   // The same, with m_moveMutex held.
   void giveUpLocked(std::string const& jobId, JobState state, std::string const& rule, std::string const& message);
-  std::size_t discardWaiting();
+  std::vector<std::string> discardWaiting();
   void sweepBackups();
   void cleanUpOrphans();
   void setHeld(std::string const& why);
@@ -178,7 +195,7 @@ std::unique_ptr<Journal> openJournal(fs::path const& folder) {
     std::string note;
     std::unique_ptr<Journal> journal = Journal::open(folder / "journal.db", note);
     // A first start makes its journal; anything else in the note is news.
-    if (note.rfind("made a new journal", 0) == 0) logInfo(note);
+    if (note.rfind("made a new journal", 0) == 0 || note.rfind("brought the journal", 0) == 0) logInfo(note);
     else if (!note.empty()) logWarning(note);
     return journal;
   } catch (std::exception const& e) {
@@ -282,13 +299,13 @@ void Pipeline::Impl::resume() {
   wake();
 }
 
-std::size_t Pipeline::Impl::pause(bool discard) {
+std::vector<std::string> Pipeline::Impl::pause(bool discard) {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_paused = true;
   }
   if (std::shared_ptr<UploadEngine> e = engine()) e->setPaused(true);
-  return discard ? discardWaiting() : 0;
+  return discard ? discardWaiting() : std::vector<std::string>();
 }
 
 void Pipeline::Impl::scanNow() {
@@ -830,6 +847,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
     for (JobFile const& f : filesOf(jobDir.get())) {
       if (!dropIsFolder ? f.name == drop : f.name.compare(0, drop.size() + 1, drop + "/") == 0) files.push_back(f.name);
     }
+    if (dropIsFolder) row.label = folderLabel(drop, files);
     std::vector<std::string> items = files;
     if (dropIsFolder && files.size() >= settings.MinFilesToZip) {
       // An archive left by a run that stopped before the journal heard of
@@ -1063,7 +1081,7 @@ void Pipeline::Impl::conclude(std::string const& jobId) {
     row.nextTry = 0;
     row.updated = unow;
     m_journal->update(row);  // done before the folder moves: a crash between redoes the move only
-    logInfo("uploaded job " + jobId + " (\"" + row.title + "\") to " + row.items.front().key);
+    logInfo("uploaded job " + jobId + " (\"" + shownName(row) + "\") to " + row.items.front().key);
     finishJob(jobId);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_jobs[jobId].row = row;
@@ -1174,34 +1192,39 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
       // Someone removed the drop from the outgoing folder: nothing of it is
       // left to keep, only what the service made from it.
       removeTree(out, jobId);
-      logWarning(std::string(jobStateName(state)) + " job " + jobId + " (\"" + row.title + "\"): " + message);
+      logWarning(std::string(jobStateName(state)) + " job " + jobId + " (\"" + shownName(row) + "\"): " + message);
       return;
     }
     // The person's drop goes to the rejected folder; archives made from it
     // are the service's own and are removed.
     std::string const where = reject(jobDir.get(), row.title, m_folders.rejected.get(), rule, message, unixNow());
     removeTree(out, jobId);
-    logWarning(std::string(jobStateName(state)) + " job " + jobId + " (\"" + row.title + "\"): " + message +
+    logWarning(std::string(jobStateName(state)) + " job " + jobId + " (\"" + shownName(row) + "\"): " + message +
                "; moved to \"" + (m_folders.rejectedPath / where).string() + "\"");
   } catch (std::exception const& e) {
     logError(std::string("cannot move job ") + jobId + " to the rejected folder: " + e.what());
   }
 }
 
-std::size_t Pipeline::Impl::discardWaiting() {
+std::vector<std::string> Pipeline::Impl::discardWaiting() {
   std::lock_guard<std::mutex> moves(m_moveMutex);
-  if (!m_journal) return 0;
+  if (!m_journal) return {};
   if (!m_folders.rejected.valid()) throw std::runtime_error("the rejected folder cannot be used");
-  std::vector<std::string> waiting;
+  std::vector<std::pair<std::string, std::string>> waiting;  // id, name
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     for (auto const& j : m_jobs) {
-      if (j.second.row.state == JobState::queued && j.second.tickets.empty()) waiting.push_back(j.first);
+      if (j.second.row.state == JobState::queued && j.second.tickets.empty()) {
+        waiting.emplace_back(j.first, shownName(j.second.row));
+      }
     }
   }
-  for (std::string const& id : waiting) giveUpLocked(id, JobState::cancelled, "discarded", "discarded when the service was paused");
+  std::vector<std::string> moved;
+  for (auto const& w : waiting) {
+    giveUpLocked(w.first, JobState::cancelled, "discarded", "discarded when the service was paused");
+    moved.push_back(w.second + " (job " + w.first + ")");
+  }
   // Items not claimed yet wait too.
-  std::size_t moved = waiting.size();
   Settings const settings = [this] {
     std::lock_guard<std::mutex> lock(m_mutex);
     return qxapp::independentCopy(m_settings);
@@ -1212,7 +1235,7 @@ std::size_t Pipeline::Impl::discardWaiting() {
     std::string const where = reject(in, name, m_folders.rejected.get(), "discarded",
                                      "discarded when the service was paused", unixNow());
     logInfo("discarded \"" + name + "\"; moved to \"" + (m_folders.rejectedPath / where).string() + "\"");
-    ++moved;
+    moved.push_back(name);
   }
   return moved;
 }
@@ -1286,7 +1309,46 @@ void Pipeline::Impl::cleanUpOrphans() {
 // ---------------------------------------------------------------------------
 // The list.
 
+json::Array Pipeline::Impl::waitingItems() const {
+  json::Array list;
+  std::lock_guard<std::mutex> moves(m_moveMutex);
+  if (!m_folders.incoming.valid()) return list;
+  Settings const settings = [this] {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return qxapp::independentCopy(m_settings);
+  }();
+  int const in = m_folders.incoming.get();
+  std::vector<std::string> names;
+  try {
+    names = entriesOf(in, m_folders.incomingPath);
+  } catch (std::exception const&) {
+    return list;  // the log says why at the next scan
+  }
+  for (std::string const& name : names) {
+    if (settings.isIgnoredExtension(fs::path(name))) continue;
+    struct stat st {};
+    if (::fstatat(in, name.c_str(), &st, AT_SYMLINK_NOFOLLOW) != 0) continue;  // gone meanwhile
+    std::uint64_t size = S_ISREG(st.st_mode) ? static_cast<std::uint64_t>(st.st_size) : 0;
+    if (S_ISDIR(st.st_mode)) {
+      FolderFd const folder(::openat(in, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+      try {
+        if (folder.valid()) {
+          for (JobFile const& f : filesOf(folder.get())) size += f.size;
+        }
+      } catch (std::exception const&) {
+        // Unreadable inside: listed without a size; the scan will say why.
+      }
+    }
+    json::Object item;
+    item.setAt("name", json::Value(name));
+    item.setAt("size", json::Value(static_cast<json_int_t>(size)));
+    list.append(item);
+  }
+  return list;
+}
+
 json::Object Pipeline::Impl::uploads() const {
+  json::Array const waiting = paused() ? waitingItems() : json::Array();
   std::map<std::uint64_t, std::uint64_t> sentByTicket;
   double throughput = 0;
   if (std::shared_ptr<UploadEngine> const e = engine()) {
@@ -1315,7 +1377,7 @@ json::Object Pipeline::Impl::uploads() const {
     }
     json::Object job;
     job.setAt("id", json::Value(row.id));
-    job.setAt("name", json::Value(row.title));
+    job.setAt("name", json::Value(shownName(row)));
     job.setAt("state", json::Value(jobStateName(row.state)));
     job.setAt("size", json::Value(static_cast<json_int_t>(size)));
     job.setAt("sent", json::Value(static_cast<json_int_t>(std::min(sent, size))));
@@ -1333,7 +1395,10 @@ json::Object Pipeline::Impl::uploads() const {
   obj.setAt("uploads", list);
   obj.setAt("totals", totalsObj);
   obj.setAt("throughput", json::Value(static_cast<json_int_t>(throughput)));
-  if (m_paused) obj.setAt("paused", json::Value(json_true()));
+  if (m_paused) {
+    obj.setAt("paused", json::Value(json_true()));
+    obj.setAt("waiting", waiting);
+  }
   std::string const held = !m_folderProblem.empty() ? m_folderProblem : m_held;
   if (!held.empty()) obj.setAt("held", json::Value(held));
   return obj;
@@ -1347,7 +1412,7 @@ Pipeline::~Pipeline() = default;
 void Pipeline::start() { m_impl->start(); }
 void Pipeline::stop() { m_impl->stop(); }
 void Pipeline::setSettings(Settings const& settings) { m_impl->setSettings(settings); }
-std::size_t Pipeline::pause(bool discard) { return m_impl->pause(discard); }
+std::vector<std::string> Pipeline::pause(bool discard) { return m_impl->pause(discard); }
 void Pipeline::resume() { m_impl->resume(); }
 bool Pipeline::paused() const { return m_impl->paused(); }
 void Pipeline::scanNow() { m_impl->scanNow(); }

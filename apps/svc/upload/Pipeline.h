@@ -39,6 +39,7 @@
 #include <chrono>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qxsvc {
 
@@ -77,10 +78,12 @@ class Pipeline {
   void setSettings(Settings const& settings);
 
   // Paused: nothing new is claimed or started; transfers in flight finish
-  // their current request. With discard, the jobs waiting to start go to
-  // the rejected folder with reason "discarded"; returns how many. Throws
-  // std::runtime_error naming the folder when one cannot be used.
-  std::size_t pause(bool discard);
+  // their current request. With discard, the jobs waiting to start and the
+  // items waiting in the incoming folder go to the rejected folder with
+  // reason "discarded"; returns what moved, as people know it ("one.pdf
+  // (job <id>)" for a job, the entry's name for an item not taken in yet).
+  // Throws std::runtime_error naming the folder when one cannot be used.
+  std::vector<std::string> pause(bool discard);
   void resume();
   bool paused() const;
   // Looks at the incoming folder now (a drop just arrived).
@@ -92,6 +95,8 @@ class Pipeline {
   //  "totals":{"queued":n,"uploading":n,"done":n,"failed":n,"rejected":n,
   //            "cancelled":n},
   //  "throughput":bytes per second, "paused":true (when paused),
+  //  "waiting":[{"name","size"},...] (when paused: what waits in the
+  //  incoming folder, by name; a folder's size is that of its files),
   //  "held":"why" (when the queue is held)}
   // Jobs oldest first; "nextTry" only while waiting to try again; "error"
   // only when there is one; "key" the target key (of the archive or first
