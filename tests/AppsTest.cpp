@@ -724,32 +724,66 @@ TEST_F(AppsTest, PauseKeepsItemsInIncomingAndDiscardMovesThemToRejected) {
   EXPECT_EQ((std::map<std::string, std::uint64_t>{{"partial.pdf.noqx", 4}}), listing(in));
 }
 
-TEST_F(AppsTest, DropFailuresAreOneLineErrors) {
+TEST_F(AppsTest, EveryDropProblemIsListedAndNothingIsSent) {
   writeConfig();
   ASSERT_TRUE(startService());
+  auto q = [](fs::path const& p) { return "\"" + p.string() + "\""; };
   writeFile(tmp / "tool.exe", "MZ");
-  expectFailure({"drop", (tmp / "tool.exe").string()}, 1,
-                "\"" + (tmp / "tool.exe").string() + "\": the service does not accept \"" +
-                    (tmp / "tool.exe").string() + "\"");
-  expectFailure({"drop", (tmp / "none.pdf").string()}, 1, "\"" + (tmp / "none.pdf").string() + "\" does not exist");
-  expectFailure({"drop", (tmp / "none").string()}, 1, "\"" + (tmp / "none").string() + "\" does not exist");
+  writeFile(tmp / "good.pdf", "good");
   writeFile(tmp / "empty.pdf", "");
-  expectFailure({"drop", (tmp / "empty.pdf").string()}, 1,
-                "\"" + (tmp / "empty.pdf").string() + "\" holds nothing to drop (only empty files or sub-folders)");
+  ASSERT_EQ(0, ::mkfifo((tmp / "fifo.pdf").c_str(), 0644));
   fs::create_directories(tmp / "hollow");
   writeFile(tmp / "hollow" / "empty.pdf", "");
   writeFile(tmp / "hollow" / "empty.csv", "");
-  expectFailure({"drop", (tmp / "hollow").string()}, 1,
-                "\"" + (tmp / "hollow").string() + "\" holds nothing to drop (only empty files or sub-folders)");
-  fs::create_directories(tmp / "mixed");
+  fs::create_directories(tmp / "mixed" / "inner");
   writeFile(tmp / "mixed" / "a.pdf", "a");
   writeFile(tmp / "mixed" / "b.exe", "b");
+  struct Row {
+    std::vector<fs::path> paths;
+    std::vector<std::string> problems;
+  };
+  std::string const accepted = " (it accepts csv, enm, js, json, ods, oxps, pdf, ps, qxw, tar, xls, xlsx, xml, xps, zip)";
+  std::vector<Row> const rows = {
+      {{tmp / "tool.exe"}, {q(tmp / "tool.exe") + ": the service does not accept files of type \"exe\"" + accepted}},
+      {{tmp / "none.pdf"}, {q(tmp / "none.pdf") + " does not exist"}},
+      {{tmp / "fifo.pdf"}, {q(tmp / "fifo.pdf") + " is not a file or a folder (a FIFO)"}},
+      {{tmp / "empty.pdf"}, {q(tmp / "empty.pdf") + " holds nothing to drop (only empty files)"}},
+      {{tmp / "hollow"}, {q(tmp / "hollow") + " holds nothing to drop (only empty files)"}},
+      // The local problems first, before the service is asked for its rules.
+      {{tmp / "mixed"},
+       {q(tmp / "mixed" / "inner") + " is a sub-folder: only the files directly in a dropped folder are sent"}},
+      // One bad path among good ones: every problem, and nothing sent.
+      {{tmp / "good.pdf", tmp / "none.pdf", tmp / "fifo.pdf"},
+       {q(tmp / "none.pdf") + " does not exist", q(tmp / "fifo.pdf") + " is not a file or a folder (a FIFO)"}},
+      {{tmp / "good.pdf", tmp / "tool.exe", tmp / "empty.pdf"},
+       {q(tmp / "tool.exe") + ": the service does not accept files of type \"exe\"" + accepted}},
+  };
+  for (Row const& row : rows) {
+    std::vector<std::string> args{"drop"};
+    for (fs::path const& p : row.paths) args.push_back(p.string());
+    SCOPED_TRACE(::testing::PrintToString(args));
+    Outcome const o = qx(args);
+    EXPECT_EQ(1, o.status);
+    std::string expected;
+    for (std::string const& p : row.problems) expected += "qxlite: " + p + "\n";
+    expected += "qxlite: nothing was dropped: " + std::to_string(row.problems.size()) + " problem(s)\n";
+    EXPECT_EQ(expected, o.err);
+    EXPECT_EQ("", o.out);
+  }
+  fs::remove_all(tmp / "mixed" / "inner");
   expectFailure({"drop", (tmp / "mixed").string()}, 1,
-                "\"" + (tmp / "mixed").string() + "\": the service does not accept \"" +
-                    (tmp / "mixed" / "b.exe").string() + "\"");
+                q(tmp / "mixed" / "b.exe") + ": the service does not accept files of type \"exe\"" + accepted +
+                    "\nqxlite: nothing was dropped: 1 problem(s)");
   EXPECT_TRUE(listing(in).empty());
   EXPECT_TRUE(listing(out).empty());
   EXPECT_TRUE(listing(rejected).empty());
+  // A mistake on this machine is said as such even when the service cannot
+  // be reached.
+  Outcome const offline = run(kCli, {"--port", "1", "--token-file", (tmp / "no.token").string(), "drop",
+                                     (tmp / "none.pdf").string()});
+  EXPECT_EQ(1, offline.status);
+  EXPECT_EQ("qxlite: " + q(tmp / "none.pdf") + " does not exist\nqxlite: nothing was dropped: 1 problem(s)\n",
+            offline.err);
 }
 
 TEST_F(AppsTest, TestConfigOfTheConfigurationInForcePasses) {
@@ -1191,7 +1225,8 @@ TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
   ASSERT_TRUE(client.wait());
   EXPECT_EQ(1, client.status());
   EXPECT_EQ("", client.out());
-  EXPECT_EQ(0u, client.err().rfind("qxlite: Ipc \"Drop File\": ", 0)) << client.err();
+  EXPECT_EQ(0u, client.err().rfind("qxlite: \"" + (tmp / "big.pdf").string() + "\": Ipc \"Drop File\": ", 0))
+      << client.err();
   EXPECT_EQ(1u, splitLines(client.err()).size()) << client.err();
 
   std::map<std::string, std::uint64_t> const afterKill = listing(in);

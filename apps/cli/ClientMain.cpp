@@ -7,6 +7,7 @@
 // a wrong command line.
 #include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
+#include "apps/cli/DropCheck.h"
 #include "ipc/IpcCmdsLite.h"
 #include "ipc/MsgsUItoSvc.h"
 #include "shared/CmdClient.h"
@@ -306,41 +307,63 @@ class ProgressBar {
   std::thread m_thread;
 };
 
+// Each problem on a line of its own, then the one line of the failure.
+[[noreturn]] void failWithProblems(std::vector<std::string> const& problems) {
+  for (std::string const& p : problems) std::cerr << "qxlite: " << p << "\n";
+  throw Failure("nothing was dropped: " + std::to_string(problems.size()) + " problem(s)");
+}
+
 void cmdDrop(Session& s, std::vector<std::string> const& paths) {
   std::unique_ptr<Settings> const settings = fetchConfig(s)->pSetts();
+  // Every path is looked at, and prepared, before anything is sent.
+  std::vector<std::string> problems = qxcli::typeDropProblems(paths, *settings);
+  if (!problems.empty()) failWithProblems(problems);
+  std::vector<std::shared_ptr<Ipc::FileDrop>> drops;
+  std::string notesOfAll;
   for (std::string const& p : paths) {
     auto drop = std::make_shared<Ipc::FileDrop>(nullptr, p);
+    // The library's notes on skipped entries are shown only when something
+    // is sent.
+    std::ostringstream notes;
+    Log::inst().toStream(notes);
+    bool prepared = false;
     try {
-      // A missing path is named as such, not as a refused file type.
-      if (!fs::exists(fs::status(p))) throw Failure("\"" + p + "\" does not exist");
-      std::string const bad = settings->checkPathForAcceptedExts(p);
-      if (!bad.empty()) throw Failure("\"" + p + "\": the service does not accept \"" + bad + "\"");
-      // The library's notes on skipped entries are shown only when something
-      // is sent: a drop of nothing fails with its one line.
-      std::ostringstream notes;
-      Log::inst().toStream(notes);
-      bool prepared = false;
-      try {
-        prepared = drop->prepareReq();
-      } catch (...) {
-        Log::inst().toStderr();
-        throw;
-      }
-      Log::inst().toStderr();
-      if (!prepared) throw Failure("\"" + p + "\" holds nothing to drop (only empty files or sub-folders)");
-      std::cerr << notes.str() << std::flush;
+      prepared = drop->prepareReq();
     } catch (fs::filesystem_error const& e) {
-      throw Failure("\"" + p + "\": " + e.code().message());
+      Log::inst().toStderr();
+      problems.push_back("\"" + p + "\": " + e.code().message());
+      continue;
+    } catch (...) {
+      Log::inst().toStderr();
+      throw;
     }
+    Log::inst().toStderr();
+    if (!prepared) problems.push_back("\"" + p + "\" holds nothing to drop (only empty files)");
+    notesOfAll += notes.str();
+    drops.push_back(drop);
+  }
+  if (!problems.empty()) failWithProblems(problems);
+  std::cerr << notesOfAll << std::flush;
+  for (std::size_t i = 0; i < drops.size(); ++i) {
+    Ipc::FileDrop& drop = *drops[i];
     std::uint64_t total = 0;
-    for (auto const& f : drop->files) total += f.size;
-    std::size_t const count = drop->files.size();
-    {
+    for (auto const& f : drop.files) total += f.size;
+    std::size_t const count = drop.files.size();
+    std::string failure;
+    try {
       ProgressBar const bar(s.client(), total);
-      s.run(drop);
+      s.run(drops[i]);
+      if (!drop.ok) failure = drop.msg.empty() ? "the drop failed" : drop.msg;
+    } catch (Failure const& e) {
+      failure = e.what();
     }
-    if (!drop->ok) throw Failure("\"" + p + "\": " + (drop->msg.empty() ? "the drop failed" : drop->msg));
-    std::cout << "dropped \"" << p << "\": " << count << " file(s), " << sizeText(static_cast<double>(total)) << "\n";
+    if (!failure.empty()) {
+      std::string notSent;
+      for (std::size_t j = i + 1; j < paths.size(); ++j) notSent += (notSent.empty() ? "" : ", ") + ("\"" + paths[j] + "\"");
+      throw Failure("\"" + paths[i] + "\": " + failure + (notSent.empty() ? "" : "; not sent: " + notSent));
+    }
+    std::cout << "dropped \"" << paths[i] << "\": " << count << " file(s), " << sizeText(static_cast<double>(total))
+              << "\n";
   }
 }
 
@@ -588,6 +611,11 @@ int main(int argc, char** argv) {
     return 0;
   }
   try {
+    if (*drop) {
+      // Mistakes on this machine are said before the service is contacted.
+      std::vector<std::string> const problems = qxcli::localDropProblems(paths);
+      if (!problems.empty()) failWithProblems(problems);
+    }
     Session s(g);
     if (*status) cmdStatus(s);
     else if (*configGet) cmdConfigGet(s, asJson, showSecrets);
