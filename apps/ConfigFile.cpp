@@ -86,12 +86,16 @@ std::string configText(Settings const& settings) {
 }
 
 void writeConfigAtomically(fs::path const& file, std::string const& text) {
+  writeFileAtomically(file, text, 0600, "configuration");
+}
+
+void writeFileAtomically(fs::path const& file, std::string const& text, mode_t mode, char const* what) {
   fs::path const tmp = file.string() + ".tmp";
-  int const fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0600);
+  int const fd = ::open(tmp.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, mode);
   if (fd < 0) throw ConfigError(systemError("cannot create", tmp, errno));
   try {
     writeAll(fd, text, tmp);
-    if (::fchmod(fd, 0600) != 0 || ::fsync(fd) != 0) {
+    if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0) {
       throw ConfigError(systemError("cannot flush", tmp, errno));
     }
   } catch (...) {
@@ -107,7 +111,7 @@ void writeConfigAtomically(fs::path const& file, std::string const& text) {
   if (::rename(tmp.c_str(), file.c_str()) != 0) {
     int const err = errno;
     ::unlink(tmp.c_str());
-    throw ConfigError(systemError("cannot rename the new configuration onto", file, err));
+    throw ConfigError(systemError(std::string("cannot rename the new ") + what + " onto", file, err));
   }
   // The rename is durable once the folder is flushed too.
   int const dir = ::open(file.has_parent_path() ? file.parent_path().c_str() : ".",

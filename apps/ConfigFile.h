@@ -16,6 +16,8 @@
 #include "json/Json.h"
 #include "settings/Settings.h"
 
+#include <sys/types.h>
+
 #include <boost/filesystem/path.hpp>
 
 #include <optional>
@@ -37,6 +39,9 @@ Settings settingsFromObject(json::Object const& obj, std::string const& what);
 // The sparse form, keys sorted, one line.
 std::string configText(Settings const& settings);
 void writeConfigAtomically(boost::filesystem::path const& file, std::string const& text);
+// The same for any file of the programs; what names it in messages
+// ("configuration").
+void writeFileAtomically(boost::filesystem::path const& file, std::string const& text, mode_t mode, char const* what);
 
 // One key of the configuration file, as `qxlite config keys` shows it.
 struct ConfigKey {

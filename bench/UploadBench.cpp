@@ -355,7 +355,8 @@ class Service {
     m_process = std::make_unique<Process>(
         std::vector<std::string>{QX_SVC_PROGRAM, "--config", (dir / "config.json").string(), "--token-file",
                                  (dir / "ipc.token").string(), "--port", "0", "--foreground", "--state-dir",
-                                 (dir / "state").string(), "--credentials", (dir / "credentials.json").string()},
+                                 (dir / "state").string(), "--credentials", (dir / "credentials.json").string(),
+                                 "--runtime-dir", (dir / "run").string()},
         dir / "svc.out", dir / "svc.err");
     if (!waitUntil([&] { return !m_process->running() || log().find("serving on") != std::string::npos; },
                    std::chrono::milliseconds(10), std::chrono::seconds(30)) ||

@@ -46,9 +46,9 @@ printf 'date,amount\n2026-11-01,120\n' > "$demo/samples/ledger.csv"
 printf '<invoice id="1"/>\n' > "$demo/samples/batch/invoice-1.xml"
 printf '<invoice id="2"/>\n' > "$demo/samples/batch/invoice-2.xml"
 
-step "start the service: qxlite-svc --config out/demo/config.json --token-file out/demo/ipc.token --credentials out/demo/credentials.json --state-dir out/demo/state --port 0 --foreground"
+step "start the service: qxlite-svc --config out/demo/config.json --token-file out/demo/ipc.token --credentials out/demo/credentials.json --state-dir out/demo/state --runtime-dir out/demo/run --port 0 --foreground"
 "$root/build/qxlite-svc" --config "$demo/config.json" --token-file "$demo/ipc.token" \
-  --credentials "$demo/credentials.json" --state-dir "$demo/state" \
+  --credentials "$demo/credentials.json" --state-dir "$demo/state" --runtime-dir "$demo/run" \
   --port 0 --foreground 2> "$demo/service.log" &
 svc=$!
 port=""
@@ -61,18 +61,21 @@ done
 [ -n "$port" ] || { echo "the service did not start" >&2; cat "$demo/service.log"; exit 1; }
 cat "$demo/service.log"
 
-q() { echo "\$ qxlite $*"; "$root/build/qxlite" --port "$port" --token-file "$demo/ipc.token" "$@"; }
+# The client finds the service through its runtime file: each line shown is
+# the command run, and can be copied as it stands (from the project's folder).
+cd "$root"
+q() { echo "\$ build/qxlite --runtime-dir out/demo/run $*"; build/qxlite --runtime-dir out/demo/run "$@"; }
 
 step "is it running?";               q status
-step "drop a file";                  q drop "$demo/samples/report.pdf"
-step "drop another";                 q drop "$demo/samples/ledger.csv"
-step "drop a folder of two files (MinFilesToZip is 2 here: it goes as one zip)"; q drop "$demo/samples/batch"
+step "drop a file";                  q drop out/demo/samples/report.pdf
+step "drop another";                 q drop out/demo/samples/ledger.csv
+step "drop a folder of two files (MinFilesToZip is 2 here: it goes as one zip)"; q drop out/demo/samples/batch
 step "test the configuration";       q test-config
 
 # Until every job is done (or 30 s).
 wait_done() {
   for _ in $(seq 300); do
-    "$root/build/qxlite" --port "$port" --token-file "$demo/ipc.token" uploads | grep -q ' 0 queued, 0 uploading' && return 0
+    build/qxlite --runtime-dir out/demo/run uploads | grep -q ' 0 queued, 0 uploading' && return 0
     sleep 0.1
   done
   return 1
@@ -87,7 +90,7 @@ curl -fsS -X PUT --aws-sigv4 "aws:amz:$QX_S3_REGION:s3" -u "$QX_S3_ACCESS_KEY:$Q
   "$QX_S3_ENDPOINT/demo-bucket" >/dev/null
 ( umask 077; printf '{"user": "%s", "secret": "%s"}\n' "$QX_S3_ACCESS_KEY" "$QX_S3_SECRET_KEY" > "$demo/credentials.json" )
 q config set "InetServer=s3://${QX_S3_ENDPOINT#http://}/demo-bucket/scans"
-step "drop the report again";        q drop "$demo/samples/report.pdf"
+step "drop the report again";        q drop out/demo/samples/report.pdf
 step "list the uploads";             wait_done || true; q uploads
 step "what the bucket holds"
 curl -fsS --aws-sigv4 "aws:amz:$QX_S3_REGION:s3" -u "$QX_S3_ACCESS_KEY:$QX_S3_SECRET_KEY" \

@@ -29,6 +29,7 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <regex>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -279,6 +280,12 @@ class TinyHttpServer {
 // The fixture: a temporary folder with the configuration file, the token
 // file and the spool folders; the service and its client as processes.
 
+std::string const kNoServer = "uploads held: no server address is set (\"InetServer\")\n";
+// The counts line of `qxlite status`.
+std::string uploadCounts(int queued) {
+  return "uploads: " + std::to_string(queued) + " queued, 0 uploading, 0 done, 0 failed, 0 rejected, 0 cancelled\n";
+}
+
 class AppsTest : public ::testing::Test {
  protected:
   AppsTest()
@@ -308,7 +315,8 @@ class AppsTest : public ::testing::Test {
   std::vector<std::string> serviceArgs(std::uint16_t onPort, fs::path const& config) const {
     return {"--config", config.string(), "--token-file", tokenFile.string(), "--port", std::to_string(onPort),
             "--foreground", "--scan-interval", "0.05", "--settle-time", "0.1", "--state-dir",
-            (tmp / "state").string(), "--credentials", (tmp / "credentials.json").string()};
+            (tmp / "state").string(), "--credentials", (tmp / "credentials.json").string(), "--runtime-dir",
+            (tmp / "run").string()};
   }
 
   // Starts the service (on a port of the system's choice unless told) and
@@ -382,6 +390,28 @@ class AppsTest : public ::testing::Test {
     EXPECT_EQ(status, o.status);
     EXPECT_EQ("qxlite: " + error + "\n", o.err);
     EXPECT_EQ("", o.out);
+  }
+
+  // `qxlite status` of the fixture's service, without a server address:
+  // state ("running", or "paused" with the time since), the service's
+  // facts, the counts, why nothing leaves. The uptime and the time of the
+  // pause are the only parts not compared.
+  void expectStatus(std::string const& state, int queued = 0, std::vector<std::string> const& options = {},
+                    fs::path const& config = fs::path(), std::string const& held = kNoServer) {
+    std::vector<std::string> args = options;
+    args.push_back("status");
+    Outcome const o = qx(args);
+    EXPECT_EQ(0, o.status) << o.err;
+    EXPECT_EQ("", o.err);
+    std::string const shown = std::regex_replace(
+        std::regex_replace(o.out, std::regex("^paused since \\d{4}-\\d\\d-\\d\\d \\d\\d:\\d\\d:\\d\\d\n"),
+                           "paused since T\n"),
+        std::regex(", up \\d+s,"), ", up Ns,");
+    EXPECT_EQ((state == "paused" ? "paused since T" : state) + "\nqxlite-svc 7.0.1, pid " +
+                  std::to_string(service ? service->pid() : 0) + ", up Ns, port " + std::to_string(port) +
+                  "\nconfiguration \"" + (config.empty() ? cfgFile : config).string() + "\"\n" + uploadCounts(queued) +
+                  held,
+              shown);
   }
 
   // A line of `qxlite config get`: the key in its column, then the report's
@@ -463,7 +493,6 @@ class AppsTest : public ::testing::Test {
 };
 
 // What `qxlite status` adds while the service has no server address.
-std::string const kNoServer = "uploads held: no server address is set (\"InetServer\")\n";
 std::string const kUploadsHeader =
     "JOB                       STATE           SIZE  SENT TRIES NEXT TRY  NAME\n";
 // What `qxlite uploads` ends with on a service that has no server address.
@@ -499,13 +528,13 @@ TEST_F(AppsTest, ServiceMakesItsFoldersAndStopsCleanlyOnSignals) {
   // The same token serves again; SIGINT stops it as cleanly.
   ASSERT_TRUE(startService());
   EXPECT_EQ(token, readFile(tokenFile));
-  expectOutput({"status"}, "running\n" + kNoServer);
+  expectStatus("running");
   std::uint16_t const stoppedPort = port;
   stopService(SIGINT);
   port = stoppedPort;
-  expectFailure({"status"}, 1,
-                "Ipc cannot connect to the service at 127.0.0.1:" + std::to_string(stoppedPort) +
-                    ": Connection refused");
+  expectFailure({"status"}, 3,
+                "the service is not running (nothing answers at 127.0.0.1:" + std::to_string(stoppedPort) +
+                    ": Connection refused): start it with `systemctl start qxlite-svc`");
 }
 
 // ---------------------------------------------------------------------------
@@ -514,15 +543,15 @@ TEST_F(AppsTest, ServiceMakesItsFoldersAndStopsCleanlyOnSignals) {
 TEST_F(AppsTest, StatusPauseAndResume) {
   writeConfig();
   ASSERT_TRUE(startService());
-  expectOutput({"status"}, "running\n" + kNoServer);
-  expectOutput({"--host", "127.0.0.1", "--timeout", "10", "status"}, "running\n" + kNoServer);
+  expectStatus("running");
+  expectStatus("running", 0, {"--host", "127.0.0.1", "--timeout", "10"});
   expectOutput({"pause"}, "Paused\n");
-  expectOutput({"status"}, "paused\n" + kNoServer);
+  expectStatus("paused");
   expectOutput({"pause"}, "Paused\n");
   expectOutput({"resume"}, "Resumed\n");
-  expectOutput({"status"}, "running\n" + kNoServer);
+  expectStatus("running");
   expectOutput({"resume"}, "Resumed\n");
-  expectOutput({"status"}, "running\n" + kNoServer);
+  expectStatus("running");
 }
 
 TEST_F(AppsTest, ConfigGetShowsTheConfigurationInForce) {
@@ -631,7 +660,7 @@ TEST_F(AppsTest, DropOfAFolderAndOfAFileBecomeJobsAndAreListed) {
                 "report.pdf");
   expected += line;
   EXPECT_EQ(expected + uploadsFooter(2), table.out);
-  expectOutput({"status"}, "running\n" + kNoServer);
+  expectStatus("running", 2);
 
   // Skipped entries are noted on standard error; the rest is dropped.
   fs::create_directories(tmp / "more");
@@ -653,9 +682,17 @@ TEST_F(AppsTest, UploadsOfAnEmptyService) {
   ASSERT_TRUE(startService());
   ASSERT_TRUE(waitFor([&] { return qx({"uploads"}).out == kUploadsHeader + "(no uploads)\n" + uploadsFooter(0); }))
       << qx({"uploads"}).out;
-  expectOutput({"uploads", "--json"},
-               "{\"held\":\"no server address is set (\\\"InetServer\\\")\",\"throughput\":0,\"totals\":{"
-               "\"cancelled\":0,\"done\":0,\"failed\":0,\"queued\":0,\"rejected\":0,\"uploading\":0},\"uploads\":[]}\n");
+  // The service's own facts vary by run only in the time it started.
+  Outcome const listed = qx({"uploads", "--json"});
+  EXPECT_EQ(0, listed.status);
+  std::string const started = std::to_string(json::Object(qxtest::parse(listed.out)["service"])["started"].asInt());
+  EXPECT_EQ("{\"held\":\"no server address is set (\\\"InetServer\\\")\",\"service\":{\"config\":\"" +
+                cfgFile.string() + "\",\"pid\":" + std::to_string(service->pid()) + ",\"port\":" + std::to_string(port) +
+                ",\"started\":" + started +
+                ",\"version\":\"7.0.1\"},\"throughput\":0,\"totals\":{"
+                "\"cancelled\":0,\"done\":0,\"failed\":0,\"queued\":0,\"rejected\":0,\"uploading\":0},\"uploads\":[]}\n",
+            listed.out);
+  EXPECT_NEAR(static_cast<double>(std::time(nullptr)), std::stod(started), 60.0);
   expectFailure({"cancel", "20261123T000000Z-00000000"}, 1, "there is no job \"20261123T000000Z-00000000\"");
   expectFailure({"retry", "x"}, 1, "there is no job \"x\"");
 }
@@ -696,9 +733,7 @@ TEST_F(AppsTest, PauseKeepsItemsInIncomingAndDiscardMovesThemToRejected) {
   EXPECT_EQ(waiting, listing(in));
   // Several scan intervals later, nothing moved.
   std::this_thread::sleep_for(std::chrono::milliseconds(300));
-  Outcome const status = qx({"status"});
-  EXPECT_EQ(0, status.status);
-  EXPECT_EQ("paused\n", status.out.substr(0, 7));
+  expectStatus("paused");
   EXPECT_EQ(waiting, listing(in));
   EXPECT_TRUE(listing(out).empty());
   // The list shows what waits, under a header that says the service is paused.
@@ -967,9 +1002,9 @@ TEST_F(AppsTest, ClientFailsPlainlyWithoutAServiceOrToken) {
   writeConfig();
   ASSERT_TRUE(startService());
   Outcome const noToken = run(kCli, {"--port", std::to_string(port), "--token-file", (tmp / "none.token").string(), "status"});
-  EXPECT_EQ(1, noToken.status);
-  EXPECT_EQ("qxlite: Ipc token file \"" + (tmp / "none.token").string() +
-                "\": cannot be opened: No such file or directory\n",
+  EXPECT_EQ(3, noToken.status);
+  EXPECT_EQ("qxlite: the service is not running (no token file at \"" + (tmp / "none.token").string() +
+                "\"): start it with `systemctl start qxlite-svc`\n",
             noToken.err);
   EXPECT_EQ("", noToken.out);
 
@@ -982,14 +1017,70 @@ TEST_F(AppsTest, ClientFailsPlainlyWithoutAServiceOrToken) {
             wrong.err);
   EXPECT_EQ("", wrong.out);
   // The service goes on serving those who hold its token.
-  expectOutput({"status"}, "running\n" + kNoServer);
+  expectStatus("running");
 
   std::uint16_t const stoppedPort = port;
   stopService();
   port = stoppedPort;
-  expectFailure({"status"}, 1,
-                "Ipc cannot connect to the service at 127.0.0.1:" + std::to_string(stoppedPort) +
-                    ": Connection refused");
+  expectFailure({"status"}, 3,
+                "the service is not running (nothing answers at 127.0.0.1:" + std::to_string(stoppedPort) +
+                    ": Connection refused): start it with `systemctl start qxlite-svc`");
+}
+
+TEST_F(AppsTest, TheClientFindsTheServiceThroughItsRuntimeFile) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  fs::path const runtime = tmp / "run" / "qxlite-svc.json";
+  // What it says, and no secret: the token file's path, not its bytes.
+  json::Object const facts = qxtest::parse(readFile(runtime));
+  std::string const started = std::to_string(facts["started"].asInt());
+  EXPECT_EQ("{\"pid\":" + std::to_string(service->pid()) + ",\"port\":" + std::to_string(port) +
+                ",\"version\":\"7.0.1\",\"config\":\"" + cfgFile.string() + "\",\"tokenFile\":\"" +
+                tokenFile.string() + "\",\"started\":" + started + "}\n",
+            readFile(runtime));
+  EXPECT_EQ(0644u, fileMode(runtime));
+  EXPECT_EQ(std::string::npos, readFile(runtime).find(readFile(tokenFile).substr(0, 64)));
+
+  // Neither --port nor --token-file: the runtime folder says where.
+  std::vector<std::string> const told{"--runtime-dir", (tmp / "run").string()};
+  Outcome const found = run(kCli, {"--runtime-dir", (tmp / "run").string(), "status"});
+  EXPECT_EQ(0, found.status) << found.err;
+  EXPECT_EQ(0u, found.out.rfind("running\nqxlite-svc 7.0.1, pid " + std::to_string(service->pid()), 0)) << found.out;
+  EXPECT_EQ("", found.err);
+
+  // A clean stop takes the file away; a service killed leaves it, and the
+  // client then finds nobody there: not running, status 3.
+  std::uint16_t const stoppedPort = port;
+  stopService();
+  EXPECT_FALSE(fs::exists(runtime));
+  ASSERT_TRUE(startService());
+  ASSERT_TRUE(fs::exists(runtime));
+  std::uint16_t const killedPort = port;
+  service->signal(SIGKILL);
+  ASSERT_TRUE(service->wait());
+  EXPECT_TRUE(fs::exists(runtime));
+  Outcome const gone = run(kCli, {"--runtime-dir", (tmp / "run").string(), "status"});
+  EXPECT_EQ(3, gone.status);
+  EXPECT_EQ("qxlite: the service is not running (nothing answers at 127.0.0.1:" + std::to_string(killedPort) +
+                ": Connection refused): start it with `systemctl start qxlite-svc`\n",
+            gone.err);
+  EXPECT_EQ("", gone.out);
+  (void)stoppedPort;
+
+  // A runtime file that is not one is said so, and the defaults are tried.
+  writeFile(runtime, "{\"pid\": \"x\"}");
+  Outcome const odd = run(kCli, {"--runtime-dir", (tmp / "run").string(), "--token-file", (tmp / "none").string(),
+                                 "status"});
+  EXPECT_EQ(3, odd.status);
+  EXPECT_EQ("qxlite: the service is not running (no token file at \"" + (tmp / "none").string() +
+                "\"): start it with `systemctl start qxlite-svc`\n",
+            odd.err);
+  Outcome const oddOnly = run(kCli, {"--runtime-dir", (tmp / "run").string(), "--port", "1", "status"});
+  EXPECT_EQ(0u, oddOnly.err.find("qxlite: the service is not running ("));
+  Outcome const unreadable = run(kCli, {"--runtime-dir", (tmp / "run").string(), "status"});
+  EXPECT_EQ(0u, unreadable.err.find("qxlite: the runtime file \"" + runtime.string() +
+                                    "\" is not one: JSON error: Wrong type: string. Expected type: integer; trying the defaults\n"))
+      << unreadable.err;
 }
 
 TEST_F(AppsTest, ConfigSetAndSaveRefuseBadInput) {
@@ -1177,7 +1268,7 @@ TEST_F(AppsTest, ServiceRefusesAPortInUse) {
   EXPECT_EQ(2, o.status);
   EXPECT_EQ("qxlite-svc: Ipc cannot listen on 127.0.0.1:" + std::to_string(port) + ": Address already in use\n", o.err);
   // The first service goes on.
-  expectOutput({"status"}, "running\n" + kNoServer);
+  expectStatus("running");
 }
 
 TEST_F(AppsTest, ServiceRefusesBadCommandLines) {
@@ -1242,14 +1333,14 @@ TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
   // The restarted service is not paused: it scans, and leaves the partial
   // and ignored items alone.
   ASSERT_TRUE(startService());
-  std::string const running = "running\n" + kNoServer;
-  expectOutput({"status"}, running);
+  expectStatus("running");
   writeFile(tmp / "after.pdf", "after");
   expectOutput({"drop", (tmp / "after.pdf").string()},
                "dropped \"" + (tmp / "after.pdf").string() + "\": 1 file(s), 5 B\n");
   EXPECT_TRUE(waitFor([&] { return !queued("after.pdf").empty(); }));
   EXPECT_EQ("after", readFile(queued("after.pdf")));
-  expectOutput({"status"}, running);
+  ASSERT_TRUE(waitFor([&] { return jobsListed().size() == 1; }));
+  expectStatus("running", 1);
   EXPECT_EQ(afterKill, listing(in));
   EXPECT_EQ(1u, listing(out).size());
 }
@@ -1411,8 +1502,9 @@ TEST_F(AppsTest, TheExampleConfigurationStartsTheService) {
   writeFile(moved, qxtest::text(example));
   ASSERT_TRUE(startServiceWith(moved));
   // Its server address is there; the account's credentials are not.
-  expectOutput({"status"}, "running\nuploads held: the credentials file \"" + (tmp / "credentials.json").string() +
-                               "\" cannot be opened: No such file or directory\n");
+  expectStatus("running", 0, {}, moved,
+               "uploads held: the credentials file \"" + (tmp / "credentials.json").string() +
+                   "\" cannot be opened: No such file or directory\n");
   stopService();
 }
 

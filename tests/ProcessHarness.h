@@ -80,6 +80,8 @@ class Child {
   }
   // Takes charge of a process that the test forked; it has no output files.
   explicit Child(pid_t forked) : m_pid(forked) {}
+
+  pid_t pid() const { return m_pid; }
   ~Child() { kill(); }
   Child(Child const&) = delete;
   Child& operator=(Child const&) = delete;

@@ -64,7 +64,8 @@ class Service {
                                  (m_dir / "ipc.token").string(), "--port", "0", "--foreground",
                                  "--state-dir", (m_dir / "state").string(), "--credentials",
                                  (m_dir / "credentials.json").string(), "--retry-after", "0.1",
-                                 "--settle-time", "0.05", "--scan-interval", "0.5"};
+                                 "--settle-time", "0.05", "--scan-interval", "0.5", "--runtime-dir",
+                                 (m_dir / "run").string()};
     args.insert(args.end(), m_extraArgs.begin(), m_extraArgs.end());
     m_child = std::make_unique<qxtest::Child>(QX_SVC_PROGRAM, args, m_dir / ("svc" + std::to_string(m_starts) + ".out"),
                                               m_dir / ("svc" + std::to_string(m_starts) + ".err"));

@@ -7,6 +7,7 @@
 // a wrong command line.
 #include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
+#include "apps/RuntimeFile.h"
 #include "apps/cli/DropCheck.h"
 #include "ipc/IpcCmdsLite.h"
 #include "ipc/MsgsUItoSvc.h"
@@ -14,7 +15,10 @@
 #include "shared/Log.h"
 #include "shared/SecretToken.h"
 
+#include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -30,6 +34,7 @@
 #include <iomanip>
 #include <iostream>
 #include <mutex>
+#include <optional>
 #include <sstream>
 #include <thread>
 
@@ -42,13 +47,35 @@ struct Failure : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// The service is not there to ask: a state, not an error (status 3, as
+// `systemctl status` says of a unit that is not active).
+struct NotRunning : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+constexpr int kNotRunningStatus = 3;
+
 struct Global {
   std::string host = "127.0.0.1";
   int port = IPC_DEFAULT_SVC_PORT;
   std::string tokenFile;
+  std::string runtimeFolder;  // empty: qxapp::defaultRuntimeFolder()
   double timeoutSecs = 0;  // 0: the transport's own time-outs
   bool verbose = false;
 };
+
+// Without --port and --token-file, the service's runtime file says where it
+// is; without one, the defaults.
+void findService(Global& g, bool portGiven, bool tokenGiven) {
+  if (portGiven || tokenGiven) return;
+  fs::path const folder = g.runtimeFolder.empty() ? qxapp::defaultRuntimeFolder() : fs::path(g.runtimeFolder);
+  if (folder.empty()) return;
+  std::string why;
+  std::optional<qxapp::RuntimeFacts> const facts = qxapp::readRuntimeFacts(folder, why);
+  if (!why.empty()) std::cerr << "qxlite: " << why << "; trying the defaults\n";
+  if (!facts) return;
+  g.port = facts->port;
+  g.tokenFile = facts->tokenFile;
+}
 
 bool colourOn(int fd) { return ::isatty(fd) && std::getenv("NO_COLOR") == nullptr; }
 
@@ -70,10 +97,16 @@ class Session {
   // awaited, needs no threads of its own.
   explicit Session(Global const& g) : m_client(options(g), token(g)) {}
 
-  // Runs cmd; a failed exchange is a Failure with the transport's message.
+  // Runs cmd; a failed exchange is a Failure with the transport's message,
+  // and nobody on the port is NotRunning.
   void run(std::shared_ptr<Ipc::CmdI> const& cmd) {
     std::string const error = m_client.run(cmd);
-    if (!error.empty()) throw Failure(error);
+    if (error.empty()) return;
+    static std::string const kNoService = "Ipc cannot connect to the service at ";
+    if (error.compare(0, kNoService.size(), kNoService) == 0) {
+      throw NotRunning("nothing answers at " + error.substr(kNoService.size()));
+    }
+    throw Failure(error);
   }
   Ipc::CmdClient& client() { return m_client; }
 
@@ -92,7 +125,23 @@ class Session {
   static fs::path tokenFile(Global const& g) {
     return g.tokenFile.empty() ? Ipc::SecretToken::clientDefaultPath() : fs::path(g.tokenFile);
   }
-  static Ipc::SecretToken token(Global const& g) { return Ipc::SecretToken::load(tokenFile(g)); }
+  // A missing token file means a service that never ran here; one that
+  // cannot be read, a person outside the token's group.
+  static Ipc::SecretToken token(Global const& g) {
+    fs::path const file = tokenFile(g);
+    int const fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0 && errno == ENOENT) throw NotRunning("no token file at \"" + file.string() + "\"");
+    if (fd < 0 && errno == EACCES) {
+      struct stat st {};
+      group const* owner = ::stat(file.c_str(), &st) == 0 ? ::getgrgid(st.st_gid) : nullptr;
+      std::string const name = owner ? owner->gr_name : "qxlite";
+      throw Failure("the token file \"" + file.string() + "\" cannot be read: Permission denied; members of the group \"" +
+                    name + "\" may use the service (after `usermod -aG " + name +
+                    " $USER`, log in again for it to count)");
+    }
+    if (fd >= 0) ::close(fd);
+    return Ipc::SecretToken::load(file);
+  }
 
   Ipc::CmdClient m_client;
 };
@@ -131,12 +180,66 @@ json::Value parseValue(std::string const& text) {
 
 json::Object fetchUploads(Session& s);
 
-void cmdStatus(Session& s) {
+// "2m05s": a span of time for people.
+std::string spanText(long long d) {
+  std::ostringstream os;
+  if (d >= 86400) os << d / 86400 << "d" << std::setw(2) << std::setfill('0') << d % 86400 / 3600 << "h";
+  else if (d >= 3600) os << d / 3600 << "h" << std::setw(2) << std::setfill('0') << d % 3600 / 60 << "m";
+  else if (d >= 60) os << d / 60 << "m" << std::setw(2) << std::setfill('0') << d % 60 << "s";
+  else os << d << "s";
+  return os.str();
+}
+
+std::string localTimeText(long long at) {
+  std::time_t const t = static_cast<std::time_t>(at);
+  std::tm local{};
+  ::localtime_r(&t, &local);
+  char text[64];
+  std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+  return text;
+}
+
+long long intOf(json::Object const& obj, char const* key);
+std::string textOf(json::Object const& obj, char const* key);
+json::Object fetchUploads(Session& s);
+constexpr char const* kStateNames[] = {"queued", "uploading", "done", "failed", "rejected", "cancelled"};
+
+void cmdStatus(Session& s, bool asJson) {
   auto cmd = std::make_shared<Ipc::IsRunning>(nullptr);
   s.run(cmd);
-  std::cout << (cmd->running ? "running" : "paused") << "\n";
+  json::Object const list = fetchUploads(s);
+  json::Object const service(list["service"].isObject() ? list["service"] : json::Value(json::Object()));
+  json::Object const totals(list["totals"].isObject() ? list["totals"] : json::Value(json::Object()));
+  long long const now = static_cast<long long>(std::time(nullptr));
+  long long const started = intOf(service, "started");
+  if (asJson) {
+    json::Object out;
+    out.setAt("state", json::Value(cmd->running ? "running" : "paused"));
+    if (list["pausedSince"].isInteger()) out.setAt("pausedSince", list["pausedSince"]);
+    for (char const* key : {"version", "pid", "port", "config", "started"}) {
+      if (!service[key].empty()) out.setAt(key, service[key]);
+    }
+    if (started > 0) out.setAt("uptime", json::Value(static_cast<json_int_t>(std::max(0LL, now - started))));
+    out.setAt("totals", totals);
+    if (list["held"].isString()) out.setAt("held", list["held"]);
+    std::cout << json::jsonToString(out, true) << "\n";
+    return;
+  }
+  std::cout << (cmd->running ? "running" : "paused");
+  if (!cmd->running && list["pausedSince"].isInteger()) std::cout << " since " << localTimeText(intOf(list, "pausedSince"));
+  std::cout << "\n";
+  if (!service.empty()) {
+    std::cout << "qxlite-svc " << textOf(service, "version") << ", pid " << intOf(service, "pid") << ", up "
+              << spanText(std::max(0LL, now - started)) << ", port " << intOf(service, "port") << "\n";
+    std::cout << "configuration \"" << textOf(service, "config") << "\"\n";
+  }
+  std::cout << "uploads:";
+  for (std::size_t i = 0; i < sizeof kStateNames / sizeof *kStateNames; ++i) {
+    std::cout << (i == 0 ? " " : ", ") << intOf(totals, kStateNames[i]) << " " << kStateNames[i];
+  }
+  std::cout << "\n";
   // Why nothing leaves, when nothing does.
-  json::Value const held = fetchUploads(s)["held"];
+  json::Value const held = list["held"];
   if (held.isString()) std::cout << "uploads held: " << logEscaped(held.asStringSafe()) << "\n";
 }
 
@@ -535,12 +638,19 @@ int main(int argc, char** argv) {
   app.add_option("--host", g.host, "Service host (default 127.0.0.1)");
   app.add_option("--port", g.port, "Service IPC port (default " + Settings::IPC_DEFAULT_SVC_PORT_STR() + ")")
       ->check(qxapp::portNumber(1));
-  app.add_option("--token-file", g.tokenFile, "Secret token file (default: the service's)");
+  auto* portOption = app.get_option("--port");
+  auto* tokenOption = app.add_option("--token-file", g.tokenFile, "Secret token file (default: the service's)");
+  app.add_option("--runtime-dir", g.runtimeFolder,
+                 "Folder of the service's runtime file, read when neither --port nor --token-file is given "
+                 "(default: /run/qxlite as root, else $XDG_RUNTIME_DIR/qxlite)");
   app.add_option("--timeout", g.timeoutSecs, "Seconds without progress before a command fails")
       ->check(CLI::Range(0.001, 86400.0));
   app.add_flag("--verbose", g.verbose, "Write TRACE lines");
 
-  auto* status = app.add_subcommand("status", "Whether the service runs or is paused");
+  auto* status = app.add_subcommand("status", "The service: running or paused, version, pid, uptime, port, "
+                                               "configuration, the uploads by state, why they are held");
+  bool statusJson = false;
+  status->add_flag("--json", statusJson, "As JSON");
   auto* config = app.add_subcommand("config", "The service's configuration");
   config->require_subcommand(1);
   bool asJson = false;
@@ -586,7 +696,8 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc && !level->get_subcommands({}).empty(); ++i) {
     std::string const arg = argv[i];
     if (arg.rfind("-", 0) == 0) {
-      bool const takesValue = arg == "--host" || arg == "--port" || arg == "--token-file" || arg == "--timeout";
+      CLI::Option const* option = app.get_option_no_throw(arg.substr(0, arg.find('=')));
+      bool const takesValue = option != nullptr && option->get_type_size_min() > 0;
       if (takesValue && arg.find('=') == std::string::npos) ++i;
       continue;
     }
@@ -611,13 +722,14 @@ int main(int argc, char** argv) {
     return 0;
   }
   try {
+    findService(g, portOption->count() > 0, tokenOption->count() > 0);
     if (*drop) {
       // Mistakes on this machine are said before the service is contacted.
       std::vector<std::string> const problems = qxcli::localDropProblems(paths);
       if (!problems.empty()) failWithProblems(problems);
     }
     Session s(g);
-    if (*status) cmdStatus(s);
+    if (*status) cmdStatus(s, statusJson);
     else if (*configGet) cmdConfigGet(s, asJson, showSecrets);
     else if (*configSet) cmdConfigSet(s, assignments);
     else if (*configSave) cmdConfigSave(s, file);
@@ -630,6 +742,10 @@ int main(int argc, char** argv) {
     else if (*cancel) cmdJob(s, kCancelMethod, jobId, "cancelled");
     else if (*retry) cmdJob(s, kRetryMethod, jobId, "retrying");
     return 0;
+  } catch (NotRunning const& e) {
+    std::cerr << "qxlite: the service is not running (" << e.what()
+              << "): start it with `systemctl start qxlite-svc`\n";
+    return kNotRunningStatus;
   } catch (std::exception const& e) {
     std::cerr << "qxlite: " << e.what() << "\n";
     return 1;

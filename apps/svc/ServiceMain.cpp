@@ -11,6 +11,7 @@
 // in flight end, and nothing it should keep is removed.
 #include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
+#include "apps/RuntimeFile.h"
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
 #include "apps/svc/FolderFd.h"
@@ -27,6 +28,7 @@
 #include <CLI/CLI.hpp>
 #include <boost/filesystem/operations.hpp>
 
+#include <ctime>
 #include <iostream>
 
 namespace fs = boost::filesystem;
@@ -38,6 +40,7 @@ struct Options {
   std::string tokenFile;
   std::string tokenGroup;
   std::string logFile;
+  std::string runtimeFolder;
   int port = -1;  // -1: the configuration's
   bool foreground = false;
   bool verbose = false;
@@ -63,6 +66,8 @@ bool g_logToFile = false;
 
 int serve(Options const& opt) {
   fs::path const configFile = opt.configFile.empty() ? Settings::OLD_CFG_FILE_PATH() : fs::path(opt.configFile);
+  boost::system::error_code missing;
+  bool const defaults = !fs::exists(fs::symlink_status(configFile, missing));
   Settings const settings = qxsvc::acceptConfigFile(configFile);
   std::string const why = qxsvc::prepareFolders(settings);
   if (!why.empty()) throw qxapp::ConfigError("the configuration \"" + configFile.string() + "\": " + why);
@@ -74,8 +79,13 @@ int serve(Options const& opt) {
     fs::path const logFile = !opt.logFile.empty() ? fs::path(opt.logFile)
                              : ::geteuid() == 0 ? fs::path("/var/log/qxlite-svc.log")
                                                 : configFile.parent_path() / "qxlite-svc.log";
+    // Said once where a person starting it sees it.
+    std::cerr << "qxlite-svc: the log goes to \"" << logFile.string() << "\"\n" << std::flush;
     Log::inst().toFile(logFile);
     g_logToFile = true;
+  }
+  if (defaults) {
+    Log::inst().writeLine("INFO:", "qxlite-svc found no configuration file at \"" + configFile.string() + "\": using defaults");
   }
 
   // Signals are taken by sigwait below, never by a handler on another thread.
@@ -115,6 +125,25 @@ int serve(Options const& opt) {
   server.start();  // a port in use stops the start here, before anything moves
   pipeline.start();
   processor->setServicePort(server.port());
+  // Where clients that were not told find the service: there before the
+  // line that says it serves.
+  fs::path const runtimeFolder = opt.runtimeFolder.empty() ? qxapp::defaultRuntimeFolder() : fs::path(opt.runtimeFolder);
+  if (!runtimeFolder.empty()) {
+    try {
+      qxapp::RuntimeFacts facts;
+      facts.pid = static_cast<long>(::getpid());
+      facts.port = server.port();
+      facts.version = LITE_VERSION_STR;
+      facts.configFile = fs::absolute(configFile).string();
+      facts.tokenFile = fs::absolute(tokenFile).string();
+      facts.started = static_cast<std::int64_t>(std::time(nullptr));
+      qxapp::writeRuntimeFacts(runtimeFolder, facts);
+    } catch (std::exception const& e) {
+      Log::inst().writeLine("WARNING:", std::string("qxlite-svc cannot write its runtime file (clients must be given --port and --token-file): ") +
+                                                 e.what());
+    }
+  }
+
   Log::inst().writeLine("INFO:", "qxlite-svc " + std::string(LITE_VERSION_STR) + " serving on 127.0.0.1:" + std::to_string(server.port()) +
                        " with configuration \"" + configFile.string() + "\", token file \"" +
                        tokenFile.string() + "\", incoming folder \"" + settings.ReceiveFolder.string() + "\"");
@@ -122,6 +151,7 @@ int serve(Options const& opt) {
   int signal = 0;
   sigwait(&stopSignals, &signal);
   Log::inst().writeLine("INFO:", std::string("qxlite-svc stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
+  if (!runtimeFolder.empty()) qxapp::removeRuntimeFacts(runtimeFolder);
   server.stop();
   io.stop();
   pipeline.stop();
@@ -139,6 +169,9 @@ int main(int argc, char** argv) {
   app.add_option("--token-file", opt.tokenFile, "Secret token file (default: " + Ipc::SecretToken::defaultPath().string() + ")");
   app.add_option("--token-group", opt.tokenGroup, "Group whose members may drive the service (token file mode 0640)");
   app.add_option("--port", opt.port, "IPC port instead of the configuration's (0: the system chooses)")->check(qxapp::portNumber(0));
+  app.add_option("--runtime-dir", opt.runtimeFolder,
+                 "Folder of the runtime file through which clients find the service (default: /run/qxlite as root, "
+                 "else $XDG_RUNTIME_DIR/qxlite)");
   app.add_flag("--foreground", opt.foreground, "Log to standard error (as under systemd) instead of the log file");
   app.add_option("--log-file", opt.logFile, "Log file (default without --foreground: /var/log/qxlite-svc.log as root, else beside the configuration file)");
   app.add_flag("--verbose", opt.verbose, "Write TRACE lines");

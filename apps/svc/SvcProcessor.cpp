@@ -6,6 +6,10 @@
 #include "apps/svc/SpoolPolicy.h"
 #include "shared/Log.h"
 
+#include <unistd.h>
+
+#include <ctime>
+
 namespace fs = boost::filesystem;
 
 namespace qxsvc {
@@ -93,6 +97,7 @@ SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Pipeli
     : m_configFile(std::move(configFile)),
       m_pipeline(pipeline),
       m_httpTimeoutSecs(httpTimeoutSecs),
+      m_started(static_cast<std::int64_t>(std::time(nullptr))),
       m_settings(qxapp::independentCopy(settings)) {}
 
 void SvcProcessor::setServicePort(std::uint16_t port) {
@@ -254,6 +259,19 @@ void SvcProcessor::visit(Ipc::FileDrop& cmd) {
   }
 }
 
-void SvcProcessor::visit(Ipc::GetUploads& cmd) { cmd.payload = m_pipeline.uploads(); }
+void SvcProcessor::visit(Ipc::GetUploads& cmd) {
+  cmd.payload = m_pipeline.uploads();
+  // What `qxlite status` tells of the service itself.
+  json::Object service;
+  service.setAt("version", json::Value(LITE_VERSION_STR));
+  service.setAt("pid", json::Value(static_cast<json_int_t>(::getpid())));
+  service.setAt("started", json::Value(static_cast<json_int_t>(m_started)));
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    service.setAt("port", json::Value(static_cast<json_int_t>(m_servicePort)));
+  }
+  service.setAt("config", json::Value(m_configFile.string()));
+  cmd.payload.setAt("service", service);
+}
 
 }  // namespace qxsvc

@@ -58,6 +58,7 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
   boost::filesystem::path const m_configFile;
   Pipeline& m_pipeline;
   long const m_httpTimeoutSecs;
+  std::int64_t const m_started;  // unix seconds
 
   mutable std::mutex m_mutex;
   Settings m_settings;              // guarded by m_mutex

@@ -158,6 +158,7 @@ class Pipeline::Impl {
   Settings m_settings;               // guarded by m_mutex
   bool m_settingsChanged = false;    // guarded by m_mutex
   bool m_paused = false;             // guarded by m_mutex
+  std::int64_t m_pausedSince = 0;    // guarded by m_mutex; unix seconds
   bool m_stop = false;               // guarded by m_mutex
   bool m_scanRequested = true;       // guarded by m_mutex
   bool m_woken = false;              // guarded by m_mutex
@@ -302,6 +303,7 @@ void Pipeline::Impl::resume() {
 std::vector<std::string> Pipeline::Impl::pause(bool discard) {
   {
     std::lock_guard<std::mutex> lock(m_mutex);
+    if (!m_paused) m_pausedSince = unixNow();
     m_paused = true;
   }
   if (std::shared_ptr<UploadEngine> e = engine()) e->setPaused(true);
@@ -1397,6 +1399,7 @@ json::Object Pipeline::Impl::uploads() const {
   obj.setAt("throughput", json::Value(static_cast<json_int_t>(throughput)));
   if (m_paused) {
     obj.setAt("paused", json::Value(json_true()));
+    obj.setAt("pausedSince", json::Value(static_cast<json_int_t>(m_pausedSince)));
     obj.setAt("waiting", waiting);
   }
   std::string const held = !m_folderProblem.empty() ? m_folderProblem : m_held;

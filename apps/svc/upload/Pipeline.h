@@ -94,7 +94,8 @@ class Pipeline {
   //              "error","key","created","updated"},...],
   //  "totals":{"queued":n,"uploading":n,"done":n,"failed":n,"rejected":n,
   //            "cancelled":n},
-  //  "throughput":bytes per second, "paused":true (when paused),
+  //  "throughput":bytes per second, "paused":true and "pausedSince":unix
+  //  seconds (when paused),
   //  "waiting":[{"name","size"},...] (when paused: what waits in the
   //  incoming folder, by name; a folder's size is that of its files),
   //  "held":"why" (when the queue is held)}
