@@ -132,9 +132,8 @@ void writeSeeds(fs::path const& folder) {
 // ---------------------------------------------------------------------------
 // The service.
 
-// A folder of its own per process: the spool folders, the configuration
-// file and the journal's folder live in top/svc; nothing else may appear in
-// top.
+// A folder of its own per process: the spool folders and the configuration
+// file live in top/svc; nothing else may appear in top.
 class Sandbox {
  public:
   Sandbox() {
@@ -346,6 +345,8 @@ Ipc::CmdServerOptions serverOptions() {
   return options;
 }
 
+// The service as qxlite-svc assembles it, on the sandbox, and the client that
+// runs each input against it.
 class Service {
  public:
   Service()
@@ -375,7 +376,7 @@ class Service {
  private:
   qxsvc::PipelineOptions pipelineOptions() const {
     qxsvc::PipelineOptions options;
-    options.stateFolder = m_sandbox.root() / "state";
+    options.stateFolder = m_sandbox.root() / "state";  // never opened: the pipeline is not started
     return options;
   }
   int connect() const;
