@@ -18,7 +18,7 @@ while [ $# -gt 0 ]; do
     *) targets+=("$1"); shift ;;
   esac
 done
-[ ${#targets[@]} -gt 0 ] || targets=(FuzzJsonText FuzzSettings FuzzCmdBodies)
+[ ${#targets[@]} -gt 0 ] || targets=(FuzzJsonText FuzzSettings FuzzCmdBodies FuzzServiceFrames)
 
 bash "$root/scripts/install-deps.sh"
 
@@ -27,7 +27,7 @@ launcher=()
 command -v ccache >/dev/null && launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
 cmake -S "$root" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo "${launcher[@]}" \
   -DCMAKE_CXX_COMPILER=clang++ -DQX_SANITIZE=address,undefined -DQX_BUILD_FUZZERS=ON \
-  -DQX_BUILD_TESTS=OFF -DQX_BUILD_BENCHMARKS=OFF -DQX_BUILD_APPS=OFF >/dev/null
+  -DQX_BUILD_TESTS=OFF -DQX_BUILD_BENCHMARKS=OFF -DQX_BUILD_APPS=ON >/dev/null
 cmake --build "$build" --target "${targets[@]}"
 
 export ASAN_OPTIONS=${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=1}
