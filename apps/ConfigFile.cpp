@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <sstream>
 
@@ -205,6 +206,33 @@ Settings independentCopy(Settings const& settings) {
   copy.IgnoredExtension = static_cast<json::Array const&>(settings.IgnoredExtension);
   copy.SrvFileExts = static_cast<json::Array const&>(settings.SrvFileExts);
   return copy;
+}
+
+
+namespace {
+
+// A value as JSON; one the record leaves out is its default.
+std::string valueText(json::Value const& value, ConfigKey const& key) {
+  if (value.empty()) return *key.defaultValue ? key.defaultValue : "(none)";
+  char* text = json_dumps(value.get(), JSON_ENCODE_ANY | JSON_COMPACT);
+  std::string const result = text ? text : "?";
+  std::free(text);
+  return result;
+}
+
+}  // namespace
+
+std::vector<std::string> configChanges(Settings const& before, Settings const& after) {
+  json::Object const was = before.serialize();
+  json::Object const is = after.serialize();
+  std::vector<std::string> changes;
+  for (ConfigKey const& key : configKeyTable()) {
+    std::string const old = valueText(was[key.name], key);
+    std::string const now = valueText(is[key.name], key);
+    if (old == now) continue;
+    changes.push_back(std::string(key.name) + ": " + (key.secret ? "***" : old) + " \u2192 " + (key.secret ? "***" : now));
+  }
+  return changes;
 }
 
 }  // namespace qxapp

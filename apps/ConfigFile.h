@@ -57,6 +57,12 @@ struct ConfigKey {
 // the internet and e-mail records' keys included. `qxlite config set`
 // accepts exactly these.
 std::vector<ConfigKey> const& configKeyTable();
+
+// What a change of configuration changes, for the log: one "Key: old -> new"
+// text per key whose value differs, in the order of configKeyTable(), each
+// value as JSON (its default where the record leaves it out); a password
+// shows as *** on both sides.
+std::vector<std::string> configChanges(Settings const& before, Settings const& after);
 // The names of configKeyTable().
 std::set<std::string> const& configKeys();
 // The entry of key, or null when key is not a configuration key.

@@ -567,6 +567,13 @@ TEST_F(AppsTest, ConfigSetIsWrittenSortedWithMode0600AndSurvivesARestart) {
   ASSERT_TRUE(startService());
   expectOutput({"config", "set", "BackupExpireSecs=86400", "AccountId=acme", "InetServer=http://127.0.0.1:9/api"},
                "Configuration saved to \"" + cfgFile.string() + "\"\n");
+  // The log says what changed.
+  std::vector<std::string> const lines = logLines(service->err());
+  EXPECT_EQ(1, std::count(lines.begin(), lines.end(),
+                          "INFO:qxlite-svc Configuration saved to \"" + cfgFile.string() +
+                              "\": AccountId: (none) \u2192 \"acme\"; BackupExpireSecs: 0 \u2192 86400; "
+                              "InetServer: (none) \u2192 \"http://127.0.0.1:9/api\""))
+      << ::testing::PrintToString(lines);
   std::string const saved =
       configJson("\"AccountId\":\"acme\",\"BackupExpireSecs\":86400,", ",\"InetServer\":\"http://127.0.0.1:9/api\"");
   EXPECT_EQ(saved + "\n", readFile(cfgFile));

@@ -81,3 +81,19 @@ TEST(ConfigKeys, FullRecordSetsTheInternetAndEmailKeys) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ConfigChanges, EachChangedKeyOnceInTheTablesOrderWithPasswordsMasked) {
+  Settings const before(qxtest::parse(R"({"AccountId":"acme","BackupExpireSecs":0,"InetProxyPassword":"old"})"));
+  Settings const after(qxtest::parse(
+      R"({"AccountId":"acme 2","BackupExpireSecs":86400,"InetProxyPassword":"new","SrvFileExts":["pdf"]})"));
+  EXPECT_EQ((std::vector<std::string>{"AccountId: \"acme\" \u2192 \"acme 2\"",
+                                      "SrvFileExts: [\"pdf\",\"ps\",\"xps\",\"oxps\",\"xml\",\"json\",\"js\",\"csv\","
+                                      "\"xls\",\"xlsx\",\"ods\",\"zip\",\"tar\",\"enm\",\"qxw\"] \u2192 [\"pdf\"]",
+                                      "BackupExpireSecs: 0 \u2192 86400", "InetProxyPassword: *** \u2192 ***"}),
+            qxapp::configChanges(before, after));
+  EXPECT_EQ(std::vector<std::string>{}, qxapp::configChanges(after, after));
+}
+
+}  // namespace

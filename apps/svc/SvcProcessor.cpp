@@ -131,6 +131,7 @@ void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
       Log::inst().writeLine("WARNING:", "qxlite-svc " + cmd.msg);
       return;
     }
+    Settings const before = current();
     qxapp::writeConfigAtomically(m_configFile, qxapp::configText(next));
     {
       Settings copy = qxapp::independentCopy(next);
@@ -140,7 +141,10 @@ void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
     m_pipeline.setSettings(next);
     cmd.ok = true;
     cmd.msg = "Configuration saved to \"" + m_configFile.string() + "\"";
-    Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg);
+    std::vector<std::string> const changes = qxapp::configChanges(before, next);
+    std::string changed;
+    for (std::string const& c : changes) changed += (changed.empty() ? "" : "; ") + c;
+    Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg + (changes.empty() ? std::string(": nothing changed") : ": " + changed));
   } catch (std::exception const& e) {
     cmd.ok = false;
     cmd.msg = std::string("Configuration not saved: ") + e.what();
