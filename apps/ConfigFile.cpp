@@ -200,6 +200,56 @@ std::optional<NonText> firstNonText(json::Object const& raw, char const* key) {
   return std::nullopt;
 }
 
+std::string checkConfigValues(json::Object const& raw) {
+  // The numbers with a range first: the range says the type too.
+  struct Range {
+    char const* key;
+    json_int_t min;
+    json_int_t max;
+  };
+  static Range const ranges[] = {
+      {"IpcPort", 1, 65535},
+      {"ConcurrentUploads", 1, 1024},
+      {"MaxConnIdleSecs", 1, 4294967295LL},
+      {"BackupExpireSecs", 0, 4294967295LL},
+      {"MinFilesToZip", -10, 4294967285LL},
+  };
+  for (Range const& r : ranges) {
+    json::Value const v = raw[r.key];
+    if (v.empty()) continue;
+    if (!v.isInteger() || v.asInt() < r.min || v.asInt() > r.max) {
+      return std::string("\"") + r.key + "\" must be an integer from " + std::to_string(r.min) + " to " +
+             std::to_string(r.max);
+    }
+  }
+  // The type of every other key: the reader would pass over a wrong one
+  // silently.
+  for (ConfigKey const& key : configKeyTable()) {
+    json::Value const v = raw[key.name];
+    if (v.empty()) continue;
+    std::string const type = key.type;
+    bool const fits = type == "text"      ? v.isString()
+                      : type == "integer" ? v.isInteger() || (std::string(key.name) == "SpoolerId" && v.isString())
+                      : type == "flag"    ? json_is_boolean(v.get())
+                                          : v.isArray();
+    if (!fits) {
+      return std::string("\"") + key.name + "\" must be " +
+             (type == "text" ? "a text" : type == "integer" ? "an integer" : type == "flag" ? "true or false" : "a list of texts") +
+             ", not " + v.type2String();
+    }
+  }
+  // A folder name with a NUL byte would be cut short by the system calls.
+  for (char const* key : {"ReceiveFolder", "SpoolFolder", "BackupFolder"}) {
+    if (raw[key].asStringSafe().find('\0') != std::string::npos) {
+      return std::string("\"") + key + "\" holds a NUL character";
+    }
+  }
+  for (char const* key : kExtensionListKeys) {
+    if (firstNonText(raw, key)) return std::string("\"") + key + "\" must be a list of texts";
+  }
+  return std::string();
+}
+
 Settings independentCopy(Settings const& settings) {
   Settings copy(settings);
   // The list assignment from a plain array takes a deep copy.

@@ -82,6 +82,14 @@ struct NonText {
 };
 std::optional<NonText> firstNonText(json::Object const& raw, char const* key);
 
+// The one check of a configuration's values, before the reader (which
+// passes over what it cannot use silently) sees them: each key's type, the
+// ranges of the numbers, folder names without NUL, lists of texts. The
+// empty string when every value is acceptable, else the first problem
+// ("\"ConcurrentUploads\" must be an integer from 1 to 1024"). Used by the
+// service at start and on SaveCfg, and by qxlite-cfg.
+std::string checkConfigValues(json::Object const& raw);
+
 // A copy of settings that shares no JSON node with it. JSON reference counts
 // are not atomic, so a record handed to another thread must not share its
 // extension lists with a record that stays: call this with the source

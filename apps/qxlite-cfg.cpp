@@ -1,8 +1,9 @@
 // qxlite-cfg FILE: reads a configuration file, prints its report, and writes
 // the normalised sparse form back.
 //
-// A file that is not a JSON object, or that holds a value the reader refuses,
-// is an error (exit status 2) and is left untouched: the program never
+// A file that is not a JSON object, or that holds a value the service
+// refuses (a wrong type, a number out of range: qxapp::checkConfigValues, the
+// service's own check), is an error (exit status 2) and is left untouched: the program never
 // replaces a configuration by defaults. A missing file is read as an empty
 // object, so the program creates a configuration of defaults. The file is
 // replaced atomically, with mode 0600. --version prints the version; a wrong
@@ -31,8 +32,12 @@ int main(int argc, char** argv) {
   }
   boost::filesystem::path const file(argv[1]);
   try {
-    Settings const settings =
-        qxapp::settingsFromObject(qxapp::readConfigObject(file), "\"" + file.string() + "\"");
+    json::Object const raw = qxapp::readConfigObject(file);
+    // Nothing is dropped silently: a value the reader would pass over is
+    // refused, and the file stays as it is.
+    std::string const why = qxapp::checkConfigValues(raw);
+    if (!why.empty()) throw qxapp::ConfigError("\"" + file.string() + "\" holds a value that is refused: " + why);
+    Settings const settings = qxapp::settingsFromObject(raw, "\"" + file.string() + "\"");
     std::cout << settings.dump();
     qxapp::writeConfigAtomically(file, qxapp::configText(settings));
     std::cout << "Wrote " << file << "\n";

@@ -97,3 +97,34 @@ TEST(ConfigChanges, EachChangedKeyOnceInTheTablesOrderWithPasswordsMasked) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(ConfigValues, EachValueTheReaderWouldPassOverIsRefusedWithItsRule) {
+  struct Row {
+    char const* json;
+    char const* why;
+  };
+  Row const rows[] = {
+      {R"({})", ""},
+      {R"({"SpoolerId":"12","ReceiveFolder":"/in","EnableLogging":true,"SrvFileExts":["pdf"]})", ""},
+      {R"({"ReceiveFolder":5})", "\"ReceiveFolder\" must be a text, not integer"},
+      {R"({"ConcurrentUploads":"four"})", "\"ConcurrentUploads\" must be an integer from 1 to 1024"},
+      {R"({"ConcurrentUploads":0})", "\"ConcurrentUploads\" must be an integer from 1 to 1024"},
+      {R"({"IpcPort":70000})", "\"IpcPort\" must be an integer from 1 to 65535"},
+      {R"({"MinFilesToZip":-11})", "\"MinFilesToZip\" must be an integer from -10 to 4294967285"},
+      {R"({"KeyId":"7"})", "\"KeyId\" must be an integer, not string"},
+      {R"({"EnableLogging":"yes"})", "\"EnableLogging\" must be true or false, not string"},
+      {R"({"InetUseProxy":1})", "\"InetUseProxy\" must be true or false, not integer"},
+      {R"({"InetServer":["a"]})", "\"InetServer\" must be a text, not array"},
+      {R"({"SrvFileExts":"pdf"})", "\"SrvFileExts\" must be a list of texts, not string"},
+      {R"({"IgnoredExtension":["tmp",3]})", "\"IgnoredExtension\" must be a list of texts"},
+      {"{\"SpoolFolder\":\"/a\\u0000b\"}", "\"SpoolFolder\" holds a NUL character"},
+  };
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.json);
+    EXPECT_EQ(row.why, qxapp::checkConfigValues(qxtest::parse(row.json)));
+  }
+}
+
+}  // namespace

@@ -39,6 +39,13 @@ if err=$("$tool" "$work/refused.json" 2>&1 >/dev/null); then fail "refused value
 grep -q 'holds a value that is refused: .*99999' <<<"$err" || fail "message: $err"
 [ "$(cat "$work/refused.json")" = '{"EmailSmtpUrl": "smtp://h:99999"}' ] || fail "refused file changed"
 
+# A value of the wrong type is refused, never dropped: the file stays.
+printf '{"ReceiveFolder": 5, "ConcurrentUploads": "four"}' > "$work/types.json"
+if err=$("$tool" "$work/types.json" 2>&1 >/dev/null); then fail "wrong types accepted"; fi
+[ "$err" = "qxlite-cfg: \"$work/types.json\" holds a value that is refused: \"ConcurrentUploads\" must be an integer from 1 to 1024" ] ||
+  fail "message: $err"
+[ "$(cat "$work/types.json")" = '{"ReceiveFolder": 5, "ConcurrentUploads": "four"}' ] || fail "file with wrong types changed"
+
 # A folder that cannot be written (its parent is a regular file): clear error.
 touch "$work/plain"
 if err=$("$tool" "$work/plain/config.json" 2>&1 >/dev/null); then fail "write under a file accepted"; fi

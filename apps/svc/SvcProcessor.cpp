@@ -26,41 +26,6 @@ std::string listedBriefly(std::vector<std::string> const& names) {
   return text;
 }
 
-// What the reader of the configuration would pass over silently: numbers out
-// of range and lists that are not lists of texts.
-std::string checkRawValues(json::Object const& raw) {
-  struct Range {
-    char const* key;
-    json_int_t min;
-    json_int_t max;
-  };
-  static Range const ranges[] = {
-      {"IpcPort", 1, 65535},
-      {"ConcurrentUploads", 1, 1024},
-      {"MaxConnIdleSecs", 1, 4294967295LL},
-      {"BackupExpireSecs", 0, 4294967295LL},
-      {"MinFilesToZip", -10, 4294967285LL},
-  };
-  for (Range const& r : ranges) {
-    json::Value const v = raw[r.key];
-    if (v.empty()) continue;
-    if (!v.isInteger() || v.asInt() < r.min || v.asInt() > r.max) {
-      return std::string("\"") + r.key + "\" must be an integer from " + std::to_string(r.min) +
-             " to " + std::to_string(r.max);
-    }
-  }
-  // A folder name with a NUL byte would be cut short by the system calls.
-  for (char const* key : {"ReceiveFolder", "SpoolFolder", "BackupFolder"}) {
-    if (raw[key].asStringSafe().find('\0') != std::string::npos) {
-      return std::string("\"") + key + "\" holds a NUL character";
-    }
-  }
-  for (char const* key : qxapp::kExtensionListKeys) {
-    if (qxapp::firstNonText(raw, key)) return std::string("\"") + key + "\" must be a list of texts";
-  }
-  return std::string();
-}
-
 json::Object errorPayload(std::string const& text) {
   json::Object obj;
   obj.setAt("error", json::Value(text));
@@ -70,7 +35,7 @@ json::Object errorPayload(std::string const& text) {
 }  // namespace
 
 std::string checkChange(Settings const& current, Settings const& next, json::Object const& raw) {
-  std::string why = checkRawValues(raw);
+  std::string why = qxapp::checkConfigValues(raw);
   if (why.empty()) why = checkFolders(next);
   if (!why.empty()) return why;
   if (next.AllowRemoteConfig && !current.AllowRemoteConfig) {
