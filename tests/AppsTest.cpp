@@ -6,6 +6,7 @@
 // status, files on disk.
 #include "apps/ConfigFile.h"
 #include "tests/ProcessHarness.h"
+#include "tests/SpoolTestUtil.h"
 #include "tests/SettingsTestUtil.h"
 #include "tests/TestUtil.h"
 
@@ -1088,6 +1089,36 @@ TEST_F(AppsTest, TheClientFindsTheServiceThroughItsRuntimeFile) {
   EXPECT_EQ(0u, unreadable.err.find("qxlite: the runtime file \"" + runtime.string() +
                                     "\" is not one: JSON error: Wrong type: string. Expected type: integer; trying the defaults\n"))
       << unreadable.err;
+}
+
+TEST_F(AppsTest, APersonsServiceWithoutAConfigurationKeepsItsFoldersInTheirDataFolder) {
+  if (::geteuid() != 0) GTEST_SKIP() << "needs root, to start the service as another user";
+  qxtest::OtherUser const nobody = qxtest::otherUser();
+  ASSERT_EQ(0, ::chmod(tmp.path().c_str(), 0755));
+  fs::path const home = tmp / "home";
+  ASSERT_TRUE(qxtest::makeFolder(home, 0700, &nobody));
+  Child svc(kSvc,
+            {"--config", (home / "config.json").string(), "--token-file", (home / "ipc.token").string(), "--port", "0",
+             "--foreground", "--runtime-dir", (home / "run").string()},
+            nextOutput(".out"), nextOutput(".err"),
+            Child::AsUser{nobody.uid, nobody.gid, {"HOME=" + home.string(), "PATH=/usr/bin:/bin"}});
+  ASSERT_TRUE(waitFor([&] { return svc.err().find("serving on") != std::string::npos || !svc.running(); }))
+      << svc.err();
+  fs::path const data = home / ".local" / "share" / "qxlite";
+  std::vector<std::string> const lines = logLines(svc.err());
+  ASSERT_FALSE(lines.empty()) << svc.err();
+  EXPECT_EQ("INFO:qxlite-svc found no configuration file at \"" + (home / "config.json").string() +
+                "\": using defaults, with its spool folders under \"" + data.string() + "\"",
+            lines.front());
+  for (char const* folder : {"in", "out", "backup"}) {
+    struct stat st {};
+    ASSERT_EQ(0, ::stat((data / folder).c_str(), &st)) << folder;
+    EXPECT_EQ(nobody.uid, st.st_uid) << folder;
+  }
+  EXPECT_NE(std::string::npos, svc.err().find("incoming folder \"" + (data / "in").string() + "\""));
+  svc.signal(SIGTERM);
+  ASSERT_TRUE(svc.wait());
+  EXPECT_EQ(0, svc.status()) << svc.err();
 }
 
 TEST_F(AppsTest, ConfigSetAndSaveRefuseBadInput) {

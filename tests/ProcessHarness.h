@@ -9,6 +9,7 @@
 #include "tests/TestUtil.h"
 
 #include <fcntl.h>
+#include <grp.h>
 #include <signal.h>
 #include <spawn.h>
 #include <sys/types.h>
@@ -77,6 +78,42 @@ class Child {
       ADD_FAILURE() << "cannot start " << program << ": " << std::strerror(rc);
       m_pid = -1;
     }
+  }
+  // The same as another user, with only the environment given: for what a
+  // program does when it is not root (tests run as root).
+  struct AsUser {
+    uid_t uid;
+    gid_t gid;
+    std::vector<std::string> environment;  // "NAME=value"
+  };
+  Child(std::string const& program, std::vector<std::string> const& args, boost::filesystem::path const& outFile,
+        boost::filesystem::path const& errFile, AsUser const& as)
+      : m_outFile(outFile), m_errFile(errFile) {
+    std::vector<std::string> all{program};
+    all.insert(all.end(), args.begin(), args.end());
+    std::vector<char*> argv;
+    for (std::string& a : all) argv.push_back(&a[0]);
+    argv.push_back(nullptr);
+    std::vector<std::string> env = as.environment;
+    std::vector<char*> envp;
+    for (std::string& e : env) envp.push_back(&e[0]);
+    envp.push_back(nullptr);
+    // Everything the child needs is made before the fork: after it, only
+    // calls that are safe there.
+    int const in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+    int const out = ::open(m_outFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    int const err = ::open(m_errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    m_pid = ::fork();
+    if (m_pid == 0) {
+      if (::dup2(in, STDIN_FILENO) < 0 || ::dup2(out, STDOUT_FILENO) < 0 || ::dup2(err, STDERR_FILENO) < 0 ||
+          ::setgroups(0, nullptr) != 0 || ::setgid(as.gid) != 0 || ::setuid(as.uid) != 0) {
+        ::_exit(126);
+      }
+      ::execve(program.c_str(), argv.data(), envp.data());
+      ::_exit(127);
+    }
+    for (int fd : {in, out, err}) ::close(fd);
+    if (m_pid < 0) ADD_FAILURE() << "cannot fork for " << program << ": " << std::strerror(errno);
   }
   // Takes charge of a process that the test forked; it has no output files.
   explicit Child(pid_t forked) : m_pid(forked) {}

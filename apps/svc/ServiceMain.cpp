@@ -28,6 +28,7 @@
 #include <CLI/CLI.hpp>
 #include <boost/filesystem/operations.hpp>
 
+#include <cstdlib>
 #include <ctime>
 #include <iostream>
 
@@ -60,6 +61,16 @@ fs::path defaultStateFolder(fs::path const& configFile) {
   return ::geteuid() == 0 ? fs::path("/var/lib/qxlite") : configFile.parent_path() / "state";
 }
 
+// "$XDG_DATA_HOME/qxlite", else "$HOME/.local/share/qxlite"; empty without
+// either.
+fs::path personalDataFolder() {
+  char const* xdg = std::getenv("XDG_DATA_HOME");
+  if (xdg && *xdg == '/') return fs::path(xdg) / "qxlite";
+  char const* home = std::getenv("HOME");
+  if (home && *home == '/') return fs::path(home) / ".local" / "share" / "qxlite";
+  return fs::path();
+}
+
 std::chrono::milliseconds millis(double secs) { return std::chrono::milliseconds(static_cast<long long>(secs * 1000)); }
 
 bool g_logToFile = false;
@@ -68,7 +79,20 @@ int serve(Options const& opt) {
   fs::path const configFile = opt.configFile.empty() ? Settings::OLD_CFG_FILE_PATH() : fs::path(opt.configFile);
   boost::system::error_code missing;
   bool const defaults = !fs::exists(fs::symlink_status(configFile, missing));
-  Settings const settings = qxsvc::acceptConfigFile(configFile);
+  Settings settings = qxsvc::acceptConfigFile(configFile);
+  std::string defaultsNote;
+  if (defaults && ::geteuid() != 0) {
+    // A person's own service without a configuration keeps its folders in
+    // the person's data folder: it could not write /var.
+    fs::path const data = personalDataFolder();
+    if (!data.empty()) {
+      defaultsNote = ", with its spool folders under \"" + data.string() + "\"";
+      settings.ReceiveFolder = data / "in";
+      settings.SpoolFolder = data / "out";
+      settings.BackupFolder = data / "backup";
+      settings.fix();
+    }
+  }
   std::string const why = qxsvc::prepareFolders(settings);
   if (!why.empty()) throw qxapp::ConfigError("the configuration \"" + configFile.string() + "\": " + why);
 
@@ -85,7 +109,8 @@ int serve(Options const& opt) {
     g_logToFile = true;
   }
   if (defaults) {
-    Log::inst().writeLine("INFO:", "qxlite-svc found no configuration file at \"" + configFile.string() + "\": using defaults");
+    Log::inst().writeLine("INFO:", "qxlite-svc found no configuration file at \"" + configFile.string() +
+                                       "\": using defaults" + defaultsNote);
   }
 
   // Signals are taken by sigwait below, never by a handler on another thread.
