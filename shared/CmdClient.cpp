@@ -28,7 +28,12 @@ Conn::Conn(boost::asio::io_context& context, CmdClientOptions options, SecretTok
                  std::min({m_options.connectTimeout, m_options.quickTimeout, m_options.longTimeout,
                            m_options.transferTimeout}),
                  [this] { onDeadline(); }),
-      m_resolver(m_strand) {}
+      m_resolver(m_strand) {
+  // Any byte that moves puts off the deadline of the exchange in progress.
+  m_stream.onBytesMoved([this] {
+    if (m_exchange.active() && m_state != State::Closed) m_deadline.touch([this] { return shared_from_this(); });
+  });
+}
 
 bool Conn::transition(State to) {
   // The states each state may move to. An exchange, wherever it is, may end

@@ -8,12 +8,15 @@
 // is sent (the command fails with an error that names options.tokenFile); a command issued after the connection was lost or closed
 // by the service (an idle connection, a refused exchange) makes a new one.
 //
-// Time-outs: a command fails when no byte has moved for the time of its
-// reqTimeoutId(): 2 (quick commands) 10 s, 3 (server call, configuration
-// test) 120 s, 4 (file drop) 60 s. A drop therefore never times out for
-// being large, only for standing still. Making the connection has its own
-// limit, 5 s. All can be set in the options, and hold to within a few
-// milliseconds (the clock's tick).
+// Time-outs: a command fails when no byte has moved, either way, for the
+// time of its reqTimeoutId(): 2 (quick commands) 10 s, 3 (server call,
+// configuration test) 120 s, 4 (file drop) 60 s. Every receive or send
+// that moves a byte, however few, starts the time again: a command never
+// times out for being large or for a slow but live service, only for
+// standing still ("timed out: no byte moved for 60 s"). Making the
+// connection has its own limit, 5 s, which then holds, in the same sense,
+// through the handshake. All can be set in the options, and hold to within
+// a few milliseconds (the clock's tick).
 //
 // A failed exchange reaches the command's onTransferError with the reason:
 // the service's own message when it refused the request, otherwise what

@@ -20,12 +20,18 @@
 // reaches the client's onTransferError) and ends that connection only.
 //
 // Limits: at most maxConnections connections at once (the next is refused
-// with a message; a refused connection, while it lingers, holds no place);
-// no byte moving for transferTimeout while an exchange runs, or for
-// helloTimeout before the hello, ends the connection, with a refusal that
-// says so as long as the request (or the hello) is still being read. An idle
-// connection closed after idleTimeout is a normal end and is not logged.
-// Time-outs hold to within a few milliseconds (the clock's tick). An accept
+// with a message; a refused connection, while it lingers, holds no place).
+// Each time-out means "no byte moved for that long": every receive or send
+// that moves a byte, however few, either way, starts it again, so a slow
+// but live client is never cut, however long its hello, request, dropped
+// file or response takes. helloTimeout holds through the handshake,
+// idleTimeout until the next request frame is whole, transferTimeout from
+// then until the response's last byte (the time that the processor's
+// handler runs does not count). A time-out ends the connection, with a refusal that says so
+// ("no byte moved for 60 s") as long as the request (or the hello) is still
+// being read; an idle connection closed after idleTimeout is a normal end
+// and is not logged. A refusal lingers 2 s at most, however its client
+// reads. Time-outs hold to within a few milliseconds (the clock's tick). An accept
 // that fails (no descriptor left) is tried again only after 100 ms, and is
 // logged at most once a second, with the number of failures since the last
 // such line: a flood of connections neither spins the service nor fills its

@@ -214,6 +214,69 @@ TEST_F(BufferedStreamTest, AWriteLargerThanTheSocketTakesGoesOutWhole) {
   EXPECT_EQ(sent.size(), m_stream->bytesWritten());
 }
 
+// A read that goes straight into its destination still tells the owner of
+// each receive, so that a slow peer's deadline moves while the piece fills.
+TEST_F(BufferedStreamTest, EveryReceiveOfALargeReadTellsTheOwnerBeforeItCompletes) {
+  int moved = 0;
+  m_stream->onBytesMoved([&] { ++moved; });
+  std::string sent(4 * kReadAhead, '\0');
+  for (std::size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>(i * 13);
+  std::thread writer([&] {
+    for (std::size_t at = 0; at < sent.size(); at += kReadAhead / 4) {
+      peerWrite(sent.substr(at, kReadAhead / 4));
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+  });
+  std::string got(sent.size(), '\0');
+  bool done = false;
+  int movedAtCompletion = 0;
+  m_stream->read(&got[0], got.size(), m_keep, [&](boost::system::error_code ec) {
+    EXPECT_FALSE(ec);
+    movedAtCompletion = moved;
+    done = true;
+  });
+  bool const finished = runUntil(done);
+  writer.join();
+  ASSERT_TRUE(finished);
+  EXPECT_TRUE(sent == got);
+  EXPECT_GE(movedAtCompletion, 2) << "the receives of a read that took 16 sends";
+  EXPECT_EQ(movedAtCompletion, moved);
+}
+
+// What the socket does not take at once goes out one send at a time, each
+// told to the owner.
+TEST_F(BufferedStreamTest, EverySendOfAWriteThatWaitsTellsTheOwnerBeforeItCompletes) {
+  // A send buffer of a few KiB: each send takes that much at most.
+  m_stream->socket().set_option(ba::socket_base::send_buffer_size(4096));
+  int moved = 0;
+  m_stream->onBytesMoved([&] { ++moved; });
+  std::string sent(1024 * 1024, '\0');
+  for (std::size_t i = 0; i < sent.size(); ++i) sent[i] = static_cast<char>(i * 31);
+  std::string received;
+  std::thread reader([&] {
+    char buf[16 * 1024];
+    boost::system::error_code ec;
+    while (received.size() < sent.size() && !ec) {
+      received.append(buf, m_peer.read_some(ba::buffer(buf), ec));
+    }
+  });
+  bool done = false;
+  int movedAtCompletion = 0;
+  m_stream->write(ba::buffer(sent), ba::const_buffer(), m_keep, [&](boost::system::error_code ec) {
+    EXPECT_FALSE(ec);
+    movedAtCompletion = moved;
+    done = true;
+  });
+  bool const finished = runUntil(done);
+  if (!finished) m_stream->close();  // ends the reader
+  reader.join();
+  ASSERT_TRUE(finished);
+  EXPECT_TRUE(sent == received);
+  EXPECT_EQ(sent.size(), m_stream->bytesWritten());
+  EXPECT_GE(movedAtCompletion, 2) << "the sends of 1 MiB through a socket of a few KiB";
+  EXPECT_EQ(movedAtCompletion, moved);
+}
+
 TEST_F(BufferedStreamTest, TheEndOfTheStreamInTheMiddleOfAReadIsAnError) {
   peerWrite("QX\x01");
   m_peer.close();

@@ -21,15 +21,6 @@ using Strand = boost::asio::strand<boost::asio::io_context::executor_type>;
 using Socket = boost::asio::ip::tcp::socket::rebind_executor<Strand>::other;
 using Timer = boost::asio::steady_timer::rebind_executor<Strand>::other;
 
-// A completion condition that moves the whole buffer in as few system calls
-// as the socket allows: Asio's own conditions stop each call at 64 KiB,
-// which costs sixteen calls and handler runs for every MiB of a file drop.
-struct TransferAll {
-  std::size_t operator()(boost::system::error_code const& ec, std::size_t) const {
-    return ec ? 0 : static_cast<std::size_t>(-1);
-  }
-};
-
 // The steady clock as of its last tick, a few milliseconds behind at most: a
 // deadline of seconds that moves with every read and write needs no finer
 // reading, and this one reads no hardware clock.

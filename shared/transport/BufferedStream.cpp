@@ -1,8 +1,6 @@
 #include "shared/transport/BufferedStream.h"
 
 #include <boost/asio/post.hpp>
-#include <boost/asio/read.hpp>
-#include <boost/asio/write.hpp>
 
 #include <algorithm>
 #include <cstring>
@@ -97,6 +95,7 @@ void BufferedStream::receive() {
                                     boost::system::error_code ec, std::size_t n, bool direct) {
     drive([&] {
       m_receiving = false;
+      if (n != 0) moved();
       if (direct) {
         m_readGot += n;
       } else {
@@ -114,10 +113,12 @@ void BufferedStream::receive() {
     });
   });
   if (rest >= m_readAhead / 2) {
-    boost::asio::async_read(*m_socket, boost::asio::buffer(m_readDst + m_readGot, rest), TransferAll(),
-                   [done = std::move(done)](boost::system::error_code ec, std::size_t n) {
-                     done(ec, n, true);
-                   });
+    // Straight into the destination, one receive at a time: each that
+    // moves bytes tells the owner, and the loop above asks for the rest.
+    m_socket->async_read_some(boost::asio::buffer(m_readDst + m_readGot, rest),
+                              [done = std::move(done)](boost::system::error_code ec, std::size_t n) {
+                                done(ec, n, true);
+                              });
     return;
   }
   if (!m_in) m_in.reset(new char[m_readAhead]);
@@ -158,19 +159,32 @@ void BufferedStream::write(boost::asio::const_buffer first, boost::asio::const_b
   }
   // The rest waits until the socket can take it.
   std::size_t const fromFirst = std::min(written, first.size());
-  buffers[0] = first + fromFirst;
-  buffers[1] = second + (written - fromFirst);
+  sendRest({first + fromFirst, second + (written - fromFirst)}, std::move(keep), std::move(then));
+}
+
+void BufferedStream::sendRest(std::array<boost::asio::const_buffer, 2> rest, std::shared_ptr<void> keep,
+                              Handler then) {
   // Bytes that an earlier socket object wrote still count; its completion
   // does not run.
-  auto complete = m_generation.bind([this, then = std::move(then)](boost::system::error_code ec) {
-    drive([&] { then(ec); });
+  auto sent = m_generation.bind([this, rest, then = std::move(then)](boost::system::error_code ec, std::size_t n,
+                                                                     std::shared_ptr<void> keep) mutable {
+    drive([&] {
+      if (n != 0) moved();
+      std::size_t const fromFirst = std::min(n, rest[0].size());
+      rest[0] += fromFirst;
+      rest[1] += n - fromFirst;
+      if (ec || rest[0].size() + rest[1].size() == 0) {
+        then(ec);
+      } else {
+        sendRest(rest, std::move(keep), std::move(then));
+      }
+    });
   });
-  boost::asio::async_write(*m_socket, buffers, TransferAll(),
-                           [this, keep = std::move(keep), socket = m_socket, complete = std::move(complete)](
-                               boost::system::error_code ec, std::size_t n) {
-                             m_bytesWritten.fetch_add(n, std::memory_order_relaxed);
-                             complete(ec);
-                           });
+  m_socket->async_write_some(rest, [this, keep = std::move(keep), socket = m_socket, sent = std::move(sent)](
+                                       boost::system::error_code ec, std::size_t n) mutable {
+    m_bytesWritten.fetch_add(n, std::memory_order_relaxed);
+    sent(ec, n, std::move(keep));
+  });
 }
 
 }  // namespace transport

@@ -13,6 +13,10 @@
 //    returns, after the completions before it. A command that streams many
 //    small records neither nests one call per record nor pays a round
 //    through the io_context for each.
+//  - Every receive and send of the socket that moves at least one byte
+//    tells the owner (onBytesMoved()), before the read or write it serves
+//    completes: a peer that moves a large piece slowly is still live, and
+//    its owner's deadline moves with it.
 //
 // One read and one write may be outstanding at a time. Used on the strand
 // only. Every handler holds the `keep` given with its operation (the owner
@@ -57,6 +61,11 @@ class BufferedStream {
   void renew();
   // Closes the socket: the operations in progress complete with an error.
   void close();
+  // Called on the strand whenever the socket took or gave bytes for the
+  // read or write in progress (not for bytes served from the buffer, nor
+  // for those of the write's first try, which follows the owner's own
+  // arming of its deadline). Set once, before the first operation.
+  void onBytesMoved(std::function<void()> moved) { m_bytesMoved = std::move(moved); }
 
   // Reads exactly len bytes into dst, then calls then.
   void read(void* dst, std::size_t len, std::shared_ptr<void> keep, Handler then);
@@ -98,12 +107,19 @@ class BufferedStream {
   void take();
   void receive();
   void completeRead(boost::system::error_code ec);
+  // Sends what is left of a write once the socket can take it, one send at
+  // a time, so that each partial send counts as progress.
+  void sendRest(std::array<boost::asio::const_buffer, 2> rest, std::shared_ptr<void> keep, Handler then);
+  void moved() {
+    if (m_bytesMoved) m_bytesMoved();
+  }
 
   Strand const m_strand;
   std::size_t const m_readAhead;
   std::atomic<std::uint64_t> m_bytesWritten{0};
 
   // Used on the strand only.
+  std::function<void()> m_bytesMoved;
   std::shared_ptr<Socket> m_socket;
   Generation m_generation;         // of the socket object: handlers of earlier ones are ignored
   std::unique_ptr<char[]> m_in;    // the read-ahead buffer, made at the first receive

@@ -18,6 +18,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <utility>
 
 namespace Ipc {
 namespace transport {
@@ -35,6 +36,13 @@ class Deadline {
     m_deadline = coarseNow() + limit;
     if (m_waiting && m_timer.expiry() <= m_deadline) return;
     wait(keep());
+  }
+  // Bytes moved: an armed deadline starts again from now with its limit; a
+  // cleared or cancelled one stays so.
+  template <class Keep>
+  void touch(Keep&& keep) {
+    if (m_deadline == Timer::time_point::max()) return;
+    arm(m_limit, std::forward<Keep>(keep));
   }
   // No deadline until the next arm(). The wait in progress stays: the next
   // deadline most likely needs one no later, and its end costs no more than

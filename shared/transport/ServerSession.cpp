@@ -40,7 +40,14 @@ ServerSession::ServerSession(std::shared_ptr<CmdServer::Core> core, Socket socke
                  std::min({m_core->options.helloTimeout, m_core->options.transferTimeout,
                            m_core->options.idleTimeout}),
                  [this] { onDeadline(); }),
-      m_holdsSlot(holdsSlot) {}
+      m_holdsSlot(holdsSlot) {
+  // Any byte that moves puts off the deadline of the operation in progress.
+  // A refusal's linger is a bound of its own: a client that takes its
+  // message a byte at a time does not hold the connection longer.
+  m_stream.onBytesMoved([this] {
+    if (m_state != State::Refusing && m_state != State::Closed) arm(m_deadline.limit());
+  });
+}
 
 ServerSession::~ServerSession() { m_core->sessionEnded(this, m_holdsSlot); }
 
