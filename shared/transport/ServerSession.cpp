@@ -4,8 +4,11 @@
 #include "shared/transport/DeferredWait.h"
 #include "shared/transport/ServerCore.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <exception>
@@ -200,12 +203,11 @@ void ServerSession::watchClientWhileWaiting(std::uint64_t ticket) {
       tcp::socket::wait_read, [self = shared_from_this(), ticket](boost::system::error_code ec) {
         if (ec || self->m_state != State::Waiting || !self->m_exchange.isCurrent(ticket)) return;
         char byte;
-        boost::system::error_code peekError;
-        std::size_t const n = self->m_stream.socket().receive(boost::asio::buffer(&byte, 1),
-                                                              tcp::socket::message_peek, peekError);
-        if (peekError == boost::asio::error::would_block || peekError == boost::asio::error::interrupted) {
+        ssize_t const n =
+            ::recv(self->m_stream.socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
           self->watchClientWhileWaiting(ticket);
-        } else if (peekError || n == 0) {
+        } else if (n <= 0) {
           self->close();  // the client left, or its connection broke: a normal end
         }
       });
