@@ -13,7 +13,9 @@
 //    sendResp), exactly as if the handler had only now returned, or resume
 //    runs instead when one was given;
 //  - deferred while the response goes out: resume runs, and continues it.
-// The work's result must be in the command's fields before complete().
+// The work's result goes into the command's fields before complete(), or
+// in resume, on the strand: a JSON document, whose reference counts are not
+// atomic, must be put into the command there.
 //
 // A connection that closes meanwhile (the client left, the service stops)
 // drops the result: complete() is then harmless, and cancelled() turns true

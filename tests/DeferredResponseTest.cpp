@@ -36,10 +36,13 @@ using Clock = std::chrono::steady_clock;
 // for sanitizer builds running many tests at a time).
 constexpr auto kPatience = 15s;
 
-// A command whose work its handler handed on, and the handle that ends the
-// connection's wait for it.
+// A command whose work its handler handed on, the handle that ends the
+// connection's wait for it, and the answer that the work leaves: JSON text,
+// which the transport's thread puts into the command (a JSON document may
+// not cross threads).
 struct Parked {
-  std::shared_ptr<Ipc::ServerRequest> cmd;
+  std::string method;
+  std::shared_ptr<std::string> answer;
   std::unique_ptr<Ipc::DeferredResponse> wait;
 };
 
@@ -67,8 +70,11 @@ class DeferringProcessor : public Ipc::CmdProcessorLiteI {
  public:
   void visit(Ipc::IsRunning& c) override { c.running = true; }
   void visit(Ipc::ServerRequest& c) override {
-    Parked parked{std::static_pointer_cast<Ipc::ServerRequest>(c.shared_from_this()),
-                  std::make_unique<Ipc::DeferredResponse>(c)};
+    auto const answer = std::make_shared<std::string>("{}");
+    Parked parked{c.callName(), answer, std::make_unique<Ipc::DeferredResponse>(c, [&c, answer] {
+                    c.payload = qxtest::parse(*answer);
+                    c.sendResp();
+                  })};
     std::lock_guard<std::mutex> lock(m_mutex);
     m_calls.push_back(std::move(parked));
     m_changed.notify_all();
@@ -151,7 +157,8 @@ class DeferredResponseTest : public ::testing::Test {
     if (result.wait_for(kPatience) != std::future_status::ready) return "<no completion>";
     return result.get();
   }
-  // Asks IsRunning on client; returns how long the answer took.
+  // Asks IsRunning on client (connected already); returns how long the
+  // answer took.
   static Clock::duration timeIsRunning(Ipc::CmdClient& client) {
     auto const cmd = std::make_shared<Ipc::IsRunning>(nullptr);
     Clock::time_point const start = Clock::now();
@@ -191,6 +198,7 @@ TEST_F(DeferredResponseTest, OtherCommandsAreAnsweredWhileFourWait) {
   ASSERT_EQ(4u, parked.size());
 
   auto const asker = makeClient();
+  EXPECT_EQ("", asker->run(std::make_shared<Ipc::IsRunning>(nullptr)));  // connects
   for (int i = 0; i < 5; ++i) {
     auto const took = std::chrono::duration_cast<std::chrono::milliseconds>(timeIsRunning(*asker));
     EXPECT_LT(took.count(), 50) << "IsRunning number " << i;
@@ -200,9 +208,7 @@ TEST_F(DeferredResponseTest, OtherCommandsAreAnsweredWhileFourWait) {
   std::vector<std::thread> workers;
   for (Parked& p : parked) {
     workers.emplace_back([&p] {
-      json::Object answer;
-      answer.setAt("answered", json::Value(p.cmd->callName()));
-      p.cmd->payload = answer;
+      *p.answer = R"({"answered":")" + p.method + R"("})";
       p.wait->complete();
     });
   }
@@ -225,7 +231,7 @@ TEST_F(DeferredResponseTest, TheTransferTimeoutDoesNotCutAWaitingCommand) {
   ASSERT_EQ(1u, parked.size());
   std::this_thread::sleep_for(500ms);
   EXPECT_FALSE(parked[0].wait->cancelled());
-  parked[0].cmd->payload = qxtest::parse(R"({"late":true})");
+  *parked[0].answer = R"({"late":true})";
   parked[0].wait->complete();
   EXPECT_EQ("", resultOf(result));
   EXPECT_EQ(R"({"late":true})", qxtest::text(call->payload));
@@ -261,7 +267,7 @@ TEST_F(DeferredResponseTest, AClientThatLeavesCancelsTheWait) {
   Clock::time_point const until = Clock::now() + kPatience;
   while (!parked[0].wait->cancelled() && Clock::now() < until) std::this_thread::sleep_for(5ms);
   EXPECT_TRUE(parked[0].wait->cancelled());
-  parked[0].cmd->payload = qxtest::parse(R"({"late":true})");
+  *parked[0].answer = R"({"late":true})";
   parked[0].wait->complete();
   EXPECT_TRUE(connectionsEnd());
   for (std::string const& line : log.lines()) {
@@ -306,6 +312,7 @@ TEST_F(DeferredResponseTest, ATestStreamsItsLinesAroundAWaitingStep) {
   while (!test->getRespLine(line) && Clock::now() < until) std::this_thread::sleep_for(5ms);
   EXPECT_EQ(Ipc::TST_LINE_START_PASS + "before the wait", line);
   auto const asker = makeClient();
+  EXPECT_EQ("", asker->run(std::make_shared<Ipc::IsRunning>(nullptr)));  // connects
   EXPECT_LT(std::chrono::duration_cast<std::chrono::milliseconds>(timeIsRunning(*asker)).count(), 50);
 
   std::thread([&step] { step->complete(); }).join();

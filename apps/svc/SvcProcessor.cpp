@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <utility>
 
 namespace fs = boost::filesystem;
@@ -220,15 +221,21 @@ void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
     call.debugLog = settings.EnableCurlDbgLog;
     call.timeoutSecs = m_httpTimeoutSecs;
   }  // every JSON handle of the request is gone before a worker may run
+  // JSON reference counts are not atomic: the worker makes the answer, and
+  // only the transport's thread puts it into the command, which the
+  // transport's code shares.
+  auto const answer = std::make_shared<std::optional<json::Object>>();
   auto const request = std::static_pointer_cast<Ipc::ServerRequest>(cmd.shared_from_this());
-  auto const wait = std::make_shared<Ipc::DeferredResponse>(cmd);
-  bool const queued = m_workers.submit([request, wait, call = std::move(call)] {
-    json::Object answer = callServer(call, [wait] { return wait->cancelled(); });
-    request->payload = std::move(answer);
+  auto const wait = std::make_shared<Ipc::DeferredResponse>(cmd, [request, answer] {
+    request->payload = std::move(**answer);
+    request->sendResp();
+  });
+  bool const queued = m_workers.submit([wait, answer, call = std::move(call)] {
+    answer->emplace(callServer(call, [wait] { return wait->cancelled(); }));
     wait->complete();
   });
   if (!queued) {
-    cmd.payload = errorPayload(m_workers.busyText());
+    answer->emplace(errorPayload(m_workers.busyText()));
     wait->complete();
   }
 }
