@@ -358,6 +358,11 @@ class QX_LITE_API TestCfg : public CmdLiteBase {
     // Runs the next part of the test and appends its result lines to the
     // back of the command's queue; false when the test is finished.
     virtual bool runStep() = 0;
+    // Whether the step that just ran handed its work to a thread of the
+    // service's own (Ipc::DeferredResponse) instead of appending its lines.
+    // The response then stops until the runner, once the work is done,
+    // appends them and calls execOneTest on the transport's thread.
+    virtual bool waiting() const { return false; }
     virtual ~TestRunnerI() = default;
   };
 
@@ -382,7 +387,8 @@ class QX_LITE_API TestCfg : public CmdLiteBase {
   // A new record built from the payload.
   std::unique_ptr<Settings> pSetts() const;
   // Runs test steps until a line is queued or the test ends, then sends the
-  // oldest queued line.
+  // oldest queued line; stops without sending when a step waits (see
+  // TestRunnerI::waiting).
   void execOneTest();
   void sendRespLine(std::string const* line);
   void sendRespLineBody(std::string const* line);

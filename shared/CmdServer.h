@@ -38,9 +38,13 @@
 // log.
 //
 // Completions run on the threads of the IoThreads given, serialised per
-// connection; processor handlers run there too. stop() (also run by the
-// destructor) closes the listening sockets, then every connection, and waits
-// until every command in flight has ended: call it from a thread of your own,
+// connection; processor handlers run there too. A handler whose work waits
+// on something slow hands it to a thread of its own and defers the response
+// (shared/DeferredResponse.h): no transport thread waits, and no transfer
+// time-out runs meanwhile. stop() (also run by the destructor) closes the
+// listening sockets, then every connection (which cancels their deferred
+// responses), and waits until every command in flight has ended and every
+// deferred response has been let go of: call it from a thread of your own,
 // never from a handler.
 #ifndef QX_SHARED_CMDSERVER_H
 #define QX_SHARED_CMDSERVER_H

@@ -69,6 +69,7 @@ class RawSocket {
   RawSocket accept() const { return RawSocket(::accept(m_fd, nullptr, nullptr)); }
 
   bool valid() const { return m_fd >= 0; }
+  int fd() const { return m_fd; }
 
   std::uint16_t localPort() const {
     sockaddr_in addr{};

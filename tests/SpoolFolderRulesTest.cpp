@@ -27,7 +27,7 @@ class SpoolFolderRules : public ::testing::Test {
       : cfgFile(tmp / "config.json"),
         base(qxtest::spoolSettings(tmp / "spool" / "in", tmp / "spool" / "out", tmp / "spool" / "backup")),
         pipeline(base, qxtest::pipelineOptions(tmp / "state")),
-        processor(base, cfgFile, pipeline, 5) {}
+        processor(base, cfgFile, pipeline, workers, 5) {}
 
   void SetUp() override {
     ASSERT_EQ("", qxsvc::prepareFolders(base));
@@ -49,6 +49,7 @@ class SpoolFolderRules : public ::testing::Test {
   fs::path const cfgFile;
   Settings const base;
   qxsvc::Pipeline pipeline;
+  qxsvc::WorkerPool workers;
   qxsvc::SvcProcessor processor;
 };
 

@@ -5,12 +5,15 @@
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
 #include "ipc/MsgsUItoSvc.h"
+#include "shared/DeferredResponse.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/ip/tcp.hpp>
@@ -33,8 +36,13 @@ std::string canWriteIn(fs::path const& folder) {
 
 }  // namespace
 
-ConfigTestRunner::ConfigTestRunner(Ipc::TestCfg& cmd, std::uint16_t servicePort, long httpTimeoutSecs)
-    : m_cmd(cmd), m_servicePort(servicePort), m_httpTimeoutSecs(httpTimeoutSecs), m_settings(*cmd.pSetts()) {
+ConfigTestRunner::ConfigTestRunner(Ipc::TestCfg& cmd, std::uint16_t servicePort, long httpTimeoutSecs,
+                                   WorkerPool* workers)
+    : m_cmd(cmd),
+      m_servicePort(servicePort),
+      m_httpTimeoutSecs(httpTimeoutSecs),
+      m_workers(workers),
+      m_settings(*cmd.pSetts()) {
   m_steps.push_back([this] { checkValues(); });
   for (std::size_t i = 0; i < 4; ++i) m_steps.push_back([this, i] { checkFolder(i); });
   m_steps.push_back([this] { checkDistinct(); });
@@ -63,6 +71,16 @@ void ConfigTestRunner::error(std::string const& text, std::string const& why) {
   m_failed = true;
   m_cmd.respMsgs()->lines.push_back(Ipc::TST_LINE_START_ERR + text);
   if (!why.empty()) m_cmd.respMsgs()->lines.push_back(Ipc::TST_LINE_START_DESCR + why);
+}
+
+void ConfigTestRunner::report(std::vector<Finding> const& findings) {
+  for (Finding const& f : findings) {
+    switch (f.kind) {
+      case Finding::Kind::pass: pass(f.text); break;
+      case Finding::Kind::warn: warn(f.text); break;
+      case Finding::Kind::error: error(f.text, f.why); break;
+    }
+  }
 }
 
 void ConfigTestRunner::checkValues() {
@@ -146,14 +164,43 @@ void ConfigTestRunner::checkServers() {
     warn("No server address is set");
     return;
   }
-  HttpClient const http(inet, m_settings.EnableLogging && m_settings.EnableCurlDbgLog, m_httpTimeoutSecs);
+  bool const debugLog = m_settings.EnableLogging && m_settings.EnableCurlDbgLog;
+  if (!m_workers) {
+    report(serverFindings(inet, debugLog, m_httpTimeoutSecs, {}));
+    return;
+  }
+  // The worker fills findings; the test goes on, on the transport's thread,
+  // once it is done.
+  auto const findings = std::make_shared<std::vector<Finding>>();
+  m_waiting = true;
+  auto const wait = std::make_shared<Ipc::DeferredResponse>(m_cmd, [this, findings] {
+    m_waiting = false;
+    report(*findings);
+    m_cmd.execOneTest();
+  });
+  bool const queued = m_workers->submit([wait, findings, inet, debugLog, timeout = m_httpTimeoutSecs] {
+    *findings = serverFindings(inet, debugLog, timeout, [wait] { return wait->cancelled(); });
+    wait->complete();
+  });
+  if (!queued) {
+    findings->push_back({Finding::Kind::error, "The servers were not checked", m_workers->busyText()});
+    wait->complete();
+  }
+}
+
+std::vector<ConfigTestRunner::Finding> ConfigTestRunner::serverFindings(Inet::InetCfg const& inet, bool debugLog,
+                                                                        long timeoutSecs,
+                                                                        std::function<bool()> abandoned) {
+  std::vector<Finding> findings;
+  HttpClient const http(inet, debugLog, timeoutSecs, std::move(abandoned));
   for (std::string const& address : serverAddresses(inet)) {
     HttpResult const r = http.get(address);
     std::string const name = "The server \"" + address + "\"";
-    if (!r.transferred) error(name + " does not answer", r.error);
-    else if (r.status >= 500) warn(name + " answers with HTTP " + std::to_string(r.status));
-    else pass(name + " answers (HTTP " + std::to_string(r.status) + ")");
+    if (!r.transferred) findings.push_back({Finding::Kind::error, name + " does not answer", r.error});
+    else if (r.status >= 500) findings.push_back({Finding::Kind::warn, name + " answers with HTTP " + std::to_string(r.status), ""});
+    else findings.push_back({Finding::Kind::pass, name + " answers (HTTP " + std::to_string(r.status) + ")", ""});
   }
+  return findings;
 }
 
 void ConfigTestRunner::checkSmtp() {

@@ -7,13 +7,16 @@
 // same or inside one another; the extension lists hold texts only; the IPC
 // port can be bound (unless it is the one this service uses); the server
 // addresses answer; the SMTP URL is well formed; the backup expiry is
-// sensible. Nothing is created or changed by the test: whether a folder can
+// sensible. The server checks run on a worker of the service's own when a
+// pool is given (the response waits for them, see Ipc::DeferredResponse),
+// else on the caller's thread. Nothing is created or changed by the test: whether a folder can
 // be written, or made in its parent, is asked of the system for the
 // service's effective ids (faccessat with AT_EACCESS), never tried; a folder
 // is refused by the same rules as SaveCfg applies (SpoolPolicy.h).
 #ifndef QX_APPS_SVC_CONFIGTESTRUNNER_H
 #define QX_APPS_SVC_CONFIGTESTRUNNER_H
 
+#include "apps/svc/WorkerPool.h"
 #include "ipc/IpcCmdsLite.h"
 
 #include <cstdint>
@@ -25,17 +28,33 @@ namespace qxsvc {
 
 class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
  public:
-  // cmd owns the runner; servicePort is the port this service listens on.
-  ConfigTestRunner(Ipc::TestCfg& cmd, std::uint16_t servicePort, long httpTimeoutSecs);
+  // cmd owns the runner; servicePort is the port this service listens on;
+  // workers, when given, runs the server checks and must outlive the
+  // server that dispatches the command.
+  ConfigTestRunner(Ipc::TestCfg& cmd, std::uint16_t servicePort, long httpTimeoutSecs,
+                   WorkerPool* workers = nullptr);
   bool runStep() override;
+  bool waiting() const override { return m_waiting; }
 
   // Whether the test found an error (a line with the error prefix).
   bool failed() const { return m_failed; }
 
  private:
+  // The outcome of one check, made where it cannot be queued yet (on a
+  // worker): applied later with report().
+  struct Finding {
+    enum class Kind { pass, warn, error };
+    Kind kind;
+    std::string text;
+    std::string why;  // of an error
+  };
+  static std::vector<Finding> serverFindings(Inet::InetCfg const& inet, bool debugLog, long timeoutSecs,
+                                             std::function<bool()> abandoned);
+
   void pass(std::string const& text);
   void warn(std::string const& text);
   void error(std::string const& text, std::string const& why);
+  void report(std::vector<Finding> const& findings);
 
   void checkValues();
   void checkFolder(std::size_t index);
@@ -49,10 +68,12 @@ class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
   Ipc::TestCfg& m_cmd;
   std::uint16_t const m_servicePort;
   long const m_httpTimeoutSecs;
+  WorkerPool* const m_workers;
   Settings const m_settings;
   std::vector<std::function<void()>> m_steps;
   std::size_t m_next = 0;
   bool m_failed = false;
+  bool m_waiting = false;  // the server checks run on a worker
 };
 
 }  // namespace qxsvc

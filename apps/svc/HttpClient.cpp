@@ -5,6 +5,7 @@
 #include <curl/curl.h>
 
 #include <memory>
+#include <utility>
 
 namespace qxsvc {
 
@@ -16,6 +17,11 @@ std::size_t collect(char* data, std::size_t size, std::size_t count, void* out) 
   if (body->size() + size * count > (std::size_t(16) << 20)) return 0;
   body->append(data, size * count);
   return size * count;
+}
+
+// libcurl asks while a request runs, at least about once a second.
+int abandonWhenAsked(void* abandoned, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return (*static_cast<std::function<bool()> const*>(abandoned))() ? 1 : 0;
 }
 
 }  // namespace
@@ -30,8 +36,9 @@ std::vector<std::string> serverAddresses(Inet::InetCfg const& inet) {
 
 void HttpClient::globalInit() { curl_global_init(CURL_GLOBAL_DEFAULT); }
 
-HttpClient::HttpClient(Inet::InetCfg const& inet, bool debugLog, long timeoutSecs)
-    : m_inet(inet), m_debugLog(debugLog), m_timeoutSecs(timeoutSecs) {}
+HttpClient::HttpClient(Inet::InetCfg const& inet, bool debugLog, long timeoutSecs,
+                       std::function<bool()> abandoned)
+    : m_inet(inet), m_debugLog(debugLog), m_timeoutSecs(timeoutSecs), m_abandoned(std::move(abandoned)) {}
 
 HttpResult HttpClient::postJson(std::string const& url, std::string const& body) const {
   return perform(url, &body);
@@ -57,6 +64,11 @@ HttpResult HttpClient::perform(std::string const& url, std::string const* postBo
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &result.body);
   applyInetCfg(h, m_inet);
+  if (m_abandoned) {
+    curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, abandonWhenAsked);
+    curl_easy_setopt(h, CURLOPT_XFERINFODATA, &m_abandoned);
+  }
   if (m_debugLog) {
     static std::string const kPrefix = "curl ";
     traceCurlToLog(h, &kPrefix);
@@ -69,6 +81,10 @@ HttpResult HttpClient::perform(std::string const& url, std::string const* postBo
     curl_easy_setopt(h, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(postBody->size()));
   }
   CURLcode const code = curl_easy_perform(h);
+  if (code == CURLE_ABORTED_BY_CALLBACK) {
+    result.error = "the request was abandoned";
+    return result;
+  }
   if (code != CURLE_OK) {
     result.error = errorText[0] ? errorText : curl_easy_strerror(code);
     return result;

@@ -2,12 +2,15 @@
 // the proxy settings of an Inet::InetCfg.
 //
 // Each call is independent and may run on any thread (curl_global_init must
-// have run once first: see HttpClient::globalInit).
+// have run once first: see HttpClient::globalInit). A call ends when its
+// time-out passes, or soon (within about a second) after abandoned() turns
+// true, with the error "the request was abandoned".
 #ifndef QX_APPS_SVC_HTTPCLIENT_H
 #define QX_APPS_SVC_HTTPCLIENT_H
 
 #include "shared/InetCfg.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -30,7 +33,9 @@ class HttpClient {
   static void globalInit();
 
   // debugLog: libcurl's own trace goes to the log as TRACE lines.
-  HttpClient(Inet::InetCfg const& inet, bool debugLog, long timeoutSecs);
+  // abandoned: asked while a request runs (on its thread); empty: never.
+  HttpClient(Inet::InetCfg const& inet, bool debugLog, long timeoutSecs,
+             std::function<bool()> abandoned = {});
 
   // POSTs body (JSON) to url.
   HttpResult postJson(std::string const& url, std::string const& body) const;
@@ -43,6 +48,7 @@ class HttpClient {
   Inet::InetCfg const m_inet;
   bool const m_debugLog;
   long const m_timeoutSecs;
+  std::function<bool()> const m_abandoned;
 };
 
 }  // namespace qxsvc

@@ -134,7 +134,10 @@ int serve(Options const& opt) {
   qxsvc::OpenedFolder const state = qxsvc::openSpoolFolder(pipelineOptions.stateFolder, qxsvc::MakeMissing::yes);
   if (!state.why.empty()) throw qxapp::ConfigError("the state folder: " + state.why);
   qxsvc::Pipeline pipeline(settings, pipelineOptions);
-  auto processor = std::make_shared<qxsvc::SvcProcessor>(settings, configFile, pipeline, opt.httpTimeoutSecs);
+  // Outlives the server, whose stop() waits for the server calls it runs.
+  qxsvc::WorkerPool workers;
+  auto processor =
+      std::make_shared<qxsvc::SvcProcessor>(settings, configFile, pipeline, workers, opt.httpTimeoutSecs);
   Ipc::IoThreads io(opt.threads);
   Ipc::CmdServerOptions serverOptions;
   serverOptions.port = opt.port >= 0 ? static_cast<std::uint16_t>(opt.port) : settings.IpcPort;

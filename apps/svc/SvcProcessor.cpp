@@ -4,11 +4,16 @@
 #include "apps/svc/ConfigTestRunner.h"
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
+#include "shared/DeferredResponse.h"
 #include "shared/Log.h"
 
 #include <unistd.h>
 
 #include <ctime>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <utility>
 
 namespace fs = boost::filesystem;
 
@@ -30,6 +35,38 @@ json::Object errorPayload(std::string const& text) {
   json::Object obj;
   obj.setAt("error", json::Value(text));
   return obj;
+}
+
+// A ServerRequest's call of the server, as a worker makes it: plain values
+// only, for JSON handles must not cross threads.
+struct ServerCall {
+  Inet::InetCfg cfg{std::string()};
+  std::string body;  // the JSON text posted
+  bool debugLog = false;
+  long timeoutSecs = 0;
+};
+
+// Posts the call to the server address, then to the alternative one when
+// the first does not answer; the answer's payload.
+json::Object callServer(ServerCall const& call, std::function<bool()> abandoned) {
+  HttpClient const http(call.cfg, call.debugLog, call.timeoutSecs, std::move(abandoned));
+  std::string failure;
+  for (std::string const& address : serverAddresses(call.cfg)) {
+    HttpResult const r = http.postJson(address, call.body);
+    if (!r.transferred) {
+      failure = "the server at " + address + " does not answer: " + r.error;
+      continue;  // the alternative address may
+    }
+    if (r.status < 200 || r.status >= 300) {
+      return errorPayload("the server at " + address + " answered with HTTP status " + std::to_string(r.status));
+    }
+    try {
+      return json::strToObject(r.body.data(), r.body.size());
+    } catch (json::Exc const& e) {
+      return errorPayload("the server at " + address + " did not answer with a JSON object: " + e.what());
+    }
+  }
+  return errorPayload(failure);
 }
 
 }  // namespace
@@ -58,9 +95,10 @@ Settings acceptConfigFile(boost::filesystem::path const& file) {
 }
 
 SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Pipeline& pipeline,
-                           long httpTimeoutSecs)
+                           WorkerPool& workers, long httpTimeoutSecs)
     : m_configFile(std::move(configFile)),
       m_pipeline(pipeline),
+      m_workers(workers),
       m_httpTimeoutSecs(httpTimeoutSecs),
       m_started(static_cast<std::int64_t>(std::time(nullptr))),
       m_settings(qxapp::independentCopy(settings)) {}
@@ -139,50 +177,50 @@ void SvcProcessor::visit(Ipc::Resume& cmd) {
 }
 
 void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
-  std::string method;
-  json::Object params;
-  std::unique_ptr<Inet::InetCfg> inet;
-  try {
-    method = cmd.callName();
-    params = cmd.jParams();
-    inet = cmd.pInetCfg();
-  } catch (json::Exc const& e) {
-    cmd.payload = errorPayload(std::string("the request is malformed: ") + e.what());
-    return;
-  }
-  if (ownMethod(method, params, cmd.payload)) return;
-  Settings const settings = current();
-  Inet::InetCfg const cfg = inet ? *inet : settings.InetConfig;
-  if (cfg.serverAddress().empty()) {
-    cmd.payload = errorPayload("no server address is set in the configuration");
-    return;
-  }
-  json::Object body;
-  body.setAt("method", json::Value(method));
-  body.setAt("params", params);
-  std::string const text = json::jsonToString(body, false);
-  HttpClient const http(cfg, settings.EnableCurlDbgLog, m_httpTimeoutSecs);
-  std::string failure;
-  for (std::string const& address : serverAddresses(cfg)) {
-    HttpResult const r = http.postJson(address, text);
-    if (!r.transferred) {
-      failure = "the server at " + address + " does not answer: " + r.error;
-      continue;  // the alternative address may
-    }
-    if (r.status < 200 || r.status >= 300) {
-      cmd.payload = errorPayload("the server at " + address + " answered with HTTP status " +
-                                 std::to_string(r.status));
+  ServerCall call;
+  {
+    std::string method;
+    json::Object params;
+    std::unique_ptr<Inet::InetCfg> inet;
+    try {
+      method = cmd.callName();
+      params = cmd.jParams();
+      inet = cmd.pInetCfg();
+    } catch (json::Exc const& e) {
+      cmd.payload = errorPayload(std::string("the request is malformed: ") + e.what());
       return;
     }
-    try {
-      cmd.payload = json::strToObject(r.body.data(), r.body.size());
-    } catch (json::Exc const& e) {
-      cmd.payload = errorPayload("the server at " + address +
-                                 " did not answer with a JSON object: " + e.what());
+    if (ownMethod(method, params, cmd.payload)) return;
+    Settings const settings = current();
+    call.cfg = inet ? *inet : settings.InetConfig;
+    if (call.cfg.serverAddress().empty()) {
+      cmd.payload = errorPayload("no server address is set in the configuration");
+      return;
     }
-    return;
+    json::Object body;
+    body.setAt("method", json::Value(method));
+    body.setAt("params", params);
+    call.body = json::jsonToString(body, false);
+    call.debugLog = settings.EnableCurlDbgLog;
+    call.timeoutSecs = m_httpTimeoutSecs;
+  }  // every JSON handle of the request is gone before a worker may run
+  // JSON reference counts are not atomic: the worker makes the answer, and
+  // only the transport's thread puts it into the command, which the
+  // transport's code shares.
+  auto const answer = std::make_shared<std::optional<json::Object>>();
+  auto const request = std::static_pointer_cast<Ipc::ServerRequest>(cmd.shared_from_this());
+  auto const wait = std::make_shared<Ipc::DeferredResponse>(cmd, [request, answer] {
+    request->payload = std::move(**answer);
+    request->sendResp();
+  });
+  bool const queued = m_workers.submit([wait, answer, call = std::move(call)] {
+    answer->emplace(callServer(call, [wait] { return wait->cancelled(); }));
+    wait->complete();
+  });
+  if (!queued) {
+    answer->emplace(errorPayload(m_workers.busyText()));
+    wait->complete();
   }
-  cmd.payload = errorPayload(failure);
 }
 
 bool SvcProcessor::ownMethod(std::string const& method, json::Object const& params, json::Object& answer) {
@@ -216,7 +254,7 @@ void SvcProcessor::visit(Ipc::TestCfg& cmd) {
     std::lock_guard<std::mutex> lock(m_mutex);
     port = m_servicePort;
   }
-  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, port, m_httpTimeoutSecs);
+  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, port, m_httpTimeoutSecs, &m_workers);
 }
 
 void SvcProcessor::visit(Ipc::FileDrop& cmd) {

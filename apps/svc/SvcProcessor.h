@@ -5,9 +5,16 @@
 // upload pipeline. SaveCfg validates a configuration and, when it is good, writes the
 // file atomically and takes it into force; a refused configuration leaves
 // both the file and the configuration in force untouched.
+//
+// What waits on the network never runs on a transport thread: the server
+// calls of ServerRequest and the server checks of TestCfg go to the worker
+// pool given, and their commands' responses wait for them
+// (Ipc::DeferredResponse). When the pool is full they are answered at once
+// with its busyText().
 #ifndef QX_APPS_SVC_SVCPROCESSOR_H
 #define QX_APPS_SVC_SVCPROCESSOR_H
 
+#include "apps/svc/WorkerPool.h"
 #include "apps/svc/upload/Pipeline.h"
 #include "ipc/IpcCmdsLite.h"
 
@@ -31,8 +38,9 @@ Settings acceptConfigFile(boost::filesystem::path const& file);
 
 class SvcProcessor : public Ipc::CmdProcessorLiteI {
  public:
+  // workers must outlive the server that dispatches to this processor.
   SvcProcessor(Settings const& settings, boost::filesystem::path configFile, Pipeline& pipeline,
-               long httpTimeoutSecs);
+               WorkerPool& workers, long httpTimeoutSecs);
 
   // The port this service listens on, once it is known.
   void setServicePort(std::uint16_t port);
@@ -57,6 +65,7 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
 
   boost::filesystem::path const m_configFile;
   Pipeline& m_pipeline;
+  WorkerPool& m_workers;
   long const m_httpTimeoutSecs;
   std::int64_t const m_started;  // unix seconds
 

@@ -66,6 +66,8 @@ class Exchange {
     m_op = PendingOp{cmd, std::move(done)};
   }
   PendingOp takeOp() { return m_op.take(); }
+  // Whether an operation is in progress (its completion has not run yet).
+  bool opPending() const { return m_op.cmd != nullptr; }
 
   // Runs f, code of the command, marked busy; an exception becomes
   // fail("Ipc <name> failed: <what>").

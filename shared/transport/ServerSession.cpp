@@ -1,13 +1,18 @@
 #include "shared/transport/ServerSession.h"
 
 #include "shared/Log.h"
+#include "shared/transport/DeferredWait.h"
 #include "shared/transport/ServerCore.h"
+
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <cassert>
+#include <cerrno>
 #include <cstdint>
 #include <cstring>
 #include <exception>
+#include <stdexcept>
 
 namespace Ipc {
 namespace transport {
@@ -60,9 +65,10 @@ bool ServerSession::transition(State to) {
       /* Proving */ bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
       /* AwaitingRequest */ bit(S::ReadingRequest) | bit(S::Refusing) | bit(S::Closed),
       /* ReadingRequest */ bit(S::Dispatching) | bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
-      /* Dispatching */ bit(S::Responding) | bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
-      /* Responding */ bit(S::WritingResponse) | bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
-      /* WritingResponse */ bit(S::AwaitingRequest) | bit(S::Closed),
+      /* Dispatching */ bit(S::Responding) | bit(S::Waiting) | bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
+      /* Responding */ bit(S::WritingResponse) | bit(S::Waiting) | bit(S::AwaitingRequest) | bit(S::Refusing) | bit(S::Closed),
+      /* WritingResponse */ bit(S::Waiting) | bit(S::AwaitingRequest) | bit(S::Closed),
+      /* Waiting */ bit(S::Responding) | bit(S::WritingResponse) | bit(S::Refusing) | bit(S::Closed),
       /* Refusing */ bit(S::Closed),
       /* Closed */ 0,
   };
@@ -82,6 +88,8 @@ bool ServerSession::mayStillRefuse() const {
     case State::Dispatching:
     case State::Responding:
       return true;
+    case State::Waiting:
+      return m_stateBeforeWait != State::WritingResponse;
     default:
       return false;
   }
@@ -115,6 +123,7 @@ void ServerSession::reqDone(std::shared_ptr<CmdI> const& cmd) {
     return;
   }
   if (!m_exchange.holds(cmd)) return;  // the handler ended the exchange
+  if (m_state == State::Waiting) return;  // the handler deferred it: endWait goes on
   if (!transition(State::Responding)) return;
   arm(m_core->options.transferTimeout);  // the handler's own time does not count
   Exchange::guarded(*cmd, [&] { cmd->sendResp(); }, [&](std::string const& why) { failCmd(cmd, why); });
@@ -168,6 +177,68 @@ void ServerSession::readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::
   m_stream.read(buf, len, shared_from_this(), [this, at = m_exchange.ticket()](boost::system::error_code ec) {
     if (m_exchange.isCurrent(at)) onOp(ec);
   });
+}
+
+std::shared_ptr<DeferredResponse::Wait> ServerSession::startWait(std::shared_ptr<CmdI> const& cmd,
+                                                                 std::function<void()> resume) {
+  bool const inHandler = m_state == State::Dispatching;
+  bool const betweenWrites =
+      (m_state == State::Responding || m_state == State::WritingResponse) && !m_exchange.opPending();
+  if (!m_exchange.holds(cmd) || !(inHandler || (betweenWrites && resume))) {
+    throw std::logic_error("Ipc " + std::string(cmd->name()) +
+                           " cannot defer its response now: only its handler, or its response between two "
+                           "writes with a way to resume, may");
+  }
+  m_stateBeforeWait = m_state;
+  m_resume = std::move(resume);
+  transition(State::Waiting);
+  // The work bounds itself; the transfer time-out starts again with the
+  // connection's next operation.
+  m_deadline.cancel();
+  m_timedOut = false;
+  auto wait = std::make_shared<DeferredResponse::Wait>(shared_from_this(), m_exchange.ticket());
+  m_wait = wait;
+  watchClientWhileWaiting(m_exchange.ticket());
+  return wait;
+}
+
+// A client that leaves while its command's work runs ends the connection at
+// once, which tells the work that its result is no longer wanted. Nothing is
+// read: bytes that the client sends out of turn wait for the next request.
+void ServerSession::watchClientWhileWaiting(std::uint64_t ticket) {
+  m_stream.socket().async_wait(
+      tcp::socket::wait_read, [self = shared_from_this(), ticket](boost::system::error_code ec) {
+        if (ec || self->m_state != State::Waiting || !self->m_exchange.isCurrent(ticket)) return;
+        char byte;
+        ssize_t const n =
+            ::recv(self->m_stream.socket().native_handle(), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR)) {
+          self->watchClientWhileWaiting(ticket);
+        } else if (n <= 0) {
+          self->close();  // the client left, or its connection broke: a normal end
+        }
+      });
+}
+
+void ServerSession::endWait(std::uint64_t ticket, bool completed) {
+  if (m_state != State::Waiting || !m_exchange.isCurrent(ticket)) return;  // closed or refused meanwhile
+  std::shared_ptr<CmdI> const cmd = m_exchange.cmd();
+  std::function<void()> const resume = std::move(m_resume);
+  m_resume = nullptr;
+  m_wait.reset();
+  transition(m_stateBeforeWait == State::Dispatching ? State::Responding : m_stateBeforeWait);
+  if (!completed) {
+    failCmd(cmd, "Ipc " + std::string(cmd->name()) + " failed in the service: its work ended without a result");
+    return;
+  }
+  arm(m_core->options.transferTimeout);
+  Exchange::guarded(
+      *cmd,
+      [&] {
+        if (resume) resume();
+        else cmd->sendResp();
+      },
+      [&](std::string const& why) { failCmd(cmd, why); });
 }
 
 void ServerSession::arm(std::chrono::milliseconds limit) {
@@ -352,6 +423,9 @@ void ServerSession::drain() {
 
 void ServerSession::close() {
   transition(State::Closed);
+  // Deferred work is no longer wanted; it ends the wait when it can.
+  if (std::shared_ptr<DeferredResponse::Wait> const wait = m_wait.lock()) wait->cancel();
+  m_wait.reset();
   m_deadline.cancel();
   m_stream.close();
 }

@@ -11,6 +11,7 @@
 
 #include "shared/CmdChannel.h"
 #include "shared/CmdServer.h"
+#include "shared/DeferredResponse.h"
 #include "shared/transport/AsioTypes.h"
 #include "shared/transport/BufferedStream.h"
 #include "shared/transport/Deadline.h"
@@ -20,6 +21,8 @@
 
 #include <array>
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -53,6 +56,16 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   void readAsync(std::shared_ptr<CmdI> const& cmd, void* buf, std::size_t len,
                  std::function<void()> done) override;
 
+  // The exchange of cmd waits for its deferred work (see
+  // shared/DeferredResponse.h); resume continues a response that was going
+  // out. Throws std::logic_error when cmd may not wait now.
+  std::shared_ptr<DeferredResponse::Wait> startWait(std::shared_ptr<CmdI> const& cmd,
+                                                    std::function<void()> resume);
+  // The wait of the exchange ticket ended: the connection goes on, or fails
+  // the exchange when the work ended without a result. Nothing when the
+  // exchange has ended meanwhile.
+  void endWait(std::uint64_t ticket, bool completed);
+
  private:
   // How far the connection has got. Every change goes through transition(),
   // which knows the allowed ones; Closed is final.
@@ -64,6 +77,7 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
     Dispatching,      // the request is complete; the processor handles it
     Responding,       // the handler returned; the ok status waits for the response's first bytes
     WritingResponse,  // bytes of the response have gone out
+    Waiting,          // deferred work runs elsewhere; no time-out, no operation
     Refusing,         // a refusal goes out, then what the client still sends is drained
     Closed,
   };
@@ -75,6 +89,7 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   // of the hello or of the request in progress has not been written.
   bool mayStillRefuse() const;
 
+  void watchClientWhileWaiting(std::uint64_t ticket);
   void arm(std::chrono::milliseconds limit);
   void onDeadline();
   std::string ioErrorText(boost::system::error_code ec) const;
@@ -98,6 +113,11 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   BufferedStream m_stream;
   Deadline m_deadline;  // of the operation in progress
   Exchange m_exchange;  // the command whose request or response moves now
+  // While Waiting: the state to go back to, what then continues the
+  // response (empty: sendResp), and the wait, cancelled by a close.
+  State m_stateBeforeWait = State::Dispatching;
+  std::function<void()> m_resume;
+  std::weak_ptr<DeferredResponse::Wait> m_wait;
   std::array<unsigned char, wire::kHelloSize> m_hello{};
   handshake::Nonce m_clientNonce{};
   handshake::Nonce m_serviceNonce{};
