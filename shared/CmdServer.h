@@ -19,12 +19,30 @@
 // transfer error) is logged with "ERR:", answered with its message (which
 // reaches the client's onTransferError) and ends that connection only.
 //
-// Limits: at most maxConnections connections at once (the next is refused
-// with a message; a refused connection, while it lingers, holds no place);
-// no byte moving for transferTimeout while an exchange runs, or for
-// helloTimeout before the hello, ends the connection, with a refusal that
-// says so as long as the request (or the hello) is still being read. An idle
-// connection closed after idleTimeout is a normal end and is not logged.
+// Limits: at most maxConnections connections hold a place at once, and of
+// them at most maxUnprovedConnections (clamped to 1..maxConnections) have
+// not yet proved the token; the other places are kept for connections that
+// have proved it, which a flood of connections that never prove it cannot
+// take. A new connection when all the unproved places are taken, or when
+// all places are and an unproved connection holds one, takes the place of
+// the oldest unproved connection that has not sent a sound hello (or, when
+// every one has, of the oldest one whose proof is awaited): that one is
+// closed at once, with the refusal "too many connections that have not
+// proved the token (N); the oldest gives way" if its socket takes it
+// without waiting. Refusing the newest instead would let connections that
+// are reopened as fast as they are dropped keep every unproved place, and
+// refuse a real client almost every time; this way a client that has just
+// connected needs only to send its hello before newer ones push it out,
+// which on loopback takes a fraction of a millisecond. A new connection when
+// every place is held by a proved connection is refused ("too many
+// connections (maxConnections)"). A refused connection, while it lingers,
+// holds no place. Connections that give way are logged at most once a
+// second, with the number since the last such line.
+// No byte moving for transferTimeout while an exchange runs, or for
+// helloTimeout before the handshake is complete (the hello, and again the
+// proof), ends the connection, with a refusal that says so as long as the
+// request (or the hello) is still being read. An idle connection closed
+// after idleTimeout is a normal end and is not logged.
 // Time-outs hold to within a few milliseconds (the clock's tick). An accept
 // that fails (no descriptor left) is tried again only after 100 ms, and is
 // logged at most once a second, with the number of failures since the last
@@ -54,7 +72,12 @@ struct CmdServerOptions {
   std::uint16_t port = 0;  // 0: a port that the system chooses (see port())
   bool forceIp4 = false;
   std::size_t maxConnections = 64;
-  std::chrono::milliseconds helloTimeout = std::chrono::seconds(10);
+  // A handful of clients connecting at once never need more; the other 48
+  // places stay for connections that proved the token.
+  std::size_t maxUnprovedConnections = 16;
+  // A client on loopback proves the token within milliseconds; a connection
+  // that has not should not hold a place for long.
+  std::chrono::milliseconds helloTimeout = std::chrono::seconds(2);
   std::chrono::milliseconds idleTimeout = std::chrono::seconds(600);
   std::chrono::milliseconds transferTimeout = std::chrono::seconds(60);
 };
