@@ -4,6 +4,8 @@
 #include "shared/transport/ServerCore.h"
 #include "shared/transport/ServerSession.h"
 
+#include <sys/ioctl.h>
+
 #include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
 
@@ -27,6 +29,11 @@ constexpr std::chrono::milliseconds kAcceptBackoff{100};
 constexpr std::chrono::seconds kAcceptReportInterval{1};
 // Likewise the unproved connections that give way to newer ones.
 constexpr std::chrono::seconds kRefusalReportInterval{1};
+// An unproved connection holds its place at least this long before it gives
+// way: a flood then turns the places over at most 16 times in that time,
+// however fast it reconnects, while a client (which sends its hello as soon
+// as it has connected) still waits in the backlog far less than a second.
+constexpr std::chrono::milliseconds kShortestTurn{5};
 
 }  // namespace
 
@@ -82,9 +89,12 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
   if (!ec) {
     boost::system::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
+    int const fd = socket.native_handle();
     auto session = std::make_shared<ServerSession>(shared_from_this(), std::move(socket));
     Entry& entry = sessions[session.get()];
     entry.session = session;
+    entry.fd = fd;
+    entry.accepted = std::chrono::steady_clock::now();
     // A new connection takes the place of the oldest unproved one rather
     // than being refused: under a flood of silent connections, a client
     // that just connected then gets its turn to prove the token.
@@ -100,13 +110,22 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
       setPlace(session.get(), entry, Place::Silent);
     }
     bool const refused = entry.place == Place::None;
+    std::chrono::steady_clock::duration const pause = pauseBeforeGivingWay();
     lock.unlock();
     if (givesWay) boost::asio::post(givesWay->strand(), [givesWay] { givesWay->giveWay(); });
     boost::asio::post(session->strand(), [session, refused, max = options.maxConnections] {
       if (refused) session->refuseAtOnce("too many connections (" + std::to_string(max) + ")");
       else session->start();
     });
-    acceptNext(listener);
+    if (pause <= std::chrono::steady_clock::duration::zero()) {
+      acceptNext(listener);
+      return;
+    }
+    // The connections wait in the system's backlog meanwhile, where a
+    // client's hello arrives before it is accepted.
+    listener.backoff.expires_after(pause);
+    listener.backoff.async_wait(
+        [self = shared_from_this(), &listener](boost::system::error_code) { self->acceptNext(listener); });
     return;
   }
   std::string const line = acceptFailureLine(ec);
@@ -161,10 +180,27 @@ void CmdServer::Core::setPlace(ServerSession* session, Entry& entry, Place to) {
 }
 
 ServerSession* CmdServer::Core::givingWayChoice() const {
+  // The descriptor is only asked, never used: should its session have
+  // closed it meanwhile (and the number gone to another socket), the worst
+  // is a worse choice.
+  auto const bytesWait = [](int fd) {
+    int n = 0;
+    return ::ioctl(fd, FIONREAD, &n) == 0 && n > 0;
+  };
+  ServerSession* oldestSilent = nullptr;
   for (ServerSession* s : unproved) {
-    if (sessions.at(s).place == Place::Silent) return s;
+    Entry const& entry = sessions.at(s);
+    if (entry.place != Place::Silent) continue;
+    if (!bytesWait(entry.fd)) return s;
+    if (!oldestSilent) oldestSilent = s;
   }
-  return unproved.front();
+  return oldestSilent ? oldestSilent : unproved.front();
+}
+
+std::chrono::steady_clock::duration CmdServer::Core::pauseBeforeGivingWay() const {
+  if (unproved.size() < unprovedCap()) return std::chrono::steady_clock::duration::zero();
+  Entry const& next = sessions.at(givingWayChoice());
+  return next.accepted + kShortestTurn - std::chrono::steady_clock::now();
 }
 
 void CmdServer::Core::helloHeard(ServerSession* session) {

@@ -25,19 +25,22 @@
 // have proved it, which a flood of connections that never prove it cannot
 // take. A new connection when all the unproved places are taken, or when
 // all places are and an unproved connection holds one, takes the place of
-// the oldest unproved connection that has not sent a sound hello (or, when
-// every one has, of the oldest one whose proof is awaited): that one is
-// closed at once, with the refusal "too many connections that have not
-// proved the token (N); the oldest gives way" if its socket takes it
-// without waiting. Refusing the newest instead would let connections that
-// are reopened as fast as they are dropped keep every unproved place, and
-// refuse a real client almost every time; this way a client that has just
-// connected needs only to send its hello before newer ones push it out,
-// which on loopback takes a fraction of a millisecond. A new connection when
-// every place is held by a proved connection is refused ("too many
-// connections (maxConnections)"). A refused connection, while it lingers,
-// holds no place. Connections that give way are logged at most once a
-// second, with the number since the last such line.
+// an unproved one: the oldest that has sent nothing (on whose socket no
+// byte waits either), else the oldest that has not sent a whole hello,
+// else the oldest whose proof is awaited. That one is closed at once, with
+// the refusal "too many connections that have not proved the token (N);
+// the oldest gives way" if its socket takes it without waiting. An unproved
+// connection holds its place at least 5 ms before it gives way; until then
+// the next connection waits in the system's backlog. Refusing the newest
+// instead would let connections that are reopened as fast as they are
+// dropped keep every unproved place, and refuse a real client almost every
+// time; this way a client is accepted in its turn, its hello usually
+// already there, and needs only to send it before N newer connections push
+// it out. A new connection when every place is held by a proved connection
+// is refused ("too many connections (maxConnections)"). A refused
+// connection, while it lingers, holds no place. Connections that give way
+// are logged at most once a second, with the number since the last such
+// line.
 // No byte moving for transferTimeout while an exchange runs, or for
 // helloTimeout before the handshake is complete (the hello, and again the
 // proof), ends the connection, with a refusal that says so as long as the

@@ -97,6 +97,10 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
     std::weak_ptr<transport::ServerSession> session;
     Place place = Place::None;
     std::list<transport::ServerSession*>::iterator unprovedAt{};  // while Silent or Hello
+    // The socket's descriptor, only to ask how many bytes wait on it (see
+    // givingWayChoice()).
+    int fd = -1;
+    std::chrono::steady_clock::time_point accepted{};
   };
   // Lines about one kind of event, written at most once per interval; the
   // events in between are counted, and the count goes into the next line.
@@ -117,9 +121,15 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   // The one place where places change; keeps admitted and unproved.
   void setPlace(transport::ServerSession* session, Entry& entry, Place to) REQUIRES(mutex);
   // The unproved session that gives way to a new connection: the oldest
-  // silent one, else the oldest whose proof is awaited.
+  // silent one on whose socket no byte waits, else the oldest silent one,
+  // else the oldest whose proof is awaited. A client's hello may wait unread
+  // while the accepts of a flood run ahead of its session.
   transport::ServerSession* givingWayChoice() const REQUIRES(mutex);
   std::size_t unprovedCap() const;
+  // How long the next accept waits, so that the session that would give way
+  // to it has held its place for kShortestTurn; zero while an unproved place
+  // is free.
+  std::chrono::steady_clock::duration pauseBeforeGivingWay() const REQUIRES(mutex);
 
   mutable transport::Mutex mutex;
   transport::CondVar ended;  // waited on with mutex: the last session or listener ended
