@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
@@ -28,6 +29,16 @@
 #include <vector>
 
 namespace qxtest {
+
+// How soon a client must be answered through a flood: a second. The
+// sanitizers make each accept of the service several times dearer, and a
+// client waits in the backlog behind the flood's connections: their builds
+// allow three.
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr std::chrono::milliseconds kAnswerThroughFlood{3000};
+#else
+constexpr std::chrono::milliseconds kAnswerThroughFlood{1000};
+#endif
 
 // Raises this process's soft limit of open descriptors to at least need
 // (children inherit it); false when the hard limit is lower and cannot be
