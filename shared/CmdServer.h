@@ -25,9 +25,9 @@
 // have proved it, which a flood of connections that never prove it cannot
 // take. A new connection when all the unproved places are taken, or when
 // all places are and an unproved connection holds one, takes the place of
-// an unproved one: the oldest that has sent nothing (on whose socket no
-// byte waits either), else the oldest that has not sent a whole hello,
-// else the oldest whose proof is awaited. That one is closed at once, with
+// an unproved one: the oldest whose hello has not been read and on whose
+// socket no byte waits, else the oldest whose hello has not been read, else
+// the oldest whose proof is awaited. That one is closed at once, with
 // the refusal "too many connections that have not proved the token (N);
 // the oldest gives way" if its socket takes it without waiting. An unproved
 // connection holds its place at least 5 ms before it gives way; until then
