@@ -33,7 +33,7 @@ constexpr std::chrono::seconds kRefusalReportInterval{1};
 // way: a flood then turns the places over at most 16 times in that time,
 // however fast it reconnects, while a client (which sends its hello as soon
 // as it has connected) still waits in the backlog far less than a second.
-constexpr std::chrono::milliseconds kShortestTurn{5};
+constexpr std::chrono::milliseconds kShortestTurn{3};
 
 }  // namespace
 

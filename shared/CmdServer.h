@@ -30,7 +30,7 @@
 // the oldest whose proof is awaited. That one is closed at once, with
 // the refusal "too many connections that have not proved the token (N);
 // the oldest gives way" if its socket takes it without waiting. An unproved
-// connection holds its place at least 5 ms before it gives way; until then
+// connection holds its place at least 3 ms before it gives way; until then
 // the next connection waits in the system's backlog. Refusing the newest
 // instead would let connections that are reopened as fast as they are
 // dropped keep every unproved place, and refuse a real client almost every
