@@ -4,9 +4,12 @@
 #include "shared/transport/ServerCore.h"
 #include "shared/transport/ServerSession.h"
 
+#include <sys/ioctl.h>
+
 #include <boost/asio/ip/v6_only.hpp>
 #include <boost/asio/post.hpp>
 
+#include <algorithm>
 #include <stdexcept>
 
 namespace Ipc {
@@ -24,6 +27,13 @@ namespace {
 // connections must not make the service spin or fill its log.
 constexpr std::chrono::milliseconds kAcceptBackoff{100};
 constexpr std::chrono::seconds kAcceptReportInterval{1};
+// Likewise the unproved connections that give way to newer ones.
+constexpr std::chrono::seconds kRefusalReportInterval{1};
+// An unproved connection holds its place at least this long before it gives
+// way: a flood then turns the places over at most 16 times in that time,
+// however fast it reconnects, while a client (which sends its hello as soon
+// as it has connected) still waits in the backlog far less than a second.
+constexpr std::chrono::milliseconds kShortestTurn{3};
 
 }  // namespace
 
@@ -79,16 +89,43 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
   if (!ec) {
     boost::system::error_code ignored;
     socket.set_option(tcp::no_delay(true), ignored);
+    int const fd = socket.native_handle();
+    auto session = std::make_shared<ServerSession>(shared_from_this(), std::move(socket));
+    Entry& entry = sessions[session.get()];
+    entry.session = session;
+    entry.fd = fd;
+    entry.accepted = std::chrono::steady_clock::now();
+    // A new connection takes the place of the oldest unproved one rather
+    // than being refused: under a flood of silent connections, a client
+    // that just connected then gets its turn to prove the token.
+    std::shared_ptr<ServerSession> givesWay;
     bool const full = admitted >= options.maxConnections;
-    if (!full) ++admitted;
-    auto session = std::make_shared<ServerSession>(shared_from_this(), std::move(socket), !full);
-    sessions.emplace(session.get(), session);
+    if (unproved.size() >= unprovedCap() || (full && !unproved.empty())) {
+      ServerSession* const oldest = givingWayChoice();
+      Entry& old = sessions.at(oldest);
+      givesWay = old.session.lock();  // null when it is ending anyway
+      setPlace(oldest, old, Place::None);
+      setPlace(session.get(), entry, Place::Silent);
+    } else if (!full) {
+      setPlace(session.get(), entry, Place::Silent);
+    }
+    bool const refused = entry.place == Place::None;
+    std::chrono::steady_clock::duration const pause = pauseBeforeGivingWay();
     lock.unlock();
-    boost::asio::post(session->strand(), [session, full, max = options.maxConnections] {
-      if (full) session->refuseAtOnce("too many connections (" + std::to_string(max) + ")");
+    if (givesWay) boost::asio::post(givesWay->strand(), [givesWay] { givesWay->giveWay(); });
+    boost::asio::post(session->strand(), [session, refused, max = options.maxConnections] {
+      if (refused) session->refuseAtOnce("too many connections (" + std::to_string(max) + ")");
       else session->start();
     });
-    acceptNext(listener);
+    if (pause <= std::chrono::steady_clock::duration::zero()) {
+      acceptNext(listener);
+      return;
+    }
+    // The connections wait in the system's backlog meanwhile, where a
+    // client's hello arrives before it is accepted.
+    listener.backoff.expires_after(pause);
+    listener.backoff.async_wait(
+        [self = shared_from_this(), &listener](boost::system::error_code) { self->acceptNext(listener); });
     return;
   }
   std::string const line = acceptFailureLine(ec);
@@ -101,32 +138,95 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
       [self = shared_from_this(), &listener](boost::system::error_code) { self->acceptNext(listener); });
 }
 
-std::string CmdServer::Core::acceptFailureLine(boost::system::error_code ec) {
+std::string CmdServer::Core::ReportThrottle::line(std::string text,
+                                                  std::chrono::steady_clock::duration interval) {
   auto const now = std::chrono::steady_clock::now();
-  bool const reportedLately = lastAcceptReport != std::chrono::steady_clock::time_point() &&
-                              now - lastAcceptReport < kAcceptReportInterval;
-  if (reportedLately) {
-    ++unreportedAcceptFailures;
+  if (last != std::chrono::steady_clock::time_point() && now - last < interval) {
+    ++unreported;
     return std::string();
   }
-  std::string line = "Ipc accepting a connection failed: " + ec.message();
-  if (unreportedAcceptFailures > 0) {
-    line += " (and " + std::to_string(unreportedAcceptFailures) + " more times since the last report)";
+  if (unreported > 0) text += " (and " + std::to_string(unreported) + " more times since the last report)";
+  unreported = 0;
+  last = now;
+  return text;
+}
+
+std::string CmdServer::Core::acceptFailureLine(boost::system::error_code ec) {
+  return acceptFailures.line("Ipc accepting a connection failed: " + ec.message(), kAcceptReportInterval);
+}
+
+std::string CmdServer::Core::givingWayText() const {
+  return "too many connections that have not proved the token (" + std::to_string(unprovedCap()) +
+         "); the oldest gives way";
+}
+
+std::string CmdServer::Core::givingWayLine(std::string const& peer) {
+  MutexLock lock(mutex);
+  return givingWay.line("Ipc connection from " + peer + " refused: " + givingWayText(), kRefusalReportInterval);
+}
+
+std::size_t CmdServer::Core::unprovedCap() const {
+  return std::max<std::size_t>(1, std::min(options.maxUnprovedConnections, options.maxConnections));
+}
+
+void CmdServer::Core::setPlace(ServerSession* session, Entry& entry, Place to) {
+  auto const isUnproved = [](Place p) { return p == Place::Silent || p == Place::Hello; };
+  if (entry.place == to) return;
+  if (entry.place == Place::None) ++admitted;
+  if (to == Place::None) --admitted;
+  if (isUnproved(entry.place) && !isUnproved(to)) unproved.erase(entry.unprovedAt);
+  if (!isUnproved(entry.place) && isUnproved(to)) entry.unprovedAt = unproved.insert(unproved.end(), session);
+  entry.place = to;
+}
+
+ServerSession* CmdServer::Core::givingWayChoice() const {
+  // The descriptor is only asked, never used: should its session have
+  // closed it meanwhile (and the number gone to another socket), the worst
+  // is a worse choice.
+  auto const bytesWait = [](int fd) {
+    int n = 0;
+    return ::ioctl(fd, FIONREAD, &n) == 0 && n > 0;
+  };
+  ServerSession* oldestSilent = nullptr;
+  for (ServerSession* s : unproved) {
+    Entry const& entry = sessions.at(s);
+    if (entry.place != Place::Silent) continue;
+    if (!bytesWait(entry.fd)) return s;
+    if (!oldestSilent) oldestSilent = s;
   }
-  unreportedAcceptFailures = 0;
-  lastAcceptReport = now;
-  return line;
+  return oldestSilent ? oldestSilent : unproved.front();
 }
 
-void CmdServer::Core::releaseSlot() {
-  MutexLock lock(mutex);
-  --admitted;
+std::chrono::steady_clock::duration CmdServer::Core::pauseBeforeGivingWay() const {
+  if (unproved.size() < unprovedCap()) return std::chrono::steady_clock::duration::zero();
+  Entry const& next = sessions.at(givingWayChoice());
+  return next.accepted + kShortestTurn - std::chrono::steady_clock::now();
 }
 
-void CmdServer::Core::sessionEnded(ServerSession* session, bool heldSlot) {
+void CmdServer::Core::helloHeard(ServerSession* session) {
   MutexLock lock(mutex);
-  if (heldSlot) --admitted;
-  sessions.erase(session);
+  Entry& entry = sessions.at(session);
+  if (entry.place == Place::Silent) setPlace(session, entry, Place::Hello);
+}
+
+bool CmdServer::Core::proved(ServerSession* session) {
+  MutexLock lock(mutex);
+  Entry& entry = sessions.at(session);
+  if (entry.place == Place::None) return false;
+  setPlace(session, entry, Place::Proved);
+  return true;
+}
+
+void CmdServer::Core::releasePlace(ServerSession* session) {
+  MutexLock lock(mutex);
+  setPlace(session, sessions.at(session), Place::None);
+}
+
+void CmdServer::Core::sessionEnded(ServerSession* session) {
+  MutexLock lock(mutex);
+  auto const at = sessions.find(session);
+  setPlace(session, at->second, Place::None);
+  sessions.erase(at);
   if (sessions.empty()) ended.notifyAll();
 }
 
@@ -142,7 +242,7 @@ void CmdServer::Core::stop() {
     if (stopping) return;
     stopping = true;
     for (auto& entry : sessions) {
-      if (auto s = entry.second.lock()) open.push_back(std::move(s));
+      if (auto s = entry.second.session.lock()) open.push_back(std::move(s));
     }
   }
   for (auto& l : listeners) {

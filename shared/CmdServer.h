@@ -19,20 +19,40 @@
 // transfer error) is logged with "ERR:", answered with its message (which
 // reaches the client's onTransferError) and ends that connection only.
 //
-// Limits: at most maxConnections connections at once (the next is refused
-// with a message; a refused connection, while it lingers, holds no place).
+// Limits: at most maxConnections connections hold a place at once, and of
+// them at most maxUnprovedConnections (clamped to 1..maxConnections) have
+// not yet proved the token; the other places are kept for connections that
+// have proved it, which a flood of connections that never prove it cannot
+// take. A new connection when all the unproved places are taken, or when
+// all places are and an unproved connection holds one, takes the place of
+// an unproved one: the oldest whose hello has not been read and on whose
+// socket no byte waits, else the oldest whose hello has not been read, else
+// the oldest whose proof is awaited. That one is closed at once, with
+// the refusal "too many connections that have not proved the token (N);
+// the oldest gives way" if its socket takes it without waiting. An unproved
+// connection holds its place at least 3 ms before it gives way; until then
+// the next connection waits in the system's backlog. Refusing the newest
+// instead would let connections that are reopened as fast as they are
+// dropped keep every unproved place, and refuse a real client almost every
+// time; this way a client is accepted in its turn, its hello usually
+// already there, and needs only to send it before N newer connections push
+// it out. A new connection when every place is held by a proved connection
+// is refused ("too many connections (maxConnections)"). A refused
+// connection, while it lingers, holds no place. Connections that give way
+// are logged at most once a second, with the number since the last such
+// line.
 // Each time-out means "no byte moved for that long": every receive or send
 // that moves a byte, however few, either way, starts it again, so a slow
 // but live client is never cut, however long its hello, request, dropped
 // file or response takes. helloTimeout holds through the handshake,
 // idleTimeout until the next request frame is whole, transferTimeout from
 // then until the response's last byte (the time that the processor's
-// handler runs does not count). A time-out ends the connection, with a refusal that says so
-// ("no byte moved for 60 s") as long as the request (or the hello) is still
-// being read; an idle connection closed after idleTimeout is a normal end
-// and is not logged. A refusal lingers 2 s at most, however its client
-// reads. Time-outs hold to within a few milliseconds (the clock's tick). An accept
-// that fails (no descriptor left) is tried again only after 100 ms, and is
+// handler runs does not count). A time-out ends the connection, with a
+// refusal that says so ("no byte moved for 60 s") as long as the request (or
+// the hello) is still being read; an idle connection closed after
+// idleTimeout is a normal end and is not logged. A refusal lingers 2 s at
+// most, however its client reads. Time-outs hold to within a few
+// milliseconds (the clock's tick). An accept that fails (no descriptor left) is tried again only after 100 ms, and is
 // logged at most once a second, with the number of failures since the last
 // such line: a flood of connections neither spins the service nor fills its
 // log.
@@ -64,7 +84,12 @@ struct CmdServerOptions {
   std::uint16_t port = 0;  // 0: a port that the system chooses (see port())
   bool forceIp4 = false;
   std::size_t maxConnections = 64;
-  std::chrono::milliseconds helloTimeout = std::chrono::seconds(10);
+  // A handful of clients connecting at once never need more; the other 48
+  // places stay for connections that proved the token.
+  std::size_t maxUnprovedConnections = 16;
+  // A client on loopback proves the token within milliseconds; a connection
+  // that has not should not hold a place for long.
+  std::chrono::milliseconds helloTimeout = std::chrono::seconds(2);
   std::chrono::milliseconds idleTimeout = std::chrono::seconds(600);
   std::chrono::milliseconds transferTimeout = std::chrono::seconds(60);
 };

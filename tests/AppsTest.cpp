@@ -8,6 +8,7 @@
 #include "tests/ProcessHarness.h"
 #include "tests/SpoolTestUtil.h"
 #include "tests/SettingsTestUtil.h"
+#include "tests/SilentFlood.h"
 #include "tests/TestUtil.h"
 
 #include <arpa/inet.h>
@@ -1543,6 +1544,45 @@ TEST_F(AppsTest, TheExampleConfigurationStartsTheService) {
   expectStatus("running", 0, {}, moved,
                "uploads held: the credentials file \"" + (tmp / "credentials.json").string() +
                    "\" cannot be opened: No such file or directory\n");
+  stopService();
+}
+
+// A thousand connections that never say hello, reopened as fast as the
+// service drops them, leave `qxlite status` answering within a second.
+TEST_F(AppsTest, StatusAnswersWithinASecondThroughAFloodOfSilentConnections) {
+  constexpr std::size_t kSilent = 1000;
+  if (!qxtest::raiseDescriptorLimit(kSilent + 256)) {
+    GTEST_SKIP() << "the limit of open descriptors cannot be raised to " << kSilent + 256;
+  }
+  writeConfig();
+  ASSERT_TRUE(startService());
+  {
+    qxtest::SilentFlood flood(port, kSilent);
+    ASSERT_TRUE(waitFor([&] { return flood.dropped() >= 2 * kSilent; }, kProcessDeadline)) << flood.dropped();
+    // Rounds spread over more than the hello time-out (2 s).
+    Clock::duration slowest{};
+    for (int round = 1; round <= 5; ++round) {
+      auto const start = Clock::now();
+      expectOutput({"status"}, "running\n" + kNoServer);
+      Clock::duration const took = Clock::now() - start;
+      EXPECT_LT(took, qxtest::kAnswerThroughFlood) << "round " << round;
+      slowest = std::max(slowest, took);
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+    RecordProperty("slowest_status_ms",
+                   static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(slowest).count()));
+  }
+  std::string const givesWay = "refused: too many connections that have not proved the token (16); the oldest gives way";
+  EXPECT_NE(std::string::npos, service->err().find(givesWay)) << service->err();
+  // The flood's connections left in the backlog are refused one by one, each
+  // with a line; the stop's lines come after them.
+  std::size_t logSize = 0;
+  ASSERT_TRUE(waitFor([&] {
+    std::size_t const before = logSize;
+    logSize = service->err().size();
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    return before == logSize && service->err().size() == logSize;
+  }, kProcessDeadline));
   stopService();
 }
 

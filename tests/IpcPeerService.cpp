@@ -9,7 +9,10 @@
 // process receives SIGTERM or SIGINT. Exit status 0 after a clean stop, 2 on
 // a usage or start-up error (with a message on standard error). MAX-FILES
 // lowers its limit of open descriptors (RLIMIT_NOFILE), for the tests of
-// what it does when it runs out. Its log goes to standard error.
+// what it does when it runs out; so that a flood of silent connections can
+// use them up, it then keeps them the way every connection once was kept:
+// any of the 64 places may go to an unproved one, for 10 s. Its log goes to
+// standard error.
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdServer.h"
 #include "shared/IoThreads.h"
@@ -21,6 +24,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -57,6 +61,10 @@ int main(int argc, char** argv) {
     Ipc::CmdServerOptions options;
     options.port = 0;
     options.forceIp4 = true;
+    if (argc == 3) {
+      options.maxUnprovedConnections = options.maxConnections;
+      options.helloTimeout = std::chrono::seconds(10);
+    }
     Ipc::CmdServer server(io, options, token, &qxtest::makeLiteCmd,
                           std::make_shared<qxtest::TestLiteProcessor>());
     server.start();

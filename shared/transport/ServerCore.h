@@ -1,6 +1,10 @@
 // Internal: what a CmdServer shares with its sessions: the options, the
 // token, the factory and the processor, the listening sockets, and the
-// count of open sessions. Not installed.
+// places of the open sessions. Not installed.
+//
+// A session's place goes None -> Silent (admitted) -> Hello (its hello was
+// sound) -> Proved, and from any of them to None (refused, given way to a
+// newer one, or ended); setPlace() keeps the counts of the places.
 //
 // Lock order: Core::mutex is the only lock of the server and is never held
 // while a session is destroyed, for ~ServerSession takes it (see
@@ -19,6 +23,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -45,11 +50,22 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   void start() EXCLUDES(mutex);
   // Closes the listeners and the sessions, and waits until all have ended.
   void stop() EXCLUDES(mutex);
-  // A refused session gives back its place among the maxConnections.
-  void releaseSlot() EXCLUDES(mutex);
-  // Run by ~ServerSession; heldSlot says whether it still had a place.
-  void sessionEnded(transport::ServerSession* session, bool heldSlot) EXCLUDES(mutex);
+  // The session sent a sound hello: among the unproved ones it is the last
+  // to give way.
+  void helloHeard(transport::ServerSession* session) EXCLUDES(mutex);
+  // The session proved the token; false when it had already been told to
+  // give way (its place went to a newer connection).
+  bool proved(transport::ServerSession* session) EXCLUDES(mutex);
+  // A refused session gives back its place.
+  void releasePlace(transport::ServerSession* session) EXCLUDES(mutex);
+  // Run by ~ServerSession.
+  void sessionEnded(transport::ServerSession* session) EXCLUDES(mutex);
   std::size_t count() const EXCLUDES(mutex);
+  // Why an unproved session gives way, for its refusal and the log.
+  std::string givingWayText() const;
+  // The log line of a session that gives way, or the empty string while the
+  // last one is less than kRefusalReportInterval old (see ReportThrottle).
+  std::string givingWayLine(std::string const& peer) EXCLUDES(mutex);
 
   IoThreads& io;
   CmdServerOptions const options;
@@ -71,6 +87,30 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   std::uint16_t port = 0;                             // set by start(), then constant
 
  private:
+  enum class Place {
+    None,    // holds no place: refused, given way, or over the maximum
+    Silent,  // admitted; no sound hello yet
+    Hello,   // admitted; sent a sound hello, its proof is awaited
+    Proved,  // admitted and proved the token
+  };
+  struct Entry {
+    std::weak_ptr<transport::ServerSession> session;
+    Place place = Place::None;
+    std::list<transport::ServerSession*>::iterator unprovedAt{};  // while Silent or Hello
+    // The socket's descriptor, only to ask how many bytes wait on it (see
+    // givingWayChoice()).
+    int fd = -1;
+    std::chrono::steady_clock::time_point accepted{};
+  };
+  // Lines about one kind of event, written at most once per interval; the
+  // events in between are counted, and the count goes into the next line.
+  struct ReportThrottle {
+    std::chrono::steady_clock::time_point last{};
+    std::size_t unreported = 0;
+    // text with the count appended, or the empty string (the event counted).
+    std::string line(std::string text, std::chrono::steady_clock::duration interval);
+  };
+
   void acceptNext(Listener& listener);
   void onAccept(Listener& listener, boost::system::error_code ec, transport::Socket socket)
       EXCLUDES(mutex);
@@ -78,16 +118,29 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   // last one is less than kAcceptReportInterval old: such failures are
   // counted and the count goes into the next line.
   std::string acceptFailureLine(boost::system::error_code ec) REQUIRES(mutex);
+  // The one place where places change; keeps admitted and unproved.
+  void setPlace(transport::ServerSession* session, Entry& entry, Place to) REQUIRES(mutex);
+  // The unproved session that gives way to a new connection: the oldest
+  // silent one on whose socket no byte waits, else the oldest silent one,
+  // else the oldest whose proof is awaited. A client's hello may wait unread
+  // while the accepts of a flood run ahead of its session.
+  transport::ServerSession* givingWayChoice() const REQUIRES(mutex);
+  std::size_t unprovedCap() const;
+  // How long the next accept waits, so that the session that would give way
+  // to it has held its place for kShortestTurn; zero while an unproved place
+  // is free.
+  std::chrono::steady_clock::duration pauseBeforeGivingWay() const REQUIRES(mutex);
 
   mutable transport::Mutex mutex;
   transport::CondVar ended;  // waited on with mutex: the last session or listener ended
   bool stopping GUARDED_BY(mutex) = false;
   std::size_t openListeners GUARDED_BY(mutex) = 0;
   std::size_t admitted GUARDED_BY(mutex) = 0;  // sessions that hold a place
-  std::chrono::steady_clock::time_point lastAcceptReport GUARDED_BY(mutex){};
-  std::size_t unreportedAcceptFailures GUARDED_BY(mutex) = 0;
-  std::unordered_map<transport::ServerSession*, std::weak_ptr<transport::ServerSession>> sessions
-      GUARDED_BY(mutex);
+  // The sessions that hold a place and have not proved the token, oldest first.
+  std::list<transport::ServerSession*> unproved GUARDED_BY(mutex);
+  ReportThrottle acceptFailures GUARDED_BY(mutex);
+  ReportThrottle givingWay GUARDED_BY(mutex);
+  std::unordered_map<transport::ServerSession*, Entry> sessions GUARDED_BY(mutex);
 };
 
 // "127.0.0.1:5000", "[::1]:5000".

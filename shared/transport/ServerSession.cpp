@@ -36,7 +36,7 @@ std::string peerText(Socket const& socket) {
 
 }  // namespace
 
-ServerSession::ServerSession(std::shared_ptr<CmdServer::Core> core, Socket socket, bool holdsSlot)
+ServerSession::ServerSession(std::shared_ptr<CmdServer::Core> core, Socket socket)
     : m_core(std::move(core)),
       m_strand(socket.get_executor()),
       m_peer(peerText(socket)),
@@ -44,8 +44,7 @@ ServerSession::ServerSession(std::shared_ptr<CmdServer::Core> core, Socket socke
       m_deadline(m_strand,
                  std::min({m_core->options.helloTimeout, m_core->options.transferTimeout,
                            m_core->options.idleTimeout}),
-                 [this] { onDeadline(); }),
-      m_holdsSlot(holdsSlot) {
+                 [this] { onDeadline(); }) {
   // Any byte that moves puts off the deadline of the operation in progress.
   // A refusal's linger is a bound of its own: a client that takes its
   // message a byte at a time does not hold the connection longer.
@@ -54,7 +53,7 @@ ServerSession::ServerSession(std::shared_ptr<CmdServer::Core> core, Socket socke
   });
 }
 
-ServerSession::~ServerSession() { m_core->sessionEnded(this, m_holdsSlot); }
+ServerSession::~ServerSession() { m_core->sessionEnded(this); }
 
 bool ServerSession::transition(State to) {
   // The states each state may move to.
@@ -106,6 +105,22 @@ void ServerSession::start() {
 void ServerSession::refuseAtOnce(std::string const& why) {
   Log::inst().writeLine("ERR:", "Ipc connection from " + m_peer + " refused: " + why);
   m_stream.drive([&] { refuse("Ipc connection refused: " + why); });
+}
+
+void ServerSession::giveWay() {
+  if (m_state != State::Hello && m_state != State::Proving) return;  // refused or closed meanwhile
+  std::string const line = m_core->givingWayLine(m_peer);
+  if (!line.empty()) Log::inst().writeLine("ERR:", line);
+  std::string const msg = "Ipc connection refused: " + m_core->givingWayText();
+  std::string refusal(wire::kFrameSize, '\0');
+  wire::putStatusFrame(reinterpret_cast<unsigned char*>(&refusal[0]), wire::kStatusRefused,
+                       static_cast<std::uint32_t>(msg.size()));
+  refusal += msg;
+  boost::system::error_code ignored;
+  Socket& socket = m_stream.socket();
+  socket.non_blocking(true, ignored);
+  if (!ignored) socket.write_some(boost::asio::buffer(refusal), ignored);
+  close();
 }
 
 void ServerSession::stop() {
@@ -299,6 +314,7 @@ void ServerSession::onHello(boost::system::error_code ec) {
     refuseHandshake(why);
     return;
   }
+  m_core->helloHeard(this);
   std::memcpy(m_clientNonce.data(), m_hello.data() + 8, m_clientNonce.size());
   try {
     m_serviceNonce = handshake::freshNonce();
@@ -335,6 +351,10 @@ void ServerSession::onClientProof(boost::system::error_code ec) {
   if (!handshake::verify(m_core->token, handshake::Role::Client, wire::kVersion, m_clientNonce,
                          m_serviceNonce, m_clientProof.data())) {
     refuseHandshake("wrong token");
+    return;
+  }
+  if (!m_core->proved(this)) {
+    giveWay();  // its place went to a newer connection just before the proof came
     return;
   }
   transition(State::AwaitingRequest);
@@ -389,12 +409,8 @@ void ServerSession::onRequestFrame(boost::system::error_code ec) {
 
 void ServerSession::refuse(std::string const& why) {
   if (!transition(State::Refusing)) return;
-  // A refused connection only lingers: it no longer counts against
-  // maxConnections.
-  if (m_holdsSlot) {
-    m_holdsSlot = false;
-    m_core->releaseSlot();
-  }
+  // A refused connection only lingers: it holds no place.
+  m_core->releasePlace(this);
   std::string const msg = why.substr(0, wire::kMaxMessage);
   m_refusal.assign(wire::kFrameSize, '\0');
   wire::putStatusFrame(reinterpret_cast<unsigned char*>(&m_refusal[0]), wire::kStatusRefused,

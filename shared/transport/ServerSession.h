@@ -31,9 +31,8 @@ namespace transport {
 
 class ServerSession final : public CmdChannel, public std::enable_shared_from_this<ServerSession> {
  public:
-  // holdsSlot: the session was admitted and counts against maxConnections
-  // until it is refused or ends.
-  ServerSession(std::shared_ptr<CmdServer::Core> core, Socket socket, bool holdsSlot);
+  // Whether it holds a place among the maxConnections is the core's to know.
+  ServerSession(std::shared_ptr<CmdServer::Core> core, Socket socket);
   ~ServerSession();
   ServerSession(ServerSession const&) = delete;
   ServerSession& operator=(ServerSession const&) = delete;
@@ -44,6 +43,10 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   void start();
   // Refuses the connection at once (too many connections).
   void refuseAtOnce(std::string const& why);
+  // Closes the connection, which has not proved the token, because its place
+  // went to a newer one; the refusal is sent only if the socket takes it at
+  // once, for a flood must not make closed connections linger.
+  void giveWay();
   // Closes the connection because the service stops.
   void stop();
 
@@ -132,9 +135,6 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   // deadline of the operation in progress passed; the service is stopping.
   bool m_timedOut = false;
   bool m_stopping = false;
-  // Counts against maxConnections; independent of the state: given back
-  // when a refusal starts, or when the session ends.
-  bool m_holdsSlot;
 };
 
 }  // namespace transport
