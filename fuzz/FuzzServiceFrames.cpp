@@ -28,6 +28,7 @@
 #include "apps/ConfigFile.h"
 #include "apps/svc/SpoolPolicy.h"
 #include "apps/svc/SvcProcessor.h"
+#include "apps/svc/WorkerPool.h"
 #include "apps/svc/upload/Pipeline.h"
 #include "fuzz/FuzzUtil.h"
 #include "ipc/IpcCmdsLite.h"
@@ -257,7 +258,8 @@ class SandboxedProcessor final : public Ipc::CmdProcessorLiteI {
     if (!why.empty()) finding("the sandbox's folders cannot be used: " + why);
     m_pipeline.setSettings(settings);
     m_pipeline.resume();
-    auto next = std::make_shared<qxsvc::SvcProcessor>(settings, m_sandbox.root() / "config.json", m_pipeline, 1);
+    auto next =
+        std::make_shared<qxsvc::SvcProcessor>(settings, m_sandbox.root() / "config.json", m_pipeline, m_workers, 1);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_service = std::move(next);
   }
@@ -328,6 +330,8 @@ class SandboxedProcessor final : public Ipc::CmdProcessorLiteI {
   }
 
   Sandbox const& m_sandbox;
+  // Never given work here: the visits that would use it are answered above.
+  qxsvc::WorkerPool m_workers{1, 1};
   qxsvc::Pipeline& m_pipeline;
 
   mutable std::mutex m_mutex;
