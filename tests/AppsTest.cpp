@@ -1563,7 +1563,7 @@ TEST_F(AppsTest, StatusAnswersWithinASecondThroughAFloodOfSilentConnections) {
     Clock::duration slowest{};
     for (int round = 1; round <= 5; ++round) {
       auto const start = Clock::now();
-      expectOutput({"status"}, "running\n" + kNoServer);
+      expectStatus("running");
       Clock::duration const took = Clock::now() - start;
       EXPECT_LT(took, qxtest::kAnswerThroughFlood) << "round " << round;
       slowest = std::max(slowest, took);
