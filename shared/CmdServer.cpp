@@ -29,6 +29,9 @@ constexpr std::chrono::milliseconds kAcceptBackoff{100};
 constexpr std::chrono::seconds kAcceptReportInterval{1};
 // Likewise the unproved connections that give way to newer ones.
 constexpr std::chrono::seconds kRefusalReportInterval{1};
+// Lines a second about connections that said nothing; a flood's others are
+// counted.
+constexpr std::size_t kSilentBurst = 10;
 // An unproved connection holds its place at least this long before it gives
 // way: a flood then turns the places over at most 16 times in that time,
 // however fast it reconnects, while a client (which sends its hello as soon
@@ -138,16 +141,20 @@ void CmdServer::Core::onAccept(Listener& listener, boost::system::error_code ec,
       [self = shared_from_this(), &listener](boost::system::error_code) { self->acceptNext(listener); });
 }
 
-std::string CmdServer::Core::ReportThrottle::line(std::string text,
-                                                  std::chrono::steady_clock::duration interval) {
+std::string CmdServer::Core::ReportThrottle::line(std::string text, std::chrono::steady_clock::duration interval,
+                                                  std::size_t burst) {
   auto const now = std::chrono::steady_clock::now();
-  if (last != std::chrono::steady_clock::time_point() && now - last < interval) {
+  if (windowStart == std::chrono::steady_clock::time_point() || now - windowStart >= interval) {
+    windowStart = now;
+    linesInWindow = 0;
+  }
+  if (linesInWindow >= burst) {
     ++unreported;
     return std::string();
   }
+  ++linesInWindow;
   if (unreported > 0) text += " (and " + std::to_string(unreported) + " more times since the last report)";
   unreported = 0;
-  last = now;
   return text;
 }
 
@@ -163,6 +170,11 @@ std::string CmdServer::Core::givingWayText() const {
 std::string CmdServer::Core::givingWayLine(std::string const& peer) {
   MutexLock lock(mutex);
   return givingWay.line("Ipc connection from " + peer + " refused: " + givingWayText(), kRefusalReportInterval);
+}
+
+std::string CmdServer::Core::silentRefusalLine(std::string const& peer, std::string const& why) {
+  MutexLock lock(mutex);
+  return silentRefusals.line("Ipc connection from " + peer + " refused: " + why, kRefusalReportInterval, kSilentBurst);
 }
 
 std::size_t CmdServer::Core::unprovedCap() const {

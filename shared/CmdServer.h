@@ -40,7 +40,9 @@
 // is refused ("too many connections (maxConnections)"). A refused
 // connection, while it lingers, holds no place. Connections that give way
 // are logged at most once a second, with the number since the last such
-// line.
+// line; connections that end without a word of the handshake (closed, or
+// silent until helloTimeout), ten a second at most, the others counted into
+// the next such line.
 // Each time-out means "no byte moved for that long": every receive or send
 // that moves a byte, however few, either way, starts it again, so a slow
 // but live client is never cut, however long its hello, request, dropped

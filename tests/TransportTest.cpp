@@ -668,6 +668,32 @@ TEST_F(TransportTest, ListenerInPlaceOfTheServiceLearnsNothingOfTheToken) {
   EXPECT_EQ(why, cmd->transferError());
 }
 
+// Connections that say nothing are logged ten a second at most; the others
+// are counted into the next line, so that a flood cannot fill the log.
+TEST_F(TransportTest, ConnectionsThatSayNothingAreLoggedTenASecondAndCounted) {
+  startServer();
+  auto silentLines = [&] {
+    std::size_t n = 0;
+    for (std::string const& line : maskedLines(log)) {
+      n += line.find("refused: no token (the client closed the connection)") != std::string::npos ? 1 : 0;
+    }
+    return n;
+  };
+  auto const start = std::chrono::steady_clock::now();
+  for (int i = 0; i < 30; ++i) RawSocket::connectTo(server->port()).close();
+  ASSERT_TRUE(waitUntil([&] { return silentLines() >= 10; }));
+  std::this_thread::sleep_for(200ms);  // the other twenty are refused meanwhile
+  if (std::chrono::steady_clock::now() - start > 900ms) GTEST_SKIP() << "too slow here for a second's window";
+  EXPECT_EQ(10u, silentLines()) << ::testing::PrintToString(maskedLines(log));
+  std::this_thread::sleep_for(1100ms);
+  RawSocket::connectTo(server->port()).close();
+  ASSERT_TRUE(waitUntil([&] { return silentLines() == 11; }));
+  EXPECT_EQ("ERR:Ipc connection from 127.0.0.1:PORT refused: no token (the client closed the connection) "
+            "(and 20 more times since the last report)",
+            maskedLines(log).back());
+  expectServiceWorks();
+}
+
 TEST_F(TransportTest, NoTokenUntilTheHelloTimeoutIsRefused) {
   Ipc::CmdServerOptions options = serverOptions();
   options.helloTimeout = 500ms;

@@ -66,6 +66,11 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   // The log line of a session that gives way, or the empty string while the
   // last one is less than kRefusalReportInterval old (see ReportThrottle).
   std::string givingWayLine(std::string const& peer) EXCLUDES(mutex);
+  // The log line of a connection that ends without a word of the handshake
+  // (closed, or silent until its time-out): the first kSilentBurst of each
+  // second are written, the rest only counted into the next line, so that a
+  // flood of silent connections cannot fill the log.
+  std::string silentRefusalLine(std::string const& peer, std::string const& why) EXCLUDES(mutex);
 
   IoThreads& io;
   CmdServerOptions const options;
@@ -105,10 +110,12 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   // Lines about one kind of event, written at most once per interval; the
   // events in between are counted, and the count goes into the next line.
   struct ReportThrottle {
-    std::chrono::steady_clock::time_point last{};
+    std::chrono::steady_clock::time_point windowStart{};
+    std::size_t linesInWindow = 0;
     std::size_t unreported = 0;
-    // text with the count appended, or the empty string (the event counted).
-    std::string line(std::string text, std::chrono::steady_clock::duration interval);
+    // text with the count appended, or the empty string (the event counted):
+    // at most burst lines per interval.
+    std::string line(std::string text, std::chrono::steady_clock::duration interval, std::size_t burst = 1);
   };
 
   void acceptNext(Listener& listener);
@@ -140,6 +147,7 @@ class CmdServer::Core : public std::enable_shared_from_this<CmdServer::Core> {
   std::list<transport::ServerSession*> unproved GUARDED_BY(mutex);
   ReportThrottle acceptFailures GUARDED_BY(mutex);
   ReportThrottle givingWay GUARDED_BY(mutex);
+  ReportThrottle silentRefusals GUARDED_BY(mutex);
   std::unordered_map<transport::ServerSession*, Entry> sessions GUARDED_BY(mutex);
 };
 

@@ -303,10 +303,16 @@ void ServerSession::refuseHandshake(std::string const& why) {
   refuse("Ipc connection refused: " + why);
 }
 
+void ServerSession::refuseSilent(std::string const& why) {
+  std::string const line = m_core->silentRefusalLine(m_peer, why);
+  if (!line.empty()) Log::inst().writeLine("ERR:", line);
+  refuse("Ipc connection refused: " + why);
+}
+
 void ServerSession::onHello(boost::system::error_code ec) {
   if (m_state == State::Closed) return;  // the service stopped meanwhile
   if (ec) {
-    refuseHandshake("no token (" + ioErrorText(ec) + ")");
+    refuseSilent("no token (" + ioErrorText(ec) + ")");
     return;
   }
   std::string const why = wire::checkHelloStart(m_hello.data());
@@ -345,7 +351,7 @@ void ServerSession::onHello(boost::system::error_code ec) {
 void ServerSession::onClientProof(boost::system::error_code ec) {
   if (m_state == State::Closed) return;  // the service stopped meanwhile
   if (ec) {
-    refuseHandshake("no token (" + ioErrorText(ec) + ")");
+    refuseSilent("no token (" + ioErrorText(ec) + ")");
     return;
   }
   if (!handshake::verify(m_core->token, handshake::Role::Client, wire::kVersion, m_clientNonce,

@@ -100,6 +100,8 @@ class ServerSession final : public CmdChannel, public std::enable_shared_from_th
   void onHello(boost::system::error_code ec);
   void onClientProof(boost::system::error_code ec);
   void refuseHandshake(std::string const& why);
+  // The same for a connection that said nothing: its log line is throttled.
+  void refuseSilent(std::string const& why);
   void answerOkThenReadNext();
   void readNextRequest();
   void onRequestFrame(boost::system::error_code ec);
