@@ -1233,6 +1233,42 @@ TEST_F(AppsTest, ServiceRefusesAConfigurationThatIsNotJson) {
   EXPECT_FALSE(fs::exists(tmp / "spool"));
 }
 
+// One set of rules: the service's start, `config save` and the
+// configuration test refuse each broken file for the same reason.
+TEST_F(AppsTest, StartSaveAndTheConfigurationTestGiveTheSameVerdict) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  struct Broken {
+    std::string extra;  // added to a good configuration
+    std::string why;
+  };
+  std::vector<Broken> const broken = {
+      {R"(,"ConcurrentUploads":"four")", R"("ConcurrentUploads" must be an integer from 1 to 1024)"},
+      {R"(,"ConcurrentUploads":0)", R"("ConcurrentUploads" must be an integer from 1 to 1024)"},
+      {R"(,"MaxConnIdleSecs":-1)", R"("MaxConnIdleSecs" must be an integer from 1 to 4294967295)"},
+      {R"(,"AccountId":7)", R"("AccountId" must be a text, not integer)"},
+      {R"(,"UseDirName":"yes")", R"("UseDirName" must be true or false, not string)"},
+      {R"(,"SrvFileExts":["pdf",7])", R"("SrvFileExts" must be a list of texts)"},
+      {R"(,"InetServer":{"url":"x"})", R"("InetServer" must be a text, not object)"},
+  };
+  fs::path const file = tmp / "broken.json";
+  for (Broken const& b : broken) {
+    SCOPED_TRACE(b.extra);
+    writeFile(file, "{\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" + out.string() +
+                        "\",\"BackupFolder\":\"" + backup.string() + "\"" + b.extra + "}");
+    Outcome const started = run(kSvc, serviceArgs(0, file));
+    EXPECT_EQ(2, started.status);
+    EXPECT_EQ("qxlite-svc: the configuration \"" + file.string() + "\": " + b.why + "\n", started.err);
+    expectFailure({"config", "save", file.string()}, 1, "Configuration not saved: " + b.why);
+    Outcome const tested = qx({"test-config", file.string()});
+    EXPECT_EQ(1, tested.status);
+    EXPECT_EQ(0u, tested.out.find("- The configuration holds a value that is refused\n    -> " + b.why + "\n"))
+        << tested.out;
+  }
+  // The configuration in force is still the good one.
+  expectStatus("running");
+}
+
 TEST_F(AppsTest, ServiceRefusesUnreadableOrRefusedConfigurations) {
   SystemProbes const guard({fs::path("/etc") / kProbe});
   struct Case {

@@ -84,6 +84,12 @@ void ConfigTestRunner::report(std::vector<Finding> const& findings) {
 }
 
 void ConfigTestRunner::checkValues() {
+  // The service's own check at start and on SaveCfg: the same verdict.
+  std::string const why = qxapp::checkConfigValues(m_cmd.payload);
+  if (!why.empty()) {
+    error("The configuration holds a value that is refused", why);
+    return;
+  }
   try {
     qxapp::settingsFromObject(m_cmd.payload, "the configuration");
     pass("The configuration's values are accepted");
