@@ -62,9 +62,7 @@ class Child {
       : m_outFile(outFile), m_errFile(errFile) {
     std::vector<std::string> all{program};
     all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& a : all) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
+    std::vector<char*> argv = pointersInto(all);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -91,13 +89,9 @@ class Child {
       : m_outFile(outFile), m_errFile(errFile) {
     std::vector<std::string> all{program};
     all.insert(all.end(), args.begin(), args.end());
-    std::vector<char*> argv;
-    for (std::string& a : all) argv.push_back(&a[0]);
-    argv.push_back(nullptr);
+    std::vector<char*> argv = pointersInto(all);
     std::vector<std::string> env = as.environment;
-    std::vector<char*> envp;
-    for (std::string& e : env) envp.push_back(&e[0]);
-    envp.push_back(nullptr);
+    std::vector<char*> envp = pointersInto(env);
     // Everything the child needs is made before the fork: after it, only
     // calls that are safe there.
     int const in = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -149,6 +143,15 @@ class Child {
   Outcome outcome() const { return Outcome{m_status, out(), err()}; }
 
  private:
+  // The null-ended array of pointers that exec takes, into texts that must
+  // outlive it.
+  static std::vector<char*> pointersInto(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& t : texts) pointers.push_back(&t[0]);
+    pointers.push_back(nullptr);
+    return pointers;
+  }
+
   // Whether the child was reaped.
   bool reap(int flags) {
     int st = 0;

@@ -103,6 +103,8 @@ class Pipeline::Impl {
   void scanNow();
   json::Object uploads() const;
   json::Array waitingItems() const;  // in the incoming folder, for the list
+  // A copy of the settings in force that shares no JSON node with them.
+  Settings currentSettings() const;
   std::string cancel(std::string const& jobId);
   std::string retry(std::string const& jobId);
 
@@ -219,10 +221,7 @@ void Pipeline::Impl::start() {
   // Folders and the engine are ready (or the reason why not logged) before
   // the service serves; the journal's reconciling, which may hash, runs on
   // the loop.
-  Settings const settings = [this] {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return qxapp::independentCopy(m_settings);
-  }();
+  Settings const settings = currentSettings();
   if (m_journal) {
     std::string const why = openFolders(settings);
     {
@@ -268,6 +267,11 @@ void Pipeline::Impl::wake() {
   }
   m_wakeCv.notify_all();
   if (watch) watch->wake();
+}
+
+Settings Pipeline::Impl::currentSettings() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  return qxapp::independentCopy(m_settings);
 }
 
 std::shared_ptr<UploadEngine> Pipeline::Impl::engine() const {
@@ -721,10 +725,7 @@ void Pipeline::Impl::scanOutgoingStrays() {
   } catch (std::exception const&) {
     return;
   }
-  Settings const settings = [this] {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return qxapp::independentCopy(m_settings);
-  }();
+  Settings const settings = currentSettings();
   for (std::string const& name : names) {
     if (isJobId(name) || settings.isIgnoredExtension(fs::path(name))) continue;
     std::string const jobId = newJobId(unixNow());
@@ -744,10 +745,7 @@ void Pipeline::Impl::scanOutgoingStrays() {
 
 void Pipeline::Impl::scanIncoming() {
   if (!m_journal || !m_folders.incoming.valid()) return;
-  Settings const settings = [this] {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return qxapp::independentCopy(m_settings);
-  }();
+  Settings const settings = currentSettings();
   int const in = m_folders.incoming.get();
   std::vector<std::string> names;
   try {
@@ -819,10 +817,7 @@ bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
 }
 
 void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) {
-  Settings const settings = [this] {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return qxapp::independentCopy(m_settings);
-  }();
+  Settings const settings = currentSettings();
   int const out = m_folders.outgoing.get();
   FolderFd const jobDir(::openat(out, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   JobRow row;
@@ -1227,10 +1222,7 @@ std::vector<std::string> Pipeline::Impl::discardWaiting() {
     moved.push_back(w.second + " (job " + w.first + ")");
   }
   // Items not claimed yet wait too.
-  Settings const settings = [this] {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return qxapp::independentCopy(m_settings);
-  }();
+  Settings const settings = currentSettings();
   int const in = m_folders.incoming.get();
   for (std::string const& name : entriesOf(in, m_folders.incomingPath)) {
     if (settings.isIgnoredExtension(fs::path(name))) continue;
@@ -1315,10 +1307,7 @@ json::Array Pipeline::Impl::waitingItems() const {
   json::Array list;
   std::lock_guard<std::mutex> moves(m_moveMutex);
   if (!m_folders.incoming.valid()) return list;
-  Settings const settings = [this] {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return qxapp::independentCopy(m_settings);
-  }();
+  Settings const settings = currentSettings();
   int const in = m_folders.incoming.get();
   std::vector<std::string> names;
   try {
