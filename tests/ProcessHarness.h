@@ -99,8 +99,9 @@ class Child {
     int const err = ::open(m_errFile.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     m_pid = ::fork();
     if (m_pid == 0) {
+      bool const become = as.uid != ::geteuid();  // already that user: nothing to change
       if (::dup2(in, STDIN_FILENO) < 0 || ::dup2(out, STDOUT_FILENO) < 0 || ::dup2(err, STDERR_FILENO) < 0 ||
-          ::setgroups(0, nullptr) != 0 || ::setgid(as.gid) != 0 || ::setuid(as.uid) != 0) {
+          (become && (::setgroups(0, nullptr) != 0 || ::setgid(as.gid) != 0 || ::setuid(as.uid) != 0))) {
         ::_exit(126);
       }
       ::execve(program.c_str(), argv.data(), envp.data());
