@@ -261,16 +261,59 @@ Settings independentCopy(Settings const& settings) {
 
 namespace {
 
-// A value as JSON; one the record leaves out is its default.
-std::string valueText(json::Value const& value, ConfigKey const& key) {
-  if (value.empty()) return *key.defaultValue ? key.defaultValue : "(none)";
-  char* text = json_dumps(value.get(), JSON_ENCODE_ANY | JSON_COMPACT);
+std::string jsonText(json_t const* value) {
+  char* text = json_dumps(value, JSON_ENCODE_ANY | JSON_COMPACT);
   std::string const result = text ? text : "?";
   std::free(text);
   return result;
 }
 
+// A value as JSON; one the record leaves out is its default.
+std::string valueText(json::Value const& value, ConfigKey const& key) {
+  if (value.empty()) return *key.defaultValue ? key.defaultValue : "(none)";
+  return jsonText(value.get());
+}
+
+// A value as the file holds it: JSON, or "(absent)".
+std::string fileValueText(json::Value const& value) { return value.empty() ? "(absent)" : jsonText(value.get()); }
+
+// Keys of older files that the reader carries into a current key.
+struct OlderKey {
+  char const* name;
+  char const* readInto;
+};
+constexpr OlderKey kOlderKeys[] = {
+    {"BackupEnabled", "BackupExpireSecs"},
+    {"SmtpHost", "EmailSmtpUrl"},
+    {"SmtpPort", "EmailSmtpUrl"},
+};
+
 }  // namespace
+
+std::vector<std::string> normalisingChanges(json::Object const& raw, Settings const& settings) {
+  json::Object const normal = settings.serialize();
+  std::vector<std::string> changes;
+  for (ConfigKey const& key : configKeyTable()) {
+    json::Value const was = raw[key.name];
+    json::Value const is = normal[key.name];
+    if (!was.empty() && !is.empty() && json_equal(was.get(), is.get())) continue;
+    if (was.empty() && is.empty()) continue;
+    std::string const old = key.secret && !was.empty() ? "***" : fileValueText(was);
+    std::string const now = is.empty() ? "(removed: the default)" : key.secret ? "***" : fileValueText(is);
+    changes.push_back(std::string(key.name) + ": " + old + " \u2192 " + now);
+  }
+  char const* name;
+  json_t* value;
+  json_object_foreach(raw.get(), name, value) {
+    if (findConfigKey(name)) continue;
+    std::string why = "not a configuration key";
+    for (OlderKey const& older : kOlderKeys) {
+      if (std::strcmp(older.name, name) == 0) why = std::string("an older key, read into \"") + older.readInto + "\"";
+    }
+    changes.push_back(std::string(name) + ": " + jsonText(value) + " \u2192 (removed: " + why + ")");
+  }
+  return changes;
+}
 
 std::vector<std::string> configChanges(Settings const& before, Settings const& after) {
   json::Object const was = before.serialize();

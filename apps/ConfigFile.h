@@ -63,6 +63,13 @@ std::vector<ConfigKey> const& configKeyTable();
 // value as JSON (its default where the record leaves it out); a password
 // shows as *** on both sides.
 std::vector<std::string> configChanges(Settings const& before, Settings const& after);
+// What writing settings (read from raw) back in their normalised form does
+// to the file, one "Key: old → new" text per key that changes: first the
+// keys of configKeyTable() in order, then the file's other keys in its
+// order. A value left out is "(absent)"; a key that goes says why ("the
+// default", "an older key, read into \"BackupExpireSecs\"", "not a
+// configuration key"); a password shows as ***.
+std::vector<std::string> normalisingChanges(json::Object const& raw, Settings const& settings);
 // The names of configKeyTable().
 std::set<std::string> const& configKeys();
 // The entry of key, or null when key is not a configuration key.

@@ -96,7 +96,7 @@ class SvcServerCallWorkersTest : public ::testing::Test {
         },
         processor);
     server->start();
-    processor->setServicePort(server->port());
+    processor->setServicePort(server->port(), true);
   }
   std::unique_ptr<Ipc::CmdClient> makeClient() {
     Ipc::CmdClientOptions options;

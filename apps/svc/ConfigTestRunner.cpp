@@ -36,10 +36,10 @@ std::string canWriteIn(fs::path const& folder) {
 
 }  // namespace
 
-ConfigTestRunner::ConfigTestRunner(Ipc::TestCfg& cmd, std::uint16_t servicePort, long httpTimeoutSecs,
+ConfigTestRunner::ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, long httpTimeoutSecs,
                                    WorkerPool* workers)
     : m_cmd(cmd),
-      m_servicePort(servicePort),
+      m_service(service),
       m_httpTimeoutSecs(httpTimeoutSecs),
       m_workers(workers),
       m_settings(*cmd.pSetts()) {
@@ -127,7 +127,8 @@ void ConfigTestRunner::checkFolder(std::size_t index) {
 }
 
 void ConfigTestRunner::checkDistinct() {
-  std::string const why = checkFolders(m_settings);
+  // Each folder's place has a line of its own: this one is about overlap only.
+  std::string const why = checkOverlap(m_settings);
   if (why.empty()) pass("The spool folders are distinct");
   else error("The spool folders overlap", why);
 }
@@ -150,8 +151,15 @@ void ConfigTestRunner::checkExtensionLists() {
 
 void ConfigTestRunner::checkPort() {
   std::uint16_t const port = m_settings.IpcPort;
-  if (port == m_servicePort) {
+  if (port == m_service.port) {
     pass("The IPC port " + std::to_string(port) + " is the one this service uses");
+    return;
+  }
+  if (m_service.portFromCommandLine) {
+    // Binding the configuration's port would prove nothing: this service
+    // ignores it while its --port option stands.
+    warn("The IPC port " + std::to_string(port) + " is not used: this service listens on " +
+         std::to_string(m_service.port) + ", given by its --port option");
     return;
   }
   boost::asio::io_context io;

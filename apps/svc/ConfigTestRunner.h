@@ -26,12 +26,18 @@
 
 namespace qxsvc {
 
+// The port this service listens on, and whether its --port option chose it
+// (the configuration's port is then not used).
+struct ServicePort {
+  std::uint16_t port = 0;
+  bool portFromCommandLine = false;
+};
+
 class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
  public:
-  // cmd owns the runner; servicePort is the port this service listens on;
-  // workers, when given, runs the server checks and must outlive the
-  // server that dispatches the command.
-  ConfigTestRunner(Ipc::TestCfg& cmd, std::uint16_t servicePort, long httpTimeoutSecs,
+  // cmd owns the runner; workers, when given, runs the server checks and
+  // must outlive the server that dispatches the command.
+  ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, long httpTimeoutSecs,
                    WorkerPool* workers = nullptr);
   bool runStep() override;
   bool waiting() const override { return m_waiting; }
@@ -66,7 +72,7 @@ class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
   void checkBackup();
 
   Ipc::TestCfg& m_cmd;
-  std::uint16_t const m_servicePort;
+  ServicePort const m_service;
   long const m_httpTimeoutSecs;
   WorkerPool* const m_workers;
   Settings const m_settings;

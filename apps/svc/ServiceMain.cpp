@@ -152,7 +152,7 @@ int serve(Options const& opt) {
       processor);
   server.start();  // a port in use stops the start here, before anything moves
   pipeline.start();
-  processor->setServicePort(server.port());
+  processor->setServicePort(server.port(), opt.port >= 0);
   // Where clients that were not told find the service: there before the
   // line that says it serves.
   fs::path const runtimeFolder = opt.runtimeFolder.empty() ? qxapp::defaultRuntimeFolder() : fs::path(opt.runtimeFolder);

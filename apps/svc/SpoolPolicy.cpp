@@ -131,11 +131,15 @@ std::string checkLocation(fs::path const& folder) {
 }
 
 std::string checkFolders(Settings const& settings) {
-  std::vector<SpoolFolder> const folders = spoolFolders(settings);
-  for (SpoolFolder const& f : folders) {
+  for (SpoolFolder const& f : spoolFolders(settings)) {
     std::string const why = checkLocation(f.path);
     if (!why.empty()) return std::string("the ") + f.role + " folder " + why;
   }
+  return checkOverlap(settings);
+}
+
+std::string checkOverlap(Settings const& settings) {
+  std::vector<SpoolFolder> const folders = spoolFolders(settings);
   // The rejected folder lies inside the backup folder by design.
   for (std::size_t i = 0; i < 3; ++i) {
     for (std::size_t j = 0; j < 3; ++j) {

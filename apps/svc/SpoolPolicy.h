@@ -56,6 +56,10 @@ std::string checkLocation(boost::filesystem::path const& folder);
 // empty string. Touches nothing.
 std::string checkFolders(Settings const& settings);
 
+// Only that no two folders of settings are the same or inside one another
+// (links resolved as far as they exist): the first pair, or the empty string.
+std::string checkOverlap(Settings const& settings);
+
 // Rule 3: makes each folder that is missing (mode 0750, component by
 // component, without following links) and checks each. Returns the first
 // problem, naming the folder, or the empty string. Call after checkFolders.

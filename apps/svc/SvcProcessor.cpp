@@ -103,9 +103,9 @@ SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Pipeli
       m_started(static_cast<std::int64_t>(std::time(nullptr))),
       m_settings(qxapp::independentCopy(settings)) {}
 
-void SvcProcessor::setServicePort(std::uint16_t port) {
+void SvcProcessor::setServicePort(std::uint16_t port, bool fromCommandLine) {
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_servicePort = port;
+  m_service = {port, fromCommandLine};
 }
 
 Settings SvcProcessor::current() const {
@@ -249,12 +249,12 @@ bool SvcProcessor::ownMethod(std::string const& method, json::Object const& para
 }
 
 void SvcProcessor::visit(Ipc::TestCfg& cmd) {
-  std::uint16_t port;
+  ServicePort service;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    port = m_servicePort;
+    service = m_service;
   }
-  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, port, m_httpTimeoutSecs, &m_workers);
+  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, service, m_httpTimeoutSecs, &m_workers);
 }
 
 void SvcProcessor::visit(Ipc::FileDrop& cmd) {
@@ -275,7 +275,7 @@ void SvcProcessor::visit(Ipc::GetUploads& cmd) {
   service.setAt("started", json::Value(static_cast<json_int_t>(m_started)));
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    service.setAt("port", json::Value(static_cast<json_int_t>(m_servicePort)));
+    service.setAt("port", json::Value(static_cast<json_int_t>(m_service.port)));
   }
   service.setAt("config", json::Value(m_configFile.string()));
   cmd.payload.setAt("service", service);

@@ -14,6 +14,7 @@
 #ifndef QX_APPS_SVC_SVCPROCESSOR_H
 #define QX_APPS_SVC_SVCPROCESSOR_H
 
+#include "apps/svc/ConfigTestRunner.h"
 #include "apps/svc/WorkerPool.h"
 #include "apps/svc/upload/Pipeline.h"
 #include "ipc/IpcCmdsLite.h"
@@ -42,8 +43,9 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
   SvcProcessor(Settings const& settings, boost::filesystem::path configFile, Pipeline& pipeline,
                WorkerPool& workers, long httpTimeoutSecs);
 
-  // The port this service listens on, once it is known.
-  void setServicePort(std::uint16_t port);
+  // The port this service listens on, once it is known, and whether its
+  // --port option chose it instead of the configuration.
+  void setServicePort(std::uint16_t port, bool fromCommandLine);
   // The folder where dropped items go now.
   boost::filesystem::path incomingFolder() const;
 
@@ -71,7 +73,7 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
 
   mutable std::mutex m_mutex;
   Settings m_settings;              // guarded by m_mutex
-  std::uint16_t m_servicePort = 0;  // guarded by m_mutex
+  ServicePort m_service;  // guarded by m_mutex
   std::mutex m_saveMutex;           // one save at a time
 };
 
