@@ -903,6 +903,37 @@ TEST_F(AppsTest, TestConfigPrintsTheFailingChecksAndFails) {
   EXPECT_EQ("a file, not a folder", readFile(tmp / "plain"));
 }
 
+TEST_F(AppsTest, TestConfigNamesASystemLocationAsSuchAndAPortThatTheServiceDoesNotUse) {
+  writeConfig();
+  ASSERT_TRUE(startService());  // on a port of the system's choice, given by --port
+  HeldPort free;
+  free.release();
+  fs::path const file = tmp / "test.json";
+  fs::path const inEtc("/etc/qxlite-test-config-probe/in");
+  ASSERT_FALSE(fs::exists(inEtc.parent_path()));
+  writeFile(file, "{\"ReceiveFolder\":\"" + inEtc.string() + "\",\"SpoolFolder\":\"" + out.string() +
+                      "\",\"BackupFolder\":\"" + backup.string() + "\",\"IpcPort\":" + free.text() + "}");
+  Outcome const o = qx({"test-config", file.string()});
+  EXPECT_EQ(1, o.status);
+  EXPECT_EQ("qxlite: the configuration test found 1 error(s)\n", o.err);
+  // The folder's line says why; the overlap line speaks of overlap only.
+  EXPECT_EQ("+ The configuration's values are accepted\n"
+            "- The incoming folder \"" + inEtc.string() + "\" cannot be used\n"
+            "    -> \"" + inEtc.string() + "\": \"/etc\" is a system location\n"
+            "+ The outgoing folder \"" + out.string() + "\" exists and can be written\n"
+            "+ The backup folder \"" + backup.string() + "\" exists and can be written\n"
+            "+ The rejected folder \"" + rejected.string() + "\" exists and can be written\n"
+            "+ The spool folders are distinct\n"
+            "+ The extension lists hold texts only\n"
+            "* The IPC port " + free.text() + " can be used, but this service listens on " +
+                std::to_string(port) + ", given by its --port option\n"
+            "* No server address is set\n"
+            "* No SMTP server is set: no e-mail notices\n"
+            "* Backup is off\n",
+            o.out);
+  EXPECT_FALSE(fs::exists(inEtc.parent_path()));
+}
+
 TEST_F(AppsTest, TestConfigOfAMissingOrMalformedFile) {
   writeConfig();
   ASSERT_TRUE(startService());

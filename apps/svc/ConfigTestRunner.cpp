@@ -155,21 +155,22 @@ void ConfigTestRunner::checkPort() {
     pass("The IPC port " + std::to_string(port) + " is the one this service uses");
     return;
   }
-  if (m_service.portFromCommandLine) {
-    // Binding the configuration's port would prove nothing: this service
-    // ignores it while its --port option stands.
-    warn("The IPC port " + std::to_string(port) + " is not used: this service listens on " +
-         std::to_string(m_service.port) + ", given by its --port option");
-    return;
-  }
   boost::asio::io_context io;
   boost::asio::ip::tcp::acceptor acceptor(io);
   boost::system::error_code ec;
   boost::asio::ip::tcp::endpoint const ep(boost::asio::ip::make_address("127.0.0.1"), port);
   acceptor.open(ep.protocol(), ec);
   if (!ec) acceptor.bind(ep, ec);
-  if (ec) error("The IPC port " + std::to_string(port) + " cannot be used", ec.message());
-  else pass("The IPC port " + std::to_string(port) + " can be used");
+  if (ec) {
+    error("The IPC port " + std::to_string(port) + " cannot be used", ec.message());
+  } else if (m_service.portFromCommandLine) {
+    // Free, but not where this service listens: a client that goes by the
+    // configuration's port would not find it.
+    warn("The IPC port " + std::to_string(port) + " can be used, but this service listens on " +
+         std::to_string(m_service.port) + ", given by its --port option");
+  } else {
+    pass("The IPC port " + std::to_string(port) + " can be used");
+  }
 }
 
 void ConfigTestRunner::checkServers() {
