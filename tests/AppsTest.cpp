@@ -630,6 +630,56 @@ TEST_F(AppsTest, ConfigSaveTakesAFileIntoForce) {
   EXPECT_EQ("pdf", readFile(queued("a.pdf")));
 }
 
+TEST_F(AppsTest, ConfigSaveThatMovesTheSpoolCarriesTheQueuedJobsOverAndSaysSo) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  writeFile(tmp / "a.pdf", "first");
+  writeFile(tmp / "b.pdf", "second");
+  expectOutput({"drop", (tmp / "a.pdf").string()}, "dropped \"" + (tmp / "a.pdf").string() + "\": 1 file(s), 5 B\n");
+  expectOutput({"drop", (tmp / "b.pdf").string()}, "dropped \"" + (tmp / "b.pdf").string() + "\": 1 file(s), 6 B\n");
+  ASSERT_TRUE(waitFor([&] { return jobsListed().size() == 2; }));
+  std::string const jobA = queued("a.pdf").parent_path().filename().string();
+  std::string const jobB = queued("b.pdf").parent_path().filename().string();
+  // An item that another program left in the incoming folder while paused.
+  expectOutput({"pause"}, "Paused\n");
+  writeFile(in / "waiting.pdf", "wait");
+
+  fs::path const out2 = tmp / "spool2" / "out";
+  fs::path const in2 = tmp / "spool2" / "in";
+  fs::path const file = tmp / "moved.json";
+  writeFile(file, "{\"ReceiveFolder\":\"" + in2.string() + "\",\"SpoolFolder\":\"" + out2.string() +
+                      "\",\"BackupFolder\":\"" + backup.string() + "\"}");
+  expectOutput({"config", "save", file.string()}, "Configuration saved to \"" + cfgFile.string() + "\"\n");
+  // The jobs follow the outgoing folder, whole, and stay listed as they were
+  // (the incoming folder's line is the last the change writes).
+  ASSERT_TRUE(waitFor([&] { return service->err().find("wait in the former incoming folder") != std::string::npos; }))
+      << service->err();
+  EXPECT_EQ("first", readFile(out2 / jobA / "a.pdf"));
+  EXPECT_EQ("second", readFile(out2 / jobB / "b.pdf"));
+  EXPECT_TRUE(listing(out).empty());
+  EXPECT_EQ((std::vector<std::string>{"a.pdf queued 5", "b.pdf queued 6"}), jobsListed());
+  // The item of the former incoming folder stays where its program put it.
+  EXPECT_EQ("wait", readFile(in / "waiting.pdf"));
+  // The log says what changed, what moved and what waits where.
+  std::vector<std::string> const log = logLines(service->err());
+  auto const has = [&](std::string const& line) { return std::find(log.begin(), log.end(), line) != log.end(); };
+  EXPECT_TRUE(has("INFO:qxlite-svc Configuration saved to \"" + cfgFile.string() + "\": ReceiveFolder: \"" +
+                  in.string() + "\" \u2192 \"" + in2.string() + "\"; SpoolFolder: \"" + out.string() + "\" \u2192 \"" +
+                  out2.string() + "\""))
+      << service->err();
+  for (auto const& job : {std::make_pair(jobA, "a.pdf"), std::make_pair(jobB, "b.pdf")}) {
+    EXPECT_TRUE(has("INFO:qxlite-svc carried job " + job.first + " (" + job.second +
+                    ") over to the outgoing folder \"" + out2.string() + "\""))
+        << service->err();
+  }
+  EXPECT_TRUE(has("INFO:qxlite-svc the outgoing folder moved from \"" + out.string() + "\" to \"" + out2.string() +
+                  "\": 2 unfinished job(s) carried over"))
+      << service->err();
+  EXPECT_TRUE(has("WARNING:qxlite-svc 1 item(s) wait in the former incoming folder \"" + in.string() +
+                  "\", which the service no longer reads: move them into \"" + in2.string() + "\" to upload them"))
+      << service->err();
+}
+
 TEST_F(AppsTest, DropOfAFolderAndOfAFileBecomeJobsAndAreListed) {
   writeConfig();
   ASSERT_TRUE(startService());

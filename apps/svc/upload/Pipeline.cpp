@@ -120,7 +120,12 @@ class Pipeline::Impl {
   void wake();
   void startUp();
   void applySettings(Settings const& settings);
-  std::string openFolders(Settings const& settings);
+  // Opens the folders of settings and puts them in force; the folders that
+  // were in force go to *previous.
+  std::string openFolders(Settings const& settings, Folders* previous);
+  // Unfinished jobs follow the outgoing folder when it moves; items left in
+  // a former incoming folder are named in the log.
+  void carryOver(Folders const& previous, Settings const& settings);
   void reconcile();
   void scanIncoming();
   void scanOutgoingStrays();
@@ -223,7 +228,8 @@ void Pipeline::Impl::start() {
   // the loop.
   Settings const settings = currentSettings();
   if (m_journal) {
-    std::string const why = openFolders(settings);
+    Folders none;
+    std::string const why = openFolders(settings, &none);
     {
       std::lock_guard<std::mutex> lock(m_mutex);
       m_folderProblem = why;
@@ -462,7 +468,7 @@ void Pipeline::Impl::startUp() {
   m_orphans = std::thread([this] { cleanUpOrphans(); });
 }
 
-std::string Pipeline::Impl::openFolders(Settings const& settings) {
+std::string Pipeline::Impl::openFolders(Settings const& settings, Folders* previous) {
   struct Role {
     char const* name;
     fs::path const& path;
@@ -489,11 +495,80 @@ std::string Pipeline::Impl::openFolders(Settings const& settings) {
   }
   {
     std::lock_guard<std::mutex> moves(m_moveMutex);
+    *previous = std::move(m_folders);
     m_folders = std::move(next);
   }
   std::lock_guard<std::mutex> lock(m_mutex);
   m_watch = std::move(watch);
   return std::string();
+}
+
+namespace {
+
+// Whether two open folders are one (the same path, or two names of it).
+bool sameFolder(FolderFd const& a, FolderFd const& b) {
+  struct stat sa {}, sb {};
+  return a.valid() && b.valid() && ::fstat(a.get(), &sa) == 0 && ::fstat(b.get(), &sb) == 0 &&
+         sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
+}
+
+}  // namespace
+
+void Pipeline::Impl::carryOver(Folders const& previous, Settings const& settings) {
+  if (previous.outgoing.valid() && !sameFolder(previous.outgoing, m_folders.outgoing)) {
+    std::vector<std::string> names;
+    try {
+      names = entriesOf(previous.outgoing.get(), previous.outgoingPath);
+    } catch (std::exception const& e) {
+      logError(std::string("cannot carry the queued jobs over to the new outgoing folder: ") + e.what());
+    }
+    std::size_t moved = 0, kept = 0;
+    for (std::string const& id : names) {
+      if (!isJobId(id)) continue;
+      std::string title;
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto const job = m_jobs.find(id);
+        title = job == m_jobs.end() ? std::string("not in the journal") : job->second.row.title;
+      }
+      try {
+        std::lock_guard<std::mutex> moves(m_moveMutex);
+        moveTree(previous.outgoing.get(), id, m_folders.outgoing.get());
+        ++moved;
+        logInfo("carried job " + id + " (" + title + ") over to the outgoing folder \"" +
+                m_folders.outgoingPath.string() + "\"");
+      } catch (std::exception const& e) {
+        // The job stays whole where it was; the journal forgets it until it
+        // is moved by hand, and the next start takes it up again.
+        ++kept;
+        logError("job " + id + " (" + title + ") stays in the former outgoing folder \"" +
+                 previous.outgoingPath.string() + "\": " + e.what() +
+                 "; move it into the outgoing folder and restart the service to upload it");
+      }
+    }
+    if (moved + kept > 0) {
+      logInfo("the outgoing folder moved from \"" + previous.outgoingPath.string() + "\" to \"" +
+              m_folders.outgoingPath.string() + "\": " + std::to_string(moved) + " unfinished job(s) carried over" +
+              (kept > 0 ? ", " + std::to_string(kept) + " left behind" : std::string()));
+    }
+  }
+  if (previous.incoming.valid() && !sameFolder(previous.incoming, m_folders.incoming)) {
+    // Items there may still be written by the program that puts them there:
+    // they are not taken away, only named.
+    std::size_t waiting = 0;
+    try {
+      for (std::string const& name : entriesOf(previous.incoming.get(), previous.incomingPath)) {
+        if (!settings.isIgnoredExtension(fs::path(name))) ++waiting;
+      }
+    } catch (std::exception const&) {
+      // A former folder that cannot be read any more holds nothing to name.
+    }
+    if (waiting > 0) {
+      logWarning(std::to_string(waiting) + " item(s) wait in the former incoming folder \"" +
+                 previous.incomingPath.string() + "\", which the service no longer reads: move them into \"" +
+                 m_folders.incomingPath.string() + "\" to upload them");
+    }
+  }
 }
 
 void Pipeline::Impl::rebuildEngine(Settings const& settings) {
@@ -592,7 +667,8 @@ void Pipeline::Impl::rebuildEngine(Settings const& settings) {
 
 void Pipeline::Impl::applySettings(Settings const& settings) {
   if (m_orphans.joinable()) m_orphans.join();
-  std::string const why = openFolders(settings);
+  Folders previous;
+  std::string const why = openFolders(settings, &previous);
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     if (why != m_folderProblem) {
@@ -601,7 +677,8 @@ void Pipeline::Impl::applySettings(Settings const& settings) {
     }
   }
   if (!why.empty()) return;
-  rebuildEngine(settings);
+  rebuildEngine(settings);  // no transfer reads the former folders past this
+  carryOver(previous, settings);
   reconcile();
   {
     std::lock_guard<std::mutex> lock(m_mutex);
