@@ -1061,33 +1061,6 @@ TEST_F(AppsTest, CallToAServerThatDoesNotAnswer) {
 // ---------------------------------------------------------------------------
 // Bad input to the client
 
-TEST_F(AppsTest, ClientRefusesBadCommandLines) {
-  // None of these reaches a service: there is none.
-  port = 1;
-  struct Case {
-    std::vector<std::string> args;
-    std::string error;
-  };
-  std::vector<Case> const cases{
-      {{"bogus"}, "unknown sub-command \"bogus\" (see qxlite --help)"},
-      {{"config", "bogus"}, "unknown sub-command \"config bogus\" (see qxlite --help)"},
-      {{"config"}, "A subcommand is required (see qxlite --help)"},
-      {{"call"}, "METHOD is required (see qxlite --help)"},
-      {{"drop"}, "PATH is required (see qxlite --help)"},
-      {{"config", "set"}, "assignments is required (see qxlite --help)"},
-  };
-  for (Case const& c : cases) {
-    expectFailure(c.args, 2, c.error);
-  }
-  Outcome const none = run(kCli, {});
-  EXPECT_EQ(2, none.status);
-  EXPECT_EQ("qxlite: A subcommand is required (see qxlite --help)\n", none.err);
-  Outcome const badPort = run(kCli, {"--port", "70000", "status"});
-  EXPECT_EQ(2, badPort.status);
-  EXPECT_EQ(1u, splitLines(badPort.err).size()) << badPort.err;
-  EXPECT_EQ(0u, badPort.err.rfind("qxlite: --port: ", 0)) << badPort.err;
-}
-
 TEST_F(AppsTest, ClientFailsPlainlyWithoutAServiceOrToken) {
   writeConfig();
   ASSERT_TRUE(startService());
@@ -1157,7 +1130,8 @@ TEST_F(AppsTest, TheClientFindsTheServiceThroughItsRuntimeFile) {
   EXPECT_EQ("", gone.out);
   (void)stoppedPort;
 
-  // A runtime file that is not one is said so, and the defaults are tried.
+  // A runtime file that is not one: with --port or --token-file, the options
+  // are used.
   writeFile(runtime, "{\"pid\": \"x\"}");
   Outcome const odd = run(kCli, {"--runtime-dir", (tmp / "run").string(), "--token-file", (tmp / "none").string(),
                                  "status"});
@@ -1167,10 +1141,13 @@ TEST_F(AppsTest, TheClientFindsTheServiceThroughItsRuntimeFile) {
             odd.err);
   Outcome const oddOnly = run(kCli, {"--runtime-dir", (tmp / "run").string(), "--port", "1", "status"});
   EXPECT_EQ(0u, oddOnly.err.find("qxlite: the service is not running ("));
+  // A runtime folder the person named is the only place looked at: the
+  // defaults might find another service.
   Outcome const unreadable = run(kCli, {"--runtime-dir", (tmp / "run").string(), "status"});
-  EXPECT_EQ(0u, unreadable.err.find("qxlite: the runtime file \"" + runtime.string() +
-                                    "\" is not one: JSON error: Wrong type: string. Expected type: integer; trying the defaults\n"))
-      << unreadable.err;
+  EXPECT_EQ(1, unreadable.status);
+  EXPECT_EQ("qxlite: the runtime file \"" + runtime.string() +
+                "\" is not one: JSON error: Wrong type: string. Expected type: integer\n",
+            unreadable.err);
 }
 
 TEST_F(AppsTest, APersonsServiceWithoutAConfigurationKeepsItsFoldersInTheirDataFolder) {
@@ -1208,7 +1185,7 @@ TEST_F(AppsTest, ConfigSetAndSaveRefuseBadInput) {
   writeConfig();
   ASSERT_TRUE(startService());
   std::string const before = readFile(cfgFile);
-  expectFailure({"config", "set", "Foo=1"}, 1, "unknown configuration key \"Foo\"");
+  expectFailure({"config", "set", "Foo=1"}, 1, "unknown configuration key \"Foo\" (`qxlite config keys` lists them)");
   expectFailure({"config", "set", "AccountId"}, 1, "\"AccountId\" is not KEY=VALUE");
   expectFailure({"config", "set", "IpcPort=\"x\""}, 1,
                 "Configuration not saved: \"IpcPort\" must be an integer from 1 to 65535");
@@ -1531,42 +1508,138 @@ TEST_F(AppsTest, ADroppedNameWithLineFeedsIsLoggedAsOneEscapedLine) {
 // ---------------------------------------------------------------------------
 // What a person meets first: versions, command-line errors, the keys
 
-TEST_F(AppsTest, ProgramsAnswerVersionAndWrongCommandLinesInOneLine) {
-  port = 1;  // none of these reaches a service
-  struct Case {
+// Every message a person meets from the programs, with its exact text and
+// exit status: 0 done, 1 refused or failed (with why), 2 a wrong command
+// line, 3 the service is not running (with how to start it). In the texts,
+// {tmp} is the test's folder, {port} the service's port, {run} the runtime
+// folder of the service and {none} an empty one.
+TEST_F(AppsTest, EachMessageOfTheProgramsHasItsExactTextAndStatus) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  fs::create_directories(tmp / "empty-run");
+  ASSERT_EQ(0, ::mkfifo((tmp / "fifo.pdf").c_str(), 0644));
+  writeFile(tmp / "a.pdf", "a");
+  writeFile(tmp / "a.exe", "x");
+  fs::create_directories(tmp / "fold" / "sub");
+  writeFile(tmp / "fold" / "b.pdf", "b");
+  writeFile(tmp / "bad.json", "{\"IpcPort\": 5000,");
+  writeFile(tmp / "types.json", "{\"ReceiveFolder\": 5, \"ConcurrentUploads\": \"four\"}");
+  writeFile(tmp / "etc.json", "{\"SpoolFolder\": \"/etc\"}");
+  std::string const accepted = "csv, enm, js, json, ods, oxps, pdf, ps, qxw, tar, xls, xlsx, xml, xps, zip";
+  std::string const seeHelp = " (see qxlite --help)\n";
+  std::string const start = "): start it with `systemctl start qxlite-svc`\n";
+  enum class Via { service, runtimeFile, nothing };  // how the client finds its service
+  struct Row {
     char const* program;
+    Via via;
     std::vector<std::string> args;
     int status;
     std::string out;
     std::string err;
   };
-  std::vector<Case> const cases{
-      {kSvc, {"--version"}, 0, "qxlite-svc 7.0.1\n", ""},
-      {kSvc, {"--bogus"}, 2, "", "qxlite-svc: The following argument was not expected: --bogus (see qxlite-svc --help)\n"},
-      {kSvc, {"--port", "99999"}, 2, "", "qxlite-svc: --port: \"99999\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
-      {kSvc, {"--port", "abc"}, 2, "", "qxlite-svc: --port: \"abc\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
-      {kSvc, {"--port", "080"}, 2, "", "qxlite-svc: --port: \"080\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
-      {kSvc, {"--config"}, 2, "", "qxlite-svc: --config: 1 required TEXT missing (see qxlite-svc --help)\n"},
-      {kSvc, {"status"}, 2, "", "qxlite-svc: The following argument was not expected: status (see qxlite-svc --help)\n"},
-      {kCli, {"--version"}, 0, "qxlite 7.0.1\n", ""},
-      {kCli, {"--bogus", "status"}, 2, "", "qxlite: The following argument was not expected: --bogus (see qxlite --help)\n"},
-      {kCli, {"--port", "99999", "status"}, 2, "", "qxlite: --port: \"99999\" is not a port number from 1 to 65535 (see qxlite --help)\n"},
-      {kCli, {"--port", "abc", "status"}, 2, "", "qxlite: --port: \"abc\" is not a port number from 1 to 65535 (see qxlite --help)\n"},
-      {kCli, {"--port=0", "status"}, 2, "", "qxlite: --port: \"0\" is not a port number from 1 to 65535 (see qxlite --help)\n"},
-      {kCli, {"--token-file"}, 2, "", "qxlite: --token-file: 1 required TEXT missing (see qxlite --help)\n"},
-      {kCli, {"bogus"}, 2, "", "qxlite: unknown sub-command \"bogus\" (see qxlite --help)\n"},
-      {kCli, {"config", "get", "--bogus"}, 2, "", "qxlite: The following argument was not expected: --bogus (see qxlite --help)\n"},
-      {kCfg, {"--version"}, 0, "qxlite-cfg 7.0.1\n", ""},
-      {kCfg, {}, 2, "", "qxlite-cfg: expected one FILE (see qxlite-cfg --help)\n"},
-      {kCfg, {"--bogus"}, 2, "", "qxlite-cfg: unknown option \"--bogus\" (see qxlite-cfg --help)\n"},
+  std::vector<Row> const rows{
+      // Both programs: version and wrong command lines.
+      {kSvc, Via::nothing, {"--version"}, 0, "qxlite-svc 7.0.1\n", ""},
+      {kSvc, Via::nothing, {"--bogus"}, 2, "", "qxlite-svc: The following argument was not expected: --bogus (see qxlite-svc --help)\n"},
+      {kSvc, Via::nothing, {"--port", "99999"}, 2, "", "qxlite-svc: --port: \"99999\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
+      {kSvc, Via::nothing, {"--port", "abc"}, 2, "", "qxlite-svc: --port: \"abc\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
+      {kSvc, Via::nothing, {"--port", "080"}, 2, "", "qxlite-svc: --port: \"080\" is not a port number from 0 to 65535 (see qxlite-svc --help)\n"},
+      {kSvc, Via::nothing, {"--config"}, 2, "", "qxlite-svc: --config: 1 required TEXT missing (see qxlite-svc --help)\n"},
+      {kSvc, Via::nothing, {"status"}, 2, "", "qxlite-svc: The following argument was not expected: status (see qxlite-svc --help)\n"},
+      {kCli, Via::nothing, {"--version"}, 0, "qxlite 7.0.1\n", ""},
+      {kCli, Via::nothing, {}, 2, "", "qxlite: A subcommand is required" + seeHelp},
+      {kCli, Via::nothing, {"bogus"}, 2, "", "qxlite: unknown sub-command \"bogus\"" + seeHelp},
+      {kCli, Via::nothing, {"config", "bogus"}, 2, "", "qxlite: unknown sub-command \"config bogus\"" + seeHelp},
+      {kCli, Via::nothing, {"config"}, 2, "", "qxlite: A subcommand is required" + seeHelp},
+      {kCli, Via::nothing, {"config", "set"}, 2, "", "qxlite: assignments is required" + seeHelp},
+      {kCli, Via::nothing, {"config", "get", "--bogus"}, 2, "", "qxlite: The following argument was not expected: --bogus" + seeHelp},
+      {kCli, Via::nothing, {"call"}, 2, "", "qxlite: METHOD is required" + seeHelp},
+      {kCli, Via::nothing, {"drop"}, 2, "", "qxlite: PATH is required" + seeHelp},
+      {kCli, Via::nothing, {"--bogus", "status"}, 2, "", "qxlite: The following argument was not expected: --bogus" + seeHelp},
+      {kCli, Via::nothing, {"--port", "99999", "status"}, 2, "", "qxlite: --port: \"99999\" is not a port number from 1 to 65535" + seeHelp},
+      {kCli, Via::nothing, {"--port", "abc", "status"}, 2, "", "qxlite: --port: \"abc\" is not a port number from 1 to 65535" + seeHelp},
+      {kCli, Via::nothing, {"--port=0", "status"}, 2, "", "qxlite: --port: \"0\" is not a port number from 1 to 65535" + seeHelp},
+      {kCli, Via::nothing, {"--token-file"}, 2, "", "qxlite: --token-file: 1 required TEXT missing" + seeHelp},
+      {kCfg, Via::nothing, {"--version"}, 0, "qxlite-cfg 7.0.1\n", ""},
+      {kCfg, Via::nothing, {}, 2, "", "qxlite-cfg: expected one FILE (see qxlite-cfg --help)\n"},
+      {kCfg, Via::nothing, {"--bogus"}, 2, "", "qxlite-cfg: unknown option \"--bogus\" (see qxlite-cfg --help)\n"},
+      // The service refuses a configuration with the reason.
+      {kSvc, Via::nothing, {"--config", "{tmp}/bad.json"}, 2, "",
+       "qxlite-svc: \"{tmp}/bad.json\" is not a JSON object: JSON error: string or '}' expected near end of file at line 1, column 17\n"},
+      {kSvc, Via::nothing, {"--config", "{tmp}/types.json"}, 2, "",
+       "qxlite-svc: the configuration \"{tmp}/types.json\": \"ConcurrentUploads\" must be an integer from 1 to 1024\n"},
+      {kSvc, Via::nothing, {"--config", "{tmp}/etc.json"}, 2, "",
+       "qxlite-svc: the configuration \"{tmp}/etc.json\": the outgoing folder \"/etc\": \"/etc\" is a system location\n"},
+      // Mistakes on this machine, said before any service is looked for.
+      {kCli, Via::nothing, {"drop", "{tmp}/missing.pdf"}, 1, "",
+       "qxlite: \"{tmp}/missing.pdf\" does not exist\nqxlite: nothing was dropped: 1 problem(s)\n"},
+      {kCli, Via::nothing, {"drop", "{tmp}/fifo.pdf"}, 1, "",
+       "qxlite: \"{tmp}/fifo.pdf\" is not a file or a folder (a FIFO)\nqxlite: nothing was dropped: 1 problem(s)\n"},
+      {kCli, Via::nothing, {"drop", "{tmp}/fold"}, 1, "",
+       "qxlite: \"{tmp}/fold/sub\" is a sub-folder: only the files directly in a dropped folder are sent\n"
+       "qxlite: nothing was dropped: 1 problem(s)\n"},
+      {kCli, Via::nothing, {"config", "set", "Colour=blue"}, 1, "",
+       "qxlite: unknown configuration key \"Colour\" (`qxlite config keys` lists them)\n"},
+      {kCli, Via::nothing, {"config", "set", "AccountId"}, 1, "", "qxlite: \"AccountId\" is not KEY=VALUE\n"},
+      {kCli, Via::nothing, {"config", "save", "{tmp}/missing.json"}, 1, "", "qxlite: \"{tmp}/missing.json\" does not exist\n"},
+      {kCli, Via::nothing, {"test-config", "{tmp}/missing.json"}, 1, "", "qxlite: \"{tmp}/missing.json\" does not exist\n"},
+      {kCli, Via::nothing, {"config", "save", "{tmp}/bad.json"}, 1, "",
+       "qxlite: \"{tmp}/bad.json\" is not a JSON object: JSON error: string or '}' expected near end of file at line 1, column 17\n"},
+      {kCli, Via::nothing, {"call", "ping", "[1]"}, 1, "",
+       "qxlite: PARAMS-JSON is not a JSON object: JSON error: text is a JSON array, not an object\n"},
+      // No service where the client looks.
+      {kCli, Via::nothing, {"--runtime-dir", "{none}", "status"}, 3, "",
+       "qxlite: the service is not running (no runtime file at \"{none}/qxlite-svc.json\"" + start},
+      {kCli, Via::nothing, {"--runtime-dir", "{none}", "drop", "{tmp}/a.pdf"}, 3, "",
+       "qxlite: the service is not running (no runtime file at \"{none}/qxlite-svc.json\"" + start},
+      {kCli, Via::nothing, {"--port", "{port}", "--token-file", "{tmp}/none.token", "status"}, 3, "",
+       "qxlite: the service is not running (no token file at \"{tmp}/none.token\"" + start},
+      // What the service refuses, and why.
+      {kCli, Via::runtimeFile, {"drop", "{tmp}/a.exe"}, 1, "",
+       "qxlite: \"{tmp}/a.exe\": the service does not accept files of type \"exe\" (it accepts " + accepted + ")\n"
+       "qxlite: nothing was dropped: 1 problem(s)\n"},
+      {kCli, Via::service, {"drop", "{tmp}/a.exe", "{tmp}/a.pdf"}, 1, "",
+       "qxlite: \"{tmp}/a.exe\": the service does not accept files of type \"exe\" (it accepts " + accepted + ")\n"
+       "qxlite: nothing was dropped: 1 problem(s)\n"},
+      {kCli, Via::service, {"config", "set", "ConcurrentUploads=0"}, 1, "",
+       "qxlite: Configuration not saved: \"ConcurrentUploads\" must be an integer from 1 to 1024\n"},
+      {kCli, Via::service, {"config", "set", "IpcPort=5"}, 1, "",
+       "qxlite: Configuration not saved: the IPC port and address family of the service can only be changed in the "
+       "configuration file\n"},
+      {kCli, Via::service, {"config", "save", "{tmp}/types.json"}, 1, "",
+       "qxlite: Configuration not saved: \"ConcurrentUploads\" must be an integer from 1 to 1024\n"},
+      {kCli, Via::service, {"call", "ping", "{}"}, 1, "",
+       "qxlite: the server call failed: no server address is set in the configuration\n"},
+      {kCli, Via::service, {"cancel", "20260101T000000Z-0123abcd"}, 1, "",
+       "qxlite: there is no job \"20260101T000000Z-0123abcd\"\n"},
+      {kCli, Via::service, {"retry", "nojob"}, 1, "", "qxlite: there is no job \"nojob\"\n"},
+      // What it does.
+      {kCli, Via::runtimeFile, {"pause"}, 0, "Paused\n", ""},
+      {kCli, Via::runtimeFile, {"pause", "--discard"}, 0, "Paused; 0 waiting item(s) moved to the rejected folder\n", ""},
+      {kCli, Via::runtimeFile, {"resume"}, 0, "Resumed\n", ""},
+      {kCli, Via::service, {"drop", "{tmp}/a.pdf"}, 0, "dropped \"{tmp}/a.pdf\": 1 file(s), 1 B\n", ""},
   };
-  for (Case const& c : cases) {
-    std::string shown = c.program;
-    for (std::string const& a : c.args) shown += " " + a;
-    Outcome const o = run(c.program, c.args);
-    EXPECT_EQ(c.status, o.status) << shown;
-    EXPECT_EQ(c.out, o.out) << shown;
-    EXPECT_EQ(c.err, o.err) << shown;
+  auto const fill = [&](std::string text) {
+    std::vector<std::pair<std::string, std::string>> const values{{"{tmp}", tmp.path().string()},
+                                                                  {"{port}", std::to_string(port)},
+                                                                  {"{run}", (tmp / "run").string()},
+                                                                  {"{none}", (tmp / "empty-run").string()}};
+    for (auto const& v : values) {
+      for (std::string::size_type at; (at = text.find(v.first)) != std::string::npos;) text.replace(at, v.first.size(), v.second);
+    }
+    return text;
+  };
+  for (Row const& row : rows) {
+    std::vector<std::string> args;
+    if (row.via == Via::service) args = {"--port", std::to_string(port), "--token-file", tokenFile.string()};
+    if (row.via == Via::runtimeFile) args = {"--runtime-dir", (tmp / "run").string()};
+    for (std::string const& a : row.args) args.push_back(fill(a));
+    std::string shown = row.program;
+    for (std::string const& a : args) shown += " " + a;
+    Outcome const o = run(row.program, args);
+    EXPECT_EQ(row.status, o.status) << shown;
+    EXPECT_EQ(fill(row.out), o.out) << shown;
+    EXPECT_EQ(fill(row.err), o.err) << shown;
   }
 }
 

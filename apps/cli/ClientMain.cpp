@@ -71,6 +71,11 @@ void findService(Global& g, bool portGiven, bool tokenGiven) {
   if (folder.empty()) return;
   std::string why;
   std::optional<qxapp::RuntimeFacts> const facts = qxapp::readRuntimeFacts(folder, why);
+  if (!facts && !g.runtimeFolder.empty()) {
+    // The folder a person named: the defaults would find another service.
+    if (!why.empty()) throw Failure(why);
+    throw NotRunning("no runtime file at \"" + qxapp::runtimeFileIn(folder).string() + "\"");
+  }
   if (!why.empty()) std::cerr << "qxlite: " << why << "; trying the defaults\n";
   if (!facts) return;
   g.port = facts->port;
@@ -343,19 +348,28 @@ void cmdConfigKeys() {
   }
 }
 
-void cmdConfigSet(Session& s, std::vector<std::string> const& assignments) {
-  json::Object obj = fetchConfig(s)->payload;
+using Assignment = std::pair<std::string, json::Value>;
+
+// The KEY=VALUE words of `config set`, checked before the service is asked.
+std::vector<Assignment> parseAssignments(std::vector<std::string> const& assignments) {
+  std::vector<Assignment> result;
   for (std::string const& a : assignments) {
     std::string::size_type const eq = a.find('=');
     if (eq == std::string::npos || eq == 0) throw Failure("\"" + a + "\" is not KEY=VALUE");
     std::string const key = a.substr(0, eq);
-    if (!qxapp::configKeys().count(key)) throw Failure("unknown configuration key \"" + key + "\"");
-    obj.setAt(key.c_str(), parseValue(a.substr(eq + 1)));
+    if (!qxapp::configKeys().count(key)) {
+      throw Failure("unknown configuration key \"" + key + "\" (`qxlite config keys` lists them)");
+    }
+    result.emplace_back(key, parseValue(a.substr(eq + 1)));
   }
-  saveConfig(s, obj);
+  return result;
 }
 
-void cmdConfigSave(Session& s, std::string const& file) { saveConfig(s, readExistingConfig(file)); }
+void cmdConfigSet(Session& s, std::vector<Assignment> const& assignments) {
+  json::Object obj = fetchConfig(s)->payload;
+  for (Assignment const& a : assignments) obj.setAt(a.first.c_str(), a.second);
+  saveConfig(s, obj);
+}
 
 void cmdPauseResume(Session& s, bool pause, bool discard) {
   std::shared_ptr<Ipc::Resume> cmd =
@@ -493,8 +507,9 @@ class TestLinePrinter : public Ipc::CmdProcessorI {
   std::atomic<int> errors{0};
 };
 
-void cmdTestConfig(Session& s, std::string const& file) {
-  json::Object const obj = file.empty() ? fetchConfig(s)->payload : readExistingConfig(file);
+// fileConfig: the configuration to test, or null for the one in force.
+void cmdTestConfig(Session& s, json::Object const* fileConfig) {
+  json::Object const obj = fileConfig ? *fileConfig : fetchConfig(s)->payload;
   auto printer = std::make_shared<TestLinePrinter>();
   auto cmd = std::make_shared<Ipc::TestCfg>(printer);
   cmd->payload = obj;
@@ -502,15 +517,16 @@ void cmdTestConfig(Session& s, std::string const& file) {
   if (printer->errors > 0) throw Failure("the configuration test found " + std::to_string(printer->errors) + " error(s)");
 }
 
-void cmdCall(Session& s, std::string const& method, std::string const& paramsText) {
-  json::Object params;
-  if (!paramsText.empty()) {
-    try {
-      params = json::strToObject(paramsText.data(), paramsText.size());
-    } catch (json::Exc const& e) {
-      throw Failure("PARAMS-JSON is not a JSON object: " + std::string(e.what()));
-    }
+json::Object parseParams(std::string const& paramsText) {
+  if (paramsText.empty()) return json::Object();
+  try {
+    return json::strToObject(paramsText.data(), paramsText.size());
+  } catch (json::Exc const& e) {
+    throw Failure("PARAMS-JSON is not a JSON object: " + std::string(e.what()));
   }
+}
+
+void cmdCall(Session& s, std::string const& method, json::Object const& params) {
   auto cmd = std::make_shared<Ipc::ServerRequest>(nullptr, method, params, nullptr);
   s.run(cmd);
   json::Value const error = cmd->payload["error"];
@@ -722,22 +738,26 @@ int main(int argc, char** argv) {
     return 0;
   }
   try {
-    findService(g, portOption->count() > 0, tokenOption->count() > 0);
+    // Mistakes on this machine are said before the service is looked for.
     if (*drop) {
-      // Mistakes on this machine are said before the service is contacted.
       std::vector<std::string> const problems = qxcli::localDropProblems(paths);
       if (!problems.empty()) failWithProblems(problems);
     }
+    std::vector<Assignment> const sets = *configSet ? parseAssignments(assignments) : std::vector<Assignment>();
+    bool const withFile = *configSave || (*testConfig && !file.empty());
+    json::Object const fileConfig = withFile ? readExistingConfig(file) : json::Object();
+    json::Object const params = *call ? parseParams(paramsText) : json::Object();
+    findService(g, portOption->count() > 0, tokenOption->count() > 0);
     Session s(g);
     if (*status) cmdStatus(s, statusJson);
     else if (*configGet) cmdConfigGet(s, asJson, showSecrets);
-    else if (*configSet) cmdConfigSet(s, assignments);
-    else if (*configSave) cmdConfigSave(s, file);
+    else if (*configSet) cmdConfigSet(s, sets);
+    else if (*configSave) saveConfig(s, fileConfig);
     else if (*pause) cmdPauseResume(s, true, discard);
     else if (*resume) cmdPauseResume(s, false, false);
     else if (*drop) cmdDrop(s, paths);
-    else if (*testConfig) cmdTestConfig(s, file);
-    else if (*call) cmdCall(s, method, paramsText);
+    else if (*testConfig) cmdTestConfig(s, withFile ? &fileConfig : nullptr);
+    else if (*call) cmdCall(s, method, params);
     else if (*uploads) cmdUploads(s, asJson, watch);
     else if (*cancel) cmdJob(s, kCancelMethod, jobId, "cancelled");
     else if (*retry) cmdJob(s, kRetryMethod, jobId, "retrying");

@@ -233,6 +233,12 @@ int main(int argc, char** argv) {
     return 2;
   }
   g_LogVerbose = opt.verbose;
+  // Paths given relative to where the service was started: the runtime file
+  // hands them to clients that run elsewhere.
+  for (std::string* path : {&opt.configFile, &opt.tokenFile, &opt.logFile, &opt.runtimeFolder, &opt.stateFolder,
+                            &opt.credentialsFile}) {
+    if (!path->empty()) *path = fs::absolute(*path).lexically_normal().string();
+  }
   try {
     return serve(opt);
   } catch (std::exception const& e) {
