@@ -4,6 +4,7 @@
 #include "json/Json.h"
 
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -59,12 +60,33 @@ std::optional<std::string> readSmallFile(fs::path const& file) {
 
 }  // namespace
 
-fs::path defaultRuntimeFolder() {
-  if (::geteuid() == 0) return "/run/qxlite";
+namespace {
+
+fs::path const kSystemRuntimeFolder("/run/qxlite");
+
+fs::path personalRuntimeFolder() {
   char const* xdg = std::getenv("XDG_RUNTIME_DIR");
-  if (xdg && *xdg == '/') return fs::path(xdg) / "qxlite";
-  return fs::path();
+  return xdg && *xdg == '/' ? fs::path(xdg) / "qxlite" : fs::path();
 }
+
+}  // namespace
+
+fs::path serviceRuntimeFolder() {
+  if (char const* given = std::getenv("RUNTIME_DIRECTORY"); given && *given == '/') {
+    std::string const first(given, std::strcspn(given, ":"));
+    return first;
+  }
+  return ::geteuid() == 0 ? kSystemRuntimeFolder : personalRuntimeFolder();
+}
+
+std::vector<fs::path> clientRuntimeFolders() {
+  std::vector<fs::path> folders;
+  if (::geteuid() != 0 && !personalRuntimeFolder().empty()) folders.push_back(personalRuntimeFolder());
+  folders.push_back(kSystemRuntimeFolder);
+  return folders;
+}
+
+bool processRuns(long pid) { return pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM); }
 
 fs::path runtimeFileIn(fs::path const& folder) { return folder / "qxlite-svc.json"; }
 

@@ -2,8 +2,10 @@
 // clients that were not told (no --port, no --token-file).
 //
 // The service writes "qxlite-svc.json" into its runtime folder once it
-// serves ("/run/qxlite" as root, "$XDG_RUNTIME_DIR/qxlite" otherwise, or the
-// --runtime-dir of both programs), and removes it when it stops. The file
+// serves (the folder systemd made for it, $RUNTIME_DIRECTORY; else
+// "/run/qxlite" as root, "$XDG_RUNTIME_DIR/qxlite" otherwise; or the
+// --runtime-dir of both programs), and removes it when it stops. A client
+// looks in the person's own folder first, then in the system's. The file
 // holds no secret (mode 0644): the port, the process id, the version, the
 // configuration file, the token file (its path, never its bytes) and the
 // start time. It is replaced whole, so a reader sees one run's facts or
@@ -21,6 +23,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace qxapp {
 
@@ -33,9 +36,16 @@ struct RuntimeFacts {
   std::int64_t started = 0;  // unix seconds
 };
 
-// "/run/qxlite" as root; "$XDG_RUNTIME_DIR/qxlite" otherwise; empty when
-// there is no such folder to use.
-boost::filesystem::path defaultRuntimeFolder();
+// Where the service writes its file: $RUNTIME_DIRECTORY (its first folder)
+// when systemd gives one; else "/run/qxlite" as root,
+// "$XDG_RUNTIME_DIR/qxlite" otherwise; empty when there is no such folder.
+boost::filesystem::path serviceRuntimeFolder();
+// Where a client looks, in order: "$XDG_RUNTIME_DIR/qxlite" (not as root),
+// then "/run/qxlite".
+std::vector<boost::filesystem::path> clientRuntimeFolders();
+// Whether the process pid of a runtime file still runs (a killed service
+// leaves its file behind).
+bool processRuns(long pid);
 boost::filesystem::path runtimeFileIn(boost::filesystem::path const& folder);
 
 // Makes the folder (mode 0755) when missing and replaces the file. Throws

@@ -18,6 +18,7 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/filesystem/operations.hpp>
@@ -1112,20 +1113,20 @@ TEST_F(AppsTest, TheClientFindsTheServiceThroughItsRuntimeFile) {
   EXPECT_EQ("", found.err);
 
   // A clean stop takes the file away; a service killed leaves it, and the
-  // client then finds nobody there: not running, status 3.
+  // client sees that its process has ended: not running, status 3.
   std::uint16_t const stoppedPort = port;
   stopService();
   EXPECT_FALSE(fs::exists(runtime));
   ASSERT_TRUE(startService());
   ASSERT_TRUE(fs::exists(runtime));
-  std::uint16_t const killedPort = port;
+  long const killedPid = service->pid();
   service->signal(SIGKILL);
   ASSERT_TRUE(service->wait());
   EXPECT_TRUE(fs::exists(runtime));
   Outcome const gone = run(kCli, {"--runtime-dir", (tmp / "run").string(), "status"});
   EXPECT_EQ(3, gone.status);
-  EXPECT_EQ("qxlite: the service is not running (nothing answers at 127.0.0.1:" + std::to_string(killedPort) +
-                ": Connection refused): start it with `systemctl start qxlite-svc`\n",
+  EXPECT_EQ("qxlite: the service is not running (the runtime file \"" + runtime.string() + "\" names process " +
+                std::to_string(killedPid) + ", which has ended): start it with `systemctl start qxlite-svc`\n",
             gone.err);
   EXPECT_EQ("", gone.out);
   (void)stoppedPort;
@@ -1517,6 +1518,16 @@ TEST_F(AppsTest, EachMessageOfTheProgramsHasItsExactTextAndStatus) {
   writeConfig();
   ASSERT_TRUE(startService());
   fs::create_directories(tmp / "empty-run");
+  // The runtime file of a service that was killed: its process has ended.
+  pid_t const ended = ::fork();
+  ASSERT_GE(ended, 0);
+  if (ended == 0) ::_exit(0);
+  ASSERT_EQ(ended, ::waitpid(ended, nullptr, 0));
+  fs::create_directories(tmp / "stale-run");
+  writeFile(tmp / "stale-run" / "qxlite-svc.json",
+            "{\"pid\":" + std::to_string(ended) + ",\"port\":" + std::to_string(port) +
+                ",\"version\":\"7.0.1\",\"config\":\"" + cfgFile.string() + "\",\"tokenFile\":\"" +
+                tokenFile.string() + "\",\"started\":1}");
   ASSERT_EQ(0, ::mkfifo((tmp / "fifo.pdf").c_str(), 0644));
   writeFile(tmp / "a.pdf", "a");
   writeFile(tmp / "a.exe", "x");
@@ -1592,6 +1603,9 @@ TEST_F(AppsTest, EachMessageOfTheProgramsHasItsExactTextAndStatus) {
        "qxlite: the service is not running (no runtime file at \"{none}/qxlite-svc.json\"" + start},
       {kCli, Via::nothing, {"--runtime-dir", "{none}", "drop", "{tmp}/a.pdf"}, 3, "",
        "qxlite: the service is not running (no runtime file at \"{none}/qxlite-svc.json\"" + start},
+      {kCli, Via::nothing, {"--runtime-dir", "{tmp}/stale-run", "status"}, 3, "",
+       "qxlite: the service is not running (the runtime file \"{tmp}/stale-run/qxlite-svc.json\" names process {ended}, "
+       "which has ended" + start},
       {kCli, Via::nothing, {"--port", "{port}", "--token-file", "{tmp}/none.token", "status"}, 3, "",
        "qxlite: the service is not running (no token file at \"{tmp}/none.token\"" + start},
       // What the service refuses, and why.
@@ -1623,7 +1637,8 @@ TEST_F(AppsTest, EachMessageOfTheProgramsHasItsExactTextAndStatus) {
     std::vector<std::pair<std::string, std::string>> const values{{"{tmp}", tmp.path().string()},
                                                                   {"{port}", std::to_string(port)},
                                                                   {"{run}", (tmp / "run").string()},
-                                                                  {"{none}", (tmp / "empty-run").string()}};
+                                                                  {"{none}", (tmp / "empty-run").string()},
+                                                                  {"{ended}", std::to_string(ended)}};
     for (auto const& v : values) {
       for (std::string::size_type at; (at = text.find(v.first)) != std::string::npos;) text.replace(at, v.first.size(), v.second);
     }

@@ -4,11 +4,13 @@
 #include "tests/TestUtil.h"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 #include <vector>
 
@@ -120,3 +122,61 @@ TEST(RuntimeFile, AFolderThatCannotBeMadeIsNamed) {
 }
 
 }  // namespace
+
+// Sets an environment variable for the life of the object, and puts back
+// what was there.
+class ScopedEnv {
+ public:
+  ScopedEnv(char const* name, char const* value) : m_name(name) {
+    char const* old = std::getenv(name);
+    if (old) m_old = old;
+    m_had = old != nullptr;
+    if (value) ::setenv(name, value, 1);
+    else ::unsetenv(name);
+  }
+  ~ScopedEnv() {
+    if (m_had) ::setenv(m_name, m_old.c_str(), 1);
+    else ::unsetenv(m_name);
+  }
+  ScopedEnv(ScopedEnv const&) = delete;
+  ScopedEnv& operator=(ScopedEnv const&) = delete;
+
+ private:
+  char const* m_name;
+  std::string m_old;
+  bool m_had = false;
+};
+
+TEST(RuntimeFile, TheServiceWritesWhereSystemdSaysElseByWhoItIs) {
+  {
+    ScopedEnv const given("RUNTIME_DIRECTORY", "/run/qxlite-unit:/run/other");
+    EXPECT_EQ(fs::path("/run/qxlite-unit"), qxapp::serviceRuntimeFolder());
+  }
+  ScopedEnv const none("RUNTIME_DIRECTORY", nullptr);
+  ScopedEnv const xdg("XDG_RUNTIME_DIR", "/run/user/4321");
+  EXPECT_EQ(fs::path(::geteuid() == 0 ? "/run/qxlite" : "/run/user/4321/qxlite"), qxapp::serviceRuntimeFolder());
+  {
+    ScopedEnv const relative("RUNTIME_DIRECTORY", "run/qxlite");
+    EXPECT_EQ(fs::path(::geteuid() == 0 ? "/run/qxlite" : "/run/user/4321/qxlite"), qxapp::serviceRuntimeFolder());
+  }
+}
+
+TEST(RuntimeFile, AClientLooksInThePersonsFolderThenInTheSystems) {
+  ScopedEnv const xdg("XDG_RUNTIME_DIR", "/run/user/4321");
+  std::vector<fs::path> const expected = ::geteuid() == 0
+                                             ? std::vector<fs::path>{"/run/qxlite"}
+                                             : std::vector<fs::path>{"/run/user/4321/qxlite", "/run/qxlite"};
+  EXPECT_EQ(expected, qxapp::clientRuntimeFolders());
+}
+
+TEST(RuntimeFile, AProcessThatEndedNoLongerRuns) {
+  pid_t const child = ::fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) ::_exit(0);
+  int status = 0;
+  ASSERT_EQ(child, ::waitpid(child, &status, 0));
+  EXPECT_FALSE(qxapp::processRuns(child));
+  EXPECT_TRUE(qxapp::processRuns(::getpid()));
+  EXPECT_TRUE(qxapp::processRuns(1));  // another user's process runs too
+  EXPECT_FALSE(qxapp::processRuns(0));
+}

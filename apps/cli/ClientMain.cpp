@@ -58,28 +58,40 @@ struct Global {
   std::string host = "127.0.0.1";
   int port = IPC_DEFAULT_SVC_PORT;
   std::string tokenFile;
-  std::string runtimeFolder;  // empty: qxapp::defaultRuntimeFolder()
+  std::string runtimeFolder;  // empty: qxapp::clientRuntimeFolders()
   double timeoutSecs = 0;  // 0: the transport's own time-outs
   bool verbose = false;
 };
 
 // Without --port and --token-file, the service's runtime file says where it
-// is; without one, the defaults.
+// is: the first of the folders that names a running service. A folder the
+// person named is the only one looked at; without any file, the defaults.
 void findService(Global& g, bool portGiven, bool tokenGiven) {
   if (portGiven || tokenGiven) return;
-  fs::path const folder = g.runtimeFolder.empty() ? qxapp::defaultRuntimeFolder() : fs::path(g.runtimeFolder);
-  if (folder.empty()) return;
-  std::string why;
-  std::optional<qxapp::RuntimeFacts> const facts = qxapp::readRuntimeFacts(folder, why);
-  if (!facts && !g.runtimeFolder.empty()) {
-    // The folder a person named: the defaults would find another service.
-    if (!why.empty()) throw Failure(why);
-    throw NotRunning("no runtime file at \"" + qxapp::runtimeFileIn(folder).string() + "\"");
+  bool const named = !g.runtimeFolder.empty();
+  std::vector<fs::path> const folders = named ? std::vector<fs::path>{g.runtimeFolder} : qxapp::clientRuntimeFolders();
+  for (fs::path const& folder : folders) {
+    std::string why;
+    std::optional<qxapp::RuntimeFacts> const facts = qxapp::readRuntimeFacts(folder, why);
+    std::string const file = "\"" + qxapp::runtimeFileIn(folder).string() + "\"";
+    if (facts && !qxapp::processRuns(facts->pid)) {
+      // Left behind by a service that was killed.
+      std::string const stale = "the runtime file " + file + " names process " + std::to_string(facts->pid) +
+                                ", which has ended";
+      if (named) throw NotRunning(stale);
+      if (g.verbose) std::cerr << "qxlite: " << stale << "; looking further\n";
+      continue;
+    }
+    if (facts) {
+      g.port = facts->port;
+      g.tokenFile = facts->tokenFile;
+      return;
+    }
+    // The folder a person named: the defaults might find another service.
+    if (named && !why.empty()) throw Failure(why);
+    if (named) throw NotRunning("no runtime file at " + file);
+    if (!why.empty()) std::cerr << "qxlite: " << why << "; looking further\n";
   }
-  if (!why.empty()) std::cerr << "qxlite: " << why << "; trying the defaults\n";
-  if (!facts) return;
-  g.port = facts->port;
-  g.tokenFile = facts->tokenFile;
 }
 
 bool colourOn(int fd) { return ::isatty(fd) && std::getenv("NO_COLOR") == nullptr; }

@@ -155,7 +155,7 @@ int serve(Options const& opt) {
   processor->setServicePort(server.port(), opt.port >= 0);
   // Where clients that were not told find the service: there before the
   // line that says it serves.
-  fs::path const runtimeFolder = opt.runtimeFolder.empty() ? qxapp::defaultRuntimeFolder() : fs::path(opt.runtimeFolder);
+  fs::path const runtimeFolder = opt.runtimeFolder.empty() ? qxapp::serviceRuntimeFolder() : fs::path(opt.runtimeFolder);
   if (!runtimeFolder.empty()) {
     try {
       qxapp::RuntimeFacts facts;
