@@ -8,8 +8,9 @@
 # that what they made is gone while the dropped document stays.
 #
 # It installs system-wide: it needs root, runs alone (RUN_SERIAL), refuses a
-# machine that already has the packages, the user qxlite or its folders, and
-# leaves the machine as it found it, also when it fails.
+# machine that already has the packages or the user qxlite, sets the
+# service's folders aside when they exist, and leaves the machine as it
+# found it, also when it fails.
 #   DebPackageTest.sh BUILD_DIR
 set -euo pipefail
 build=$1
@@ -47,10 +48,13 @@ for p in "${packages[@]}"; do
 done
 ! getent passwd qxlite >/dev/null || fail "the user qxlite exists already; the test would remove it"
 ! getent group qxlite >/dev/null || fail "the group qxlite exists already; the test would remove it"
-for f in "${made[@]}"; do
-  [ ! -e "$f" ] || fail "$f exists already; the test would remove it"
-done
 [ -n "$version" ] || fail "no package version in $build"
+# Folders of an earlier installation by hand (or a service once run as root
+# with the defaults) are set aside whole and put back at the end.
+set_aside=()
+for f in "${made[@]}"; do
+  [ ! -e "$f.before-DebPackage" ] || fail "$f.before-DebPackage exists: left by a test run that was killed; put it back as $f"
+done
 
 work=$(mktemp -d)
 # apt-get reads local packages as its own unprivileged user.
@@ -73,14 +77,23 @@ cleanup() {
     DEBIAN_FRONTEND=noninteractive apt-get purge -y -qq "${left[@]}" >/dev/null 2>&1 ||
       dpkg --purge "${left[@]}" >/dev/null 2>&1
   fi
-  # None of these existed before the test (checked above).
+  # What was there before the test was set aside; the rest is the test's.
   rm -rf "${made[@]}"
+  for f in "${set_aside[@]}"; do
+    mv "$f.before-DebPackage" "$f"
+  done
   getent passwd qxlite >/dev/null && userdel qxlite
   getent group qxlite >/dev/null && groupdel qxlite
   rm -rf "$work"
   exit $status
 }
 trap cleanup EXIT
+for f in "${made[@]}"; do
+  if [ -e "$f" ]; then
+    mv "$f" "$f.before-DebPackage"
+    set_aside+=("$f")
+  fi
+done
 
 # Packages.
 cpack -G DEB --config "$build/CPackConfig.cmake" -B "$work/cpack" >"$work/cpack.log" 2>&1 ||
@@ -176,7 +189,7 @@ for gone in /etc/QXLite /var/lib/qxlite "$spool/in" "$spool/backup" "$unit" /usr
   [ ! -e "$gone" ] && [ ! -L "$gone" ] || fail "$gone is still there after the purge"
 done
 cmp "$work/scan.pdf" "$spool/out/$job/scan.pdf" || fail "the purge took the document that was not uploaded"
-grep -qxF "qxlite: $spool/out still holds files; kept (remove it yourself once they are not needed)" "$work/purge.log" ||
+grep -qF "qxlite: kept $spool/out: it is not empty (documents not uploaded yet, or their backups); remove it once they are not needed" "$work/purge.log" ||
   { cat "$work/purge.log" >&2; fail "the purge does not say that $spool/out was kept"; }
 
 echo "installed, ran, dropped and purged in $((SECONDS - started)) s"
