@@ -116,14 +116,26 @@ echo "lintian: $(grep -c '^E:' "$work/lintian.txt" || true) errors, $(grep -c '^
 DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${debs[@]}" >"$work/install.log" 2>&1 ||
   { cat "$work/install.log" >&2; fail "apt-get install"; }
 
-IFS=: read -r _ _ uid gid _ home shell < <(getent passwd qxlite) || fail "no user qxlite"
-[ "$uid" -lt 1000 ] || fail "qxlite is not a system user (uid $uid)"
-expect "qxlite's primary group" "qxlite" "$(getent group "$gid" | cut -d: -f1)"
-expect "qxlite's home" "/var/lib/qxlite" "$home"
-expect "qxlite's shell" "/usr/sbin/nologin" "$shell"
-for folder in /etc/QXLite /var/lib/qxlite "$spool" "$spool/in" "$spool/out" "$spool/backup" "$spool/backup/.rejected"; do
-  expect "owner and mode of $folder" "qxlite:qxlite 750" "$(stat -c '%U:%G %a' "$folder" 2>&1)"
-done
+# What postinst made; it makes the same when it runs again (a reinstall), and
+# keeps what is there.
+check_setup() {
+  IFS=: read -r _ _ uid gid _ home shell < <(getent passwd qxlite) || fail "no user qxlite"
+  [ "$uid" -lt 1000 ] || fail "qxlite is not a system user (uid $uid)"
+  expect "qxlite's primary group" "qxlite" "$(getent group "$gid" | cut -d: -f1)"
+  expect "qxlite's home" "/var/lib/qxlite" "$home"
+  expect "qxlite's shell" "/usr/sbin/nologin" "$shell"
+  for folder in /etc/QXLite /var/lib/qxlite "$spool" "$spool/in" "$spool/out" "$spool/backup" "$spool/backup/.rejected"; do
+    expect "owner and mode of $folder" "qxlite:qxlite 750" "$(stat -c '%U:%G %a' "$folder" 2>&1)"
+  done
+  expect "the configuration that the package made" "{}" "$(cat /etc/QXLite/config.json)"
+  expect "owner and mode of /etc/QXLite/config.json" "qxlite:qxlite 600" "$(stat -c '%U:%G %a' /etc/QXLite/config.json)"
+}
+check_setup
+first_uid=$uid
+/var/lib/dpkg/info/qxlite.postinst configure "$version" >"$work/postinst-again.log" 2>&1 ||
+  { cat "$work/postinst-again.log" >&2; fail "postinst configure, run again"; }
+check_setup
+expect "qxlite's uid after postinst ran again" "$first_uid" "$uid"
 expect "qxlite --version" "qxlite $version" "$(qxlite --version)"
 expect "qxlite-svc --version" "qxlite-svc $version" "$(qxlite-svc --version)"
 expect "qxlite-cfg --version" "qxlite-cfg $version" "$(qxlite-cfg --version)"
@@ -139,18 +151,21 @@ expect "the unit's program" "/usr/bin/qxlite-svc" "${exec_start[0]}"
 user=$(unit_value User)
 group=$(unit_value Group)
 umask_value=$(unit_value UMask)
-# The administrator's configuration: the port, an OS-chosen free one.
+# The administrator's configuration: the port, an OS-chosen free one. The
+# rest stays the defaults, as in the file that the package made.
 port=$(perl -MIO::Socket::INET -e 'print IO::Socket::INET->new(Listen => 1, LocalAddr => "127.0.0.1:0")->sockport')
 printf '{"IpcPort": %s}\n' "$port" >"$work/config.json"
 install -o qxlite -g qxlite -m 0600 "$work/config.json" /etc/QXLite/config.json
 (
   umask "$umask_value"
   cd /
-  exec env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
+  # The environment that systemd gives a service with User=.
+  exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 \
+    HOME="$home" USER="$user" LOGNAME="$user" SHELL="$shell" \
     setpriv --reuid="$user" --regid="$group" --init-groups -- "${exec_start[@]}"
 ) 2>"$work/svc.log" &
 svc_pid=$!
-wait_for_line "$work/svc.log" "serving on 127.0.0.1:$port" 20
+wait_for_line "$work/svc.log" "serving on 127.0.0.1:$port with configuration \"/etc/QXLite/config.json\", token file \"/etc/QXLite/ipc.token\", incoming folder \"$spool/in\"" 20
 expect "the service's user" "qxlite" "$(ps -o user= -p "$svc_pid")"
 expect "owner and mode of the token file" "qxlite:qxlite 640" "$(stat -c '%U:%G %a' /etc/QXLite/ipc.token)"
 
