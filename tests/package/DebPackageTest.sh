@@ -33,9 +33,9 @@ known_to_dpkg() {
   state=$(dpkg-query -W -f='${db:Status-Status}' "$1" 2>/dev/null) || return 1
   [ -n "$state" ] && [ "$state" != "not-installed" ]
 }
-wait_for_line() {  # FILE PATTERN SECONDS
+wait_for_line() {  # FILE TEXT SECONDS
   local deadline=$((SECONDS + $3))
-  until grep -q -- "$2" "$1"; do
+  until grep -qF -- "$2" "$1"; do
     [ $SECONDS -lt $deadline ] || { cat "$1" >&2; fail "no line \"$2\" in $1 within $3 s"; }
     kill -0 "$svc_pid" 2>/dev/null || { cat "$1" >&2; fail "the service ended before \"$2\""; }
     sleep 0.1
@@ -88,6 +88,9 @@ cleanup() {
   exit $status
 }
 trap cleanup EXIT
+# A stop from outside (ctest's time limit, ^C) cleans up too.
+trap 'exit 143' TERM
+trap 'exit 130' INT
 for f in "${made[@]}"; do
   if [ -e "$f" ]; then
     mv "$f" "$f.before-DebPackage"
@@ -173,17 +176,25 @@ expect "owner and mode of the token file" "qxlite:qxlite 640" "$(stat -c '%U:%G 
 # token file where the service keeps it).
 head -c 12345 /dev/urandom >"$work/scan.pdf"
 qxlite --port "$port" drop "$work/scan.pdf" >"$work/drop.txt" 2>&1 || { cat "$work/drop.txt" >&2; fail "qxlite drop"; }
+expect "what qxlite drop says" "dropped \"$work/scan.pdf\": 1 file(s), 12.1 KiB" "$(cat "$work/drop.txt")"
 wait_for_line "$work/svc.log" 'queued "scan.pdf" as job ' 20
 job=$(sed -n 's/.*queued "scan.pdf" as job \([0-9TZ]*-[0-9a-f]*\).*/\1/p' "$work/svc.log")
 [ -n "$job" ] || fail "no job id in: $(grep 'queued "scan.pdf"' "$work/svc.log")"
 cmp "$work/scan.pdf" "$spool/out/$job/scan.pdf" || fail "the job's file differs from the dropped one"
 expect "owner of the job's file" "qxlite:qxlite" "$(stat -c '%U:%G' "$spool/out/$job/scan.pdf")"
 expect "owner of the journal" "qxlite:qxlite" "$(stat -c '%U:%G' /var/lib/qxlite/journal.db)"
-qxlite --port "$port" uploads --json >"$work/uploads.json" || fail "qxlite uploads"
-grep -q "\"id\": *\"$job\"" "$work/uploads.json" || { cat "$work/uploads.json" >&2; fail "qxlite uploads does not list job $job"; }
+# No upload server is set: the job waits, and both commands say why.
+qxlite --port "$port" uploads >"$work/uploads.txt" || fail "qxlite uploads"
+for line in "$job queued      12.1 KiB    0%     0           scan.pdf" \
+            "1 queued, 0 uploading, 0 done, 0 failed, 0 rejected, 0 cancelled; 0 B/s" \
+            'held: no server address is set ("InetServer")'; do
+  grep -qxF "$line" "$work/uploads.txt" || { cat "$work/uploads.txt" >&2; fail "qxlite uploads does not say: $line"; }
+done
 qxlite --port "$port" status >"$work/status.txt" || fail "qxlite status"
-grep -qF 'no server address is set ("InetServer")' "$work/status.txt" ||
-  { cat "$work/status.txt" >&2; fail "qxlite status does not say why the queue is held"; }
+for line in "uploads: 1 queued, 0 uploading, 0 done, 0 failed, 0 rejected, 0 cancelled" \
+            'uploads held: no server address is set ("InetServer")'; do
+  grep -qxF "$line" "$work/status.txt" || { cat "$work/status.txt" >&2; fail "qxlite status does not say: $line"; }
+done
 
 kill -TERM "$svc_pid"
 svc_status=0
