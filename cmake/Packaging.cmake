@@ -28,12 +28,13 @@ set(QX_DEB_COMPONENTS libs dev)
 if(QX_BUILD_APPS)
   list(APPEND QX_DEB_COMPONENTS qxlite)
 endif()
-set(QX_DEB_PACKAGE_libs libqxlitecommon7)
-set(QX_DEB_PACKAGE_dev libqxlitecommon-dev)
-set(QX_DEB_PACKAGE_qxlite qxlite)
+set(CPACK_DEBIAN_LIBS_PACKAGE_NAME libqxlitecommon7)
+set(CPACK_DEBIAN_DEV_PACKAGE_NAME libqxlitecommon-dev)
+set(CPACK_DEBIAN_QXLITE_PACKAGE_NAME qxlite)
 foreach(component IN LISTS QX_DEB_COMPONENTS)
+  string(TOUPPER ${component} upper)
   install(FILES ${QX_DEB_SOURCE_DIR}/copyright ${QX_DEB_CHANGELOG_GZ}
-          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${QX_DEB_PACKAGE_${component}}
+          DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}
           COMPONENT ${component})
 endforeach()
 
@@ -59,7 +60,6 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(qx_exact "(= ${PROJECT_VERSION})")
 
-set(CPACK_DEBIAN_LIBS_PACKAGE_NAME libqxlitecommon7)
 set(CPACK_DEBIAN_LIBS_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_LIBS_PACKAGE_CONTROL_EXTRA ${QX_DEB_SOURCE_DIR}/triggers)
 set(CPACK_COMPONENT_LIBS_DESCRIPTION
@@ -69,7 +69,6 @@ the command frame and its TCP transport with a secret-token handshake) and
 libQXLiteCommon (the configuration record and the nine IPC commands between
 the user interface and the upload service).")
 
-set(CPACK_DEBIAN_DEV_PACKAGE_NAME libqxlitecommon-dev)
 set(CPACK_DEBIAN_DEV_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEV_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEV_PACKAGE_DEPENDS
@@ -80,7 +79,6 @@ The headers of libQXShared and libQXLiteCommon, their CMake package
 (find_package(QXLiteCommon CONFIG): QX::Shared, QX::LiteCommon) and the
 pkg-config file qxlitecommon.pc.")
 
-set(CPACK_DEBIAN_QXLITE_PACKAGE_NAME qxlite)
 set(CPACK_DEBIAN_QXLITE_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_QXLITE_PACKAGE_DEPENDS "libqxlitecommon7 ${qx_exact}, adduser")
 set(CPACK_DEBIAN_QXLITE_PACKAGE_CONTROL_EXTRA
