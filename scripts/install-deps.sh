@@ -10,6 +10,9 @@ packages=(
   libcli11-dev libcurl4-openssl-dev libssl-dev
   systemd libclang-rt-14-dev
   libzip-dev libsqlite3-dev
+  # The Debian packages: built by CPack (dpkg-shlibdeps, file), checked with
+  # lintian; their test runs the service with ps and adduser at hand.
+  dpkg-dev file lintian adduser procps
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
 )

@@ -22,6 +22,11 @@ bash "$root/scripts/install-deps.sh"
 
 build="$root/build"
 extra=()
+# The plain build also tests the Debian packages (installed system-wide and
+# purged again); the sanitizer and clang builds do not.
+package_test=ON
+[ -z "$sanitize" ] && [ -z "$clang" ] || package_test=OFF
+extra+=(-DQX_PACKAGE_TEST=$package_test)
 if [ -n "$sanitize" ]; then
   build="$root/build-${sanitize//,/-}"
   # Benchmarks measure the plain build only.
