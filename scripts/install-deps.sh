@@ -10,8 +10,9 @@ packages=(
   libcli11-dev libcurl4-openssl-dev libssl-dev
   systemd libclang-rt-14-dev
   libzip-dev libsqlite3-dev
-  # The manual pages: scdoc builds them, man renders them in their test.
-  scdoc man-db groff-base
+  # The manual pages (scdoc builds them, man renders them in their test) and
+  # the folder of the bash completions (bash-completion's pkg-config file).
+  scdoc man-db groff-base bash-completion
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
 )
