@@ -13,6 +13,9 @@ packages=(
   # The Debian packages: built by CPack (dpkg-shlibdeps, file), checked with
   # lintian; their test runs the service with ps and adduser at hand.
   dpkg-dev file lintian adduser procps
+  # The manual pages (scdoc builds them, man renders them in their test) and
+  # the folder of the bash completions (bash-completion's pkg-config file).
+  scdoc man-db groff-base bash-completion
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
 )

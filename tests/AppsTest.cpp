@@ -1689,6 +1689,17 @@ TEST_F(AppsTest, ConfigKeysListsEveryKeyWithTypeMeaningAndDefault) {
   }
 }
 
+TEST_F(AppsTest, ConfigKeysNamesListsOnlyTheNamesInTheTablesOrder) {
+  port = 1;  // the list needs no service
+  Outcome const o = qx({"config", "keys", "--names"});
+  EXPECT_EQ(0, o.status) << o.err;
+  EXPECT_EQ("", o.err);
+  std::string expected;
+  for (qxapp::ConfigKey const& k : qxapp::configKeyTable()) expected += std::string(k.name) + "\n";
+  EXPECT_EQ(expected, o.out);
+  EXPECT_EQ(0u, o.out.rfind("AccountId\nSpoolerId\nKeyId\n", 0)) << o.out;
+}
+
 TEST_F(AppsTest, ConfigGetMasksThePasswordsUnlessAskedToShowThem) {
   writeConfig(",\"InetUseProxy\":true,\"InetProxy\":\"127.0.0.1:3128\",\"InetProxyUser\":\"pu\","
               "\"InetProxyPassword\":\"proxy-secret\",\"EmailSmtpUrl\":\"smtp://127.0.0.1:25\","

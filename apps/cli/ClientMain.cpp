@@ -351,8 +351,13 @@ void cmdConfigGet(Session& s, bool asJson, bool showSecrets) {
   }
 }
 
-// Every key the configuration file takes, with its type, default and meaning.
-void cmdConfigKeys() {
+// Every key the configuration file takes, with its type, default and meaning;
+// with namesOnly one name a line, for scripts and the shell's completion.
+void cmdConfigKeys(bool namesOnly) {
+  if (namesOnly) {
+    for (qxapp::ConfigKey const& k : qxapp::configKeyTable()) std::printf("%s\n", k.name);
+    return;
+  }
   std::printf("%-*s%-15s%s\n", kKeyColumn, "KEY", "TYPE", "MEANING (DEFAULT)");
   for (qxapp::ConfigKey const& k : qxapp::configKeyTable()) {
     std::string const fallback = *k.defaultValue ? std::string(" (default: ") + k.defaultValue + ")" : std::string();
@@ -687,6 +692,8 @@ int main(int argc, char** argv) {
   bool showSecrets = false;
   configGet->add_flag("--show-secrets", showSecrets, "Show the passwords instead of ***");
   auto* configKeys = config->add_subcommand("keys", "List the configuration keys: type, meaning, default");
+  bool keyNamesOnly = false;
+  configKeys->add_flag("--names", keyNamesOnly, "Only the keys' names, one a line");
   std::vector<std::string> assignments;
   auto* configSet = config->add_subcommand("set", "Change keys: fetch, change, save");
   configSet->add_option("assignments", assignments, "KEY=VALUE (VALUE as JSON, or text)")->required();
@@ -746,7 +753,7 @@ int main(int argc, char** argv) {
   }
   g_LogVerbose = g.verbose;
   if (*configKeys) {
-    cmdConfigKeys();  // needs no service
+    cmdConfigKeys(keyNamesOnly);  // needs no service
     return 0;
   }
   try {
