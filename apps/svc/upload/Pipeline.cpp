@@ -145,6 +145,9 @@ class Pipeline::Impl {
   std::shared_ptr<UploadEngine> engine() const;
   void rebuildEngine(Settings const& settings);
   bool hashItem(int jobDir, ItemRow& item);
+  // Calls the heartbeat when it asked to be called again (at once the first
+  // time): at every round of the loop and between the blocks of a long hash.
+  void beat();
 
   PipelineOptions const m_options;
   // Set by start() under m_moveMutex, constant afterwards; null when none
@@ -202,6 +205,7 @@ class Pipeline::Impl {
   SteadyClock::time_point m_nextSweep{};
   std::mt19937 m_jitter{std::random_device{}()};
   std::atomic<bool> m_cleanedUp{false};  // the start's clean-up of multipart uploads ran
+  SteadyClock::time_point m_nextBeat{};   // when the heartbeat wants to be called next
   std::thread m_orphans;
 
   std::thread m_thread;  // the loop, from start()
@@ -383,8 +387,13 @@ std::string Pipeline::Impl::retry(std::string const& jobId) {
 // ---------------------------------------------------------------------------
 // The loop.
 
+void Pipeline::Impl::beat() {
+  if (!m_options.heartbeat || SteadyClock::now() < m_nextBeat) return;
+  m_nextBeat = m_options.heartbeat(activity());
+}
+
 void Pipeline::Impl::run() {
-  if (m_options.heartbeat) m_options.heartbeat(activity());
+  beat();
   startUp();
   {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -436,7 +445,10 @@ void Pipeline::Impl::run() {
     // Sleep until something happens, the next retry is due, the next
     // rescan (sooner while entries settle), or the heartbeat's next word.
     SteadyClock::time_point until = std::min(m_nextRescan, m_nextSweep);
-    if (m_options.heartbeat) until = std::min(until, m_options.heartbeat(activity()));
+    if (m_options.heartbeat) {
+      m_nextBeat = m_options.heartbeat(activity());
+      until = std::min(until, m_nextBeat);
+    }
     std::shared_ptr<FolderWatch> watch;
     {
       std::lock_guard<std::mutex> lock(m_mutex);
@@ -857,7 +869,7 @@ bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
   if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   item.size = static_cast<std::uint64_t>(st.st_size);
   item.mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-  item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"");
+  item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"", [this] { beat(); });
   return true;
 }
 
@@ -899,7 +911,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
       if (::fstatat(jobDir.get(), archive.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) {
         ::unlinkat(jobDir.get(), archive.c_str(), 0);
       }
-      Packed const packed = pack(settings, jobDir.get(), files, archive);
+      Packed const packed = pack(settings, jobDir.get(), files, archive, [this] { beat(); });
       if (!packed.archive.empty()) {
         items = packed.apart;
         items.insert(items.begin(), packed.archive);

@@ -55,8 +55,9 @@ struct PipelineOptions {
   std::chrono::milliseconds holdProbe{30000};   // a held queue tries again after this
   std::chrono::milliseconds sweepInterval{3600000};
   EngineOptions engine;  // maxTransfers and the trace flags come from the settings
-  // Called on the loop's own thread, with no lock held, after every round
-  // of the loop with what the pipeline does (activity()); returns when it
+  // Called on the loop's own thread, with no lock of the pipeline's held,
+  // after every round of the loop and, once due, between the blocks of a
+  // long hash, with what the pipeline does (activity()); returns when it
   // wants to be called again at the latest. A loop that is stuck stops
   // calling it, which is what a watchdog needs to see. Empty: not called.
   std::function<std::chrono::steady_clock::time_point(std::string const& activity)> heartbeat;
