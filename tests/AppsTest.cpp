@@ -1693,20 +1693,6 @@ TEST_F(AppsTest, ServiceIsReadyOnlyOnceItServesAndTellsWhatItDoesUntilItStops) {
   EXPECT_EQ(texts.end(), std::find(texts.begin(), texts.end(), "WATCHDOG=1"));
 }
 
-TEST_F(AppsTest, WithoutANotifySocketNothingIsSent) {
-  writeConfig();
-  // A socket that the service is not told of stays empty.
-  qxtest::NotifySocket notify(tmp / "notify.sock");
-  {
-    qxtest::ScopedEnv const env("WATCHDOG_USEC", "200000");
-    ASSERT_TRUE(startService());
-  }
-  expectOutput({"pause"}, "Paused\n");
-  std::this_thread::sleep_for(std::chrono::milliseconds(500));
-  stopService();
-  EXPECT_EQ(std::vector<std::string>(), notify.texts());
-}
-
 TEST_F(AppsTest, WatchdogPingsComeAtHalfTheIntervalAskedFor) {
   writeConfig();
   qxtest::NotifySocket notify(tmp / "notify.sock");

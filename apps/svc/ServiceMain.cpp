@@ -28,6 +28,7 @@
 #include "shared/SecretToken.h"
 
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -35,7 +36,6 @@
 
 #include <cstdlib>
 #include <ctime>
-#include <time.h>
 #include <iostream>
 
 namespace fs = boost::filesystem;
