@@ -5,7 +5,9 @@
 // for the upload server. Every outcome is checked exactly: output lines, exit
 // status, files on disk.
 #include "apps/ConfigFile.h"
+#include "tests/NotifySocket.h"
 #include "tests/ProcessHarness.h"
+#include "tests/RawSocket.h"
 #include "tests/SpoolTestUtil.h"
 #include "tests/SettingsTestUtil.h"
 #include "tests/SilentFlood.h"
@@ -1801,6 +1803,199 @@ TEST_F(AppsTest, StatusAnswersWithinASecondThroughAFloodOfSilentConnections) {
     return before == logSize && service->err().size() == logSize;
   }, kProcessDeadline));
   stopService();
+}
+
+// ---------------------------------------------------------------------------
+// Under systemd: readiness, status, watchdog and reload
+
+// The status line that a paused service sends, its time as a shape.
+bool isPausedStatus(std::string const& text) {
+  return matchesShape(text, "STATUS=paused since 9999-99-99 99:99:99 UTC");
+}
+
+std::vector<std::string> statusLines(std::vector<std::string> const& texts) {
+  std::vector<std::string> result;
+  for (std::string const& t : texts) {
+    if (t.rfind("STATUS=", 0) == 0) result.push_back(isPausedStatus(t) ? "STATUS=paused since T" : t);
+  }
+  return result;
+}
+
+// Every message but the status lines, RELOADING=1's clock as N.
+std::vector<std::string> stateMessages(std::vector<std::string> const& texts) {
+  std::vector<std::string> result;
+  for (std::string const& t : texts) {
+    if (t.rfind("STATUS=", 0) == 0 || t == "WATCHDOG=1") continue;
+    result.push_back(std::regex_replace(t, std::regex("^RELOADING=1\nMONOTONIC_USEC=\\d+$"), "RELOADING=1\nMONOTONIC_USEC=N"));
+  }
+  return result;
+}
+
+std::string const kHeldStatus = "STATUS=holding: no server address is set (\"InetServer\")";
+
+TEST_F(AppsTest, ServiceIsReadyOnlyOnceItServesAndTellsWhatItDoesUntilItStops) {
+  writeConfig();
+  // At the moment READY=1 arrives the runtime file must be there and the
+  // port it names must take a connection.
+  std::atomic<int> readyWhileServing{0};
+  std::atomic<int> readyTooEarly{0};
+  fs::path const runtime = tmp / "run" / "qxlite-svc.json";
+  qxtest::NotifySocket notify(tmp / "notify.sock", [&](std::string const& text) {
+    if (text != "READY=1") return;
+    bool serving = false;
+    if (fs::exists(runtime)) {
+      auto const facts = qxtest::parse(readFile(runtime));
+      serving = qxtest::RawSocket::connectTo(static_cast<std::uint16_t>(facts["port"].asInt())).valid();
+    }
+    ++(serving ? readyWhileServing : readyTooEarly);
+  });
+  {
+    qxtest::ScopedEnv const env("NOTIFY_SOCKET", notify.path().string());
+    ASSERT_TRUE(startService());
+  }
+  ASSERT_TRUE(notify.waitFor("READY=1")) << service->err();
+  EXPECT_EQ(1, readyWhileServing.load());
+  EXPECT_EQ(0, readyTooEarly.load());
+  ASSERT_TRUE(notify.waitFor(kHeldStatus));
+
+  expectOutput({"pause"}, "Paused\n");
+  ASSERT_TRUE(waitFor([&] { return statusLines(notify.texts()).size() == 2; }, kProcessDeadline));
+  // The time of the pause is the one that qxlite status tells.
+  std::string const status = qx({"status"}).out;
+  EXPECT_EQ("STATUS=" + status.substr(0, status.find('\n')) + " UTC", notify.texts().back());
+  expectOutput({"resume"}, "Resumed\n");
+  ASSERT_TRUE(notify.waitFor(kHeldStatus, 2));
+  stopService();
+  std::vector<std::string> const texts = notify.texts();
+  EXPECT_EQ((std::vector<std::string>{kHeldStatus, "STATUS=paused since T", kHeldStatus}), statusLines(texts));
+  EXPECT_EQ((std::vector<std::string>{"READY=1", "STOPPING=1"}), stateMessages(texts));
+  // No watchdog was asked for.
+  EXPECT_EQ(texts.end(), std::find(texts.begin(), texts.end(), "WATCHDOG=1"));
+}
+
+TEST_F(AppsTest, WatchdogPingsComeAtHalfTheIntervalAskedFor) {
+  writeConfig();
+  qxtest::NotifySocket notify(tmp / "notify.sock");
+  {
+    qxtest::ScopedEnv const socket("NOTIFY_SOCKET", notify.path().string());
+    qxtest::ScopedEnv const watchdog("WATCHDOG_USEC", "1000000");
+    ASSERT_TRUE(startService());
+  }
+  ASSERT_TRUE(notify.waitFor("READY=1")) << service->err();
+  // An idle service: nothing but the loop's own timing wakes it.
+  ASSERT_TRUE(notify.waitFor("WATCHDOG=1", 7, std::chrono::seconds(10)));
+  stopService();
+  std::vector<Clock::time_point> pings;
+  for (auto const& m : notify.messages()) {
+    if (m.text == "WATCHDOG=1") pings.push_back(m.arrived);
+  }
+  ASSERT_GE(pings.size(), 7u);
+  for (std::size_t i = 1; i < pings.size(); ++i) {
+    auto const gap = std::chrono::duration_cast<std::chrono::milliseconds>(pings[i] - pings[i - 1]);
+    // Every 500 ms: never sooner, and always well within the 1 s asked for.
+    EXPECT_GE(gap.count(), 450) << "ping " << i;
+    EXPECT_LE(gap.count(), 900) << "ping " << i;
+  }
+}
+
+TEST_F(AppsTest, WatchdogMeantForAnotherProcessIsNotPinged) {
+  writeConfig();
+  qxtest::NotifySocket notify(tmp / "notify.sock");
+  {
+    qxtest::ScopedEnv const socket("NOTIFY_SOCKET", notify.path().string());
+    qxtest::ScopedEnv const watchdog("WATCHDOG_USEC", "200000");
+    qxtest::ScopedEnv const pid("WATCHDOG_PID", std::to_string(::getpid()));  // the test's, not the service's
+    ASSERT_TRUE(startService());
+  }
+  ASSERT_TRUE(notify.waitFor("READY=1")) << service->err();
+  std::this_thread::sleep_for(std::chrono::milliseconds(600));
+  stopService();
+  std::vector<std::string> const texts = notify.texts();
+  EXPECT_EQ(texts.end(), std::find(texts.begin(), texts.end(), "WATCHDOG=1"));
+  EXPECT_EQ((std::vector<std::string>{"READY=1", "STOPPING=1"}), stateMessages(texts));
+}
+
+TEST_F(AppsTest, SighupTakesAChangedConfigurationIntoForceAndLogsWhatChanged) {
+  writeConfig();
+  qxtest::NotifySocket notify(tmp / "notify.sock");
+  {
+    qxtest::ScopedEnv const env("NOTIFY_SOCKET", notify.path().string());
+    ASSERT_TRUE(startService());
+  }
+  ASSERT_TRUE(notify.waitFor("READY=1")) << service->err();
+  writeConfig(",\"AccountId\":\"acme\",\"SpoolerId\":7");
+  std::string const written = readFile(cfgFile);
+  service->signal(SIGHUP);
+  ASSERT_TRUE(notify.waitFor("READY=1", 2)) << service->err();
+  std::string const reloaded = "INFO:qxlite-svc Configuration reloaded from \"" + cfgFile.string() +
+                               "\": AccountId: (none) \u2192 \"acme\"; SpoolerId: 0 \u2192 7";
+  std::vector<std::string> const lines = logLines(service->err());
+  EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), reloaded)) << service->err();
+  std::string const shown = qx({"config", "get"}).out;
+  EXPECT_EQ(dump("acme"), std::regex_replace(shown, std::regex("Node Id: 7"), "Node Id: 0"));
+  EXPECT_NE(std::string::npos, shown.find(keyed("SpoolerId", "Node Id: 7")));
+  // Read, not written: the file is as the person left it.
+  EXPECT_EQ(written, readFile(cfgFile));
+
+  // The same file again: nothing changed, and the log says so.
+  service->signal(SIGHUP);
+  ASSERT_TRUE(notify.waitFor("READY=1", 3)) << service->err();
+  EXPECT_TRUE(waitFor([&] {
+    std::vector<std::string> const now = logLines(service->err());
+    return std::find(now.begin(), now.end(), "INFO:qxlite-svc Configuration reloaded from \"" + cfgFile.string() +
+                                                 "\": nothing changed") != now.end();
+  }, kProcessDeadline)) << service->err();
+  stopService();
+  EXPECT_EQ((std::vector<std::string>{"READY=1", "RELOADING=1\nMONOTONIC_USEC=N", "READY=1",
+                                      "RELOADING=1\nMONOTONIC_USEC=N", "READY=1", "STOPPING=1"}),
+            stateMessages(notify.texts()));
+}
+
+TEST_F(AppsTest, SighupRefusesABrokenConfigurationWithItsReasonAndKeepsTheOneInForce) {
+  writeConfig(",\"AccountId\":\"acme\"");
+  qxtest::NotifySocket notify(tmp / "notify.sock");
+  {
+    qxtest::ScopedEnv const env("NOTIFY_SOCKET", notify.path().string());
+    ASSERT_TRUE(startService());
+  }
+  ASSERT_TRUE(notify.waitFor("READY=1")) << service->err();
+  std::string const quoted = "\"" + cfgFile.string() + "\"";
+  std::string const file = "the configuration " + quoted + ": ";
+  struct Case {
+    std::string content;  // empty: no file at all
+    std::string why;      // after "the one in force stays: "
+  };
+  std::vector<Case> const cases{
+      {"{\"AccountId\":", quoted + " is not a JSON object: JSON error: unexpected token near end of file at line 1, column 13"},
+      {"[1]", quoted + " is not a JSON object: JSON error: text is a JSON array, not an object"},
+      {"{\"ConcurrentUploads\":\"many\"}", file + "\"ConcurrentUploads\" must be an integer from 1 to 1024"},
+      {"{\"IpcPort\":45655,\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" + out.string() +
+           "\",\"BackupFolder\":\"" + backup.string() + "\"}",
+       file + "the IPC port and address family of the service change only when it starts again (systemctl "
+              "restart qxlite-svc)"},
+      {"{\"ReceiveFolder\":\"relative/in\"}", file + "the incoming folder \"relative/in\" is not an absolute path"},
+      {"", file + "there is no such file"},
+  };
+  std::size_t reloads = 1;
+  for (Case const& c : cases) {
+    SCOPED_TRACE(c.content.empty() ? std::string("no file") : c.content);
+    if (c.content.empty()) {
+      fs::remove(cfgFile);
+    } else {
+      writeFile(cfgFile, c.content);
+    }
+    service->signal(SIGHUP);
+    ASSERT_TRUE(notify.waitFor("READY=1", ++reloads)) << service->err();
+    std::string const refused = "WARNING:qxlite-svc Configuration not reloaded, the one in force stays: " + c.why;
+    // The log line comes before READY=1.
+    std::vector<std::string> const lines = logLines(service->err());
+    EXPECT_NE(lines.end(), std::find(lines.begin(), lines.end(), refused)) << "expected: " << refused << "\nlog:\n" << service->err();
+    // Still serving, with what it had.
+    expectOutput({"config", "get"}, dump("acme"));
+  }
+  stopService();
+  std::vector<std::string> const log = logLines(service->err());
+  EXPECT_EQ(0, std::count_if(log.begin(), log.end(), [](std::string const& l) { return l.find("Configuration reloaded") != std::string::npos; }));
 }
 
 }  // namespace

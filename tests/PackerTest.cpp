@@ -130,6 +130,23 @@ TEST(Packer, AFolderOfFilesRoundTripsUnderItsRelativePaths) {
   EXPECT_EQ(namesIn(job.path()), (std::vector<std::string>{"J.zip", "drop"}));
 }
 
+TEST(Packer, APackCallsItsProgressWhileItWritesTheArchive) {
+  qxtest::TempDir job;
+  fs::create_directories(job / "drop");
+  std::vector<std::string> files;
+  for (int i = 0; i < 20; ++i) {
+    files.push_back("drop/page" + std::to_string(i) + ".txt");
+    qxtest::writeFile(job / files.back(), textOf(files.back(), 20000));
+  }
+  qxsvc::FolderFd const dir = qxtest::openFolder(job.path());
+  int calls = 0;
+  qxsvc::Packed const packed = qxsvc::pack(defaults(), dir.get(), files, "J.zip", [&calls] { ++calls; });
+  EXPECT_EQ(packed.archive, "J.zip");
+  EXPECT_EQ(readArchive(job / "J.zip").size(), files.size());
+  // Along the way, not only at its end.
+  EXPECT_GE(calls, 20);
+}
+
 TEST(Packer, CompressedTypesAreStoredOthersDeflated) {
   struct Case {
     char const* name;

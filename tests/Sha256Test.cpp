@@ -80,6 +80,24 @@ TEST(Sha256, FileDigestEqualsTheDigestOfItsText) {
   }
 }
 
+TEST(Sha256, AFileHashCallsBackAfterEachBlock) {
+  qxtest::TempDir dir;
+  struct Case {
+    std::size_t size;
+    int calls;  // one per block of 1 MiB read
+  };
+  Case const cases[] = {{0, 0}, {1, 1}, {(1u << 20) - 1, 1}, {1u << 20, 1}, {(1u << 20) + 1, 2}, {3u << 20, 3}};
+  for (Case const& c : cases) {
+    std::string const text(c.size, 'q');
+    qxtest::writeFile(dir / "f", text);
+    qxsvc::FileFd const file(::open((dir / "f").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(file.valid());
+    int calls = 0;
+    EXPECT_EQ(sha256OfFile(file.get(), "the file", [&calls] { ++calls; }), sha256OfText(text)) << c.size;
+    EXPECT_EQ(c.calls, calls) << "file of " << c.size << " bytes";
+  }
+}
+
 TEST(Sha256, ReadErrorNamesWhatWasRead) {
   qxtest::TempDir dir;
   // A folder's descriptor opens but cannot be read: EISDIR.

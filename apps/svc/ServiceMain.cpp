@@ -8,7 +8,11 @@
 // It runs in the foreground: with --foreground its log goes to standard
 // error (as under systemd, whose journal keeps it), otherwise to a log file.
 // SIGTERM and SIGINT stop it cleanly: no new connection is taken, exchanges
-// in flight end, and nothing it should keep is removed.
+// in flight end, and nothing it should keep is removed. SIGHUP reads the
+// configuration file again (SvcProcessor::reload()).
+// Under systemd (Type=notify) it says READY=1 once it serves, what it does
+// in STATUS= lines, RELOADING=1 and READY=1 around a reload, STOPPING=1, and
+// WATCHDOG=1 from its upload loop (SystemdNotify.h).
 #include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
 #include "apps/RuntimeFile.h"
@@ -17,12 +21,14 @@
 #include "apps/svc/FolderFd.h"
 #include "apps/svc/upload/Pipeline.h"
 #include "apps/svc/SvcProcessor.h"
+#include "apps/svc/SystemdNotify.h"
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdServer.h"
 #include "shared/Log.h"
 #include "shared/SecretToken.h"
 
 #include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -75,6 +81,14 @@ std::chrono::milliseconds millis(double secs) { return std::chrono::milliseconds
 
 bool g_logToFile = false;
 
+// CLOCK_MONOTONIC in microseconds, which the service manager wants beside
+// RELOADING=1.
+long long monotonicUsec() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return static_cast<long long>(now.tv_sec) * 1000000 + now.tv_nsec / 1000;
+}
+
 int serve(Options const& opt) {
   fs::path const configFile = opt.configFile.empty() ? Settings::OLD_CFG_FILE_PATH() : fs::path(opt.configFile);
   boost::system::error_code missing;
@@ -113,12 +127,15 @@ int serve(Options const& opt) {
                                        "\": using defaults" + defaultsNote);
   }
 
-  // Signals are taken by sigwait below, never by a handler on another thread.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGTERM);
-  sigaddset(&stopSignals, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  // Signals are taken by sigwait below, never by a handler on another
+  // thread: blocked here, before any thread starts, so every thread inherits
+  // the mask.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGHUP);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   qxsvc::HttpClient::globalInit();
 
@@ -131,6 +148,12 @@ int serve(Options const& opt) {
   pipelineOptions.holdProbe = millis(opt.retrySecs);
   pipelineOptions.engine.multipartThreshold = std::uint64_t{opt.multipartFromMib} << 20;
   pipelineOptions.engine.partSize = std::uint64_t{opt.partMib} << 20;
+  qxsvc::SystemdNotify const notify = qxsvc::SystemdNotify::fromEnvironment();
+  // Beaten by the upload loop only: a stuck loop stops the watchdog's pings.
+  auto heartbeat = std::make_shared<qxsvc::NotifyHeartbeat>(notify);
+  if (notify.active()) {
+    pipelineOptions.heartbeat = [heartbeat](std::string const& activity) { return heartbeat->beat(activity); };
+  }
   qxsvc::OpenedFolder const state = qxsvc::openSpoolFolder(pipelineOptions.stateFolder, qxsvc::MakeMissing::yes);
   if (!state.why.empty()) throw qxapp::ConfigError("the state folder: " + state.why);
   qxsvc::Pipeline pipeline(settings, pipelineOptions);
@@ -176,8 +199,17 @@ int serve(Options const& opt) {
                        " with configuration \"" + configFile.string() + "\", token file \"" +
                        tokenFile.string() + "\", incoming folder \"" + settings.ReceiveFolder.string() + "\"");
 
+  notify.send("READY=1");
+
   int signal = 0;
-  sigwait(&stopSignals, &signal);
+  for (;;) {
+    sigwait(&signals, &signal);
+    if (signal != SIGHUP) break;
+    notify.send("RELOADING=1\nMONOTONIC_USEC=" + std::to_string(monotonicUsec()));
+    processor->reload();
+    notify.send("READY=1");
+  }
+  notify.send("STOPPING=1");
   Log::inst().writeLine("INFO:", std::string("qxlite-svc stopping on ") + (signal == SIGINT ? "SIGINT" : "SIGTERM"));
   if (!runtimeFolder.empty()) qxapp::removeRuntimeFacts(runtimeFolder);
   server.stop();

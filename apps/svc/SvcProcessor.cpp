@@ -9,6 +9,8 @@
 
 #include <unistd.h>
 
+#include <boost/filesystem/operations.hpp>
+
 #include <ctime>
 #include <functional>
 #include <memory>
@@ -122,37 +124,72 @@ void SvcProcessor::visit(Ipc::IsRunning& cmd) { cmd.running = !m_pipeline.paused
 
 void SvcProcessor::visit(Ipc::GetCfg& cmd) { cmd.setSetts(current()); }
 
+std::string SvcProcessor::takeIntoForce(Settings const& base, Settings const& next, json::Object const& raw,
+                                        std::function<void()> const& keep, std::string const& done) {
+  std::string why = checkChange(base, next, raw);
+  if (why.empty()) why = prepareFolders(next);
+  if (!why.empty()) return why;
+  Settings const before = current();
+  keep();
+  {
+    Settings copy = qxapp::independentCopy(next);
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_settings = std::move(copy);
+  }
+  m_pipeline.setSettings(next);
+  std::vector<std::string> const changes = qxapp::configChanges(before, next);
+  std::string changed;
+  for (std::string const& c : changes) changed += (changed.empty() ? "" : "; ") + c;
+  Log::inst().writeLine("INFO:", "qxlite-svc " + done + (changes.empty() ? std::string(": nothing changed") : ": " + changed));
+  return std::string();
+}
+
 void SvcProcessor::visit(Ipc::SaveCfg& cmd) {
   std::lock_guard<std::mutex> save(m_saveMutex);
+  std::string const saved = "Configuration saved to \"" + m_configFile.string() + "\"";
   try {
     Settings const next = qxapp::settingsFromObject(cmd.payload, "the configuration");
-    std::string why = checkChange(current(), next, cmd.payload);
-    if (why.empty()) why = prepareFolders(next);
-    if (!why.empty()) {
-      cmd.ok = false;
-      cmd.msg = "Configuration not saved: " + why;
-      Log::inst().writeLine("WARNING:", "qxlite-svc " + cmd.msg);
-      return;
-    }
-    Settings const before = current();
-    qxapp::writeConfigAtomically(m_configFile, qxapp::configText(next));
-    {
-      Settings copy = qxapp::independentCopy(next);
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_settings = std::move(copy);
-    }
-    m_pipeline.setSettings(next);
-    cmd.ok = true;
-    cmd.msg = "Configuration saved to \"" + m_configFile.string() + "\"";
-    std::vector<std::string> const changes = qxapp::configChanges(before, next);
-    std::string changed;
-    for (std::string const& c : changes) changed += (changed.empty() ? "" : "; ") + c;
-    Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg + (changes.empty() ? std::string(": nothing changed") : ": " + changed));
+    std::string const why = takeIntoForce(current(), next, cmd.payload, [&] {
+      qxapp::writeConfigAtomically(m_configFile, qxapp::configText(next));
+    }, saved);
+    cmd.ok = why.empty();
+    cmd.msg = cmd.ok ? saved : "Configuration not saved: " + why;
   } catch (std::exception const& e) {
     cmd.ok = false;
     cmd.msg = std::string("Configuration not saved: ") + e.what();
-    Log::inst().writeLine("WARNING:", "qxlite-svc " + cmd.msg);
   }
+  if (!cmd.ok) Log::inst().writeLine("WARNING:", "qxlite-svc " + cmd.msg);
+}
+
+std::string SvcProcessor::reload() {
+  std::lock_guard<std::mutex> save(m_saveMutex);
+  std::string const what = "the configuration \"" + m_configFile.string() + "\"";
+  std::string why;
+  try {
+    boost::system::error_code error;
+    if (!fs::exists(fs::symlink_status(m_configFile, error))) {
+      // At the start a missing file means defaults; in a running service it
+      // is far more likely a mistake than a wish to forget everything.
+      why = what + ": there is no such file";
+    } else {
+      json::Object const raw = qxapp::readConfigObject(m_configFile);
+      Settings const next = qxapp::settingsFromObject(raw, what);
+      Settings base = current();
+      if (next.IpcPort != base.IpcPort || next.IpcForceIP4 != base.IpcForceIP4) {
+        why = what + ": the IPC port and address family of the service change only when it starts again "
+                     "(systemctl restart qxlite-svc)";
+      } else {
+        // The file is where remote configuration may be enabled.
+        base.AllowRemoteConfig = next.AllowRemoteConfig;
+        why = takeIntoForce(base, next, raw, [] {}, "Configuration reloaded from \"" + m_configFile.string() + "\"");
+        if (!why.empty()) why = what + ": " + why;
+      }
+    }
+  } catch (std::exception const& e) {
+    why = e.what();  // names the file
+  }
+  if (!why.empty()) Log::inst().writeLine("WARNING:", "qxlite-svc Configuration not reloaded, the one in force stays: " + why);
+  return why;
 }
 
 void SvcProcessor::visit(Ipc::Pause& cmd) {

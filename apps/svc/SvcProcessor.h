@@ -22,6 +22,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -42,6 +43,14 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
   // workers must outlive the server that dispatches to this processor.
   SvcProcessor(Settings const& settings, boost::filesystem::path configFile, Pipeline& pipeline,
                WorkerPool& workers, long httpTimeoutSecs);
+
+  // Reads the configuration file again (SIGHUP) with the checks of the
+  // start and takes it into force as SaveCfg does, without writing it; the
+  // log says what changed, key by key. A file that is missing, cannot be
+  // read or fails the checks, or that moves the IPC port (which needs a
+  // restart), is refused with its reason in the log, and the configuration
+  // in force stays. Returns the empty string, or why it was refused.
+  std::string reload();
 
   // The port this service listens on, once it is known, and whether its
   // --port option chose it instead of the configuration.
@@ -64,6 +73,13 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
   // The service's own methods of ServerRequest ("qxlite.cancel",
   // "qxlite.retry"); false when method is not one of them.
   bool ownMethod(std::string const& method, json::Object const& params, json::Object& answer);
+  // Checks next against base (the configuration in force, as far as a
+  // change may depart from it); when it passes, makes its folders, runs keep
+  // (which writes the file for SaveCfg), takes next into force and logs done
+  // with what changed. Returns the empty string, or why next was refused.
+  // With m_saveMutex held.
+  std::string takeIntoForce(Settings const& base, Settings const& next, json::Object const& raw,
+                            std::function<void()> const& keep, std::string const& done);
 
   boost::filesystem::path const m_configFile;
   Pipeline& m_pipeline;

@@ -155,7 +155,8 @@ class JobFileSource {
 // An archive being written; discarded unless closed.
 class ArchiveWriter {
  public:
-  explicit ArchiveWriter(std::string const& path, std::string const& name) : m_name(name) {
+  ArchiveWriter(std::string const& path, std::string const& name, std::function<void()> const& progress)
+      : m_name(name), m_progress(progress) {
     int err = 0;
     m_zip = zip_open(path.c_str(), ZIP_CREATE | ZIP_EXCL, &err);
     if (!m_zip) {
@@ -164,6 +165,12 @@ class ArchiveWriter {
       std::string const why = zip_error_strerror(&error);
       zip_error_fini(&error);
       throw std::runtime_error("cannot make the archive " + quoted(name) + ": " + why);
+    }
+    if (m_progress) {
+      // Every thousandth of the way.
+      zip_register_progress_callback_with_state(
+          m_zip, 0.001, [](zip_t*, double, void* self) { static_cast<ArchiveWriter*>(self)->m_progress(); }, nullptr,
+          this);
     }
   }
   ~ArchiveWriter() {
@@ -210,6 +217,7 @@ class ArchiveWriter {
 
  private:
   std::string const m_name;
+  std::function<void()> const m_progress;
   ReadFailure m_failure;
   zip_t* m_zip = nullptr;
 };
@@ -229,7 +237,7 @@ std::string archiveName(Settings const& settings, std::string const& jobId, std:
 }
 
 Packed pack(Settings const& /*settings*/, int jobDir, std::vector<std::string> const& files,
-            std::string const& archive) {
+            std::string const& archive, std::function<void()> const& progress) {
   requireArchiveName(archive);
   Packed result;
   for (std::string const& file : files) (canZipFile(file) ? result.packed : result.apart).push_back(file);
@@ -244,7 +252,7 @@ Packed pack(Settings const& /*settings*/, int jobDir, std::vector<std::string> c
   // itself, whatever its path is now.
   std::string const partialPath = "/proc/self/fd/" + std::to_string(jobDir) + "/" + partial;
   {
-    ArchiveWriter writer(partialPath, partial);
+    ArchiveWriter writer(partialPath, partial, progress);
     try {
       for (std::string const& file : result.packed) writer.add(jobDir, file);
       writer.close();

@@ -12,6 +12,7 @@
 
 #include "settings/Settings.h"
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,10 @@ struct Packed {
 // name that exists already is never replaced (the pack throws). Throws
 // std::runtime_error naming the file and libzip's message; no archive and
 // no partial one is left then.
+// progress, when given, is called now and then while the archive is
+// written: a long pack still shows that its thread is alive.
 Packed pack(Settings const& settings, int jobDir, std::vector<std::string> const& files,
-            std::string const& archive);
+            std::string const& archive, std::function<void()> const& progress = nullptr);
 
 }  // namespace qxsvc
 

@@ -22,6 +22,7 @@
 #include <optional>
 #include <cerrno>
 #include <condition_variable>
+#include <ctime>
 #include <deque>
 #include <map>
 #include <mutex>
@@ -100,6 +101,7 @@ class Pipeline::Impl {
   std::vector<std::string> pause(bool discard);
   void resume();
   bool paused() const;
+  std::string activity() const;
   void scanNow();
   json::Object uploads() const;
   json::Array waitingItems() const;  // in the incoming folder, for the list
@@ -148,6 +150,9 @@ class Pipeline::Impl {
   std::shared_ptr<UploadEngine> engine() const;
   void rebuildEngine(Settings const& settings);
   bool hashItem(int jobDir, ItemRow& item);
+  // Calls the heartbeat when it asked to be called again (at once the first
+  // time): at every round of the loop and between the blocks of a long hash.
+  void beat();
 
   PipelineOptions const m_options;
   // Set by start() under m_moveMutex, constant afterwards; null when none
@@ -171,6 +176,7 @@ class Pipeline::Impl {
   bool m_woken = false;              // guarded by m_mutex
   std::string m_held;                // guarded by m_mutex: why the queue is held
   std::string m_folderProblem;       // guarded by m_mutex: why nothing moves
+  bool m_looping = false;            // guarded by m_mutex: the start's reconciling is over
   std::map<std::string, LiveJob> m_jobs;          // guarded by m_mutex
   std::map<std::uint64_t, TicketRef> m_tickets;   // guarded by m_mutex
   std::deque<UploadResult> m_results;             // guarded by m_mutex
@@ -179,9 +185,24 @@ class Pipeline::Impl {
   std::shared_ptr<FolderWatch> m_watch;           // guarded by m_mutex
   SteadyClock::time_point m_nextProbe{};          // guarded by m_mutex: a held queue's next try
 
+  // What the engine was made with: another server address, proxy or trace
+  // flag needs another engine.
+  struct EngineSettings {
+    Inet::InetCfg inet{std::string()};
+    bool traceRequests = false;
+    bool curlDebug = false;
+    bool operator==(EngineSettings const& o) const {
+      return inet == o.inet && traceRequests == o.traceRequests && curlDebug == o.curlDebug;
+    }
+  };
+  static EngineSettings engineSettingsOf(Settings const& settings) {
+    return EngineSettings{settings.InetConfig, settings.EnableLogging, settings.EnableCurlDbgLog};
+  }
+
   // The loop's own (m_targets also read by m_orphans, which the loop joins
   // before it changes them).
   std::vector<Target> m_targets;  // main address, then the alternative one
+  EngineSettings m_engineSettings;  // of the engine in m_engine, when there is one
   SettleTracker m_settle;
   bool m_unsettled = false;  // the last scan saw entries still changing
   std::uint64_t m_nextTicket = 1;
@@ -189,6 +210,7 @@ class Pipeline::Impl {
   SteadyClock::time_point m_nextSweep{};
   std::mt19937 m_jitter{std::random_device{}()};
   std::atomic<bool> m_cleanedUp{false};  // the start's clean-up of multipart uploads ran
+  SteadyClock::time_point m_nextBeat{};   // when the heartbeat wants to be called next
   std::thread m_orphans;
 
   std::thread m_thread;  // the loop, from start()
@@ -317,6 +339,7 @@ std::vector<std::string> Pipeline::Impl::pause(bool discard) {
     m_paused = true;
   }
   if (std::shared_ptr<UploadEngine> e = engine()) e->setPaused(true);
+  wake();  // the loop's heartbeat tells the change
   return discard ? discardWaiting() : std::vector<std::string>();
 }
 
@@ -370,8 +393,18 @@ std::string Pipeline::Impl::retry(std::string const& jobId) {
 // ---------------------------------------------------------------------------
 // The loop.
 
+void Pipeline::Impl::beat() {
+  if (!m_options.heartbeat || SteadyClock::now() < m_nextBeat) return;
+  m_nextBeat = m_options.heartbeat(activity());
+}
+
 void Pipeline::Impl::run() {
+  beat();
   startUp();
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_looping = true;
+  }
   for (;;) {
     std::optional<Settings> settings;  // the new ones, when they changed
     bool scan = false;
@@ -415,9 +448,13 @@ void Pipeline::Impl::run() {
       m_nextSweep = now + m_options.sweepInterval;
     }
 
-    // Sleep until something happens, the next retry is due, or the next
-    // rescan (sooner while entries settle).
+    // Sleep until something happens, the next retry is due, the next
+    // rescan (sooner while entries settle), or the heartbeat's next word.
     SteadyClock::time_point until = std::min(m_nextRescan, m_nextSweep);
+    if (m_options.heartbeat) {
+      m_nextBeat = m_options.heartbeat(activity());
+      until = std::min(until, m_nextBeat);
+    }
     std::shared_ptr<FolderWatch> watch;
     {
       std::lock_guard<std::mutex> lock(m_mutex);
@@ -655,6 +692,7 @@ void Pipeline::Impl::rebuildEngine(Settings const& settings) {
   };
   auto engine = std::make_shared<UploadEngine>(settings.InetConfig, std::move(credentials), options,
                                                std::move(callbacks));
+  m_engineSettings = engineSettingsOf(settings);
   bool paused = false;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -666,6 +704,25 @@ void Pipeline::Impl::rebuildEngine(Settings const& settings) {
 }
 
 void Pipeline::Impl::applySettings(Settings const& settings) {
+  bool keepTransfers = false;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    keepTransfers = m_engine && m_held.empty() && m_folderProblem.empty() &&
+                    engineSettingsOf(settings) == m_engineSettings;
+  }
+  keepTransfers = keepTransfers && m_folders.incomingPath == settings.ReceiveFolder &&
+                  m_folders.outgoingPath == settings.SpoolFolder && m_folders.backupPath == settings.BackupFolder &&
+                  m_folders.rejectedPath == settings.RejectedFolder;
+  if (keepTransfers) {
+    // Nothing that the transfers in flight depend on changed: they go on,
+    // and the rest (names, rules, the number at once) counts from the next
+    // job. A held queue gets a new engine below, which reads the
+    // credentials again.
+    if (std::shared_ptr<UploadEngine> const e = engine()) e->setMaxTransfers(std::max<std::size_t>(1, settings.ConcurrentUploads));
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_scanRequested = true;
+    return;
+  }
   if (m_orphans.joinable()) m_orphans.join();
   Folders previous;
   std::string const why = openFolders(settings, &previous);
@@ -889,7 +946,7 @@ bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
   if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   item.size = static_cast<std::uint64_t>(st.st_size);
   item.mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-  item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"");
+  item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"", [this] { beat(); });
   return true;
 }
 
@@ -931,7 +988,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
       if (::fstatat(jobDir.get(), archive.c_str(), &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(st.st_mode)) {
         ::unlinkat(jobDir.get(), archive.c_str(), 0);
       }
-      Packed const packed = pack(settings, jobDir.get(), files, archive);
+      Packed const packed = pack(settings, jobDir.get(), files, archive, [this] { beat(); });
       if (!packed.archive.empty()) {
         items = packed.apart;
         items.insert(items.begin(), packed.archive);
@@ -1377,6 +1434,29 @@ void Pipeline::Impl::cleanUpOrphans() {
   wake();
 }
 
+std::string Pipeline::Impl::activity() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  if (m_paused) {
+    std::time_t const since = static_cast<std::time_t>(m_pausedSince);
+    std::tm utc{};
+    char text[32] = "";
+    if (::gmtime_r(&since, &utc) != nullptr) std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S UTC", &utc);
+    return std::string("paused since ") + text;
+  }
+  std::string const& held = !m_folderProblem.empty() ? m_folderProblem : m_held;
+  if (!held.empty()) return "holding: " + held;
+  if (!m_looping) return "starting";
+  std::size_t uploading = 0;
+  std::size_t queued = 0;
+  for (auto const& j : m_jobs) {
+    if (j.second.row.state == JobState::uploading) ++uploading;
+    if (j.second.row.state == JobState::queued) ++queued;
+  }
+  std::string const waiting = std::to_string(queued) + " queued";
+  if (uploading > 0) return "uploading " + std::to_string(uploading) + (queued > 0 ? ", " + waiting : std::string());
+  return queued > 0 ? waiting : std::string("idle");
+}
+
 // ---------------------------------------------------------------------------
 // The list.
 
@@ -1484,6 +1564,7 @@ void Pipeline::setSettings(Settings const& settings) { m_impl->setSettings(setti
 std::vector<std::string> Pipeline::pause(bool discard) { return m_impl->pause(discard); }
 void Pipeline::resume() { m_impl->resume(); }
 bool Pipeline::paused() const { return m_impl->paused(); }
+std::string Pipeline::activity() const { return m_impl->activity(); }
 void Pipeline::scanNow() { m_impl->scanNow(); }
 json::Object Pipeline::uploads() const { return m_impl->uploads(); }
 std::string Pipeline::cancel(std::string const& jobId) { return m_impl->cancel(jobId); }

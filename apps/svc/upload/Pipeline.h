@@ -37,6 +37,7 @@
 #include <boost/filesystem/path.hpp>
 
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -54,6 +55,12 @@ struct PipelineOptions {
   std::chrono::milliseconds holdProbe{30000};   // a held queue tries again after this
   std::chrono::milliseconds sweepInterval{3600000};
   EngineOptions engine;  // maxTransfers and the trace flags come from the settings
+  // Called on the loop's own thread, with no lock of the pipeline's held,
+  // after every round of the loop and, once due, between the blocks of a
+  // long hash, with what the pipeline does (activity()); returns when it
+  // wants to be called again at the latest. A loop that is stuck stops
+  // calling it, which is what a watchdog needs to see. Empty: not called.
+  std::function<std::chrono::steady_clock::time_point(std::string const& activity)> heartbeat;
 };
 
 class Pipeline {
@@ -75,6 +82,10 @@ class Pipeline {
   // flight stay queued for the next start. Nothing moves afterwards.
   void stop();
 
+  // Takes settings into force on the loop. Transfers in flight go on
+  // unless the upload server, its credentials' file, the proxy or the
+  // number of transfers at once change, or a spool folder moves: then they
+  // stop and start again (an object already there counts as uploaded).
   void setSettings(Settings const& settings);
 
   // Paused: nothing new is claimed or started; transfers in flight finish
@@ -86,6 +97,11 @@ class Pipeline {
   std::vector<std::string> pause(bool discard);
   void resume();
   bool paused() const;
+  // What the pipeline does, in a few words for the service manager's
+  // status line: "paused since 2026-11-24 03:10:07 UTC", "holding: <why>",
+  // "uploading 3, 12 queued", "uploading 1", "2 queued", "idle"; "starting"
+  // before the loop has gone through the journal.
+  std::string activity() const;
   // Looks at the incoming folder now (a drop just arrived).
   void scanNow();
 

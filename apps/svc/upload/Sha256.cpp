@@ -63,7 +63,7 @@ std::string Sha256::hex() {
   return toHex(digest, size);
 }
 
-std::string sha256OfFile(int fd, std::string const& what) {
+std::string sha256OfFile(int fd, std::string const& what, std::function<void()> const& afterBlock) {
   Sha256 sha;
   std::vector<unsigned char> buffer(kReadChunk);
   off_t offset = 0;
@@ -76,6 +76,7 @@ std::string sha256OfFile(int fd, std::string const& what) {
     if (got == 0) break;
     sha.update(buffer.data(), static_cast<std::size_t>(got));
     offset += got;
+    if (afterBlock) afterBlock();
   }
   return sha.hex();
 }

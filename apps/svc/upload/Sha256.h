@@ -5,6 +5,7 @@
 #define QX_APPS_SVC_UPLOAD_SHA256_H
 
 #include <cstddef>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -30,7 +31,9 @@ class Sha256 {
 
 // The digest of the file open as fd, read from its start with pread().
 // Throws std::system_error naming what (the caller's text) on a read error.
-std::string sha256OfFile(int fd, std::string const& what);
+// afterBlock, when given, is called after each block read: a long hash
+// still shows that its thread is alive.
+std::string sha256OfFile(int fd, std::string const& what, std::function<void()> const& afterBlock = nullptr);
 
 std::string sha256OfText(std::string const& text);
 
