@@ -10,6 +10,8 @@ packages=(
   libcli11-dev libcurl4-openssl-dev libssl-dev
   systemd libclang-rt-14-dev
   libzip-dev libsqlite3-dev
+  # The reference of the public headers (the docs target and its test).
+  doxygen
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
 )
