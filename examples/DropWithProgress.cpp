@@ -50,13 +50,15 @@ int dropWithProgress(Ipc::CmdClient& client, std::string const& path, std::share
   std::size_t const count = drop->files.size();
   std::uint64_t total = 0;
   for (Ipc::FileDrop::FileInf const& file : drop->files) total += file.size;
-  std::promise<std::string> finished;
-  std::future<std::string> outcome = finished.get_future();
-  // The client counts every byte it writes, the request's few among them:
-  // what it wrote beyond the total is not content.
+  // The completion holds the promise: it may still be inside set_value when
+  // this thread, woken, has returned.
+  auto const finished = std::make_shared<std::promise<std::string>>();
+  std::future<std::string> outcome = finished->get_future();
+  // The client counts every byte it writes, the request's own among them, so
+  // the count runs a little ahead of the content: it is held at the total.
   std::uint64_t const before = client.bytesSent();
-  client.execute(drop, [&finished](std::shared_ptr<Ipc::CmdI> const&, std::string const& failure) {
-    finished.set_value(failure);
+  client.execute(drop, [finished](std::shared_ptr<Ipc::CmdI> const&, std::string const& failure) {
+    finished->set_value(failure);
   });
   std::uint64_t shown = 0;
   while (outcome.wait_for(std::chrono::milliseconds(100)) != std::future_status::ready) {
