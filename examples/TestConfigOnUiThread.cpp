@@ -127,12 +127,15 @@ int testConfiguration(Ipc::CmdClient& client) {
   auto const current = std::make_shared<Ipc::GetCfg>(nullptr);
   std::string const error = client.run(current);
   if (!error.empty()) return fail("cannot reach the service: " + error);
-  std::unique_ptr<Settings> const settings = current->pSetts();
 
   TestView view;
   {
     UiThread ui;
-    auto const test = std::make_shared<Ipc::TestCfg>(std::make_shared<LinesToUiThread>(ui, view), *settings);
+    // The record is gone before the command is handed over: the command's
+    // payload shares the record's lists, JSON reference counts are not
+    // atomic, and the transport lets go of the command on its own thread.
+    auto const test =
+        std::make_shared<Ipc::TestCfg>(std::make_shared<LinesToUiThread>(ui, view), *current->pSetts());
     client.execute(test, [&ui, &view](std::shared_ptr<Ipc::CmdI> const& cmd, std::string const& failure) {
       // The completion comes after every line's processCmd: the lines left
       // are shown first, then the UI thread ends.
