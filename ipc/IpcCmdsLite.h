@@ -9,15 +9,15 @@
 /// class fills the response fields; the response then travels back into the
 /// user interface's object.
 ///
-/// Bodies are JSON objects. Writers leave out what the reader falls back to: a
-/// flag is written only when true and read as true only for the JSON value
-/// true; a message is written only when not empty and read only when it is a
-/// string. The response readers never throw. Commands that carry a whole JSON
-/// document keep it in their payload and share it by reference count: nothing
-/// is deep-copied on the way in or out.
+/// Bodies are JSON objects. Writers leave out what the reader falls back to: a flag is written
+/// only when true and read as true only for the JSON value true; a message is written only when
+/// not empty and read only when it is a string. The response readers never throw. Commands that
+/// carry a whole JSON document keep it in their payload and share it by reference count: nothing
+/// is deep-copied on the way in or out (SaveCfg and TestCfg share the lists of their Settings).
 ///
-/// Every command is owned by a std::shared_ptr. A command is used by one
-/// thread at a time: the transport's, during its exchange.
+/// Every command is owned by a std::shared_ptr and used by one thread at a time: the transport's,
+/// during its exchange. JSON reference counts are not atomic, so what a command shares is neither
+/// used nor destroyed elsewhere until the transport has let go of it (see CmdClient::run).
 #ifndef QX_IPC_IPCCMDSLITE_H
 #define QX_IPC_IPCCMDSLITE_H
 
