@@ -16,6 +16,8 @@ packages=(
   # The manual pages (scdoc builds them, man renders them in their test) and
   # the folder of the bash completions (bash-completion's pkg-config file).
   scdoc man-db groff-base bash-completion
+  # The reference of the public headers (the docs target and its test).
+  doxygen
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
 )

@@ -1,4 +1,5 @@
-// Words by which messages name the background service.
+/// \file
+/// Words by which messages name the background service.
 #ifndef QX_SHARED_SERVICE_H
 #define QX_SHARED_SERVICE_H
 
@@ -6,10 +7,11 @@
 
 #include <string>
 
+/// The words that name the background service.
 namespace Service {
 
-// "service": the noun that user-facing messages use for the background
-// process. Set when libQXShared is loaded, before any library that uses it.
+/// "service": the noun that user-facing messages use for the background
+/// process. Set when libQXShared is loaded, before any library that uses it.
 extern QX_SHARED_API std::string const TERM4SVC;
 
 }  // namespace Service

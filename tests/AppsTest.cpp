@@ -5,6 +5,7 @@
 // for the upload server. Every outcome is checked exactly: output lines, exit
 // status, files on disk.
 #include "apps/ConfigFile.h"
+#include "tests/HeldPort.h"
 #include "tests/NotifySocket.h"
 #include "tests/ProcessHarness.h"
 #include "tests/RawSocket.h"
@@ -46,6 +47,7 @@ namespace {
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
 using qxtest::Child;
+using qxtest::HeldPort;
 using qxtest::kDefaultSrvExtsText;
 using qxtest::kProcessDeadline;
 using qxtest::Outcome;
@@ -134,41 +136,6 @@ std::map<std::string, std::uint64_t> listing(fs::path const& folder) {
   }
   return result;
 }
-
-// A loopback socket bound to a port of the system's choice and never
-// listening: connections to the port are refused, and nothing else can bind
-// it, for as long as the object lives.
-class HeldPort {
- public:
-  HeldPort() {
-    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-      ADD_FAILURE() << "cannot bind a loopback port: " << std::strerror(errno);
-      return;
-    }
-    m_port = ntohs(addr.sin_port);
-  }
-  ~HeldPort() { release(); }
-  HeldPort(HeldPort const&) = delete;
-  HeldPort& operator=(HeldPort const&) = delete;
-
-  std::uint16_t port() const { return m_port; }
-  std::string text() const { return std::to_string(m_port); }
-  // Frees the port (for a process that is to bind it next).
-  void release() {
-    if (m_fd >= 0) ::close(m_fd);
-    m_fd = -1;
-  }
-
- private:
-  int m_fd = -1;
-  std::uint16_t m_port = 0;
-};
 
 // ---------------------------------------------------------------------------
 // A tiny HTTP/1.1 server: one connection per request, each answered with the

@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
 # Installs the build tree into a temporary prefix, then builds and runs a small
-# consumer against it twice: with find_package(QXLiteCommon CONFIG) and with
-# pkg-config. Usage: InstalledPackageTest.sh BUILD_DIR CONSUMER_SOURCE_DIR
+# consumer and the example programs against it twice: with
+# find_package(QXLiteCommon CONFIG) and with pkg-config.
+# Usage: InstalledPackageTest.sh BUILD_DIR CONSUMER_SOURCE_DIR EXAMPLES_DIR
 set -euo pipefail
 build=$1
 src=$2
+examples=$3
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
@@ -39,7 +41,7 @@ done
 
 expected='45654 /etc/QXLite/config.json ["noqx","ds_store","db"]'
 
-cmake -S "$src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" >/dev/null
+cmake -S "$src" -B "$work/cmake-build" -DCMAKE_PREFIX_PATH="$work/prefix" -DQX_EXAMPLES_DIR="$examples" >/dev/null
 cmake --build "$work/cmake-build" >/dev/null
 got=$("$work/cmake-build/consumer")
 [ "$got" = "$expected" ] || { echo "cmake consumer printed: $got" >&2; exit 1; }
@@ -49,4 +51,26 @@ export PKG_CONFIG_PATH="$work/prefix/lib/pkgconfig"
 g++ -std=c++17 -o "$work/pc-consumer" "$src/consumer.cpp" $(pkg-config --cflags --libs qxlitecommon)
 got=$(LD_LIBRARY_PATH="$work/prefix/lib" "$work/pc-consumer")
 [ "$got" = "$expected" ] || { echo "pkg-config consumer printed: $got" >&2; exit 1; }
-echo "installed package: cmake and pkg-config consumers OK"
+for example in DropWithProgress:qxlite-drop-example TestConfigOnUiThread:qxlite-testcfg-example; do
+  # shellcheck disable=SC2046
+  g++ -std=c++17 -o "$work/pc-${example#*:}" "$examples/${example%%:*}.cpp" $(pkg-config --cflags --libs qxlitecommon)
+done
+
+# Each example, built both ways, runs: it reads its options, looks at the
+# file to drop, and names the token file that it cannot open.
+missing="$work/no.token"
+for prefix in "$work/cmake-build/examples/" "$work/pc-"; do
+  for program in qxlite-drop-example qxlite-testcfg-example; do
+    args=(--port 1 --token-file "$missing")
+    [ "$program" = qxlite-drop-example ] && args+=("$src/consumer.cpp")
+    status=0
+    got=$(LD_LIBRARY_PATH="$work/prefix/lib" "$prefix$program" "${args[@]}" 2>&1) || status=$?
+    want="$program: Ipc token file \"$missing\": cannot be opened: No such file or directory"
+    if [ "$status" != 1 ] || [ "$got" != "$want" ]; then
+      echo "$prefix$program exited $status and printed: $got" >&2
+      echo "expected status 1 and: $want" >&2
+      exit 1
+    fi
+  done
+done
+echo "installed package: cmake and pkg-config consumers and examples OK"
