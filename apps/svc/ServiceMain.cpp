@@ -218,7 +218,9 @@ int main(int argc, char** argv) {
   app.add_option("--multipart-from", opt.multipartFromMib,
                  "MiB from which a file goes to S3 in parts that survive a restart (default 64)")
       ->check(CLI::Range(5u, 1048576u));
-  app.add_option("--part-size", opt.partMib, "MiB of each part of a multipart upload (default 16; at least 5)")
+  app.add_option("--part-size", opt.partMib,
+                 "MiB of a multipart upload on the wire at once, the most a restart sends again (default 16; at least 5): "
+                 "parts of half of it, two at once, from 10")
       ->check(CLI::Range(5u, 5120u));
   app.add_option("--state-dir", opt.stateFolder,
                  "Folder of the upload journal (default: /var/lib/qxlite as root, else \"state\" beside the configuration file)");
