@@ -1277,3 +1277,60 @@ TEST(UploadEngineTest, TwoPartsGoAtOnceAndAThirdOnlyOnceOneIsStored) {
   EXPECT_LE(3u, storedWhenSeen["5"]);
   EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
 }
+
+// The parts' hashes of content in the layout of smallParts().
+std::vector<std::string> partHashesOf(std::string const& content) {
+  std::vector<std::string> hashes;
+  for (std::size_t at = 0; at < content.size(); at += 5 * kMiB) {
+    hashes.push_back(qxsvc::sha256OfText(content.substr(at, 5 * kMiB)));
+  }
+  return hashes;
+}
+
+TEST(UploadEngineTest, GivenPartHashesAreWhatTheServerChecksEachPartAgainst) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "part-hashes");
+  std::string const content = qxtest::pattern(11 * kMiB, 12);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  UploadRequest upload = request(dir, 1, s3Target(bucket), "k.bin", content);
+  upload.partSha256 = partHashesOf(content);
+  engine.submit(std::move(upload));
+  UploadResult const done = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::done, done.outcome) << done.message;
+  EXPECT_EQ(qxsvc::sha256OfText(content),
+            qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin")));
+
+  // A second part's hash that is not that of its bytes: the server refuses
+  // the part, and the upload goes.
+  std::string const other = qxtest::pattern(11 * kMiB, 13);
+  UploadRequest wrong = request(dir, 2, s3Target(bucket), "other.bin", other);
+  wrong.partSha256 = partHashesOf(other);
+  wrong.partSha256[1] = qxsvc::sha256OfText("not these bytes");
+  engine.submit(std::move(wrong));
+  UploadResult const refused = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::changed, refused.outcome);
+  EXPECT_EQ(0u, refused.message.find("HTTP 400 XAmzContentSHA256Mismatch")) << refused.message;
+  EXPECT_EQ(std::vector<std::string>{"k.bin"}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, AFileRewrittenAfterItsPartsWereHashedIsRefusedPartByPart) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "part-hashes-changed");
+  std::string const content = qxtest::pattern(11 * kMiB, 14);
+  TempDir dir;
+  Recorder recorder;
+  // The first part goes out as hashed; then the file changes.
+  recorder.onPart = [&dir](std::uint64_t, qxsvc::PartRecord const& part) {
+    if (part.number == 1) qxtest::writeFile(dir / "source-1", qxtest::pattern(11 * kMiB, 15));
+  };
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  UploadRequest upload = request(dir, 1, s3Target(bucket), "k.bin", content);
+  upload.partSha256 = partHashesOf(content);
+  engine.submit(std::move(upload));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::changed, result.outcome);
+  EXPECT_EQ(0u, result.message.find("HTTP 400 XAmzContentSHA256Mismatch")) << result.message;
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+}

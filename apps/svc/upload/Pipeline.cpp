@@ -79,6 +79,10 @@ constexpr std::int64_t kHistorySecs = 7 * 24 * 3600;
 // items in flight.
 struct LiveJob {
   JobRow row;
+  // Item name -> the hashes of its multipart upload's parts, read with its
+  // own hash. Not in the journal: after a restart the engine reads the
+  // parts once more instead.
+  std::map<std::string, std::vector<std::string>> partHashes;
   std::map<std::string, std::uint64_t> tickets;  // item name -> ticket in flight
   std::optional<UploadResult> setback;           // the first failure of this run
   bool cancelRequested = false;
@@ -142,7 +146,8 @@ class Pipeline::Impl {
   std::chrono::milliseconds backoff(unsigned attempts);
   std::shared_ptr<UploadEngine> engine() const;
   void rebuildEngine(Settings const& settings);
-  bool hashItem(int jobDir, ItemRow& item);
+  bool hashItem(int jobDir, ItemRow& item, std::vector<std::string>& partHashes);
+  void hashFile(int fd, ItemRow& item, std::vector<std::string>& partHashes);
 
   PipelineOptions const m_options;
   // Set by start() under m_moveMutex, constant afterwards; null when none
@@ -801,7 +806,18 @@ void Pipeline::Impl::scanIncoming() {
   }
 }
 
-bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
+// The file's hash and, when it will go to S3 in parts, the parts' hashes in
+// the same reading.
+void Pipeline::Impl::hashFile(int fd, ItemRow& item, std::vector<std::string>& partHashes) {
+  bool const multipart = !m_targets.empty() && m_targets[0].protocol == Protocol::S3 &&
+                         item.size >= m_options.engine.multipartThreshold;
+  std::uint64_t const partSize = multipart ? multipartLayout(item.size, m_options.engine.partSize).partSize : 0;
+  FileDigests digests = sha256OfFileAndParts(fd, partSize, "\"" + item.name + "\"");
+  item.sha256 = std::move(digests.file);
+  partHashes = std::move(digests.parts);
+}
+
+bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item, std::vector<std::string>& partHashes) {
   FileFd file;
   try {
     file = openBelow(jobDir, item.name, O_RDONLY);
@@ -812,7 +828,7 @@ bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
   if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   item.size = static_cast<std::uint64_t>(st.st_size);
   item.mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-  item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"");
+  hashFile(file.get(), item, partHashes);
   return true;
 }
 
@@ -821,6 +837,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
   int const out = m_folders.outgoing.get();
   FolderFd const jobDir(::openat(out, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   JobRow row;
+  std::map<std::string, std::vector<std::string>> partHashes;
   row.id = jobId;
   row.created = created;
   row.updated = unixNow();
@@ -863,7 +880,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
     for (std::string const& name : items) {
       ItemRow item;
       item.name = name;
-      if (!hashItem(jobDir.get(), item)) throw std::runtime_error("\"" + name + "\" of job " + jobId + " cannot be read");
+      if (!hashItem(jobDir.get(), item, partHashes[name])) throw std::runtime_error("\"" + name + "\" of job " + jobId + " cannot be read");
       item.key = objectKey(settings.AccountId, settings.SpoolerId, static_cast<std::time_t>(created), jobId, name);
       row.items.push_back(std::move(item));
     }
@@ -879,7 +896,9 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
     return;
   }
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_jobs[jobId].row = std::move(row);
+  LiveJob& live = m_jobs[jobId];
+  live.row = std::move(row);
+  live.partHashes = std::move(partHashes);
 }
 
 // ---------------------------------------------------------------------------
@@ -930,9 +949,11 @@ void Pipeline::Impl::schedule() {
 
 void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
   JobRow row;
+  std::map<std::string, std::vector<std::string>> partHashes;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     row = m_jobs[jobId].row;
+    partHashes = m_jobs[jobId].partHashes;
   }
   FolderFd const jobDir(::openat(m_folders.outgoing.get(), jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!jobDir.valid()) {
@@ -965,7 +986,7 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
       logInfo("hashes \"" + item.name + "\" of job " + jobId + " again: it changed while it waited");
       item.size = static_cast<std::uint64_t>(st.st_size);
       item.mtimeNs = mtimeNs;
-      item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"");
+      hashFile(file.get(), item, partHashes[item.name]);
       item.uploadId.clear();
       item.parts.clear();
     }
@@ -976,6 +997,7 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
     request.file = std::move(file);
     request.size = item.size;
     request.sha256 = item.sha256;
+    request.partSha256 = partHashes[item.name];
     request.uploadId = item.uploadId;
     requests.push_back(std::move(request));
   }
@@ -991,6 +1013,7 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
     std::lock_guard<std::mutex> lock(m_mutex);
     LiveJob& live = m_jobs[jobId];
     live.row = row;
+    live.partHashes = partHashes;
     live.setback.reset();
     for (UploadRequest const& r : requests) {
       std::string const item = itemOfKey(row, r.key);

@@ -5,8 +5,10 @@
 #define QX_APPS_SVC_UPLOAD_SHA256_H
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qxsvc {
 
@@ -31,6 +33,15 @@ class Sha256 {
 // The digest of the file open as fd, read from its start with pread().
 // Throws std::system_error naming what (the caller's text) on a read error.
 std::string sha256OfFile(int fd, std::string const& what);
+
+// The digest of the whole file and, when partSize is not 0, of each of its
+// pieces of partSize bytes (the last one shorter), in one reading: what a
+// multipart upload signs, so that its parts need not be read once more.
+struct FileDigests {
+  std::string file;
+  std::vector<std::string> parts;
+};
+FileDigests sha256OfFileAndParts(int fd, std::uint64_t partSize, std::string const& what);
 
 std::string sha256OfText(std::string const& text);
 

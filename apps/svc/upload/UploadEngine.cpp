@@ -789,6 +789,13 @@ void UploadEngine::Impl::start(std::unique_ptr<Transfer> owned) {
                " is not 64 lower-case hexadecimal digits");
     return;
   }
+  for (std::string const& part : transfer.request.partSha256) {
+    if (isSha256Hex(part)) continue;
+    finish(transfer, Outcome::rejected,
+           "the hash \"" + cleanQuote(part) + "\" of a part of " + transfer.request.key +
+               " is not 64 lower-case hexadecimal digits");
+    return;
+  }
   if (transfer.request.target.protocol == Protocol::WebDav) {
     davPut(transfer);
   } else if (transfer.request.size >= m_common.options.multipartThreshold) {
@@ -1115,15 +1122,18 @@ void UploadEngine::Impl::s3SendParts(Transfer& transfer) {
     paused = m_paused;
   }
   MultipartLayout const& layout = transfer.layout;
+  // Hashes read with the file's own need no second reading: the server
+  // checks each part against them, so a file changed since is refused.
+  bool const hashesGiven = request.partSha256.size() == layout.partCount;
   while (transfer.nextPart <= layout.partCount && transfer.flights.size() < layout.inFlight) {
     if (paused && !transfer.stored.empty()) break;
     if (!transfer.flights.empty() && requestsInFlight() >= m_requestLimit) break;
     unsigned const number = transfer.nextPart;
     std::uint64_t const offset = (number - 1) * layout.partSize;
     std::uint64_t const size = std::min(layout.partSize, request.size - offset);
-    std::string partHash;
+    std::string partHash = hashesGiven ? request.partSha256[number - 1] : std::string();
     std::string error;
-    if (!hashPart(transfer, offset, size, partHash, error)) {
+    if (!hashesGiven && !hashPart(transfer, offset, size, partHash, error)) {
       dropFlights(transfer);
       return s3Abort(transfer, Outcome::changed, error);
     }
@@ -1143,7 +1153,7 @@ void UploadEngine::Impl::s3SendParts(Transfer& transfer) {
   if (transfer.nextPart <= layout.partCount) {
     return finish(transfer, Outcome::stopped, "paused after part " + std::to_string(transfer.stored.rbegin()->first));
   }
-  if (transfer.fileHash.hex() != request.sha256) {
+  if (!hashesGiven && transfer.fileHash.hex() != request.sha256) {
     return s3Abort(transfer, Outcome::changed, "the file changed while it was sent; its upload was aborted");
   }
   s3Complete(transfer);
@@ -1172,7 +1182,15 @@ void UploadEngine::Impl::partDone(Transfer& transfer, std::list<PartFlight>::ite
                        ? "the file ended before its " + std::to_string(transfer.request.size) + " bytes"
                        : std::string("reading the file failed: ") + std::strerror(exchange.readErrno));
   }
-  if (!ok) return finishWithAnswer(transfer);
+  if (!ok) {
+    // Bytes that are not those hashed: the upload goes, as the file must be
+    // hashed again.
+    if (answer.code == CURLE_OK && outcomeOfStatus(answer.status, s3Code(answer)) == Outcome::changed) {
+      dropFlights(transfer);
+      return s3Abort(transfer, Outcome::changed, describe(exchange));
+    }
+    return finishWithAnswer(transfer);
+  }
   if (exchange.position < exchange.bodySize) {
     return finish(transfer, Outcome::transient,
                   "the server answered HTTP " + std::to_string(answer.status) + " after " +

@@ -85,6 +85,10 @@ struct UploadRequest {
   FileFd file;               // open for reading; the engine owns it from submit()
   std::uint64_t size = 0;
   std::string sha256;        // lower-case hex of the file's bytes
+  // The hashes of the parts of multipartLayout(size, partSize), read with
+  // sha256 (sha256OfFileAndParts()), or empty: the engine then reads every
+  // part once more to hash it and to compare the whole with sha256.
+  std::vector<std::string> partSha256;
   std::string uploadId;      // a multipart upload to go on with, or empty
 };
 
