@@ -28,8 +28,10 @@
 // memory whole. A file that changed after it was hashed ends as
 // Outcome::changed, and what was sent is removed again (WebDAV: the bytes
 // are hashed as they go) or refused by the server (S3: every request
-// carries the hash of its body, and the parts of a multipart upload are
-// read once more, in order, to compare the whole with the hash given).
+// carries the hash of its body, which the server checks; a multipart
+// upload's parts carry the part hashes given with the file's, or, without
+// them, are read once more in order to hash them and compare the whole
+// with the file's hash).
 //
 // Requests: at most maxTransfers at once, the parts in flight included, so
 // one large file may use every request that no other upload needs.
