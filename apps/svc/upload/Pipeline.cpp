@@ -134,6 +134,8 @@ class Pipeline::Impl {
   void startJob(std::string const& jobId, UploadEngine& engine);
   static std::string itemOfKey(JobRow const& row, std::string const& key);
   void settle(UploadResult const& result);
+  // Settles the results the engine reported so far.
+  void settleResults();
   void conclude(std::string const& jobId);
   void finishJob(std::string const& jobId);
   void giveUp(std::string const& jobId, JobState state, std::string const& rule, std::string const& message);
@@ -801,9 +803,21 @@ void Pipeline::Impl::scanIncoming() {
     moves.unlock();  // hashing takes a while; the job is not listed yet
     logInfo("queued \"" + name + "\" as job " + jobId);
     prepareJob(jobId, unixNow());
-    // Uploads start while the rest of a burst is still being taken in.
+    // Uploads start while the rest of a burst is still being taken in, and
+    // those that ended make room for the next: their tickets count against
+    // ConcurrentUploads until they are settled.
+    settleResults();
     schedule();
   }
+}
+
+void Pipeline::Impl::settleResults() {
+  std::deque<UploadResult> results;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    results.swap(m_results);
+  }
+  for (UploadResult const& r : results) settle(r);
 }
 
 // The file's hash and, when it will go to S3 in parts, the parts' hashes in
