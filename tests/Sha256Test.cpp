@@ -116,3 +116,43 @@ TEST(Sha256, ReadErrorNamesWhatWasRead) {
     EXPECT_EQ(std::string(e.what()), "cannot read the archive: Bad file descriptor");
   }
 }
+
+namespace {
+
+struct PartsCase {
+  std::size_t size;
+  std::uint64_t partSize;
+  std::size_t parts;  // how many part digests come back
+};
+
+TEST(Sha256, OneReadingGivesTheFileAndEachPart) {
+  std::size_t const mib = 1 << 20;
+  PartsCase const cases[] = {
+      {0, 5, 0},                      // an empty file has no part
+      {0, 0, 0},                      // no parts asked for
+      {3 * mib + 5, 0, 0},
+      {4, 5, 1},                      // shorter than a part
+      {10, 5, 2},                     // parts end where the file ends
+      {11, 5, 3},                     // the last part is shorter
+      {2 * mib + 1, mib, 3},          // parts of the size of a read
+      {3 * mib + 7, mib / 2 + 3, 6},  // parts that end inside a read
+      {3 * mib + 7, 2 * mib, 2},      // parts larger than a read
+  };
+  qxtest::TempDir dir;
+  for (PartsCase const& c : cases) {
+    std::string text(c.size, '\0');
+    for (std::size_t i = 0; i < c.size; ++i) text[i] = static_cast<char>((i * 131 + c.size) & 0xff);
+    qxtest::writeFile(dir / "f", text);
+    qxsvc::FileFd const file(::open((dir / "f").c_str(), O_RDONLY | O_CLOEXEC));
+    ASSERT_TRUE(file.valid());
+    qxsvc::FileDigests const digests = qxsvc::sha256OfFileAndParts(file.get(), c.partSize, "the file");
+    std::string const input = std::to_string(c.size) + " bytes in parts of " + std::to_string(c.partSize);
+    EXPECT_EQ(sha256OfText(text), digests.file) << input;
+    ASSERT_EQ(c.parts, digests.parts.size()) << input;
+    for (std::size_t i = 0; i < c.parts; ++i) {
+      EXPECT_EQ(sha256OfText(text.substr(i * c.partSize, c.partSize)), digests.parts[i]) << input << ", part " << i + 1;
+    }
+  }
+}
+
+}  // namespace

@@ -1192,3 +1192,145 @@ TEST(UploadEngineTest, AMultipartCompletionWhoseAnswerIsLostIsDoneOnResume) {
 }
 
 }  // namespace
+
+namespace layout_tests {
+
+struct LayoutCase {
+  std::uint64_t size;
+  std::uint64_t budget;
+  qxsvc::MultipartLayout expected;
+};
+
+TEST(UploadEngineTest, MultipartLayoutsKeepThePartsInFlightWithinTheBudget) {
+  LayoutCase const cases[] = {
+      // The default budget: two parts of 8 MiB at once.
+      {1024 * kMiB, 16 * kMiB, {8 * kMiB, 128, 2}},
+      {5ull << 30, 16 * kMiB, {8 * kMiB, 640, 2}},
+      // The smallest budget holds one part of S3's smallest size.
+      {12 * kMiB, 5 * kMiB, {5 * kMiB, 3, 1}},
+      // Below S3's smallest part, the budget is raised to it.
+      {12 * kMiB, 1 * kMiB, {5 * kMiB, 3, 1}},
+      // Whole MiB, never below 5 MiB: 11 MiB give two parts of 5 MiB.
+      {64 * kMiB, 11 * kMiB, {5 * kMiB, 13, 2}},
+      {100 * kMiB, 64 * kMiB, {32 * kMiB, 4, 2}},
+      // 10,000 parts at most: parts grow past the budget, one at a time.
+      {100ull << 30, 5 * kMiB, {11 * kMiB, 9310, 1}},
+      {100ull << 30, 16 * kMiB, {11 * kMiB, 9310, 1}},
+      // A budget large enough for huge files keeps two at once.
+      {100ull << 30, 32 * kMiB, {16 * kMiB, 6400, 2}},
+      {200ull << 30, 48 * kMiB, {24 * kMiB, 8534, 2}},
+  };
+  for (LayoutCase const& c : cases) {
+    qxsvc::MultipartLayout const got = qxsvc::multipartLayout(c.size, c.budget);
+    EXPECT_EQ(c.expected.partSize, got.partSize) << c.size << " bytes, budget " << c.budget;
+    EXPECT_EQ(c.expected.partCount, got.partCount) << c.size << " bytes, budget " << c.budget;
+    EXPECT_EQ(c.expected.inFlight, got.inFlight) << c.size << " bytes, budget " << c.budget;
+    EXPECT_LE(got.inFlight * got.partSize, std::max(c.budget, std::max<std::uint64_t>(5 * kMiB, got.partSize)))
+        << c.size << " bytes, budget " << c.budget;
+  }
+}
+
+}  // namespace layout_tests
+
+TEST(UploadEngineTest, TwoPartsGoAtOnceAndAThirdOnlyOnceOneIsStored) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "inflight");
+  qxtest::HostPort const upstream = qxtest::hostPortOf(qxtest::s3Server().endpoint);
+  std::mutex mutex;
+  std::size_t stored = 0;
+  std::map<std::string, std::size_t> storedWhenSeen;  // part number -> parts stored when it arrived
+  // Slow parts, so that the first is still on the wire when the second comes.
+  qxtest::FaultProxy proxy(upstream.host, upstream.port, [&](std::string const& method, std::string const& path) {
+    std::size_t const at = path.find("partNumber=");
+    if (method == "PUT" && at != std::string::npos) {
+      std::lock_guard<std::mutex> lock(mutex);
+      storedWhenSeen[path.substr(at + 11, path.find('&', at) - at - 11)] = stored;
+      return qxtest::Fault::throttle(16 * kMiB);
+    }
+    return qxtest::Fault::pass();
+  });
+  qxsvc::EngineOptions options = smallParts();
+  options.partSize = 10 * kMiB;  // a budget of two parts of 5 MiB
+  options.maxTransfers = 4;
+  TempDir dir;
+  Recorder recorder;
+  recorder.onPart = [&](std::uint64_t, qxsvc::PartRecord const&) {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++stored;
+  };
+  UploadEngine engine(inetCfg(), s3Credentials(), options, recorder.callbacks());
+  std::string const content = qxtest::pattern(4 * 5 * kMiB + 777, 11);
+  engine.submit(request(dir, 1, target("s3://127.0.0.1:" + std::to_string(proxy.port()) + "/" + bucket), "k.bin",
+                        content));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::done, result.outcome) << result.message << proxy.report();
+  EXPECT_EQ(content.size(), result.bytesSent);
+  EXPECT_EQ(qxsvc::sha256OfText(content),
+            qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin")));
+  std::lock_guard<std::mutex> lock(mutex);
+  // Parts 1 and 2 at once; each later one only after another was stored,
+  // so that never more than the budget is on the wire.
+  ASSERT_EQ(5u, storedWhenSeen.size()) << proxy.report();
+  EXPECT_EQ(0u, storedWhenSeen["1"]);
+  EXPECT_EQ(0u, storedWhenSeen["2"]);
+  EXPECT_LE(1u, storedWhenSeen["3"]);
+  EXPECT_LE(2u, storedWhenSeen["4"]);
+  EXPECT_LE(3u, storedWhenSeen["5"]);
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+}
+
+// The parts' hashes of content in the layout of smallParts().
+std::vector<std::string> partHashesOf(std::string const& content) {
+  std::vector<std::string> hashes;
+  for (std::size_t at = 0; at < content.size(); at += 5 * kMiB) {
+    hashes.push_back(qxsvc::sha256OfText(content.substr(at, 5 * kMiB)));
+  }
+  return hashes;
+}
+
+TEST(UploadEngineTest, GivenPartHashesAreWhatTheServerChecksEachPartAgainst) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "part-hashes");
+  std::string const content = qxtest::pattern(11 * kMiB, 12);
+  TempDir dir;
+  Recorder recorder;
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  UploadRequest upload = request(dir, 1, s3Target(bucket), "k.bin", content);
+  upload.partSha256 = partHashesOf(content);
+  engine.submit(std::move(upload));
+  UploadResult const done = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::done, done.outcome) << done.message;
+  EXPECT_EQ(qxsvc::sha256OfText(content),
+            qxsvc::sha256OfText(qxtest::s3ObjectBytes(qxtest::s3Server(), bucket, "k.bin")));
+
+  // A second part's hash that is not that of its bytes: the server refuses
+  // the part, and the upload goes.
+  std::string const other = qxtest::pattern(11 * kMiB, 13);
+  UploadRequest wrong = request(dir, 2, s3Target(bucket), "other.bin", other);
+  wrong.partSha256 = partHashesOf(other);
+  wrong.partSha256[1] = qxsvc::sha256OfText("not these bytes");
+  engine.submit(std::move(wrong));
+  UploadResult const refused = recorder.waitFor(2);
+  EXPECT_EQ(Outcome::changed, refused.outcome);
+  EXPECT_EQ(0u, refused.message.find("HTTP 400 XAmzContentSHA256Mismatch")) << refused.message;
+  EXPECT_EQ(std::vector<std::string>{"k.bin"}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+}
+
+TEST(UploadEngineTest, AFileRewrittenAfterItsPartsWereHashedIsRefusedPartByPart) {
+  std::string const bucket = qxtest::makeBucket(qxtest::s3Server(), "part-hashes-changed");
+  std::string const content = qxtest::pattern(11 * kMiB, 14);
+  TempDir dir;
+  Recorder recorder;
+  // The first part goes out as hashed; then the file changes.
+  recorder.onPart = [&dir](std::uint64_t, qxsvc::PartRecord const& part) {
+    if (part.number == 1) qxtest::writeFile(dir / "source-1", qxtest::pattern(11 * kMiB, 15));
+  };
+  UploadEngine engine(inetCfg(), s3Credentials(), smallParts(), recorder.callbacks());
+  UploadRequest upload = request(dir, 1, s3Target(bucket), "k.bin", content);
+  upload.partSha256 = partHashesOf(content);
+  engine.submit(std::move(upload));
+  UploadResult const result = recorder.waitFor(1);
+  EXPECT_EQ(Outcome::changed, result.outcome);
+  EXPECT_EQ(0u, result.message.find("HTTP 400 XAmzContentSHA256Mismatch")) << result.message;
+  EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(qxtest::s3Server(), bucket));
+  EXPECT_EQ(std::vector<qxtest::MultipartUploadEntry>{}, qxtest::s3ListMultipartUploads(qxtest::s3Server(), bucket));
+}

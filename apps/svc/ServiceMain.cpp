@@ -250,7 +250,9 @@ int main(int argc, char** argv) {
   app.add_option("--multipart-from", opt.multipartFromMib,
                  "MiB from which a file goes to S3 in parts that survive a restart (default 64)")
       ->check(CLI::Range(5u, 1048576u));
-  app.add_option("--part-size", opt.partMib, "MiB of each part of a multipart upload (default 16; at least 5)")
+  app.add_option("--part-size", opt.partMib,
+                 "MiB of one file on the wire at once in a multipart upload, the most a restart sends again "
+                 "(default 16: two parts of 8 at once; at least 5: one part)")
       ->check(CLI::Range(5u, 5120u));
   app.add_option("--state-dir", opt.stateFolder,
                  "Folder of the upload journal (default: /var/lib/qxlite as root, else \"state\" beside the configuration file)");

@@ -80,6 +80,10 @@ constexpr std::int64_t kHistorySecs = 7 * 24 * 3600;
 // items in flight.
 struct LiveJob {
   JobRow row;
+  // Item name -> the hashes of its multipart upload's parts, read with its
+  // own hash. Not in the journal: after a restart the engine reads the
+  // parts once more instead.
+  std::map<std::string, std::vector<std::string>> partHashes;
   std::map<std::string, std::uint64_t> tickets;  // item name -> ticket in flight
   std::optional<UploadResult> setback;           // the first failure of this run
   bool cancelRequested = false;
@@ -137,6 +141,8 @@ class Pipeline::Impl {
   void startJob(std::string const& jobId, UploadEngine& engine);
   static std::string itemOfKey(JobRow const& row, std::string const& key);
   void settle(UploadResult const& result);
+  // Settles the results the engine reported so far.
+  void settleResults();
   void conclude(std::string const& jobId);
   void finishJob(std::string const& jobId);
   void giveUp(std::string const& jobId, JobState state, std::string const& rule, std::string const& message);
@@ -149,7 +155,8 @@ class Pipeline::Impl {
   std::chrono::milliseconds backoff(unsigned attempts);
   std::shared_ptr<UploadEngine> engine() const;
   void rebuildEngine(Settings const& settings);
-  bool hashItem(int jobDir, ItemRow& item);
+  bool hashItem(int jobDir, ItemRow& item, std::vector<std::string>& partHashes);
+  void hashFile(int fd, ItemRow& item, std::vector<std::string>& partHashes);
   // Calls the heartbeat when it asked to be called again (at once the first
   // time): at every round of the loop and between the blocks of a long hash.
   void beat();
@@ -930,12 +937,35 @@ void Pipeline::Impl::scanIncoming() {
     moves.unlock();  // hashing takes a while; the job is not listed yet
     logInfo("queued \"" + name + "\" as job " + jobId);
     prepareJob(jobId, unixNow());
-    // Uploads start while the rest of a burst is still being taken in.
+    // Uploads start while the rest of a burst is still being taken in, and
+    // those that ended make room for the next: their tickets count against
+    // ConcurrentUploads until they are settled.
+    settleResults();
     schedule();
   }
 }
 
-bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
+void Pipeline::Impl::settleResults() {
+  std::deque<UploadResult> results;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    results.swap(m_results);
+  }
+  for (UploadResult const& r : results) settle(r);
+}
+
+// The file's hash and, when it will go to S3 in parts, the parts' hashes in
+// the same reading.
+void Pipeline::Impl::hashFile(int fd, ItemRow& item, std::vector<std::string>& partHashes) {
+  bool const multipart = !m_targets.empty() && m_targets[0].protocol == Protocol::S3 &&
+                         item.size >= m_options.engine.multipartThreshold;
+  std::uint64_t const partSize = multipart ? multipartLayout(item.size, m_options.engine.partSize).partSize : 0;
+  FileDigests digests = sha256OfFileAndParts(fd, partSize, "\"" + item.name + "\"", [this] { beat(); });
+  item.sha256 = std::move(digests.file);
+  partHashes = std::move(digests.parts);
+}
+
+bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item, std::vector<std::string>& partHashes) {
   FileFd file;
   try {
     file = openBelow(jobDir, item.name, O_RDONLY);
@@ -946,7 +976,7 @@ bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item) {
   if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) return false;
   item.size = static_cast<std::uint64_t>(st.st_size);
   item.mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
-  item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"", [this] { beat(); });
+  hashFile(file.get(), item, partHashes);
   return true;
 }
 
@@ -955,6 +985,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
   int const out = m_folders.outgoing.get();
   FolderFd const jobDir(::openat(out, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   JobRow row;
+  std::map<std::string, std::vector<std::string>> partHashes;
   row.id = jobId;
   row.created = created;
   row.updated = unixNow();
@@ -997,7 +1028,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
     for (std::string const& name : items) {
       ItemRow item;
       item.name = name;
-      if (!hashItem(jobDir.get(), item)) throw std::runtime_error("\"" + name + "\" of job " + jobId + " cannot be read");
+      if (!hashItem(jobDir.get(), item, partHashes[name])) throw std::runtime_error("\"" + name + "\" of job " + jobId + " cannot be read");
       item.key = objectKey(settings.AccountId, settings.SpoolerId, static_cast<std::time_t>(created), jobId, name);
       row.items.push_back(std::move(item));
     }
@@ -1013,7 +1044,9 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
     return;
   }
   std::lock_guard<std::mutex> lock(m_mutex);
-  m_jobs[jobId].row = std::move(row);
+  LiveJob& live = m_jobs[jobId];
+  live.row = std::move(row);
+  live.partHashes = std::move(partHashes);
 }
 
 // ---------------------------------------------------------------------------
@@ -1064,9 +1097,11 @@ void Pipeline::Impl::schedule() {
 
 void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
   JobRow row;
+  std::map<std::string, std::vector<std::string>> partHashes;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     row = m_jobs[jobId].row;
+    partHashes = m_jobs[jobId].partHashes;
   }
   FolderFd const jobDir(::openat(m_folders.outgoing.get(), jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!jobDir.valid()) {
@@ -1099,7 +1134,7 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
       logInfo("hashes \"" + item.name + "\" of job " + jobId + " again: it changed while it waited");
       item.size = static_cast<std::uint64_t>(st.st_size);
       item.mtimeNs = mtimeNs;
-      item.sha256 = sha256OfFile(file.get(), "\"" + item.name + "\"");
+      hashFile(file.get(), item, partHashes[item.name]);
       item.uploadId.clear();
       item.parts.clear();
     }
@@ -1110,6 +1145,7 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
     request.file = std::move(file);
     request.size = item.size;
     request.sha256 = item.sha256;
+    request.partSha256 = partHashes[item.name];
     request.uploadId = item.uploadId;
     requests.push_back(std::move(request));
   }
@@ -1125,6 +1161,7 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
     std::lock_guard<std::mutex> lock(m_mutex);
     LiveJob& live = m_jobs[jobId];
     live.row = row;
+    live.partHashes = partHashes;
     live.setback.reset();
     for (UploadRequest const& r : requests) {
       std::string const item = itemOfKey(row, r.key);

@@ -3,6 +3,7 @@
 #include <openssl/evp.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <stdexcept>
 #include <system_error>
@@ -64,21 +65,42 @@ std::string Sha256::hex() {
 }
 
 std::string sha256OfFile(int fd, std::string const& what, std::function<void()> const& afterBlock) {
-  Sha256 sha;
+  return sha256OfFileAndParts(fd, 0, what, afterBlock).file;
+}
+
+FileDigests sha256OfFileAndParts(int fd, std::uint64_t partSize, std::string const& what,
+                                 std::function<void()> const& afterBlock) {
+  Sha256 whole;
+  Sha256 part;
+  FileDigests digests;
   std::vector<unsigned char> buffer(kReadChunk);
-  off_t offset = 0;
+  std::uint64_t offset = 0;
+  std::uint64_t inPart = 0;  // bytes of the current part read so far
   for (;;) {
-    ssize_t const got = ::pread(fd, buffer.data(), buffer.size(), offset);
+    std::size_t want = buffer.size();
+    // A read ends where a part ends.
+    if (partSize) want = static_cast<std::size_t>(std::min<std::uint64_t>(want, partSize - inPart));
+    ssize_t const got = ::pread(fd, buffer.data(), want, static_cast<off_t>(offset));
     if (got < 0) {
       if (errno == EINTR) continue;
       throw std::system_error(errno, std::generic_category(), "cannot read " + what);
     }
     if (got == 0) break;
-    sha.update(buffer.data(), static_cast<std::size_t>(got));
-    offset += got;
+    std::size_t const n = static_cast<std::size_t>(got);
+    whole.update(buffer.data(), n);
+    offset += n;
     if (afterBlock) afterBlock();
+    if (!partSize) continue;
+    part.update(buffer.data(), n);
+    inPart += n;
+    if (inPart == partSize) {
+      digests.parts.push_back(part.hex());
+      inPart = 0;
+    }
   }
-  return sha.hex();
+  if (inPart) digests.parts.push_back(part.hex());
+  digests.file = whole.hex();
+  return digests;
 }
 
 std::string sha256OfText(std::string const& text) {

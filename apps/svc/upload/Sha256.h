@@ -5,9 +5,11 @@
 #define QX_APPS_SVC_UPLOAD_SHA256_H
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace qxsvc {
 
@@ -34,6 +36,17 @@ class Sha256 {
 // afterBlock, when given, is called after each block read: a long hash
 // still shows that its thread is alive.
 std::string sha256OfFile(int fd, std::string const& what, std::function<void()> const& afterBlock = nullptr);
+
+// The digest of the whole file and, when partSize is not 0, of each of its
+// pieces of partSize bytes (the last one shorter), in one reading: what a
+// multipart upload signs, so that its parts need not be read once more.
+struct FileDigests {
+  std::string file;
+  std::vector<std::string> parts;
+};
+// afterBlock as for sha256OfFile.
+FileDigests sha256OfFileAndParts(int fd, std::uint64_t partSize, std::string const& what,
+                                 std::function<void()> const& afterBlock = nullptr);
 
 std::string sha256OfText(std::string const& text);
 

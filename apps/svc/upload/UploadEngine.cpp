@@ -30,6 +30,12 @@ constexpr char kEmptySha256[] = "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934
 // S3's limits on multipart uploads.
 constexpr std::uint64_t kMinPartSize = 5ull << 20;
 constexpr std::uint64_t kMaxParts = 10000;
+// Parts of one file in flight at once, at most: two keep the wire busy while
+// the server stores a part; more would only make the parts smaller (more
+// requests for the same bytes).
+constexpr std::uint64_t kMostPartsInFlight = 2;
+// A part is read in pieces of this size to hash it.
+constexpr std::size_t kHashChunk = 1 << 20;
 // WebDAV bodies below this size go without "Expect: 100-continue": the
 // round trip costs more than sending bytes that the server might refuse.
 constexpr std::uint64_t kExpectThreshold = 1ull << 20;
@@ -129,17 +135,28 @@ std::string hostPortOf(std::string const& url) {
   return url.substr(start + 3, end == std::string::npos ? std::string::npos : end - start - 3);
 }
 
-// The part size for a file of size bytes: at least the one asked for and
-// S3's minimum, and large enough that no more than 10,000 parts are needed
-// (grown in whole MiB).
-std::uint64_t partSizeFor(std::uint64_t size, std::uint64_t wanted) {
-  std::uint64_t part = std::max(wanted, kMinPartSize);
-  if ((size + part - 1) / part > kMaxParts) {
-    std::uint64_t const mib = 1ull << 20;
-    part = ((size + kMaxParts - 1) / kMaxParts + mib - 1) / mib * mib;
+}  // namespace
+
+MultipartLayout multipartLayout(std::uint64_t size, std::uint64_t partBudget) {
+  std::uint64_t const mib = 1ull << 20;
+  std::uint64_t const budget = std::max(partBudget, kMinPartSize);
+  MultipartLayout layout;
+  // Parts as small as S3 allows, and as many at once as fit in the budget,
+  // in whole MiB: the layout must come out the same in every run, or a
+  // resumed upload would find none of its parts on the server.
+  layout.inFlight = static_cast<unsigned>(std::min<std::uint64_t>(budget / kMinPartSize, kMostPartsInFlight));
+  layout.partSize = std::max(budget / layout.inFlight / mib * mib, kMinPartSize);
+  if ((size + layout.partSize - 1) / layout.partSize > kMaxParts) {
+    // Parts grow so that no more than 10,000 are needed; the budget then
+    // holds as many as fit, and at least one.
+    layout.partSize = ((size + kMaxParts - 1) / kMaxParts + mib - 1) / mib * mib;
+    layout.inFlight = static_cast<unsigned>(std::max<std::uint64_t>(1, budget / layout.partSize));
   }
-  return part;
+  layout.partCount = static_cast<unsigned>((size + layout.partSize - 1) / layout.partSize);
+  return layout;
 }
+
+namespace {
 
 // ---------------------------------------------------------------------------
 // One HTTP exchange: what goes out and what came back.
@@ -168,6 +185,7 @@ struct Exchange {
   std::uint64_t fileOffset = 0;
   std::string memory;
   std::uint64_t bodySize = 0;
+  bool hashBody = false;  // hash the file's bytes as they go (bodyHash)
   std::size_t maxBody = kMaxErrorBody;
   // Filled while it runs.
   std::uint64_t position = 0;  // of the body
@@ -203,7 +221,7 @@ std::size_t readBody(char* buffer, std::size_t size, std::size_t count, void* da
       }
       got += static_cast<std::size_t>(n);
     }
-    exchange->bodyHash.update(buffer, wanted);
+    if (exchange->hashBody) exchange->bodyHash.update(buffer, wanted);
   }
   exchange->position += wanted;
   if (exchange->onBodyBytes) exchange->onBodyBytes(wanted);
@@ -409,6 +427,13 @@ enum class Step {
   davDeleteChanged,  // the file changed after it was sent: the object goes
 };
 
+// One part of a multipart upload on the wire, on a handle of its own.
+struct PartFlight {
+  unsigned number = 0;
+  CURL* handle = nullptr;
+  std::unique_ptr<Exchange> exchange;
+};
+
 struct Transfer {
   explicit Transfer(UploadRequest r) : request(std::move(r)) {}
 
@@ -423,13 +448,14 @@ struct Transfer {
   bool cancelled = false;
   // Multipart.
   std::string uploadId;
-  std::uint64_t partSize = 0;
-  unsigned partCount = 0;
-  unsigned nextPart = 1;
+  MultipartLayout layout;
+  unsigned nextPart = 1;                       // the next to send or find on the server
+  std::list<PartFlight> flights;               // the parts on the wire
   std::map<unsigned, PartRecord> serverParts;  // what ListParts reported
-  std::vector<PartRecord> parts;               // in order, for the completion
+  std::map<unsigned, PartRecord> stored;       // what the server holds, for the completion
+  std::uint64_t storedBytes = 0;
   std::uint64_t partMarker = 0;
-  Sha256 fileHash;  // of the parts read so far
+  Sha256 fileHash;  // of the parts read so far, in order
   // WebDAV.
   std::vector<std::string> folders;  // the URLs still to make, after a 409
   bool madeFolders = false;
@@ -473,6 +499,7 @@ class UploadEngine::Impl {
     curl_multi_wakeup(m_multi);
     m_thread.join();
     for (auto& transfer : m_running) {
+      dropFlights(*transfer);
       curl_multi_remove_handle(m_multi, transfer->handle);
       curl_easy_cleanup(transfer->handle);
     }
@@ -546,12 +573,20 @@ class UploadEngine::Impl {
   void finish(Transfer& transfer, Outcome outcome, std::string message);
   void finishWithAnswer(Transfer& transfer);
   void countSent(Transfer& transfer, std::uint64_t bytes);
+  void noteProgress(std::uint64_t ticket, std::uint64_t bytesSent, std::uint64_t moved);
+  std::size_t requestsInFlight() const;
+  void dropFlights(Transfer& transfer);
+  void partDone(Transfer& transfer, std::list<PartFlight>::iterator flight, CURLcode code);
+  bool hashPart(Transfer& transfer, std::uint64_t offset, std::uint64_t size, std::string& partHash,
+                std::string& error);
+  bool sendPart(Transfer& transfer, unsigned number, std::uint64_t offset, std::uint64_t size,
+                std::string const& partHash);
   // Steps.
   void s3Put(Transfer& transfer);
   void s3Head(Transfer& transfer, Step step);
   void s3ListParts(Transfer& transfer);
   void s3Initiate(Transfer& transfer);
-  void s3NextPart(Transfer& transfer);
+  void s3SendParts(Transfer& transfer);
   void s3Complete(Transfer& transfer);
   void s3Abort(Transfer& transfer, Outcome outcome, std::string message);
   void davPut(Transfer& transfer);
@@ -568,7 +603,9 @@ class UploadEngine::Impl {
   // Only the engine's thread touches these.
   std::list<std::unique_ptr<Transfer>> m_running;
   std::deque<std::unique_ptr<Transfer>> m_waiting;
-  bool m_moreToDo = false;  // the loop goes round again without waiting
+  bool m_moreToDo = false;        // the loop goes round again without waiting
+  std::size_t m_requestLimit = 1;  // maxTransfers of this round
+  std::vector<unsigned char> m_hashBuffer = std::vector<unsigned char>(kHashChunk);
 
   mutable std::mutex m_mutex;
   // Guarded by m_mutex: what the callers ask for, and what they may read.
@@ -641,10 +678,25 @@ void UploadEngine::Impl::run() {
       if (m_stopping) return;
     }
     takeCommands(paused, maxTransfers);
-    while (!paused && m_running.size() < maxTransfers && !m_waiting.empty()) {
+    m_requestLimit = std::max<std::size_t>(1, maxTransfers);
+    while (!paused && requestsInFlight() < maxTransfers && !m_waiting.empty()) {
       std::unique_ptr<Transfer> transfer = std::move(m_waiting.front());
       m_waiting.pop_front();
       start(std::move(transfer));
+    }
+    // Requests that no upload waits for go to the parts of large files.
+    if (!paused) {
+      std::vector<Transfer*> partial;
+      for (auto& transfer : m_running) {
+        if (transfer->step == Step::s3PutPart && !transfer->flights.empty() &&
+            transfer->flights.size() < transfer->layout.inFlight &&
+            transfer->nextPart <= transfer->layout.partCount) {
+          partial.push_back(transfer.get());
+        }
+      }
+      for (Transfer* transfer : partial) {
+        if (requestsInFlight() < maxTransfers) s3SendParts(*transfer);
+      }
     }
     int active = 0;
     curl_multi_perform(m_multi, &active);
@@ -654,11 +706,19 @@ void UploadEngine::Impl::run() {
       CURL* handle = message->easy_handle;
       CURLcode const code = message->data.result;
       for (auto& transfer : m_running) {
-        if (transfer->handle != handle) continue;
-        curl_multi_remove_handle(m_multi, handle);
-        collectAnswer(handle, code, *transfer->exchange);
-        advance(*transfer);
-        break;
+        if (transfer->handle == handle) {
+          curl_multi_remove_handle(m_multi, handle);
+          collectAnswer(handle, code, *transfer->exchange);
+          advance(*transfer);
+          break;
+        }
+        auto flight = std::find_if(transfer->flights.begin(), transfer->flights.end(),
+                                   [handle](PartFlight const& f) { return f.handle == handle; });
+        if (flight != transfer->flights.end()) {
+          curl_multi_remove_handle(m_multi, handle);
+          partDone(*transfer, flight, code);
+          break;
+        }
       }
     }
     // A request just added, or a slot just freed for a waiting upload, needs
@@ -670,10 +730,40 @@ void UploadEngine::Impl::run() {
 }
 
 // Only the file's bytes count, not those of a request's own body (the list
-// of parts that completes an upload).
+// of parts that completes an upload). The parts count in partDone() and
+// dropFlights().
 void UploadEngine::Impl::countSent(Transfer& transfer, std::uint64_t bytes) {
   if (transfer.exchange && transfer.exchange->source == BodySource::file) transfer.bytesSent += bytes;
-  if (transfer.step == Step::s3PutPart) transfer.bytesSent += bytes;
+}
+
+void UploadEngine::Impl::noteProgress(std::uint64_t ticket, std::uint64_t bytesSent, std::uint64_t moved) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  auto it = m_progress.find(ticket);
+  if (it != m_progress.end()) it->second.bytesSent = bytesSent;
+  long long const second = nowSecond();
+  if (m_sentPerSecond.empty() || m_sentPerSecond.back().first != second) m_sentPerSecond.emplace_back(second, 0);
+  m_sentPerSecond.back().second += moved;
+  while (m_sentPerSecond.size() > static_cast<std::size_t>(kThroughputWindow) + 1) m_sentPerSecond.pop_front();
+}
+
+// Each upload holds one request; parts in flight beyond its first take more.
+std::size_t UploadEngine::Impl::requestsInFlight() const {
+  std::size_t requests = 0;
+  for (auto const& transfer : m_running) requests += std::max<std::size_t>(1, transfer->flights.size());
+  return requests;
+}
+
+// Cuts the parts on the wire: the server keeps none of a cut part, and the
+// upload id stays valid.
+void UploadEngine::Impl::dropFlights(Transfer& transfer) {
+  for (PartFlight& flight : transfer.flights) {
+    curl_multi_remove_handle(m_multi, flight.handle);
+    curl_off_t sent = 0;
+    curl_easy_getinfo(flight.handle, CURLINFO_SIZE_UPLOAD_T, &sent);
+    transfer.bytesSent += static_cast<std::uint64_t>(std::max<curl_off_t>(sent, 0));
+    curl_easy_cleanup(flight.handle);
+  }
+  transfer.flights.clear();
 }
 
 void UploadEngine::Impl::start(std::unique_ptr<Transfer> owned) {
@@ -699,12 +789,17 @@ void UploadEngine::Impl::start(std::unique_ptr<Transfer> owned) {
                " is not 64 lower-case hexadecimal digits");
     return;
   }
+  for (std::string const& part : transfer.request.partSha256) {
+    if (isSha256Hex(part)) continue;
+    finish(transfer, Outcome::rejected,
+           "the hash \"" + cleanQuote(part) + "\" of a part of " + transfer.request.key +
+               " is not 64 lower-case hexadecimal digits");
+    return;
+  }
   if (transfer.request.target.protocol == Protocol::WebDav) {
     davPut(transfer);
   } else if (transfer.request.size >= m_common.options.multipartThreshold) {
-    transfer.partSize = partSizeFor(transfer.request.size, m_common.options.partSize);
-    transfer.partCount =
-        static_cast<unsigned>((transfer.request.size + transfer.partSize - 1) / transfer.partSize);
+    transfer.layout = multipartLayout(transfer.request.size, m_common.options.partSize);
     s3Head(transfer, Step::s3HeadBefore);
   } else {
     s3Put(transfer);
@@ -716,17 +811,8 @@ void UploadEngine::Impl::send(Transfer& transfer, Step step, std::unique_ptr<Exc
   transfer.exchange = std::move(exchange);
   Exchange& current = *transfer.exchange;
   std::uint64_t const ticket = transfer.request.ticket;
-  std::uint64_t const base = step == Step::s3PutPart ? (transfer.nextPart - 1) * transfer.partSize : 0;
-  current.onBodyBytes = [this, ticket, base, &current](std::uint64_t bytes) {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    auto it = m_progress.find(ticket);
-    if (it != m_progress.end()) it->second.bytesSent = base + current.position + bytes;
-    long long const second = nowSecond();
-    if (m_sentPerSecond.empty() || m_sentPerSecond.back().first != second)
-      m_sentPerSecond.emplace_back(second, 0);
-    m_sentPerSecond.back().second += bytes;
-    while (m_sentPerSecond.size() > static_cast<std::size_t>(kThroughputWindow) + 1)
-      m_sentPerSecond.pop_front();
+  current.onBodyBytes = [this, ticket, &current](std::uint64_t bytes) {
+    noteProgress(ticket, current.position, bytes);
   };
   setUp(transfer.handle, current, transfer.request.target, m_common);
   if (m_common.options.traceRequests) trace(current, false);
@@ -735,6 +821,7 @@ void UploadEngine::Impl::send(Transfer& transfer, Step step, std::unique_ptr<Exc
 }
 
 void UploadEngine::Impl::finish(Transfer& transfer, Outcome outcome, std::string message) {
+  dropFlights(transfer);
   UploadResult result;
   result.ticket = transfer.request.ticket;
   result.outcome = outcome;
@@ -853,7 +940,7 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
         transfer.partMarker = marker;
         return s3ListParts(transfer);
       }
-      return s3NextPart(transfer);
+      return s3SendParts(transfer);
     }
 
     case Step::s3Initiate: {
@@ -866,40 +953,10 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
       }
       transfer.uploadId = id;
       if (m_callbacks.onUploadId) m_callbacks.onUploadId(transfer.request.ticket, id);
-      return s3NextPart(transfer);
+      return s3SendParts(transfer);
     }
 
-    case Step::s3PutPart: {
-      if (!ok) return finishWithAnswer(transfer);
-      if (exchange.position < exchange.bodySize) {
-        return finish(transfer, Outcome::transient,
-                      "the server answered HTTP " + std::to_string(answer.status) + " after " +
-                          std::to_string(exchange.position) + " of " + std::to_string(exchange.bodySize) +
-                          " bytes of part " + std::to_string(transfer.nextPart) + " (" + exchange.method +
-                          " " + exchange.url + ")");
-      }
-      PartRecord part;
-      part.number = transfer.nextPart;
-      part.size = exchange.bodySize;
-      part.etag = answer.etag;
-      if (part.etag.empty()) {
-        return finish(transfer, Outcome::transient,
-                      "the server stored part " + std::to_string(part.number) + " without an ETag (" +
-                          exchange.method + " " + exchange.url + ")");
-      }
-      transfer.parts.push_back(part);
-      ++transfer.nextPart;
-      if (m_callbacks.onPart) m_callbacks.onPart(transfer.request.ticket, part);
-      bool paused = false;
-      {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        paused = m_paused;
-      }
-      if (paused && transfer.nextPart <= transfer.partCount) {
-        return finish(transfer, Outcome::stopped, "paused after part " + std::to_string(part.number));
-      }
-      return s3NextPart(transfer);
-    }
+    case Step::s3PutPart: return;  // the parts end in partDone()
 
     case Step::s3Complete: {
       // A completion may fail after its 200: the error is then in the body.
@@ -996,60 +1053,170 @@ void UploadEngine::Impl::s3Initiate(Transfer& transfer) {
   send(transfer, Step::s3Initiate, std::move(exchange));
 }
 
-// Reads the next part, hashes it into the file's hash, and sends it unless
-// the server holds it already; after the last part, checks the file's hash
-// and completes.
-void UploadEngine::Impl::s3NextPart(Transfer& transfer) {
-  UploadRequest const& request = transfer.request;
-  // The part just sent is done with: its bytes go before the next part's
-  // come, so that one part's worth is held at a time.
-  if (transfer.exchange) std::string().swap(transfer.exchange->memory);
-  while (transfer.nextPart <= transfer.partCount) {
-    unsigned const number = transfer.nextPart;
-    std::uint64_t const offset = (number - 1) * transfer.partSize;
-    std::uint64_t const size = std::min(transfer.partSize, request.size - offset);
-    std::string bytes(static_cast<std::size_t>(size), '\0');
-    std::size_t got = 0;
-    while (got < bytes.size()) {
-      ssize_t const n =
-          ::pread(request.file.get(), &bytes[got], bytes.size() - got, static_cast<off_t>(offset + got));
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0)
-        return s3Abort(transfer, Outcome::changed,
-                       std::string("reading the file failed: ") + std::strerror(errno));
-      if (n == 0) {
-        return s3Abort(transfer, Outcome::changed,
-                       "the file ended before its " + std::to_string(request.size) + " bytes");
-      }
-      got += static_cast<std::size_t>(n);
+// Reads the part at offset once, into the file's hash and into partHash.
+bool UploadEngine::Impl::hashPart(Transfer& transfer, std::uint64_t offset, std::uint64_t size,
+                                  std::string& partHash, std::string& error) {
+  Sha256 part;
+  std::uint64_t done = 0;
+  while (done < size) {
+    std::size_t const want = static_cast<std::size_t>(std::min<std::uint64_t>(m_hashBuffer.size(), size - done));
+    ssize_t const n = ::pread(transfer.request.file.get(), m_hashBuffer.data(), want, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) {
+      error = std::string("reading the file failed: ") + std::strerror(errno);
+      return false;
     }
-    transfer.fileHash.update(bytes.data(), bytes.size());
+    if (n == 0) {
+      error = "the file ended before its " + std::to_string(transfer.request.size) + " bytes";
+      return false;
+    }
+    transfer.fileHash.update(m_hashBuffer.data(), static_cast<std::size_t>(n));
+    part.update(m_hashBuffer.data(), static_cast<std::size_t>(n));
+    done += static_cast<std::uint64_t>(n);
+  }
+  partHash = part.hex();
+  return true;
+}
+
+// Puts one part on the wire, read from the file as it goes; the server
+// checks it against partHash.
+bool UploadEngine::Impl::sendPart(Transfer& transfer, unsigned number, std::uint64_t offset, std::uint64_t size,
+                                  std::string const& partHash) {
+  PartFlight flight;
+  flight.number = number;
+  flight.handle = curl_easy_init();
+  if (!flight.handle) return false;
+  std::string const url = keyUrl(transfer) + "?partNumber=" + std::to_string(number) +
+                          "&uploadId=" + percentEncode(transfer.uploadId, false);
+  flight.exchange = exchangeFor(transfer.request.target.protocol, "PUT", url, partHash);
+  Exchange& exchange = *flight.exchange;
+  exchange.source = BodySource::file;
+  exchange.fd = transfer.request.file.get();
+  exchange.fileOffset = offset;
+  exchange.bodySize = size;
+  Transfer* const owner = &transfer;
+  exchange.onBodyBytes = [this, owner](std::uint64_t bytes) {
+    std::uint64_t sent = owner->storedBytes;
+    for (PartFlight const& f : owner->flights) sent += f.exchange->position;
+    noteProgress(owner->request.ticket, sent, bytes);
+  };
+  setUp(flight.handle, exchange, transfer.request.target, m_common);
+  if (m_common.options.traceRequests) trace(exchange, false);
+  transfer.flights.push_back(std::move(flight));
+  curl_multi_add_handle(m_multi, transfer.flights.back().handle);
+  m_moreToDo = true;
+  return true;
+}
+
+// Sends the next parts, as many at once as the layout and the free requests
+// allow, skipping those the server holds already; each is read once to hash
+// it (in order, so the file's hash grows with them). Once every part is
+// stored, checks the file's hash and completes; paused, stops after the
+// parts in flight.
+void UploadEngine::Impl::s3SendParts(Transfer& transfer) {
+  UploadRequest const& request = transfer.request;
+  transfer.step = Step::s3PutPart;
+  bool paused = false;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    paused = m_paused;
+  }
+  MultipartLayout const& layout = transfer.layout;
+  // Hashes read with the file's own need no second reading: the server
+  // checks each part against them, so a file changed since is refused.
+  bool const hashesGiven = request.partSha256.size() == layout.partCount;
+  while (transfer.nextPart <= layout.partCount && transfer.flights.size() < layout.inFlight) {
+    if (paused && !transfer.stored.empty()) break;
+    if (!transfer.flights.empty() && requestsInFlight() >= m_requestLimit) break;
+    unsigned const number = transfer.nextPart;
+    std::uint64_t const offset = (number - 1) * layout.partSize;
+    std::uint64_t const size = std::min(layout.partSize, request.size - offset);
+    std::string partHash = hashesGiven ? request.partSha256[number - 1] : std::string();
+    std::string error;
+    if (!hashesGiven && !hashPart(transfer, offset, size, partHash, error)) {
+      dropFlights(transfer);
+      return s3Abort(transfer, Outcome::changed, error);
+    }
+    ++transfer.nextPart;
     auto held = transfer.serverParts.find(number);
     if (held != transfer.serverParts.end() && held->second.size == size && !held->second.etag.empty()) {
-      transfer.parts.push_back(held->second);
-      ++transfer.nextPart;
-      std::lock_guard<std::mutex> lock(m_mutex);
-      auto it = m_progress.find(request.ticket);
-      if (it != m_progress.end()) it->second.bytesSent = offset + size;
+      transfer.stored[number] = held->second;
+      transfer.storedBytes += size;
+      noteProgress(request.ticket, transfer.storedBytes, 0);
       continue;
     }
-    std::string const url = keyUrl(transfer) + "?partNumber=" + std::to_string(number) +
-                            "&uploadId=" + percentEncode(transfer.uploadId, false);
-    auto exchange = exchangeFor(transfer.request.target.protocol, "PUT", url, sha256OfText(bytes));
-    exchange->source = BodySource::memory;
-    exchange->memory = std::move(bytes);
-    exchange->bodySize = size;
-    return send(transfer, Step::s3PutPart, std::move(exchange));
+    if (!sendPart(transfer, number, offset, size, partHash)) {
+      return finish(transfer, Outcome::transient, "libcurl could not start a request");
+    }
   }
-  if (transfer.fileHash.hex() != request.sha256) {
+  if (!transfer.flights.empty()) return;
+  if (transfer.nextPart <= layout.partCount) {
+    return finish(transfer, Outcome::stopped, "paused after part " + std::to_string(transfer.stored.rbegin()->first));
+  }
+  if (!hashesGiven && transfer.fileHash.hex() != request.sha256) {
     return s3Abort(transfer, Outcome::changed, "the file changed while it was sent; its upload was aborted");
   }
   s3Complete(transfer);
 }
 
+// One part came back: stored, the next goes; refused or cut, the upload
+// ends (the other parts in flight are cut) as the tables say.
+void UploadEngine::Impl::partDone(Transfer& transfer, std::list<PartFlight>::iterator done, CURLcode code) {
+  PartFlight flight = std::move(*done);
+  transfer.flights.erase(done);
+  Exchange& exchange = *flight.exchange;
+  collectAnswer(flight.handle, code, exchange);
+  curl_easy_cleanup(flight.handle);
+  Answer const& answer = exchange.answer;
+  if (m_common.options.traceRequests) trace(exchange, true);
+  if (answer.code == CURLE_OK) transfer.lastStatus = answer.status;
+  transfer.bytesSent += answer.bodyBytesSent;
+  bool const ok = answer.code == CURLE_OK && answer.status >= 200 && answer.status <= 299;
+  unsigned const number = flight.number;
+  // The failure's exchange is the one the result tells about.
+  transfer.exchange = std::move(flight.exchange);
+  if (exchange.shortFile || exchange.readErrno) {
+    dropFlights(transfer);
+    return s3Abort(transfer, Outcome::changed,
+                   exchange.shortFile
+                       ? "the file ended before its " + std::to_string(transfer.request.size) + " bytes"
+                       : std::string("reading the file failed: ") + std::strerror(exchange.readErrno));
+  }
+  if (!ok) {
+    // Bytes that are not those hashed: the upload goes, as the file must be
+    // hashed again.
+    if (answer.code == CURLE_OK && outcomeOfStatus(answer.status, s3Code(answer)) == Outcome::changed) {
+      dropFlights(transfer);
+      return s3Abort(transfer, Outcome::changed, describe(exchange));
+    }
+    return finishWithAnswer(transfer);
+  }
+  if (exchange.position < exchange.bodySize) {
+    return finish(transfer, Outcome::transient,
+                  "the server answered HTTP " + std::to_string(answer.status) + " after " +
+                      std::to_string(exchange.position) + " of " + std::to_string(exchange.bodySize) +
+                      " bytes of part " + std::to_string(number) + " (" + exchange.method + " " + exchange.url +
+                      ")");
+  }
+  PartRecord part;
+  part.number = number;
+  part.size = exchange.bodySize;
+  part.etag = answer.etag;
+  if (part.etag.empty()) {
+    return finish(transfer, Outcome::transient,
+                  "the server stored part " + std::to_string(part.number) + " without an ETag (" +
+                      exchange.method + " " + exchange.url + ")");
+  }
+  transfer.stored[number] = part;
+  transfer.storedBytes += part.size;
+  if (m_callbacks.onPart) m_callbacks.onPart(transfer.request.ticket, part);
+  s3SendParts(transfer);
+}
+
 void UploadEngine::Impl::s3Complete(Transfer& transfer) {
   std::string body = "<CompleteMultipartUpload>";
-  for (PartRecord const& part : transfer.parts) {
+  for (auto const& entry : transfer.stored) {
+    PartRecord const& part = entry.second;
     body += "<Part><PartNumber>" + std::to_string(part.number) + "</PartNumber><ETag>" +
             xmlEscape(part.etag) + "</ETag></Part>";
   }
@@ -1079,6 +1246,7 @@ void UploadEngine::Impl::davPut(Transfer& transfer) {
   exchange->source = BodySource::file;
   exchange->fd = request.file.get();
   exchange->bodySize = request.size;
+  exchange->hashBody = true;  // the server checks nothing: the hash is compared after the PUT
   send(transfer, Step::davPut, std::move(exchange));
 }
 

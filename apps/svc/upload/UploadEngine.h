@@ -12,20 +12,29 @@
 //    cannot be known; it is never replaced). A multipart upload, which
 //    If-None-Match does not guard, asks the same with a HEAD before it
 //    starts. Files of multipartThreshold bytes or more go as a multipart
-//    upload in parts of partSize; the upload id is reported through
-//    onUploadId before the first part is sent, and an upload given with an
-//    upload id (after a restart) asks the server which parts it holds
-//    (ListParts) and sends only the others.
+//    upload, several parts at once (multipartLayout()): the parts in flight
+//    of one file hold partSize bytes together at most, which is therefore
+//    the most that a crash makes the file send again. The upload id is
+//    reported through onUploadId before the first part is sent, and an
+//    upload given with an upload id (after a restart) asks the server which
+//    parts it holds (ListParts) and sends only the others.
 //  - WebDAV: a PUT with basic authentication; the caller's keys cannot
 //    collide (they hold the job id), since many servers ignore
 //    If-None-Match. Missing folders are made (MKCOL) when the server asks
 //    for them (409): every folder of the path from the top (405, "already
 //    there", is fine), then the PUT once more; a second 409 is rejected.
 // No redirect is followed: a 3xx means the address is wrong, and holds.
-// The bytes are read with pread() from the descriptor given, hashed as they
-// go, and compared with the hash given: a file that changed after it was
-// hashed ends as Outcome::changed, and what was sent is removed again (or,
-// on S3, refused by the server).
+// The bytes are read with pread() from the descriptor given, never held in
+// memory whole. A file that changed after it was hashed ends as
+// Outcome::changed, and what was sent is removed again (WebDAV: the bytes
+// are hashed as they go) or refused by the server (S3: every request
+// carries the hash of its body, which the server checks; a multipart
+// upload's parts carry the part hashes given with the file's, or, without
+// them, are read once more in order to hash them and compare the whole
+// with the file's hash).
+//
+// Requests: at most maxTransfers at once, the parts in flight included, so
+// one large file may use every request that no other upload needs.
 //
 // Every request's line and status go to the log as TRACE lines when
 // traceRequests is set; libcurl's own debug output too with curlDebug.
@@ -78,6 +87,10 @@ struct UploadRequest {
   FileFd file;               // open for reading; the engine owns it from submit()
   std::uint64_t size = 0;
   std::string sha256;        // lower-case hex of the file's bytes
+  // The hashes of the parts of multipartLayout(size, partSize), read with
+  // sha256 (sha256OfFileAndParts()), or empty: the engine then reads every
+  // part once more to hash it and to compare the whole with sha256.
+  std::vector<std::string> partSha256;
   std::string uploadId;      // a multipart upload to go on with, or empty
 };
 
@@ -92,14 +105,29 @@ struct UploadResult {
 };
 
 struct EngineOptions {
-  std::size_t maxTransfers = 2;
+  std::size_t maxTransfers = 2;  // requests at once
   std::uint64_t multipartThreshold = 64ull << 20;
+  // The bytes of one multipart upload in flight at once: the parts are cut
+  // so that those in flight never hold more (multipartLayout()).
   std::uint64_t partSize = 16ull << 20;
   std::chrono::seconds connectTimeout{10};
   std::chrono::seconds stallTimeout{60};  // no byte moved for this long: transient
   bool traceRequests = false;
   bool curlDebug = false;
 };
+
+// How a multipart upload of size bytes goes with a budget of partBudget
+// bytes in flight: partCount parts of partSize bytes (the last one shorter),
+// inFlight of them at once, inFlight * partSize <= partBudget (unless a huge
+// file needs parts larger than the budget to stay within S3's 10,000 parts:
+// then one at a time). The same in every run for the same arguments, so that
+// a resumed upload finds its parts on the server.
+struct MultipartLayout {
+  std::uint64_t partSize = 0;
+  unsigned partCount = 0;
+  unsigned inFlight = 1;
+};
+MultipartLayout multipartLayout(std::uint64_t size, std::uint64_t partBudget);
 
 // Progress of one transfer in flight.
 struct TransferProgress {
