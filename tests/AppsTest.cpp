@@ -690,6 +690,11 @@ TEST_F(AppsTest, DropOfAFolderAndOfAFileBecomeJobsAndAreListed) {
   expected += line;
   EXPECT_EQ(expected + uploadsFooter(2), table.out);
   expectStatus("running", 2);
+  // The log names the folder's job as the list does, not by its spool name.
+  std::vector<std::string> const log = logLines(service->err());
+  EXPECT_NE(log.end(), std::find(log.begin(), log.end(),
+                                 "INFO:qxlite-svc queued \"2 files: a.pdf, b.csv\" as job " + jobA))
+      << service->err();
 
   // Skipped entries are noted on standard error; the rest is dropped.
   fs::create_directories(tmp / "more");

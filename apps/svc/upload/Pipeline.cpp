@@ -935,8 +935,16 @@ void Pipeline::Impl::scanIncoming() {
       continue;
     }
     moves.unlock();  // hashing takes a while; the job is not listed yet
-    logInfo("queued \"" + name + "\" as job " + jobId);
     prepareJob(jobId, unixNow());
+    // Named as the list names it (a folder by its files, not its spool
+    // name); a job that could not be queued was logged with why.
+    std::string shown;
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      auto const job = m_jobs.find(jobId);
+      if (job != m_jobs.end()) shown = shownName(job->second.row);
+    }
+    if (!shown.empty()) logInfo("queued \"" + shown + "\" as job " + jobId);
     // Uploads start while the rest of a burst is still being taken in, and
     // those that ended make room for the next: their tickets count against
     // ConcurrentUploads until they are settled.
