@@ -153,18 +153,8 @@ class TinyHttpServer {
   };
 
   explicit TinyHttpServer(std::vector<Answer> answers) : m_answers(std::move(answers)) {
-    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::listen(m_fd, 8) != 0 || ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-      ADD_FAILURE() << "the HTTP server cannot listen: " << std::strerror(errno);
-      return;
-    }
-    m_port = ntohs(addr.sin_port);
-    m_thread = std::thread([this] { serve(); });
+    m_fd = qxtest::boundLoopbackSocket(&m_port, 8);
+    if (m_fd >= 0) m_thread = std::thread([this] { serve(); });
   }
   ~TinyHttpServer() {
     m_stop = true;

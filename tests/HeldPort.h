@@ -21,24 +21,32 @@
 
 namespace qxtest {
 
+// A TCP socket bound to a loopback port of the system's choice, listening
+// when backlog > 0: its descriptor (with *port set), or -1 after a test
+// failure that says why.
+inline int boundLoopbackSocket(std::uint16_t* port, int backlog = 0) {
+  int const fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in addr{};
+  addr.sin_family = AF_INET;
+  addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof addr;
+  if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+      (backlog > 0 && ::listen(fd, backlog) != 0) ||
+      ::getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
+    ADD_FAILURE() << "cannot bind a loopback port: " << std::strerror(errno);
+    if (fd >= 0) ::close(fd);
+    return -1;
+  }
+  *port = ntohs(addr.sin_port);
+  return fd;
+}
+
 // A loopback socket bound to a port of the system's choice and never
 // listening: connections to the port are refused, and nothing else can bind
 // it, for as long as the object lives.
 class HeldPort {
  public:
-  HeldPort() {
-    m_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t len = sizeof addr;
-    if (m_fd < 0 || ::bind(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
-        ::getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &len) != 0) {
-      ADD_FAILURE() << "cannot bind a loopback port: " << std::strerror(errno);
-      return;
-    }
-    m_port = ntohs(addr.sin_port);
-  }
+  HeldPort() : m_fd(boundLoopbackSocket(&m_port)) {}
   ~HeldPort() { release(); }
   HeldPort(HeldPort const&) = delete;
   HeldPort& operator=(HeldPort const&) = delete;
@@ -52,8 +60,8 @@ class HeldPort {
   }
 
  private:
+  std::uint16_t m_port = 0;  // before m_fd, which sets it
   int m_fd = -1;
-  std::uint16_t m_port = 0;
 };
 
 }  // namespace qxtest
