@@ -58,10 +58,6 @@ std::optional<std::string> readSmallFile(fs::path const& file) {
   return text;
 }
 
-}  // namespace
-
-namespace {
-
 fs::path const kSystemRuntimeFolder("/run/qxlite");
 
 fs::path personalRuntimeFolder() {
@@ -80,10 +76,9 @@ fs::path serviceRuntimeFolder() {
 }
 
 std::vector<fs::path> clientRuntimeFolders() {
-  std::vector<fs::path> folders;
-  if (::geteuid() != 0 && !personalRuntimeFolder().empty()) folders.push_back(personalRuntimeFolder());
-  folders.push_back(kSystemRuntimeFolder);
-  return folders;
+  fs::path const personal = ::geteuid() == 0 ? fs::path() : personalRuntimeFolder();
+  if (personal.empty()) return {kSystemRuntimeFolder};
+  return {personal, kSystemRuntimeFolder};
 }
 
 bool processRuns(long pid) { return pid > 0 && (::kill(static_cast<pid_t>(pid), 0) == 0 || errno == EPERM); }
