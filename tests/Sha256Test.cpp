@@ -109,6 +109,12 @@ TEST(Sha256, ReadErrorNamesWhatWasRead) {
     EXPECT_EQ(e.code().value(), EISDIR);
     EXPECT_EQ(std::string(e.what()), "cannot read \"job/a.pdf\": Is a directory");
   }
+  try {  // with the parts' thread running
+    qxsvc::sha256OfFileAndParts(folder.get(), 5, "\"job/b.pdf\"");
+    ADD_FAILURE() << "a folder was hashed in parts";
+  } catch (std::system_error const& e) {
+    EXPECT_EQ(std::string(e.what()), "cannot read \"job/b.pdf\": Is a directory");
+  }
   try {
     sha256OfFile(-1, "the archive");
     ADD_FAILURE() << "descriptor -1 was hashed";

@@ -38,7 +38,8 @@ class Sha256 {
 std::string sha256OfFile(int fd, std::string const& what, std::function<void()> const& afterBlock = nullptr);
 
 // The digest of the whole file and, when partSize is not 0, of each of its
-// pieces of partSize bytes (the last one shorter), in one reading: what a
+// pieces of partSize bytes (the last one shorter), in one reading (the
+// parts' digests on a second thread, from the same buffers): what a
 // multipart upload signs, so that its parts need not be read once more.
 struct FileDigests {
   std::string file;
