@@ -889,9 +889,9 @@ TEST_F(AppsTest, TestConfigPrintsTheFailingChecksAndFails) {
   writeFile(file, text);
   Outcome const o = qx({"test-config", file.string()});
   EXPECT_EQ(1, o.status);
-  EXPECT_EQ("qxlite: the configuration test found 3 error(s)\n", o.err);
+  EXPECT_EQ("qxlite: the configuration test found 4 error(s)\n", o.err);
   std::vector<std::string> const lines = splitLines(o.out);
-  ASSERT_EQ(14u, lines.size()) << o.out;
+  ASSERT_EQ(16u, lines.size()) << o.out;
   std::vector<std::string> const expected{
       "+ The configuration's values are accepted",
       "- The incoming folder \"" + badIn.string() + "\" cannot be made",
@@ -903,14 +903,18 @@ TEST_F(AppsTest, TestConfigPrintsTheFailingChecksAndFails) {
       "+ The extension lists hold texts only",
       "- The IPC port " + held.text() + " cannot be used",
       "    -> Address already in use",
+      // This service has no upload account: the server is only asked whether it answers.
+      "- The upload account cannot be read",
+      "    -> the credentials file \"" + (tmp / "credentials.json").string() +
+          "\" cannot be opened: No such file or directory",
       "- The server \"" + deadServer + "\" does not answer",
   };
   for (std::size_t i = 0; i < expected.size(); ++i) {
     EXPECT_EQ(expected[i], lines[i]) << i;
   }
-  EXPECT_EQ(0u, lines[11].rfind("    -> Failed to connect to 127.0.0.1 port " + held.text(), 0)) << lines[11];
-  EXPECT_EQ("* No SMTP server is set: no e-mail notices", lines[12]);
-  EXPECT_EQ("* Backup is off", lines[13]);
+  EXPECT_EQ(0u, lines[13].rfind("    -> Failed to connect to 127.0.0.1 port " + held.text(), 0)) << lines[13];
+  EXPECT_EQ("* No SMTP server is set: no e-mail notices", lines[14]);
+  EXPECT_EQ("* Backup is off", lines[15]);
   // Nothing was made by the test, and the file tested is unchanged.
   EXPECT_FALSE(fs::exists(tmp / "o2"));
   EXPECT_FALSE(fs::exists(tmp / "b2"));

@@ -24,7 +24,7 @@ namespace fs = boost::filesystem;
 // first line about something other than the spool folders.
 std::vector<std::string> folderLines(Settings const& settings) {
   Ipc::TestCfg cmd(nullptr, settings);
-  qxsvc::ConfigTestRunner runner(cmd, {}, 5);
+  qxsvc::ConfigTestRunner runner(cmd, {}, {}, 5);
   while (runner.runStep()) {
   }
   std::vector<std::string> lines;

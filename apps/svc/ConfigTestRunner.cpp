@@ -4,6 +4,7 @@
 #include "apps/svc/FolderFd.h"
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
+#include "apps/svc/upload/Credentials.h"
 #include "ipc/MsgsUItoSvc.h"
 #include "shared/DeferredResponse.h"
 
@@ -13,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include <boost/asio/io_context.hpp>
@@ -34,12 +36,54 @@ std::string canWriteIn(fs::path const& folder) {
   return std::string();
 }
 
+// What the answer to the account's check means, by status; a status not
+// in the table: 5xx a warning, any other an error, with the server's words.
+struct AccountAnswer {
+  long status;
+  bool s3;  // the row is S3's; false: WebDAV's
+  ConfigTestRunner::Finding::Kind kind;
+  char const* what;  // after the server's name; "%s": the bucket or folder
+  bool withAnswer;   // the server's answer as the line's reason
+};
+constexpr AccountAnswer kAccountAnswers[] = {
+    {200, true, ConfigTestRunner::Finding::Kind::pass, " accepts the upload account", false},
+    {207, false, ConfigTestRunner::Finding::Kind::pass, " accepts the upload account", false},
+    {401, true, ConfigTestRunner::Finding::Kind::error, " refuses the upload account", true},
+    {401, false, ConfigTestRunner::Finding::Kind::error, " refuses the upload account", true},
+    {403, true, ConfigTestRunner::Finding::Kind::error, " refuses the upload account", true},
+    {403, false, ConfigTestRunner::Finding::Kind::error, " refuses the upload account", true},
+    {404, true, ConfigTestRunner::Finding::Kind::error, " has no bucket \"%s\"", true},
+    {404, false, ConfigTestRunner::Finding::Kind::warn,
+     " has no folder \"%s\" yet: the first upload makes it when its parent folder exists", false},
+    {405, false, ConfigTestRunner::Finding::Kind::warn,
+     " answers, but cannot list its folder (HTTP 405): the upload account was not checked", false},
+    {501, false, ConfigTestRunner::Finding::Kind::warn,
+     " answers, but cannot list its folder (HTTP 501): the upload account was not checked", false},
+};
+
 }  // namespace
 
-ConfigTestRunner::ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, long httpTimeoutSecs,
-                                   WorkerPool* workers)
+ConfigTestRunner::Finding ConfigTestRunner::accountFinding(std::string const& name, Target const& target,
+                                                           AccountCheck const& check) {
+  if (!check.answered) return {Finding::Kind::error, name + " does not answer", check.message};
+  bool const s3 = target.protocol == Protocol::S3;
+  for (AccountAnswer const& row : kAccountAnswers) {
+    if (row.status != check.status || row.s3 != s3) continue;
+    std::string what = row.what;
+    std::size_t const slot = what.find("%s");
+    if (slot != std::string::npos) what.replace(slot, 2, s3 ? target.bucket : "/" + target.prefix);
+    return {row.kind, name + what, row.withAnswer ? check.message : ""};
+  }
+  std::string const status = std::to_string(check.status);
+  if (check.status >= 500) return {Finding::Kind::warn, name + " answers with HTTP " + status, ""};
+  return {Finding::Kind::error, name + " answers with HTTP " + status, check.message};
+}
+
+ConfigTestRunner::ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, fs::path credentialsFile,
+                                   long httpTimeoutSecs, WorkerPool* workers)
     : m_cmd(cmd),
       m_service(service),
+      m_credentialsFile(std::move(credentialsFile)),
       m_httpTimeoutSecs(httpTimeoutSecs),
       m_workers(workers),
       m_settings(*cmd.pSetts()) {
@@ -179,9 +223,10 @@ void ConfigTestRunner::checkServers() {
     warn("No server address is set");
     return;
   }
-  bool const debugLog = m_settings.EnableLogging && m_settings.EnableCurlDbgLog;
+  bool const traceLog = m_settings.EnableLogging;
+  bool const debugLog = traceLog && m_settings.EnableCurlDbgLog;
   if (!m_workers) {
-    report(serverFindings(inet, debugLog, m_httpTimeoutSecs, {}));
+    report(serverFindings(inet, m_credentialsFile, traceLog, debugLog, m_httpTimeoutSecs, {}));
     return;
   }
   // The worker fills findings; the test goes on, on the transport's thread,
@@ -193,8 +238,10 @@ void ConfigTestRunner::checkServers() {
     report(*findings);
     m_cmd.execOneTest();
   });
-  bool const queued = m_workers->submit([wait, findings, inet, debugLog, timeout = m_httpTimeoutSecs] {
-    *findings = serverFindings(inet, debugLog, timeout, [wait] { return wait->cancelled(); });
+  bool const queued = m_workers->submit([wait, findings, inet, credentials = m_credentialsFile, traceLog, debugLog,
+                                         timeout = m_httpTimeoutSecs] {
+    *findings =
+        serverFindings(inet, credentials, traceLog, debugLog, timeout, [wait] { return wait->cancelled(); });
     wait->complete();
   });
   if (!queued) {
@@ -203,17 +250,40 @@ void ConfigTestRunner::checkServers() {
   }
 }
 
-std::vector<ConfigTestRunner::Finding> ConfigTestRunner::serverFindings(Inet::InetCfg const& inet, bool debugLog,
+std::vector<ConfigTestRunner::Finding> ConfigTestRunner::serverFindings(Inet::InetCfg const& inet,
+                                                                        fs::path const& credentialsFile,
+                                                                        bool traceLog, bool debugLog,
                                                                         long timeoutSecs,
                                                                         std::function<bool()> abandoned) {
   std::vector<Finding> findings;
-  HttpClient const http(inet, debugLog, timeoutSecs, std::move(abandoned));
+  std::optional<Credentials> account;
+  try {
+    account = loadCredentials(credentialsFile);
+  } catch (std::exception const& e) {
+    findings.push_back({Finding::Kind::error, "The upload account cannot be read", e.what()});
+  }
+  EngineOptions options;
+  options.traceRequests = traceLog;
+  options.curlDebug = debugLog;
+  HttpClient const http(inet, debugLog, timeoutSecs, abandoned);
   for (std::string const& address : serverAddresses(inet)) {
-    HttpResult const r = http.get(address);
     std::string const name = "The server \"" + address + "\"";
-    if (!r.transferred) findings.push_back({Finding::Kind::error, name + " does not answer", r.error});
-    else if (r.status >= 500) findings.push_back({Finding::Kind::warn, name + " answers with HTTP " + std::to_string(r.status), ""});
-    else findings.push_back({Finding::Kind::pass, name + " answers (HTTP " + std::to_string(r.status) + ")", ""});
+    Target target;
+    std::string why;
+    if (!parseTarget(address, target, why)) {
+      findings.push_back({Finding::Kind::error, name + " cannot be used", why});
+      continue;
+    }
+    if (!account) {
+      // Only whether it answers at all.
+      HttpResult const r = http.get(target.origin + "/");
+      if (!r.transferred) findings.push_back({Finding::Kind::error, name + " does not answer", r.error});
+      else findings.push_back({Finding::Kind::warn, name + " answers; the upload account was not checked", ""});
+      continue;
+    }
+    AccountCheck const check =
+        checkAccount(target, inet, *account, options, std::chrono::seconds(timeoutSecs), abandoned);
+    findings.push_back(accountFinding(name, target, check));
   }
   return findings;
 }

@@ -5,8 +5,9 @@
 // Checks: the configuration's values are accepted; each spool folder is
 // allowed, exists or can be made, and can be written; no two folders are the
 // same or inside one another; the extension lists hold texts only; the IPC
-// port can be bound (unless it is the one this service uses); the server
-// addresses answer; the SMTP URL is well formed; the backup expiry is
+// port can be bound (unless it is the one this service uses); each server
+// address answers and accepts the service's upload account (asked without
+// storing anything: UploadEngine.h, checkAccount()); the SMTP URL is well formed; the backup expiry is
 // sensible. The server checks run on a worker of the service's own when a
 // pool is given (the response waits for them, see Ipc::DeferredResponse),
 // else on the caller's thread. Nothing is created or changed by the test: whether a folder can
@@ -17,7 +18,10 @@
 #define QX_APPS_SVC_CONFIGTESTRUNNER_H
 
 #include "apps/svc/WorkerPool.h"
+#include "apps/svc/upload/UploadEngine.h"
 #include "ipc/IpcCmdsLite.h"
+
+#include <boost/filesystem/path.hpp>
 
 #include <cstdint>
 #include <functional>
@@ -35,17 +39,6 @@ struct ServicePort {
 
 class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
  public:
-  // cmd owns the runner; workers, when given, runs the server checks and
-  // must outlive the server that dispatches the command.
-  ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, long httpTimeoutSecs,
-                   WorkerPool* workers = nullptr);
-  bool runStep() override;
-  bool waiting() const override { return m_waiting; }
-
-  // Whether the test found an error (a line with the error prefix).
-  bool failed() const { return m_failed; }
-
- private:
   // The outcome of one check, made where it cannot be queued yet (on a
   // worker): applied later with report().
   struct Finding {
@@ -54,7 +47,22 @@ class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
     std::string text;
     std::string why;  // of an error
   };
-  static std::vector<Finding> serverFindings(Inet::InetCfg const& inet, bool debugLog, long timeoutSecs,
+  // cmd owns the runner; workers, when given, runs the server checks and
+  // must outlive the server that dispatches the command.
+  // credentialsFile: the upload account that the servers are asked about.
+  ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, boost::filesystem::path credentialsFile,
+                   long httpTimeoutSecs, WorkerPool* workers = nullptr);
+  bool runStep() override;
+  bool waiting() const override { return m_waiting; }
+
+  // Whether the test found an error (a line with the error prefix).
+  bool failed() const { return m_failed; }
+
+ private:
+  // The line about one server's answer to the account's check.
+  static Finding accountFinding(std::string const& name, Target const& target, AccountCheck const& check);
+  static std::vector<Finding> serverFindings(Inet::InetCfg const& inet, boost::filesystem::path const& credentialsFile,
+                                             bool traceLog, bool debugLog, long timeoutSecs,
                                              std::function<bool()> abandoned);
 
   void pass(std::string const& text);
@@ -73,6 +81,7 @@ class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
 
   Ipc::TestCfg& m_cmd;
   ServicePort const m_service;
+  boost::filesystem::path const m_credentialsFile;
   long const m_httpTimeoutSecs;
   WorkerPool* const m_workers;
   Settings const m_settings;

@@ -291,7 +291,8 @@ void SvcProcessor::visit(Ipc::TestCfg& cmd) {
     std::lock_guard<std::mutex> lock(m_mutex);
     service = m_service;
   }
-  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, service, m_httpTimeoutSecs, &m_workers);
+  cmd.runner =
+      std::make_unique<ConfigTestRunner>(cmd, service, m_pipeline.credentialsFile(), m_httpTimeoutSecs, &m_workers);
 }
 
 void SvcProcessor::visit(Ipc::FileDrop& cmd) {

@@ -105,6 +105,9 @@ class Pipeline::Impl {
   std::vector<std::string> pause(bool discard);
   void resume();
   bool paused() const;
+  fs::path credentialsFile() const {
+    return m_options.credentialsFile.empty() ? defaultCredentialsPath() : m_options.credentialsFile;
+  }
   std::string activity() const;
   void scanNow();
   json::Object uploads() const;
@@ -647,9 +650,8 @@ void Pipeline::Impl::rebuildEngine(Settings const& settings) {
   } else {
     m_targets.push_back(target);
     if (!alternative.empty() && alternative != address) m_targets.push_back(altTarget);
-    fs::path const file = m_options.credentialsFile.empty() ? defaultCredentialsPath() : m_options.credentialsFile;
     try {
-      credentials = loadCredentials(file);
+      credentials = loadCredentials(credentialsFile());
     } catch (std::exception const& e) {
       why = e.what();
     }
@@ -1609,6 +1611,7 @@ void Pipeline::setSettings(Settings const& settings) { m_impl->setSettings(setti
 std::vector<std::string> Pipeline::pause(bool discard) { return m_impl->pause(discard); }
 void Pipeline::resume() { m_impl->resume(); }
 bool Pipeline::paused() const { return m_impl->paused(); }
+fs::path Pipeline::credentialsFile() const { return m_impl->credentialsFile(); }
 std::string Pipeline::activity() const { return m_impl->activity(); }
 void Pipeline::scanNow() { m_impl->scanNow(); }
 json::Object Pipeline::uploads() const { return m_impl->uploads(); }

@@ -104,6 +104,8 @@ class Pipeline {
   std::string activity() const;
   // Looks at the incoming folder now (a drop just arrived).
   void scanNow();
+  // The file that the upload account is read from.
+  boost::filesystem::path credentialsFile() const;
 
   // The uploads list of GetUploads:
   // {"uploads":[{"id","name","state","size","sent","attempts","nextTry",

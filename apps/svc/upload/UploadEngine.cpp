@@ -1311,6 +1311,59 @@ std::size_t UploadEngine::Impl::abortOrphans(Target const& target, std::set<std:
   return aborted;
 }
 
+namespace {
+
+int abandonWhenAsked(void* abandoned, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return (*static_cast<std::function<bool()> const*>(abandoned))() ? 1 : 0;
+}
+
+}  // namespace
+
+AccountCheck checkAccount(Target const& target, Inet::InetCfg const& inet, Credentials credentials,
+                          EngineOptions const& options, std::chrono::seconds timeout,
+                          std::function<bool()> const& abandoned) {
+  Common common(inet);
+  common.credentials = std::move(credentials);
+  common.options = options;
+  std::unique_ptr<Exchange> exchange;
+  if (target.protocol == Protocol::S3) {
+    std::string const prefix = target.prefix.empty() ? "" : target.prefix + "/";
+    exchange = exchangeFor(Protocol::S3, "GET",
+                           target.origin + "/" + percentEncode(target.bucket, true) +
+                               "?list-type=2&max-keys=1&prefix=" + percentEncode(prefix, false),
+                           kEmptySha256);
+  } else {
+    std::string const folder = target.prefix.empty() ? "" : percentEncode(target.prefix, true) + "/";
+    exchange = exchangeFor(Protocol::WebDav, "PROPFIND", target.origin + "/" + folder, kEmptySha256);
+    exchange->headers.push_back("Depth: 0");
+  }
+  AccountCheck check;
+  std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), curl_easy_cleanup);
+  if (!handle) {
+    check.message = "libcurl could not start a request";
+    return check;
+  }
+  setUp(handle.get(), *exchange, target, common);
+  curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, static_cast<long>(timeout.count()));
+  if (abandoned) {
+    curl_easy_setopt(handle.get(), CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(handle.get(), CURLOPT_XFERINFOFUNCTION, abandonWhenAsked);
+    curl_easy_setopt(handle.get(), CURLOPT_XFERINFODATA, &abandoned);
+  }
+  if (options.traceRequests) trace(*exchange, false);
+  CURLcode const code = curl_easy_perform(handle.get());
+  collectAnswer(handle.get(), code, *exchange);
+  if (options.traceRequests) trace(*exchange, true);
+  if (code == CURLE_ABORTED_BY_CALLBACK && abandoned && abandoned()) {
+    check.message = "the request was abandoned";
+    return check;
+  }
+  check.answered = code == CURLE_OK;
+  check.status = check.answered ? exchange->answer.status : 0;
+  check.message = check.answered ? describe(*exchange) : exchange->answer.error;
+  return check;
+}
+
 UploadEngine::UploadEngine(Inet::InetCfg const& inet, Credentials credentials, EngineOptions const& options,
                            Callbacks callbacks)
     : m_impl(std::make_unique<Impl>(inet, std::move(credentials), options, std::move(callbacks))) {}

@@ -136,6 +136,22 @@ struct TransferProgress {
   std::uint64_t size = 0;
 };
 
+// What the server says to the upload account, asked without storing
+// anything: a signed listing of at most one key under the target's prefix
+// (S3), or a PROPFIND of depth 0 on the target's folder (WebDAV).
+struct AccountCheck {
+  bool answered = false;  // an HTTP answer arrived
+  long status = 0;        // its status
+  // For people: the server's answer ("HTTP 403 InvalidAccessKeyId: ...
+  // (GET url)"), or why none arrived (libcurl's error text).
+  std::string message;
+};
+// Blocks for timeout at most, or until about a second after abandoned (when
+// given) turns true. Any thread.
+AccountCheck checkAccount(Target const& target, Inet::InetCfg const& inet, Credentials credentials,
+                          EngineOptions const& options, std::chrono::seconds timeout,
+                          std::function<bool()> const& abandoned = {});
+
 class UploadEngine {
  public:
   struct Callbacks {
