@@ -81,4 +81,18 @@ void traceCurlToLog(CURL* h, std::string const* prefix) {
   curl_easy_setopt(h, CURLOPT_DEBUGDATA, const_cast<std::string*>(prefix));
 }
 
+namespace {
+
+int abandonWhenAsked(void* abandoned, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+  return (*static_cast<std::function<bool()> const*>(abandoned))() ? 1 : 0;
+}
+
+}  // namespace
+
+void abandonWhen(CURL* handle, std::function<bool()> const* abandoned) {
+  curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+  curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, abandonWhenAsked);
+  curl_easy_setopt(handle, CURLOPT_XFERINFODATA, abandoned);
+}
+
 }  // namespace qxsvc

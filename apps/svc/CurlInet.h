@@ -3,7 +3,7 @@
 // certificates are checked, and the program's user agent; and libcurl's
 // own debug output as TRACE lines of the log.
 //
-// Both functions may run on any thread, each on a handle that thread owns.
+// The functions may run on any thread, each on a handle that thread owns.
 #ifndef QX_APPS_SVC_CURLINET_H
 #define QX_APPS_SVC_CURLINET_H
 
@@ -11,6 +11,7 @@
 
 #include <curl/curl.h>
 
+#include <functional>
 #include <string>
 
 namespace qxsvc {
@@ -23,6 +24,11 @@ void applyInetCfg(CURL* handle, Inet::InetCfg const& inet);
 // begin with prefix (which must outlive the handle). Header lines that carry
 // credentials (Authorization, Proxy-Authorization) show their name only.
 void traceCurlToLog(CURL* handle, std::string const* prefix);
+
+// Ends the request of handle with CURLE_ABORTED_BY_CALLBACK soon (libcurl
+// asks at least about once a second) after abandoned turns true; abandoned
+// must outlive the request.
+void abandonWhen(CURL* handle, std::function<bool()> const* abandoned);
 
 }  // namespace qxsvc
 

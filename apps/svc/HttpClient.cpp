@@ -19,11 +19,6 @@ std::size_t collect(char* data, std::size_t size, std::size_t count, void* out) 
   return size * count;
 }
 
-// libcurl asks while a request runs, at least about once a second.
-int abandonWhenAsked(void* abandoned, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return (*static_cast<std::function<bool()> const*>(abandoned))() ? 1 : 0;
-}
-
 }  // namespace
 
 std::vector<std::string> serverAddresses(Inet::InetCfg const& inet) {
@@ -64,11 +59,7 @@ HttpResult HttpClient::perform(std::string const& url, std::string const* postBo
   curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, collect);
   curl_easy_setopt(h, CURLOPT_WRITEDATA, &result.body);
   applyInetCfg(h, m_inet);
-  if (m_abandoned) {
-    curl_easy_setopt(h, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(h, CURLOPT_XFERINFOFUNCTION, abandonWhenAsked);
-    curl_easy_setopt(h, CURLOPT_XFERINFODATA, &m_abandoned);
-  }
+  if (m_abandoned) abandonWhen(h, &m_abandoned);
   if (m_debugLog) {
     static std::string const kPrefix = "curl ";
     traceCurlToLog(h, &kPrefix);

@@ -1311,14 +1311,6 @@ std::size_t UploadEngine::Impl::abortOrphans(Target const& target, std::set<std:
   return aborted;
 }
 
-namespace {
-
-int abandonWhenAsked(void* abandoned, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return (*static_cast<std::function<bool()> const*>(abandoned))() ? 1 : 0;
-}
-
-}  // namespace
-
 AccountCheck checkAccount(Target const& target, Inet::InetCfg const& inet, Credentials credentials,
                           EngineOptions const& options, std::chrono::seconds timeout,
                           std::function<bool()> const& abandoned) {
@@ -1345,11 +1337,7 @@ AccountCheck checkAccount(Target const& target, Inet::InetCfg const& inet, Crede
   }
   setUp(handle.get(), *exchange, target, common);
   curl_easy_setopt(handle.get(), CURLOPT_TIMEOUT, static_cast<long>(timeout.count()));
-  if (abandoned) {
-    curl_easy_setopt(handle.get(), CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(handle.get(), CURLOPT_XFERINFOFUNCTION, abandonWhenAsked);
-    curl_easy_setopt(handle.get(), CURLOPT_XFERINFODATA, &abandoned);
-  }
+  if (abandoned) abandonWhen(handle.get(), &abandoned);
   if (options.traceRequests) trace(*exchange, false);
   CURLcode const code = curl_easy_perform(handle.get());
   collectAnswer(handle.get(), code, *exchange);
