@@ -124,8 +124,7 @@ TEST_F(ConfigTestAccount, EachServerSaysWhetherItAcceptsTheUploadAccount) {
        davAddress + "/not%20yet",
        "",
        davAccount,
-       {"* The server \"" + davAddress + "/not%20yet\" has no folder \"/dav/not yet\" yet: the first upload makes it "
-        "when its parent folder exists"}},
+       {"* The server \"" + davAddress + "/not%20yet\" has no folder \"/dav/not yet\" yet: the first upload makes it"}},
       {"the alternative address too, where nothing listens",
        davAddress,
        deadAddress,

@@ -858,27 +858,38 @@ TEST(UploadEngineTest, AStalledServerIsTransientAfterTheStallTimeout) {
   EXPECT_EQ(start, result.message);
 }
 
-TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersThenPutsOnce) {
+TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersOneLevelAtATimeThenPutsOnce) {
   struct Case {
     char const* what;
+    char const* folder;   // of the target
     bool folderRefused;   // MKCOL answers 403
     bool secondConflict;  // the PUT after the folders gets 409 again
     Outcome outcome;
     std::vector<std::string> requests;
   } const cases[] = {
       {"folders made",
+       "dav",
        false,
        false,
        Outcome::done,
        {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/a%20b/", "MKCOL /dav/a%20b/c/",
         "PUT /dav/a%20b/c/k.txt"}},
+      {"a target folder of several levels",
+       "dav/new%20one/deeper",
+       false,
+       false,
+       Outcome::done,
+       {"PUT /dav/new%20one/deeper/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/new%20one/",
+        "MKCOL /dav/new%20one/deeper/", "MKCOL /dav/new%20one/deeper/a%20b/", "MKCOL /dav/new%20one/deeper/a%20b/c/",
+        "PUT /dav/new%20one/deeper/a%20b/c/k.txt"}},
       {"a second conflict is the end",
+       "dav",
        false,
        true,
        Outcome::rejected,
        {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/", "MKCOL /dav/a%20b/", "MKCOL /dav/a%20b/c/",
         "PUT /dav/a%20b/c/k.txt"}},
-      {"a folder refused", true, false, Outcome::hold, {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/"}},
+      {"a folder refused", "dav", true, false, Outcome::hold, {"PUT /dav/a%20b/c/k.txt", "MKCOL /dav/"}},
   };
   TempDir dir;
   std::uint64_t ticket = 0;
@@ -897,7 +908,7 @@ TEST(UploadEngineTest, AWebDavConflictMakesTheFoldersThenPutsOnce) {
     });
     Recorder recorder;
     UploadEngine engine(inetCfg(), localAccount(), qxsvc::EngineOptions{}, recorder.callbacks());
-    qxsvc::Target const to = target("dav://127.0.0.1:" + std::to_string(server.port()) + "/dav");
+    qxsvc::Target const to = target("dav://127.0.0.1:" + std::to_string(server.port()) + "/" + c.folder);
     engine.submit(request(dir, ++ticket, to, "a b/c/k.txt", "bytes"));
     UploadResult const result = recorder.waitFor(ticket);
     EXPECT_EQ(c.outcome, result.outcome) << result.message;

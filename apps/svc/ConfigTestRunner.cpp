@@ -54,7 +54,7 @@ constexpr AccountAnswer kAccountAnswers[] = {
     {403, false, ConfigTestRunner::Finding::Kind::error, " refuses the upload account", true},
     {404, true, ConfigTestRunner::Finding::Kind::error, " has no bucket \"%s\"", true},
     {404, false, ConfigTestRunner::Finding::Kind::warn,
-     " has no folder \"%s\" yet: the first upload makes it when its parent folder exists", false},
+     " has no folder \"%s\" yet: the first upload makes it", false},
     {405, false, ConfigTestRunner::Finding::Kind::warn,
      " answers, but cannot list its folder (HTTP 405): the upload account was not checked", false},
     {501, false, ConfigTestRunner::Finding::Kind::warn,

@@ -996,13 +996,13 @@ void UploadEngine::Impl::advance(Transfer& transfer) {
         transfer.madeFolders = true;
         transfer.folders.clear();
         Target const& target = transfer.request.target;
-        std::string path = target.prefix;
-        std::string const key = transfer.key;
+        // Each folder of the prefix and of the key on its own: a server
+        // makes one level at a time.
+        std::string const path = target.prefix.empty() ? transfer.key : target.prefix + "/" + transfer.key;
         std::size_t start = 0;
         std::vector<std::string> segments;
-        if (!path.empty()) segments.push_back(path);
-        for (std::size_t slash; (slash = key.find('/', start)) != std::string::npos; start = slash + 1) {
-          segments.push_back(key.substr(start, slash - start));
+        for (std::size_t slash; (slash = path.find('/', start)) != std::string::npos; start = slash + 1) {
+          segments.push_back(path.substr(start, slash - start));
         }
         std::string url = target.origin;
         for (std::string const& segment : segments) {
