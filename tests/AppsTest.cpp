@@ -509,10 +509,11 @@ TEST_F(AppsTest, StatusPauseAndResume) {
   expectStatus("running", 0, {"--host", "127.0.0.1", "--timeout", "10"});
   expectOutput({"pause"}, "Paused\n");
   expectStatus("paused");
-  expectOutput({"pause"}, "Paused\n");
+  expectOutput({"pause"}, "Already paused\n");
+  expectStatus("paused");
   expectOutput({"resume"}, "Resumed\n");
   expectStatus("running");
-  expectOutput({"resume"}, "Resumed\n");
+  expectOutput({"resume"}, "Already running\n");
   expectStatus("running");
 }
 
@@ -1599,6 +1600,7 @@ TEST_F(AppsTest, EachMessageOfTheProgramsHasItsExactTextAndStatus) {
       {kCli, Via::runtimeFile, {"pause"}, 0, "Paused\n", ""},
       {kCli, Via::runtimeFile, {"pause", "--discard"}, 0, "Paused; 0 waiting item(s) moved to the rejected folder\n", ""},
       {kCli, Via::runtimeFile, {"resume"}, 0, "Resumed\n", ""},
+      {kCli, Via::runtimeFile, {"resume"}, 0, "Already running\n", ""},
       {kCli, Via::service, {"drop", "{tmp}/a.pdf"}, 0, "dropped \"{tmp}/a.pdf\": 1 file(s), 1 B\n", ""},
   };
   auto const fill = [&](std::string text) {

@@ -194,11 +194,12 @@ std::string SvcProcessor::reload() {
 
 void SvcProcessor::visit(Ipc::Pause& cmd) {
   try {
+    bool const already = m_pipeline.paused();
     std::vector<std::string> const moved = m_pipeline.pause(cmd.delAll);
     cmd.ok = true;
     cmd.msg = cmd.delAll ? "Paused; " + std::to_string(moved.size()) +
                                " waiting item(s) moved to the rejected folder" + listedBriefly(moved)
-                         : std::string("Paused");
+                         : std::string(already ? "Already paused" : "Paused");
   } catch (std::exception const& e) {
     cmd.ok = false;
     cmd.msg = std::string("Paused, but the waiting items could not all be moved: ") + e.what();
@@ -207,9 +208,10 @@ void SvcProcessor::visit(Ipc::Pause& cmd) {
 }
 
 void SvcProcessor::visit(Ipc::Resume& cmd) {
+  bool const wasPaused = m_pipeline.paused();
   m_pipeline.resume();
   cmd.ok = true;
-  cmd.msg = "Resumed";
+  cmd.msg = wasPaused ? "Resumed" : "Already running";
   Log::inst().writeLine("INFO:", "qxlite-svc " + cmd.msg);
 }
 
