@@ -179,6 +179,8 @@ class Pipeline::Impl {
   void sweepBackups();
   void cleanUpOrphans();
   void setHeld(std::string const& why);
+  // How many transfers may be handed to the engine at once; m_mutex held.
+  std::size_t startLimitLocked() const;
   std::chrono::milliseconds backoff(unsigned attempts);
   std::shared_ptr<UploadEngine> engine() const;
   void rebuildEngine(Settings const& settings);
@@ -212,6 +214,12 @@ class Pipeline::Impl {
   std::string m_folderProblem;       // guarded by m_mutex: why nothing moves
   bool m_looping = false;            // guarded by m_mutex: the start's reconciling is over
   std::map<std::string, LiveJob> m_jobs;          // guarded by m_mutex
+  // The jobs that are not final, by id, so that a round of the loop need
+  // not walk the history of the days before: a job enters when it is listed
+  // queued and leaves when it is listed final (finishAll, giveUpLocked) or
+  // gone. The pointers are to nodes of m_jobs, which stay where they are
+  // until erased, and a job leaves m_jobs only after it left here.
+  std::map<std::string, LiveJob*> m_open;         // guarded by m_mutex
   std::map<std::uint64_t, TicketRef> m_tickets;   // guarded by m_mutex
   std::deque<UploadResult> m_results;             // guarded by m_mutex
   std::set<std::string> m_cancels;                // guarded by m_mutex
@@ -494,14 +502,17 @@ void Pipeline::Impl::run() {
       std::lock_guard<std::mutex> lock(m_mutex);
       std::int64_t const unow = unixNow();
       // Queued jobs wait for the engine and the start's clean-up, which wakes
-      // the loop when it ends; counting them before would spin.
-      bool const canStart = m_engine && m_cleanedUp.load();
-      for (auto const& j : m_jobs) {
-        if (!canStart) break;
-        JobRow const& row = j.second.row;
-        if (row.state == JobState::queued && j.second.tickets.empty() && m_held.empty() && !m_paused) {
+      // the loop when it ends, and for a free transfer, whose result wakes
+      // it: counting them before would spin.
+      bool const canStart = m_engine && m_cleanedUp.load() && m_tickets.size() < startLimitLocked();
+      for (auto const& open : m_open) {
+        if (!canStart || !m_held.empty() || m_paused) break;
+        LiveJob const& job = *open.second;
+        JobRow const& row = job.row;
+        if (row.state == JobState::queued && job.tickets.empty()) {
           SteadyClock::time_point const due = now + std::chrono::seconds(std::max<std::int64_t>(0, row.nextTry - unow));
           until = std::min(until, due);
+          if (row.nextTry <= unow) break;  // none is due sooner
         }
       }
       // A held queue probes only with an engine to probe with.
@@ -779,6 +790,11 @@ void Pipeline::Impl::applySettings(Settings const& settings) {
   m_orphans = std::thread([this] { cleanUpOrphans(); });
 }
 
+std::size_t Pipeline::Impl::startLimitLocked() const {
+  // One more than run at once, so that the next starts as one ends.
+  return std::max<std::size_t>(1, m_settings.ConcurrentUploads) + 1;
+}
+
 void Pipeline::Impl::setHeld(std::string const& why) {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (why == m_held) return;
@@ -831,7 +847,9 @@ void Pipeline::Impl::reconcile() {
     JobRow job = row->second;
     std::lock_guard<std::mutex> lock(m_mutex);
     if (job.state == JobState::uploading) job.state = JobState::queued;
-    m_jobs[name].row = job;
+    LiveJob& live = m_jobs[name];
+    live.row = job;
+    if (!isFinal(job.state)) m_open[name] = &live;
   }
   for (auto& r : rows) {
     JobRow& row = r.second;
@@ -842,6 +860,7 @@ void Pipeline::Impl::reconcile() {
         continue;
       }
       std::lock_guard<std::mutex> lock(m_mutex);
+      m_open.erase(row.id);
       m_jobs[row.id].row = row;
       continue;
     }
@@ -854,6 +873,7 @@ void Pipeline::Impl::reconcile() {
       row.updated = unixNow();
       m_journal->update(row);
       std::lock_guard<std::mutex> lock(m_mutex);
+      m_open.erase(row.id);
       m_jobs[row.id].row = row;
     } else {
       logWarning("job " + row.id + " (" + row.title + ") is no longer in the outgoing folder: dropped from the journal");
@@ -1149,6 +1169,7 @@ void Pipeline::Impl::enter(std::vector<PreparedJob> jobs) {
   std::lock_guard<std::mutex> lock(m_mutex);
   for (PreparedJob& job : jobs) {
     LiveJob& live = m_jobs[job.row.id];
+    m_open[job.row.id] = &live;
     live.row = std::move(job.row);
     live.partHashes = std::move(job.partHashes);
   }
@@ -1184,17 +1205,17 @@ void Pipeline::Impl::schedule() {
       probe = true;
       budget = 1;
     } else {
-      // One more than run at once, so that the next starts as one ends.
-      std::size_t const limit = std::max<std::size_t>(1, m_settings.ConcurrentUploads) + 1;
+      std::size_t const limit = startLimitLocked();
       if (m_tickets.size() >= limit) return;
       budget = limit - m_tickets.size();
     }
-    for (auto const& j : m_jobs) {
+    for (auto const& open : m_open) {
       if (due.size() >= budget) break;
-      JobRow const& row = j.second.row;
-      if (row.state != JobState::queued || !j.second.tickets.empty() || j.second.cancelRequested) continue;
+      LiveJob const& job = *open.second;
+      JobRow const& row = job.row;
+      if (row.state != JobState::queued || !job.tickets.empty() || job.cancelRequested) continue;
       if (!probe && row.nextTry > unow) continue;
-      due.push_back(j.first);
+      due.push_back(open.first);
     }
   }
   std::vector<StartingJob> starting;
@@ -1256,6 +1277,7 @@ std::optional<StartingJob> Pipeline::Impl::readyToStart(std::string const& jobId
     logWarning("job " + jobId + " (" + row.title + ") is no longer in the outgoing folder: dropped from the journal");
     m_journal->remove(jobId);
     std::lock_guard<std::mutex> lock(m_mutex);
+    m_open.erase(jobId);
     m_jobs.erase(jobId);
     return std::nullopt;
   }
@@ -1495,7 +1517,10 @@ void Pipeline::Impl::finishAll(std::vector<JobRow> rows) {
     if (backupOn) ::fsync(m_folders.backup.get());
   }
   std::lock_guard<std::mutex> lock(m_mutex);
-  for (JobRow& row : rows) m_jobs[row.id].row = std::move(row);
+  for (JobRow& row : rows) {
+    m_open.erase(row.id);
+    m_jobs[row.id].row = std::move(row);
+  }
 }
 
 void Pipeline::Impl::finishJob(std::string const& jobId) {
@@ -1547,6 +1572,7 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
     JobRow const& row;
     ~Publish() {
       std::lock_guard<std::mutex> lock(impl.m_mutex);
+      impl.m_open.erase(row.id);
       impl.m_jobs[row.id].row = row;
     }
   } const publish{*this, row};
@@ -1684,9 +1710,9 @@ std::string Pipeline::Impl::activity() const {
   if (!m_looping) return "starting";
   std::size_t uploading = 0;
   std::size_t queued = 0;
-  for (auto const& j : m_jobs) {
-    if (j.second.row.state == JobState::uploading) ++uploading;
-    if (j.second.row.state == JobState::queued) ++queued;
+  for (auto const& open : m_open) {
+    if (open.second->row.state == JobState::uploading) ++uploading;
+    if (open.second->row.state == JobState::queued) ++queued;
   }
   std::string const waiting = std::to_string(queued) + " queued";
   if (uploading > 0) return "uploading " + std::to_string(uploading) + (queued > 0 ? ", " + waiting : std::string());
