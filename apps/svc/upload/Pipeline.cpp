@@ -1223,12 +1223,11 @@ void Pipeline::Impl::schedule() {
     if (std::optional<StartingJob> job = readyToStart(id)) starting.push_back(std::move(*job));
   }
   if (starting.empty()) return;
-  // Recorded as uploading in one transaction before any request goes. A
-  // crash after the requests went but before the record leaves the jobs
-  // queued in the journal, which is what the start makes of "uploading"
-  // anyway: they are sent again, and an object that is there already with
-  // the same bytes counts as uploaded (S3), or is written again under the
-  // same key (WebDAV), so nothing is stored twice.
+  // Recorded as uploading in one transaction before any request goes. After
+  // a crash the start makes "uploading" queued again, so a job is sent once
+  // more whatever this record says: an object that is there already with
+  // the same bytes counts as uploaded (S3), or the same key is written
+  // again (WebDAV); nothing is stored twice.
   std::vector<JobRow> rows;
   rows.reserve(starting.size());
   for (StartingJob const& job : starting) rows.push_back(job.row);
@@ -1476,8 +1475,8 @@ void Pipeline::Impl::finishAll(std::vector<JobRow> rows) {
   try {
     m_journal->updateAll(rows);
   } catch (std::exception const&) {
-    // Each alone: a job whose record fails stays where it is and is tried
-    // again, which finds its bytes on the server.
+    // Each alone: a job whose record fails stays where it is and is sent
+    // again, item by item, which finds its bytes on the server.
     std::vector<JobRow> recorded;
     for (JobRow& row : rows) {
       try {
@@ -1489,6 +1488,7 @@ void Pipeline::Impl::finishAll(std::vector<JobRow> rows) {
         JobRow& live = m_jobs[row.id].row;
         live.state = JobState::queued;
         live.updated = unixNow();
+        for (ItemRow& item : live.items) item.done = false;
       }
     }
     rows = std::move(recorded);
