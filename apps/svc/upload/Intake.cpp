@@ -298,7 +298,7 @@ void ClaimBurst::add(std::string const& name, std::string const& jobId) {
 void ClaimBurst::sync() {
   if (m_claims.empty()) return;
   // The job folders first, then the folder that lists them, then the one
-  // they left: the first sync commits the file system's log with every
+  // they left. On a journalling file system the first sync commits every
   // rename of the burst, so the others are cheap.
   std::string const what = m_claims.size() == 1
                                ? "the claim of " + quoted(m_claims.front().name) + " as job " + quoted(m_claims.front().jobId)
