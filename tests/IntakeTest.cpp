@@ -344,6 +344,28 @@ TEST(IntakeClaim, TheEntryMovesIntoItsJobFolderUnderItsName) {
   EXPECT_EQ(namesIn(s.out / first), std::vector<std::string>{"a.pdf"});
 }
 
+TEST(IntakeClaim, ABurstClaimsEachEntryAndOneThatFailsLeavesTheOthersClaimed) {
+  Spool s;
+  qxtest::writeFile(s.in / "a.pdf", "first");
+  qxtest::writeFile(s.in / "b.pdf", "second");
+  qxtest::writeFile(s.in / "c.pdf", "third");
+  std::string const ids[] = {qxsvc::newJobId(1700000000), qxsvc::newJobId(1700000000), qxsvc::newJobId(1700000000)};
+  fs::create_directories(s.out / ids[1]);  // another job's folder: b.pdf cannot take it
+  qxsvc::FolderFd const in = qxtest::openFolder(s.in);
+  qxsvc::FolderFd const out = qxtest::openFolder(s.out);
+  qxsvc::ClaimBurst burst(in.get(), out.get());
+  burst.add("a.pdf", ids[0]);
+  EXPECT_EQ(systemErrorOf([&] { burst.add("b.pdf", ids[1]); }),
+            "cannot claim \"b.pdf\": the job folder \"" + ids[1] + "\" exists already: File exists");
+  burst.add("c.pdf", ids[2]);
+  burst.sync();
+  burst.sync();  // nothing added since: nothing to do
+  EXPECT_EQ(namesIn(s.in), std::vector<std::string>{"b.pdf"});
+  EXPECT_EQ(qxtest::readFile(s.out / ids[0] / "a.pdf"), "first");
+  EXPECT_TRUE(namesIn(s.out / ids[1]).empty());
+  EXPECT_EQ(qxtest::readFile(s.out / ids[2] / "c.pdf"), "third");
+}
+
 TEST(IntakeClaim, AnExistingJobFolderStopsTheClaimAndTheEntryStays) {
   Spool s;
   qxtest::writeFile(s.in / "a.pdf", "document");

@@ -387,6 +387,43 @@ TEST_F(JournalTest, RefusedWritesSayWhyAndChangeNothing) {
   EXPECT_EQ(describe(job), describe(journal->jobs()));
 }
 
+TEST_F(JournalTest, ABatchWritesEveryRowInOrderOrNoneAndNamesTheRefusedJob) {
+  auto journal = openJournal(file());
+  JobRow const first = simpleJob("A", 1), second = simpleJob("B", 2), third = simpleJob("C", 3);
+  journal->insertAll({first, second});
+  journal->insertAll({});
+  EXPECT_EQ(describe(first) + describe(second), describe(journal->jobs()));
+
+  JobRow firstDone = first, secondDone = second;
+  firstDone.state = secondDone.state = JobState::done;
+  firstDone.updated = secondDone.updated = 9;
+  secondDone.items[0].done = true;
+  journal->updateAll({firstDone, secondDone});
+  EXPECT_EQ(describe(firstDone) + describe(secondDone), describe(journal->jobs()));
+
+  std::string const prefix = "journal " + qxtest::quoted(file()) + ", job ";
+  JobRow missing = simpleJob("missing");
+  JobRow firstAgain = first;
+  firstAgain.state = JobState::uploading;
+  struct Row {
+    char const* what;
+    std::function<void()> write;
+    std::string message;
+  };
+  Row const rows[] = {
+      // The row before the refused one is not kept either.
+      {"insert whose second id exists", [&] { journal->insertAll({third, first}); },
+       prefix + "\"A\": cannot insert: a job of this id exists already"},
+      {"update whose second job is missing", [&] { journal->updateAll({firstAgain, missing}); },
+       prefix + "\"missing\": cannot update: no such job"},
+  };
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.what);
+    EXPECT_EQ(row.message, qxtest::runtimeErrorMessage(row.write));
+    EXPECT_EQ(describe(firstDone) + describe(secondDone), describe(journal->jobs()));
+  }
+}
+
 TEST_F(JournalTest, AMissingFileIsMadeAnewAndTheNoteSaysSo) {
   std::string note;
   {

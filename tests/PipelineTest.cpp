@@ -16,10 +16,12 @@
 #include "tests/TestUtil.h"
 
 #include <sys/stat.h>
+#include <time.h>
 
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <ctime>
 #include <set>
@@ -552,6 +554,37 @@ TEST_F(PipelineTest, AJobThatKeepsFailingIsGivenUpWithItsLastErrorAfterTheRetryW
   EXPECT_EQ("expired", reason["rule"].asStringSafe());
   EXPECT_EQ(error, reason["message"].asStringSafe());
   EXPECT_EQ(std::vector<std::string>{}, qxtest::s3ListKeys(s3, bucket));
+}
+
+TEST_F(PipelineTest, JobsWaitingForAFreeTransferLeaveTheLoopAsleep) {
+  qxtest::S3TestServer const& s3 = qxtest::s3Server();
+  std::string const bucket = qxtest::makeBucket(s3, "pipeline-backlog");
+  writeCredentials(s3.accessKey, s3.secretKey);
+  qxtest::HostPort const upstream = qxtest::hostPortOf(s3.endpoint);
+  // Every answer to a PUT is held for a while: the transfers stay busy.
+  qxtest::FaultProxy proxy(upstream.host, upstream.port, [](std::string const& method, std::string const&) {
+    return method == "PUT" ? qxtest::Fault::stallAnswer(std::chrono::milliseconds(4000)) : qxtest::Fault::pass();
+  });
+  Settings settings = settingsFor("s3://127.0.0.1:" + std::to_string(proxy.port()) + "/" + bucket);
+  settings.ConcurrentUploads = 1;
+  qxsvc::Pipeline p(settings, options());
+  p.start();
+  for (int i = 0; i < 6; ++i) drop("backlog-" + std::to_string(i) + ".pdf", "waits " + std::to_string(i));
+  p.scanNow();
+  // One runs and one more is handed over ahead; four wait for a free transfer.
+  ASSERT_TRUE(qxtest::waitFor([&] {
+    std::vector<std::string> const s = states(p);
+    return s.size() == 6 && std::count(s.begin(), s.end(), "uploading") == 2;
+  })) << qxtest::text(p.uploads());
+  timespec before{}, after{};
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &before);
+  std::this_thread::sleep_for(std::chrono::milliseconds(1000));
+  ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &after);
+  double const cpuSeconds = static_cast<double>(after.tv_sec - before.tv_sec) + (after.tv_nsec - before.tv_nsec) / 1e9;
+  // A loop that woke for every waiting job would burn the whole second.
+  EXPECT_LT(cpuSeconds, 0.25) << qxtest::text(p.uploads());
+  std::vector<std::string> const waitingStill = states(p);
+  EXPECT_EQ(4, std::count(waitingStill.begin(), waitingStill.end(), "queued")) << qxtest::text(p.uploads());
 }
 
 }  // namespace

@@ -274,26 +274,46 @@ Verdict judge(Settings const& settings, int incomingDir, std::string const& name
 // ---------------------------------------------------------------------------
 // Claim and reject
 
-void claim(int incomingDir, std::string const& name, int outgoingDir, std::string const& jobId) {
+ClaimBurst::ClaimBurst(int incomingDir, int outgoingDir) : m_incomingDir(incomingDir), m_outgoingDir(outgoingDir) {}
+
+void ClaimBurst::add(std::string const& name, std::string const& jobId) {
   requireEntryName(name, "claim");
   if (!isJobId(jobId)) throw failure(EINVAL, "cannot claim " + quoted(name) + ": " + quoted(jobId) + " is not a job id");
-  if (::mkdirat(outgoingDir, jobId.c_str(), 0750) != 0) {
+  if (::mkdirat(m_outgoingDir, jobId.c_str(), 0750) != 0) {
     int const err = errno;
     throw failure(err, "cannot claim " + quoted(name) + (err == EEXIST ? ": the job folder " + quoted(jobId) + " exists already"
                                                                        : ": cannot make the job folder " + quoted(jobId)));
   }
-  FolderFd const job(::openat(outgoingDir, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  FolderFd job(::openat(m_outgoingDir, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   int err = job.valid() ? 0 : errno;
-  if (err == 0 && ::renameat2(incomingDir, name.c_str(), job.get(), name.c_str(), RENAME_NOREPLACE) != 0) err = errno;
+  if (err == 0 && ::renameat2(m_incomingDir, name.c_str(), job.get(), name.c_str(), RENAME_NOREPLACE) != 0) err = errno;
   if (err != 0) {
     // The entry is still in the incoming folder: the empty job folder goes.
-    ::unlinkat(outgoingDir, jobId.c_str(), AT_REMOVEDIR);
+    ::unlinkat(m_outgoingDir, jobId.c_str(), AT_REMOVEDIR);
     throw failure(err, "cannot claim " + quoted(name) + " as job " + quoted(jobId) + "; it stays in the incoming folder");
   }
-  std::string const what = "the claim of " + quoted(name) + " as job " + quoted(jobId);
-  fsyncOrThrow(job.get(), what);
-  fsyncOrThrow(outgoingDir, what);
-  fsyncOrThrow(incomingDir, what);
+  m_claims.push_back(Claim{name, jobId, std::move(job)});
+}
+
+void ClaimBurst::sync() {
+  if (m_claims.empty()) return;
+  // The job folders first, then the folder that lists them, then the one
+  // they left. On a journalling file system the first sync commits every
+  // rename of the burst, so the others are cheap.
+  std::string const what = m_claims.size() == 1
+                               ? "the claim of " + quoted(m_claims.front().name) + " as job " + quoted(m_claims.front().jobId)
+                               : "the claims of " + std::to_string(m_claims.size()) + " entries, " +
+                                     quoted(m_claims.front().name) + " (job " + quoted(m_claims.front().jobId) + ") first";
+  for (Claim const& c : m_claims) fsyncOrThrow(c.jobDir.get(), what);
+  fsyncOrThrow(m_outgoingDir, what);
+  fsyncOrThrow(m_incomingDir, what);
+  m_claims.clear();
+}
+
+void claim(int incomingDir, std::string const& name, int outgoingDir, std::string const& jobId) {
+  ClaimBurst burst(incomingDir, outgoingDir);
+  burst.add(name, jobId);
+  burst.sync();
 }
 
 namespace {

@@ -25,6 +25,7 @@
 #ifndef QX_APPS_SVC_UPLOAD_INTAKE_H
 #define QX_APPS_SVC_UPLOAD_INTAKE_H
 
+#include "apps/svc/FolderFd.h"
 #include "settings/Settings.h"
 
 #include <chrono>
@@ -94,6 +95,37 @@ Verdict judge(Settings const& settings, int incomingDir, std::string const& name
 // and the caller takes another id. name must be one entry and jobId a job id
 // (EINVAL otherwise).
 void claim(int incomingDir, std::string const& name, int outgoingDir, std::string const& jobId);
+
+// Many claims with one sync of each folder they touch, for a burst of
+// entries taken in together: add() makes the job folder and renames the
+// entry into it as claim() does, and throws as it does; sync() then flushes
+// every job folder made since the last sync, the outgoing folder and the
+// incoming folder once. A claim is durable only once sync() returned: a
+// crash before leaves each entry either still in the incoming folder or in
+// its job folder (the rename is atomic), never in both or neither, and an
+// empty job folder at most, which the next start removes. So the journal
+// hears of the jobs only after sync(). sync() throws std::system_error
+// naming the burst's first entry; the entries stay in their job folders
+// (adopted at the next start). Holds the job folders open until sync().
+class ClaimBurst {
+ public:
+  ClaimBurst(int incomingDir, int outgoingDir);
+  ClaimBurst(ClaimBurst const&) = delete;
+  ClaimBurst& operator=(ClaimBurst const&) = delete;
+
+  void add(std::string const& name, std::string const& jobId);
+  void sync();
+
+ private:
+  struct Claim {
+    std::string name;
+    std::string jobId;
+    FolderFd jobDir;
+  };
+  int const m_incomingDir;
+  int const m_outgoingDir;
+  std::vector<Claim> m_claims;  // added since the last sync
+};
 
 // Moves the entry name of fromDir to the rejected folder with its reason;
 // returns the path of the new entry, relative to rejectedDir

@@ -578,37 +578,53 @@ Journal::~Journal() {
   sqlite3_close_v2(m_db);
 }
 
-void Journal::insert(JobRow const& job) {
+void Journal::insert(JobRow const& job) { insertAll(std::vector<JobRow>{job}); }
+
+void Journal::insertAll(std::vector<JobRow> const& jobs) {
+  if (jobs.empty()) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   Statements& s = *m_statements;
+  std::string const* current = &jobs.front().id;  // the job the message names
   try {
     Transaction transaction(s.beginWrite, s.commit, s.rollback);
-    if (Run(s.jobExists).text(1, job.id).row()) throw Failure("a job of this id exists already");
-    Run insertJob(s.insertJob);
-    bindJob(insertJob, job);
-    insertJob.done();
-    insertItems(s.insertItem, s.putPart, job);
+    for (JobRow const& job : jobs) {
+      current = &job.id;
+      if (Run(s.jobExists).text(1, job.id).row()) throw Failure("a job of this id exists already");
+      Run insertJob(s.insertJob);
+      bindJob(insertJob, job);
+      insertJob.done();
+      insertItems(s.insertItem, s.putPart, job);
+    }
+    current = &jobs.front().id;
     transaction.commit();
   } catch (Failure const& failure) {
-    throw std::runtime_error("journal " + quoted(m_file) + ", job " + quoted(job.id) +
+    throw std::runtime_error("journal " + quoted(m_file) + ", job " + quoted(*current) +
                              ": cannot insert: " + failure.what());
   }
 }
 
-void Journal::update(JobRow const& job) {
+void Journal::update(JobRow const& job) { updateAll(std::vector<JobRow>{job}); }
+
+void Journal::updateAll(std::vector<JobRow> const& jobs) {
+  if (jobs.empty()) return;
   std::lock_guard<std::mutex> lock(m_mutex);
   Statements& s = *m_statements;
+  std::string const* current = &jobs.front().id;
   try {
     Transaction transaction(s.beginWrite, s.commit, s.rollback);
-    Run updateJob(s.updateJob);
-    bindJob(updateJob, job);
-    updateJob.done();
-    if (sqlite3_changes(m_db) == 0) throw Failure("no such job");
-    Run(s.deleteItems).text(1, job.id).done();
-    insertItems(s.insertItem, s.putPart, job);
+    for (JobRow const& job : jobs) {
+      current = &job.id;
+      Run updateJob(s.updateJob);
+      bindJob(updateJob, job);
+      updateJob.done();
+      if (sqlite3_changes(m_db) == 0) throw Failure("no such job");
+      Run(s.deleteItems).text(1, job.id).done();
+      insertItems(s.insertItem, s.putPart, job);
+    }
+    current = &jobs.front().id;
     transaction.commit();
   } catch (Failure const& failure) {
-    throw std::runtime_error("journal " + quoted(m_file) + ", job " + quoted(job.id) +
+    throw std::runtime_error("journal " + quoted(m_file) + ", job " + quoted(*current) +
                              ": cannot update: " + failure.what());
   }
 }

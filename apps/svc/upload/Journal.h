@@ -97,6 +97,11 @@ class Journal {
   void insert(JobRow const& job);
   // Writes the job's fields and every item's fields and parts.
   void update(JobRow const& job);
+  // The same for many jobs in one transaction, so that a burst of them costs
+  // one sync: every row is written, or none (the message names the job that
+  // was refused). An empty list writes nothing.
+  void insertAll(std::vector<JobRow> const& jobs);
+  void updateAll(std::vector<JobRow> const& jobs);
   // Records the multipart upload id of an item (empty: none). The parts of
   // an upload id belong to it: a different id forgets them.
   void setUploadId(std::string const& jobId, std::string const& item, std::string const& uploadId);

@@ -94,6 +94,20 @@ struct TicketRef {
   std::string item;
 };
 
+// A claimed job packed and hashed, not yet in the journal.
+struct PreparedJob {
+  JobRow row;
+  std::map<std::string, std::vector<std::string>> partHashes;
+};
+
+// A job about to start: its row as it will be recorded ("uploading") and a
+// request for each item not uploaded yet.
+struct StartingJob {
+  JobRow row;
+  std::map<std::string, std::vector<std::string>> partHashes;
+  std::vector<UploadRequest> requests;
+};
+
 class Pipeline::Impl {
  public:
   Impl(Settings const& settings, PipelineOptions options);
@@ -140,13 +154,26 @@ class Pipeline::Impl {
   void scanOutgoingStrays();
   // Packs and hashes the claimed job jobId and enters it into the journal.
   void prepareJob(std::string const& jobId, std::int64_t created);
+  // The same in two steps, so that a burst of jobs is entered in one
+  // transaction: packAndHash() returns nothing after a log line saying why.
+  std::optional<PreparedJob> packAndHash(std::string const& jobId, std::int64_t created);
+  void enter(std::vector<PreparedJob> jobs);
   void schedule();
-  void startJob(std::string const& jobId, UploadEngine& engine);
+  // The job's requests, or nothing when it cannot start (gone, or given up).
+  std::optional<StartingJob> readyToStart(std::string const& jobId);
   static std::string itemOfKey(JobRow const& row, std::string const& key);
-  void settle(UploadResult const& result);
+  // Settles results in one go: the jobs they finish are recorded in one
+  // transaction and their folders moved with one sync.
+  void settle(std::deque<UploadResult> const& results);
+  // Records one result; returns the job's id when none of its transfers
+  // runs any more (it is to be concluded), or the empty string.
+  std::string settleOne(UploadResult const& result);
   // Settles the results the engine reported so far.
   void settleResults();
-  void conclude(std::string const& jobId);
+  // Decides the next state of a job none of whose transfers runs; a job
+  // whose items are all uploaded goes to *done instead, for finishAll().
+  void conclude(std::string const& jobId, std::vector<JobRow>* done);
+  void finishAll(std::vector<JobRow> rows);
   void finishJob(std::string const& jobId);
   void giveUp(std::string const& jobId, JobState state, std::string const& rule, std::string const& message);
   // The same, with m_moveMutex held.
@@ -155,6 +182,8 @@ class Pipeline::Impl {
   void sweepBackups();
   void cleanUpOrphans();
   void setHeld(std::string const& why);
+  // How many transfers may be handed to the engine at once; m_mutex held.
+  std::size_t startLimitLocked() const;
   std::chrono::milliseconds backoff(unsigned attempts);
   std::shared_ptr<UploadEngine> engine() const;
   void rebuildEngine(Settings const& settings);
@@ -188,6 +217,12 @@ class Pipeline::Impl {
   std::string m_folderProblem;       // guarded by m_mutex: why nothing moves
   bool m_looping = false;            // guarded by m_mutex: the start's reconciling is over
   std::map<std::string, LiveJob> m_jobs;          // guarded by m_mutex
+  // The jobs that are not final, by id, so that a round of the loop need
+  // not walk the history of the days before: a job enters when it is listed
+  // queued and leaves when it is listed final (finishAll, giveUpLocked) or
+  // gone. The pointers are to nodes of m_jobs, which stay where they are
+  // until erased, and a job leaves m_jobs only after it left here.
+  std::map<std::string, LiveJob*> m_open;         // guarded by m_mutex
   std::map<std::uint64_t, TicketRef> m_tickets;   // guarded by m_mutex
   std::deque<UploadResult> m_results;             // guarded by m_mutex
   std::set<std::string> m_cancels;                // guarded by m_mutex
@@ -434,7 +469,7 @@ void Pipeline::Impl::run() {
       cancels.swap(m_cancels);
     }
     if (settings) applySettings(*settings);
-    for (UploadResult const& r : results) settle(r);
+    settle(results);
     for (std::string const& id : cancels) {
       bool idle = false;
       {
@@ -470,14 +505,17 @@ void Pipeline::Impl::run() {
       std::lock_guard<std::mutex> lock(m_mutex);
       std::int64_t const unow = unixNow();
       // Queued jobs wait for the engine and the start's clean-up, which wakes
-      // the loop when it ends; counting them before would spin.
-      bool const canStart = m_engine && m_cleanedUp.load();
-      for (auto const& j : m_jobs) {
-        if (!canStart) break;
-        JobRow const& row = j.second.row;
-        if (row.state == JobState::queued && j.second.tickets.empty() && m_held.empty() && !m_paused) {
+      // the loop when it ends, and for a free transfer, whose result wakes
+      // it: counting them before would spin.
+      bool const canStart = m_engine && m_cleanedUp.load() && m_tickets.size() < startLimitLocked();
+      for (auto const& open : m_open) {
+        if (!canStart || !m_held.empty() || m_paused) break;
+        LiveJob const& job = *open.second;
+        JobRow const& row = job.row;
+        if (row.state == JobState::queued && job.tickets.empty()) {
           SteadyClock::time_point const due = now + std::chrono::seconds(std::max<std::int64_t>(0, row.nextTry - unow));
           until = std::min(until, due);
+          if (row.nextTry <= unow) break;  // none is due sooner
         }
       }
       // A held queue probes only with an engine to probe with.
@@ -754,6 +792,11 @@ void Pipeline::Impl::applySettings(Settings const& settings) {
   m_orphans = std::thread([this] { cleanUpOrphans(); });
 }
 
+std::size_t Pipeline::Impl::startLimitLocked() const {
+  // One more than run at once, so that the next starts as one ends.
+  return std::max<std::size_t>(1, m_settings.ConcurrentUploads) + 1;
+}
+
 void Pipeline::Impl::setHeld(std::string const& why) {
   std::lock_guard<std::mutex> lock(m_mutex);
   if (why == m_held) return;
@@ -806,7 +849,9 @@ void Pipeline::Impl::reconcile() {
     JobRow job = row->second;
     std::lock_guard<std::mutex> lock(m_mutex);
     if (job.state == JobState::uploading) job.state = JobState::queued;
-    m_jobs[name].row = job;
+    LiveJob& live = m_jobs[name];
+    live.row = job;
+    if (!isFinal(job.state)) m_open[name] = &live;
   }
   for (auto& r : rows) {
     JobRow& row = r.second;
@@ -817,6 +862,7 @@ void Pipeline::Impl::reconcile() {
         continue;
       }
       std::lock_guard<std::mutex> lock(m_mutex);
+      m_open.erase(row.id);
       m_jobs[row.id].row = row;
       continue;
     }
@@ -829,6 +875,7 @@ void Pipeline::Impl::reconcile() {
       row.updated = unixNow();
       m_journal->update(row);
       std::lock_guard<std::mutex> lock(m_mutex);
+      m_open.erase(row.id);
       m_jobs[row.id].row = row;
     } else {
       logWarning("job " + row.id + " (" + row.title + ") is no longer in the outgoing folder: dropped from the journal");
@@ -888,6 +935,10 @@ void Pipeline::Impl::scanOutgoingStrays() {
 
 void Pipeline::Impl::scanIncoming() {
   if (!m_journal || !m_folders.incoming.valid()) return;
+  // Entries taken in together: claimed with one sync of each folder, and
+  // entered into the journal in one transaction. Small enough that the
+  // first uploads of a large burst start soon.
+  constexpr std::size_t kBurst = 16;
   Settings const settings = currentSettings();
   int const in = m_folders.incoming.get();
   std::vector<std::string> names;
@@ -900,53 +951,87 @@ void Pipeline::Impl::scanIncoming() {
   m_settle.forgetAllBut(names);
   m_unsettled = false;
   SteadyClock::time_point const now = SteadyClock::now();
-  for (std::string const& name : names) {
+  std::size_t next = 0;
+  while (next < names.size()) {
     if (paused()) return;
-    Verdict verdict;
-    try {
-      verdict = judge(settings, in, name);
-    } catch (std::system_error const& e) {
-      if (e.code().value() == ENOENT) continue;  // gone meanwhile
-      // An entry the service cannot examine would be looked at again and
-      // again: it goes aside with the reason.
-      verdict.kind = Verdict::Kind::reject;
-      verdict.rule = "unreadable";
-      verdict.message = e.what();
-    }
-    if (verdict.kind == Verdict::Kind::ignore) continue;
-    if (!m_settle.settled(in, name, now)) {
-      m_unsettled = true;
-      continue;
-    }
-    std::unique_lock<std::mutex> moves(m_moveMutex);
-    if (verdict.kind == Verdict::Kind::reject) {
+    // Judged without the move lock: reading a dropped folder may take a while.
+    std::vector<std::pair<std::string, Verdict>> ready;
+    for (; next < names.size() && ready.size() < kBurst; ++next) {
+      std::string const& name = names[next];
+      Verdict verdict;
       try {
-        std::string const where = reject(in, name, m_folders.rejected.get(), verdict.rule, verdict.message, unixNow());
-        logWarning("rejected \"" + name + "\": " + verdict.message + "; moved to \"" +
-                   (m_folders.rejectedPath / where).string() + "\"");
+        verdict = judge(settings, in, name);
+      } catch (std::system_error const& e) {
+        if (e.code().value() == ENOENT) continue;  // gone meanwhile
+        // An entry the service cannot examine would be looked at again and
+        // again: it goes aside with the reason.
+        verdict.kind = Verdict::Kind::reject;
+        verdict.rule = "unreadable";
+        verdict.message = e.what();
+      }
+      if (verdict.kind == Verdict::Kind::ignore) continue;
+      if (!m_settle.settled(in, name, now)) {
+        m_unsettled = true;
+        continue;
+      }
+      ready.emplace_back(name, std::move(verdict));
+    }
+    std::vector<std::string> claimed;  // job ids
+    {
+      std::lock_guard<std::mutex> moves(m_moveMutex);
+      if (paused()) return;  // a pause with discard may have taken them meanwhile
+      ClaimBurst burst(in, m_folders.outgoing.get());
+      std::vector<std::string> jobIds;
+      for (auto const& r : ready) {
+        std::string const& name = r.first;
+        Verdict const& verdict = r.second;
+        if (verdict.kind == Verdict::Kind::reject) {
+          try {
+            std::string const where = reject(in, name, m_folders.rejected.get(), verdict.rule, verdict.message, unixNow());
+            logWarning("rejected \"" + name + "\": " + verdict.message + "; moved to \"" +
+                       (m_folders.rejectedPath / where).string() + "\"");
+          } catch (std::exception const& e) {
+            logError(e.what());
+          }
+          continue;
+        }
+        std::string const jobId = newJobId(unixNow());
+        try {
+          burst.add(name, jobId);
+        } catch (std::exception const& e) {
+          logError(e.what());
+          continue;
+        }
+        jobIds.push_back(jobId);
+      }
+      // The journal hears of a job only once its claim is durable: a row
+      // whose claim a crash undid would send the entry, back in the incoming
+      // folder, a second time under another job.
+      try {
+        burst.sync();
+        claimed = std::move(jobIds);
       } catch (std::exception const& e) {
+        // The entries stay in their job folders; the next start adopts them.
         logError(e.what());
       }
-      continue;
     }
-    std::string const jobId = newJobId(unixNow());
-    try {
-      claim(in, name, m_folders.outgoing.get(), jobId);
-    } catch (std::exception const& e) {
-      logError(e.what());
-      continue;
+    // Packing and hashing take a while; the jobs are not listed yet.
+    std::vector<PreparedJob> prepared;
+    for (std::string const& jobId : claimed) {
+      if (std::optional<PreparedJob> job = packAndHash(jobId, unixNow())) prepared.push_back(std::move(*job));
     }
-    moves.unlock();  // hashing takes a while; the job is not listed yet
-    prepareJob(jobId, unixNow());
+    enter(std::move(prepared));
     // Named as the list names it (a folder by its files, not its spool
     // name); a job that could not be queued was logged with why.
-    std::string shown;
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      auto const job = m_jobs.find(jobId);
-      if (job != m_jobs.end()) shown = shownName(job->second.row);
+    for (std::string const& jobId : claimed) {
+      std::string shown;
+      {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        auto const job = m_jobs.find(jobId);
+        if (job != m_jobs.end()) shown = shownName(job->second.row);
+      }
+      if (!shown.empty()) logInfo("queued \"" + shown + "\" as job " + jobId);
     }
-    if (!shown.empty()) logInfo("queued \"" + shown + "\" as job " + jobId);
     // Uploads start while the rest of a burst is still being taken in, and
     // those that ended make room for the next: their tickets count against
     // ConcurrentUploads until they are settled.
@@ -961,7 +1046,7 @@ void Pipeline::Impl::settleResults() {
     std::lock_guard<std::mutex> lock(m_mutex);
     results.swap(m_results);
   }
-  for (UploadResult const& r : results) settle(r);
+  settle(results);
 }
 
 // The file's hash and, when it will go to S3 in parts, the parts' hashes in
@@ -991,6 +1076,12 @@ bool Pipeline::Impl::hashItem(int jobDir, ItemRow& item, std::vector<std::string
 }
 
 void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) {
+  std::vector<PreparedJob> jobs;
+  if (std::optional<PreparedJob> job = packAndHash(jobId, created)) jobs.push_back(std::move(*job));
+  enter(std::move(jobs));
+}
+
+std::optional<PreparedJob> Pipeline::Impl::packAndHash(std::string const& jobId, std::int64_t created) {
   Settings const settings = currentSettings();
   int const out = m_folders.outgoing.get();
   FolderFd const jobDir(::openat(out, jobId.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
@@ -1045,18 +1136,45 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
     if (row.items.empty()) {
       std::string const where = reject(out, jobId, m_folders.rejected.get(), "empty", "\"" + drop + "\" holds no file to upload", unixNow());
       logWarning("rejected \"" + drop + "\": it holds no file to upload; moved to \"" + (m_folders.rejectedPath / where).string() + "\"");
-      return;
+      return std::nullopt;
     }
-    m_journal->insert(row);
   } catch (std::exception const& e) {
     // The job folder stays; the next start adopts it again.
     logError(std::string("cannot queue job ") + jobId + ": " + e.what());
-    return;
+    return std::nullopt;
+  }
+  return PreparedJob{std::move(row), std::move(partHashes)};
+}
+
+void Pipeline::Impl::enter(std::vector<PreparedJob> jobs) {
+  if (jobs.empty()) return;
+  std::vector<JobRow> rows;
+  rows.reserve(jobs.size());
+  for (PreparedJob const& job : jobs) rows.push_back(job.row);
+  try {
+    m_journal->insertAll(rows);
+  } catch (std::exception const&) {
+    // One refused row must not keep the others out: each alone, and only
+    // those the journal took are listed. A job left out keeps its folder;
+    // the next start adopts it again.
+    std::vector<PreparedJob> entered;
+    for (PreparedJob& job : jobs) {
+      try {
+        m_journal->insert(job.row);
+        entered.push_back(std::move(job));
+      } catch (std::exception const& e) {
+        logError(std::string("cannot queue job ") + job.row.id + ": " + e.what());
+      }
+    }
+    jobs = std::move(entered);
   }
   std::lock_guard<std::mutex> lock(m_mutex);
-  LiveJob& live = m_jobs[jobId];
-  live.row = std::move(row);
-  live.partHashes = std::move(partHashes);
+  for (PreparedJob& job : jobs) {
+    LiveJob& live = m_jobs[job.row.id];
+    m_open[job.row.id] = &live;
+    live.row = std::move(job.row);
+    live.partHashes = std::move(job.partHashes);
+  }
 }
 
 // ---------------------------------------------------------------------------
@@ -1089,23 +1207,65 @@ void Pipeline::Impl::schedule() {
       probe = true;
       budget = 1;
     } else {
-      // One more than run at once, so that the next starts as one ends.
-      std::size_t const limit = std::max<std::size_t>(1, m_settings.ConcurrentUploads) + 1;
+      std::size_t const limit = startLimitLocked();
       if (m_tickets.size() >= limit) return;
       budget = limit - m_tickets.size();
     }
-    for (auto const& j : m_jobs) {
+    for (auto const& open : m_open) {
       if (due.size() >= budget) break;
-      JobRow const& row = j.second.row;
-      if (row.state != JobState::queued || !j.second.tickets.empty() || j.second.cancelRequested) continue;
+      LiveJob const& job = *open.second;
+      JobRow const& row = job.row;
+      if (row.state != JobState::queued || !job.tickets.empty() || job.cancelRequested) continue;
       if (!probe && row.nextTry > unow) continue;
-      due.push_back(j.first);
+      due.push_back(open.first);
     }
   }
-  for (std::string const& id : due) startJob(id, *e);
+  std::vector<StartingJob> starting;
+  for (std::string const& id : due) {
+    if (std::optional<StartingJob> job = readyToStart(id)) starting.push_back(std::move(*job));
+  }
+  if (starting.empty()) return;
+  // Recorded as uploading in one transaction before any request goes. After
+  // a crash the start makes "uploading" queued again, so a job is sent once
+  // more whatever this record says: an object that is there already with
+  // the same bytes counts as uploaded (S3), or the same key is written
+  // again (WebDAV); nothing is stored twice.
+  std::vector<JobRow> rows;
+  rows.reserve(starting.size());
+  for (StartingJob const& job : starting) rows.push_back(job.row);
+  try {
+    m_journal->updateAll(rows);
+  } catch (std::exception const&) {
+    // Each alone, so that one refused row does not hold back the others.
+    std::vector<StartingJob> recorded;
+    for (StartingJob& job : starting) {
+      try {
+        m_journal->update(job.row);
+        recorded.push_back(std::move(job));
+      } catch (std::exception const& ex) {
+        logError(std::string("cannot start job ") + job.row.id + ": " + ex.what());
+      }
+    }
+    starting = std::move(recorded);
+  }
+  for (StartingJob& job : starting) {
+    {
+      std::lock_guard<std::mutex> lock(m_mutex);
+      LiveJob& live = m_jobs[job.row.id];
+      live.row = job.row;
+      live.partHashes = std::move(job.partHashes);
+      live.setback.reset();
+      for (UploadRequest const& r : job.requests) {
+        std::string const item = itemOfKey(job.row, r.key);
+        live.tickets[item] = r.ticket;
+        m_tickets[r.ticket] = TicketRef{job.row.id, item};
+      }
+    }
+    for (UploadRequest& r : job.requests) e->submit(std::move(r));
+  }
 }
 
-void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
+std::optional<StartingJob> Pipeline::Impl::readyToStart(std::string const& jobId) {
   JobRow row;
   std::map<std::string, std::vector<std::string>> partHashes;
   {
@@ -1118,8 +1278,9 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
     logWarning("job " + jobId + " (" + row.title + ") is no longer in the outgoing folder: dropped from the journal");
     m_journal->remove(jobId);
     std::lock_guard<std::mutex> lock(m_mutex);
+    m_open.erase(jobId);
     m_jobs.erase(jobId);
-    return;
+    return std::nullopt;
   }
   // Main address on even attempts, the alternative one on odd ones.
   Target const& target = m_targets.size() > 1 && row.attempts % 2 == 1 ? m_targets[1] : m_targets[0];
@@ -1136,7 +1297,7 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
     if (!file.valid() || ::fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode)) {
       giveUp(jobId, JobState::failed, "changed",
              "\"" + item.name + "\" was removed from the outgoing folder before it was uploaded");
-      return;
+      return std::nullopt;
     }
     std::int64_t const mtimeNs = static_cast<std::int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec;
     if (item.sha256.empty() || static_cast<std::uint64_t>(st.st_size) != item.size || mtimeNs != item.mtimeNs) {
@@ -1161,25 +1322,7 @@ void Pipeline::Impl::startJob(std::string const& jobId, UploadEngine& engine) {
   }
   row.state = JobState::uploading;
   row.updated = unixNow();
-  try {
-    m_journal->update(row);
-  } catch (std::exception const& e) {
-    logError(std::string("cannot start job ") + jobId + ": " + e.what());
-    return;
-  }
-  {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    LiveJob& live = m_jobs[jobId];
-    live.row = row;
-    live.partHashes = partHashes;
-    live.setback.reset();
-    for (UploadRequest const& r : requests) {
-      std::string const item = itemOfKey(row, r.key);
-      live.tickets[item] = r.ticket;
-      m_tickets[r.ticket] = TicketRef{jobId, item};
-    }
-  }
-  for (UploadRequest& r : requests) engine.submit(std::move(r));
+  return StartingJob{std::move(row), std::move(partHashes), std::move(requests)};
 }
 
 std::string Pipeline::Impl::itemOfKey(JobRow const& row, std::string const& key) {
@@ -1189,18 +1332,30 @@ std::string Pipeline::Impl::itemOfKey(JobRow const& row, std::string const& key)
   return std::string();
 }
 
-void Pipeline::Impl::settle(UploadResult const& result) {
+void Pipeline::Impl::settle(std::deque<UploadResult> const& results) {
+  std::vector<std::string> ended;  // in the order their last transfer ended
+  for (UploadResult const& result : results) {
+    std::string const jobId = settleOne(result);
+    if (!jobId.empty() && std::find(ended.begin(), ended.end(), jobId) == ended.end()) ended.push_back(jobId);
+  }
+  std::vector<JobRow> done;
+  for (std::string const& jobId : ended) conclude(jobId, &done);
+  finishAll(std::move(done));
+}
+
+std::string Pipeline::Impl::settleOne(UploadResult const& result) {
   std::string jobId;
   std::vector<std::uint64_t> others;
+  bool ended = false;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     auto const t = m_tickets.find(result.ticket);
-    if (t == m_tickets.end()) return;  // of an engine replaced since
+    if (t == m_tickets.end()) return std::string();  // of an engine replaced since
     TicketRef const ref = t->second;
     m_tickets.erase(t);
     jobId = ref.jobId;
     auto const j = m_jobs.find(jobId);
-    if (j == m_jobs.end()) return;
+    if (j == m_jobs.end()) return std::string();
     LiveJob& live = j->second;
     live.tickets.erase(ref.item);
     live.row.bytesSent += result.bytesSent;
@@ -1226,15 +1381,15 @@ void Pipeline::Impl::settle(UploadResult const& result) {
       m_held.clear();
       Log::inst().writeLine("INFO:", "qxlite-svc uploads again: the server answers");
     }
+    ended = live.tickets.empty();
   }
   if (std::shared_ptr<UploadEngine> e = engine()) {
     for (std::uint64_t t : others) e->cancel(t);
   }
-  conclude(jobId);
+  return ended ? jobId : std::string();
 }
 
-// Decides a job's next state once none of its transfers runs.
-void Pipeline::Impl::conclude(std::string const& jobId) {
+void Pipeline::Impl::conclude(std::string const& jobId, std::vector<JobRow>* done) {
   JobRow row;
   std::optional<UploadResult> setback;
   bool cancelled = false;
@@ -1258,11 +1413,7 @@ void Pipeline::Impl::conclude(std::string const& jobId) {
     row.lastError.clear();
     row.nextTry = 0;
     row.updated = unow;
-    m_journal->update(row);  // done before the folder moves: a crash between redoes the move only
-    logInfo("uploaded job " + jobId + " (\"" + shownName(row) + "\") to " + row.items.front().key);
-    finishJob(jobId);
-    std::lock_guard<std::mutex> lock(m_mutex);
-    m_jobs[jobId].row = row;
+    done->push_back(std::move(row));
     return;
   }
   row.state = JobState::queued;
@@ -1308,6 +1459,71 @@ void Pipeline::Impl::conclude(std::string const& jobId) {
 
 // ---------------------------------------------------------------------------
 // Where jobs end.
+
+// Jobs whose every item the server holds: recorded done in one transaction,
+// then their folders moved to the backup (or removed) with one sync of the
+// backup folder. The order is what makes a crash harmless:
+//  - before the record commits: the journal still says uploading, which the
+//    next start makes queued; the items are sent again and the server's
+//    copy with the same bytes counts as uploaded (S3), or the same key is
+//    written again (WebDAV): nothing is stored twice, nothing is lost;
+//  - after the record, before or among the moves, or before the sync: a job
+//    done whose folder is still in the outgoing folder is moved by the next
+//    start (reconcile), and one whose folder reached the backup is done;
+//  - the local copy is never removed (backup off) before the record says
+//    the server holds it.
+void Pipeline::Impl::finishAll(std::vector<JobRow> rows) {
+  if (rows.empty()) return;
+  try {
+    m_journal->updateAll(rows);
+  } catch (std::exception const&) {
+    // Each alone: a job whose record fails stays where it is and is sent
+    // again, item by item, which finds its bytes on the server.
+    std::vector<JobRow> recorded;
+    for (JobRow& row : rows) {
+      try {
+        m_journal->update(row);
+        recorded.push_back(std::move(row));
+      } catch (std::exception const& e) {
+        logError(std::string("cannot record job ") + row.id + " as uploaded: " + e.what());
+        std::lock_guard<std::mutex> lock(m_mutex);
+        JobRow& live = m_jobs[row.id].row;
+        live.state = JobState::queued;
+        live.updated = unixNow();
+        for (ItemRow& item : live.items) item.done = false;
+      }
+    }
+    rows = std::move(recorded);
+  }
+  bool backupOn = false;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    backupOn = m_settings.BackupExpireSecs != 0;
+  }
+  {
+    std::lock_guard<std::mutex> moves(m_moveMutex);
+    int const out = m_folders.outgoing.get();
+    for (JobRow const& row : rows) {
+      logInfo("uploaded job " + row.id + " (\"" + shownName(row) + "\") to " + row.items.front().key);
+      try {
+        if (backupOn) {
+          moveTree(out, row.id, m_folders.backup.get(), MoveSync::byCaller);
+        } else {
+          removeTree(out, row.id);
+        }
+      } catch (std::exception const& e) {
+        // The job is on the server; its local copy waits for the next sweep.
+        logError(std::string("keeps job ") + row.id + " in the outgoing folder for now: " + e.what());
+      }
+    }
+    if (backupOn) ::fsync(m_folders.backup.get());
+  }
+  std::lock_guard<std::mutex> lock(m_mutex);
+  for (JobRow& row : rows) {
+    m_open.erase(row.id);
+    m_jobs[row.id].row = std::move(row);
+  }
+}
 
 void Pipeline::Impl::finishJob(std::string const& jobId) {
   bool backupOn = false;
@@ -1358,6 +1574,7 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
     JobRow const& row;
     ~Publish() {
       std::lock_guard<std::mutex> lock(impl.m_mutex);
+      impl.m_open.erase(row.id);
       impl.m_jobs[row.id].row = row;
     }
   } const publish{*this, row};
@@ -1495,9 +1712,9 @@ std::string Pipeline::Impl::activity() const {
   if (!m_looping) return "starting";
   std::size_t uploading = 0;
   std::size_t queued = 0;
-  for (auto const& j : m_jobs) {
-    if (j.second.row.state == JobState::uploading) ++uploading;
-    if (j.second.row.state == JobState::queued) ++queued;
+  for (auto const& open : m_open) {
+    if (open.second->row.state == JobState::uploading) ++uploading;
+    if (open.second->row.state == JobState::queued) ++queued;
   }
   std::string const waiting = std::to_string(queued) + " queued";
   if (uploading > 0) return "uploading " + std::to_string(uploading) + (queued > 0 ? ", " + waiting : std::string());

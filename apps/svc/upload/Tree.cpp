@@ -83,9 +83,9 @@ void copyTree(int fromDir, std::string const& name, int toDir, unsigned depth) {
 
 void removeTree(int dir, std::string const& name) { removeBelow(dir, name, 0); }
 
-void moveTree(int fromDir, std::string const& name, int toDir) {
+void moveTree(int fromDir, std::string const& name, int toDir, MoveSync sync) {
   if (::renameat2(fromDir, name.c_str(), toDir, name.c_str(), RENAME_NOREPLACE) == 0) {
-    ::fsync(toDir);
+    if (sync == MoveSync::now) ::fsync(toDir);
     return;
   }
   if (errno != EXDEV) fail(errno, "cannot move \"" + name + "\"");

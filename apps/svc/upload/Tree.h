@@ -18,7 +18,12 @@ void removeTree(int dir, std::string const& name);
 // replacing anything; across file systems it is copied (and synced) first,
 // then removed. Throws std::system_error naming the entry; a copy that
 // failed half-way is removed again, and the source stays.
-void moveTree(int fromDir, std::string const& name, int toDir);
+//
+// MoveSync::byCaller leaves the sync of toDir after a rename to the caller,
+// who moves many entries and syncs once; a copy across file systems is
+// synced before its source goes, whichever is asked.
+enum class MoveSync { now, byCaller };
+void moveTree(int fromDir, std::string const& name, int toDir, MoveSync sync = MoveSync::now);
 
 }  // namespace qxsvc
 
