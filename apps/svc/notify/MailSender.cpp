@@ -23,7 +23,7 @@ struct Exchange {
   std::string data;
   std::size_t sent = 0;
   std::string lastReply;
-  std::atomic<bool> const* stop = nullptr;
+  std::function<bool()> const* stopped = nullptr;
 };
 
 std::size_t readMessage(char* buffer, std::size_t size, std::size_t count, void* userp) {
@@ -44,7 +44,7 @@ int collectReplies(CURL*, curl_infotype type, char* data, std::size_t size, void
 }
 
 int checkStop(void* userp, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return static_cast<Exchange*>(userp)->stop->load() ? 1 : 0;
+  return (*static_cast<Exchange*>(userp)->stopped)() ? 1 : 0;
 }
 
 }  // namespace
@@ -59,12 +59,12 @@ std::string MailSender::curlUrlOf(std::string const& smtpUrl) {
 namespace {
 
 MailOutcome perform(MailSenderOptions const& options, Inet::EmailCfg const& email, Inet::InetCfg const& inet,
-                    MailMessage const* message, std::atomic<bool> const& stop) {
+                    MailMessage const* message, std::function<bool()> const& stopped) {
   std::unique_ptr<CURL, CurlCloser> const handle(curl_easy_init());
   if (!handle) return {false, "libcurl cannot make a handle"};
   CURL* h = handle.get();
   Exchange exchange;
-  exchange.stop = &stop;
+  exchange.stopped = &stopped;
   std::string const url = MailSender::curlUrlOf(email.smtpUrl());
   applyInetCfg(h, inet);  // the proxy; the checks of certificates are set again below
   if (inet.useProxy() && !inet.proxySocks()) curl_easy_setopt(h, CURLOPT_HTTPPROXYTUNNEL, 1L);
@@ -115,7 +115,7 @@ MailOutcome perform(MailSenderOptions const& options, Inet::EmailCfg const& emai
   }
   CURLcode const rc = curl_easy_perform(h);
   if (rc == CURLE_OK) return {true, exchange.lastReply};
-  std::string why = stop.load() && rc == CURLE_ABORTED_BY_CALLBACK ? std::string("stopped")
+  std::string why = rc == CURLE_ABORTED_BY_CALLBACK ? std::string("stopped")
                     : error[0] != '\0'                              ? std::string(error)
                                                                     : std::string(curl_easy_strerror(rc));
   if (!exchange.lastReply.empty()) why += " (server said: " + exchange.lastReply + ")";
@@ -125,13 +125,13 @@ MailOutcome perform(MailSenderOptions const& options, Inet::EmailCfg const& emai
 }  // namespace
 
 MailOutcome MailSender::send(Inet::EmailCfg const& email, Inet::InetCfg const& inet, MailMessage const& message,
-                             std::atomic<bool> const& stop) const {
-  return perform(m_options, email, inet, &message, stop);
+                             std::function<bool()> const& stopped) const {
+  return perform(m_options, email, inet, &message, stopped);
 }
 
 MailOutcome MailSender::checkLogin(Inet::EmailCfg const& email, Inet::InetCfg const& inet,
-                                   std::atomic<bool> const& stop) const {
-  return perform(m_options, email, inet, nullptr, stop);
+                                   std::function<bool()> const& stopped) const {
+  return perform(m_options, email, inet, nullptr, stopped);
 }
 
 }  // namespace qxsvc

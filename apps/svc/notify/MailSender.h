@@ -9,7 +9,7 @@
 // applies (an HTTP proxy as a tunnel); none from the environment.
 //
 // Each call blocks its thread for at most the options' total time, or about a
-// second after *stop turns true; any thread, several at once.
+// second after stopped() turns true; any thread, several at once.
 #ifndef QX_APPS_SVC_NOTIFY_MAILSENDER_H
 #define QX_APPS_SVC_NOTIFY_MAILSENDER_H
 
@@ -17,7 +17,7 @@
 #include "shared/EmailCfg.h"
 #include "shared/InetCfg.h"
 
-#include <atomic>
+#include <functional>
 #include <chrono>
 #include <string>
 
@@ -45,10 +45,10 @@ class MailSender {
   // Sends message to its recipients, from its sender (the envelope's
   // addresses are those of the message).
   MailOutcome send(Inet::EmailCfg const& email, Inet::InetCfg const& inet, MailMessage const& message,
-                   std::atomic<bool> const& stop) const;
+                   std::function<bool()> const& stopped) const;
   // Connects, reads the greeting, says EHLO, starts TLS when required and
   // logs in; sends nothing.
-  MailOutcome checkLogin(Inet::EmailCfg const& email, Inet::InetCfg const& inet, std::atomic<bool> const& stop) const;
+  MailOutcome checkLogin(Inet::EmailCfg const& email, Inet::InetCfg const& inet, std::function<bool()> const& stopped) const;
 
   // The URL libcurl is given for the record's SMTP URL: a bare host name
   // becomes "smtp://<host>".

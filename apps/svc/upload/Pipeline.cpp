@@ -113,6 +113,10 @@ class Pipeline::Impl {
   Settings currentSettings() const;
   std::string cancel(std::string const& jobId);
   std::string retry(std::string const& jobId);
+  std::shared_ptr<Journal> journal() const {
+    std::lock_guard<std::mutex> moves(m_moveMutex);
+    return m_journal;
+  }
 
  private:
   // Folders in use, opened without following links; replaced as a whole
@@ -152,6 +156,8 @@ class Pipeline::Impl {
   void sweepBackups();
   void cleanUpOrphans();
   void setHeld(std::string const& why);
+  // Hands event to the options' onEvent, if any; logs what it throws.
+  void tell(PipelineEvent const& event) const;
   std::chrono::milliseconds backoff(unsigned attempts);
   std::shared_ptr<UploadEngine> engine() const;
   void rebuildEngine(Settings const& settings);
@@ -164,7 +170,7 @@ class Pipeline::Impl {
   PipelineOptions const m_options;
   // Set by start() under m_moveMutex, constant afterwards; null when none
   // could be opened: nothing is uploaded then.
-  std::unique_ptr<Journal> m_journal;
+  std::shared_ptr<Journal> m_journal;
 
   // Held around every move of a job's folder and every change of the
   // folders in use, so that a pause from an IPC thread and the loop never
@@ -250,7 +256,7 @@ void Pipeline::Impl::start() {
   std::unique_ptr<Journal> journal = openJournal(m_options.stateFolder);
   {
     std::lock_guard<std::mutex> moves(m_moveMutex);
-    m_journal = std::move(journal);
+    m_journal = std::shared_ptr<Journal>(std::move(journal));
   }
   // Folders and the engine are ready (or the reason why not logged) before
   // the service serves; the journal's reconciling, which may hash, runs on
@@ -753,16 +759,41 @@ void Pipeline::Impl::applySettings(Settings const& settings) {
 }
 
 void Pipeline::Impl::setHeld(std::string const& why) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  if (why == m_held) return;
-  if (!why.empty()) {
-    Log::inst().writeLine("WARNING:", "qxlite-svc holds the upload queue: " + why);
-  } else if (!m_held.empty()) {
-    Log::inst().writeLine("INFO:", "qxlite-svc uploads again");
+  std::optional<PipelineEvent> event;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (why == m_held) return;
+    if (!why.empty()) {
+      Log::inst().writeLine("WARNING:", "qxlite-svc holds the upload queue: " + why);
+      if (m_held.empty()) event = PipelineEvent{PipelineEvent::Kind::held, {}, {}, {}, why, 0, {}};
+    } else if (!m_held.empty()) {
+      Log::inst().writeLine("INFO:", "qxlite-svc uploads again");
+      event = PipelineEvent{PipelineEvent::Kind::resumed, {}, {}, {}, {}, 0, {}};
+    }
+    m_held = why;
+    m_nextProbe = SteadyClock::now() + m_options.holdProbe;
   }
-  m_held = why;
-  m_nextProbe = SteadyClock::now() + m_options.holdProbe;
+  if (event) tell(*event);
 }
+
+void Pipeline::Impl::tell(PipelineEvent const& event) const {
+  if (!m_options.onEvent) return;
+  try {
+    m_options.onEvent(event);
+  } catch (std::exception const& e) {
+    logError(std::string("cannot record a notice: ") + e.what());
+  }
+}
+
+namespace {
+
+std::vector<std::string> filesOf(JobRow const& row) {
+  std::vector<std::string> files;
+  for (ItemRow const& item : row.items) files.push_back(item.name);
+  return files;
+}
+
+}  // namespace
 
 // ---------------------------------------------------------------------------
 // Reconciling the journal with the folders.
@@ -922,6 +953,7 @@ void Pipeline::Impl::scanIncoming() {
         std::string const where = reject(in, name, m_folders.rejected.get(), verdict.rule, verdict.message, unixNow());
         logWarning("rejected \"" + name + "\": " + verdict.message + "; moved to \"" +
                    (m_folders.rejectedPath / where).string() + "\"");
+        tell(PipelineEvent{PipelineEvent::Kind::rejected, name, {name}, {}, verdict.message, 0, {}});
       } catch (std::exception const& e) {
         logError(e.what());
       }
@@ -1043,6 +1075,7 @@ void Pipeline::Impl::prepareJob(std::string const& jobId, std::int64_t created) 
     if (row.items.empty()) {
       std::string const where = reject(out, jobId, m_folders.rejected.get(), "empty", "\"" + drop + "\" holds no file to upload", unixNow());
       logWarning("rejected \"" + drop + "\": it holds no file to upload; moved to \"" + (m_folders.rejectedPath / where).string() + "\"");
+      tell(PipelineEvent{PipelineEvent::Kind::rejected, drop, {drop}, {}, "it holds no file to upload", 0, {}});
       return;
     }
     m_journal->insert(row);
@@ -1188,6 +1221,7 @@ std::string Pipeline::Impl::itemOfKey(JobRow const& row, std::string const& key)
 }
 
 void Pipeline::Impl::settle(UploadResult const& result) {
+  bool resumed = false;
   std::string jobId;
   std::vector<std::uint64_t> others;
   {
@@ -1223,8 +1257,10 @@ void Pipeline::Impl::settle(UploadResult const& result) {
     if (!m_held.empty() && result.outcome != Outcome::hold && !result.unreachable) {
       m_held.clear();
       Log::inst().writeLine("INFO:", "qxlite-svc uploads again: the server answers");
+      resumed = true;
     }
   }
+  if (resumed) tell(PipelineEvent{PipelineEvent::Kind::resumed, {}, {}, {}, {}, 0, {}});
   if (std::shared_ptr<UploadEngine> e = engine()) {
     for (std::uint64_t t : others) e->cancel(t);
   }
@@ -1258,6 +1294,9 @@ void Pipeline::Impl::conclude(std::string const& jobId) {
     row.updated = unow;
     m_journal->update(row);  // done before the folder moves: a crash between redoes the move only
     logInfo("uploaded job " + jobId + " (\"" + shownName(row) + "\") to " + row.items.front().key);
+    PipelineEvent done{PipelineEvent::Kind::done, row.title, filesOf(row), {}, {}, row.attempts, {}};
+    for (ItemRow const& item : row.items) done.keys.push_back(item.key);
+    tell(done);
     finishJob(jobId);
     std::lock_guard<std::mutex> lock(m_mutex);
     m_jobs[jobId].row = row;
@@ -1349,6 +1388,15 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
   } catch (std::exception const& e) {
     logError(std::string("cannot record job ") + jobId + ": " + e.what());
     return;
+  }
+  if (state == JobState::rejected || state == JobState::failed) {
+    // A person's cancel or discard is no news to mail.
+    bool const byServer = rule == "server" || rule == "expired";
+    tell(PipelineEvent{PipelineEvent::Kind::rejected, row.title, filesOf(row), {},
+                       rule == "server"    ? std::string("refused by the server")
+                       : rule == "expired" ? std::string("not uploaded within the retry window")
+                                           : message,
+                       row.attempts, byServer ? message : std::string()});
   }
   // The list shows the new state once the files are where it says.
   struct Publish {
@@ -1604,6 +1652,7 @@ Pipeline::Pipeline(Settings const& settings, PipelineOptions options)
     : m_impl(std::make_unique<Impl>(settings, std::move(options))) {}
 Pipeline::~Pipeline() = default;
 void Pipeline::start() { m_impl->start(); }
+std::shared_ptr<Journal> Pipeline::journal() const { return m_impl->journal(); }
 void Pipeline::stop() { m_impl->stop(); }
 void Pipeline::setSettings(Settings const& settings) { m_impl->setSettings(settings); }
 std::vector<std::string> Pipeline::pause(bool discard) { return m_impl->pause(discard); }
