@@ -17,10 +17,12 @@
 #define QX_APPS_SVC_CONFIGTESTRUNNER_H
 
 #include "apps/svc/WorkerPool.h"
+#include "apps/svc/notify/MailSender.h"
 #include "ipc/IpcCmdsLite.h"
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,9 +38,11 @@ struct ServicePort {
 class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
  public:
   // cmd owns the runner; workers, when given, runs the server checks and
-  // must outlive the server that dispatches the command.
+  // must outlive the server that dispatches the command. With mail (and
+  // workers) a well-formed SMTP URL is also tried: greeting, EHLO, STARTTLS
+  // when required, and the login, sending nothing.
   ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, long httpTimeoutSecs,
-                   WorkerPool* workers = nullptr);
+                   WorkerPool* workers = nullptr, MailSenderOptions const* mail = nullptr);
   bool runStep() override;
   bool waiting() const override { return m_waiting; }
 
@@ -69,12 +73,17 @@ class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
   void checkPort();
   void checkServers();
   void checkSmtp();
+  void checkSmtpLogin();
+  // Runs work on a worker; the test goes on with its findings once it is
+  // done, or with an error that says notChecked when the pool is full.
+  void onWorker(std::string const& notChecked, std::function<std::vector<Finding>(std::function<bool()>)> work);
   void checkBackup();
 
   Ipc::TestCfg& m_cmd;
   ServicePort const m_service;
   long const m_httpTimeoutSecs;
   WorkerPool* const m_workers;
+  std::optional<MailSenderOptions> const m_mail;
   Settings const m_settings;
   std::vector<std::function<void()>> m_steps;
   std::size_t m_next = 0;

@@ -259,7 +259,8 @@ int main(int argc, char** argv) {
                  "Seconds a file copied into the incoming folder must stay unchanged before it is taken")
       ->check(CLI::Range(0.0, 3600.0));
   app.add_option("--retry-after", opt.retrySecs,
-                 "Seconds before a failed upload is tried again (doubling up to an hour)")
+                 "Seconds before a failed upload is tried again (doubling up to an hour), and a failed e-mail notice "
+                 "(doubling up to half an hour)")
       ->check(CLI::Range(0.01, 3600.0));
   app.add_option("--multipart-from", opt.multipartFromMib,
                  "MiB from which a file goes to S3 in parts that survive a restart (default 64)")

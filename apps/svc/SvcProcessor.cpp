@@ -338,7 +338,8 @@ void SvcProcessor::visit(Ipc::TestCfg& cmd) {
     std::lock_guard<std::mutex> lock(m_mutex);
     service = m_service;
   }
-  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, service, m_httpTimeoutSecs, &m_workers);
+  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, service, m_httpTimeoutSecs, &m_workers,
+                                                  m_notifier ? &m_notifier->senderOptions() : nullptr);
 }
 
 void SvcProcessor::visit(Ipc::FileDrop& cmd) {

@@ -77,6 +77,8 @@ class Notifier {
   // Mails one test notice now, on the caller's thread (bounded by the
   // sender's time-outs and stopped); the outcome has the server's reply.
   MailOutcome sendTest(std::function<bool()> const& stopped) const;
+  // What its mails are sent with (the configuration test tries the same).
+  MailSenderOptions const& senderOptions() const { return m_options.sender; }
   // Logs in to the SMTP server without sending (see MailSender).
   MailOutcome checkLogin(std::function<bool()> const& stopped) const;
 
