@@ -346,4 +346,86 @@ TEST_F(MailNoticesTest, AStalledSmtpServerDelaysNeitherUploadsNorTheStop) {
   EXPECT_LT(stop, std::chrono::seconds(3)) << service->err();
 }
 
+TEST_F(MailNoticesTest, NotifyTestMailsOneNoticeAndPrintsTheServersAnswer) {
+  MailTestServer smtp(dir, MailTestServer::Tls::starttls);
+  ASSERT_NE(0, smtp.port());
+  writeConfig(qxtest::davServer().url, emailKeys(smtp.url(), MailTestServer::kPassword, ""));
+  writeCredentials(qxtest::davServer().user, qxtest::davServer().password);
+  startService({"--mail-ca-file", smtp.caFile().string()});
+  auto notifyTest = [&] {
+    qxtest::Child client(QX_CLI_PROGRAM, {"--runtime-dir", (dir / "run").string(), "notify-test"}, dir / "cli.out",
+                         dir / "cli.err");
+    EXPECT_TRUE(client.wait());
+    return client.outcome();
+  };
+  qxtest::Outcome const sent = notifyTest();
+  EXPECT_EQ(0, sent.status) << sent.err;
+  EXPECT_EQ("Test notice sent; the SMTP server answered: 250 2.0.0 OK queued as 0001\n", sent.out);
+  EXPECT_EQ("", sent.err);
+  ASSERT_EQ(1u, smtp.messages().size());
+  EXPECT_EQ(
+      "Date: DATE\n"
+      "From: qxlite@scanner.example.org\n"
+      "To: ops@example.org, desk@example.com\n"
+      "Subject: QXLite: test notice\n"
+      "Message-ID: <ID@scanner.example.org>\n"
+      "Auto-Submitted: auto-generated\n"
+      "MIME-Version: 1.0\n"
+      "Content-Type: text/plain; charset=\"UTF-8\"\n"
+      "Content-Transfer-Encoding: base64\n"
+      "\n"
+      "qxlite-svc on HOST:\n"
+      "\n"
+      "This is a test notice, sent as asked with qxlite notify-test.\n",
+      steady(smtp.shown(smtp.messages().front())));
+
+  writeConfig(qxtest::davServer().url, emailKeys(smtp.url(), "wrong", ""));
+  service->signal(SIGHUP);
+  ASSERT_TRUE(logSays("INFO:qxlite-svc Configuration reloaded from ")) << service->err();
+  qxtest::Outcome const refused = notifyTest();
+  EXPECT_EQ(1, refused.status);
+  EXPECT_EQ("", refused.out);
+  EXPECT_EQ("qxlite: no test notice was sent: Login denied (server said: 535 5.7.8 Authentication credentials "
+            "invalid)\n",
+            refused.err);
+  EXPECT_EQ(1u, smtp.messages().size());
+  stopService();
+}
+
+TEST_F(MailNoticesTest, TheConfigurationTestLogsInWithoutSending) {
+  MailTestServer smtp(dir, MailTestServer::Tls::starttls);
+  ASSERT_NE(0, smtp.port());
+  writeConfig(qxtest::davServer().url, emailKeys(smtp.url(), MailTestServer::kPassword, ",\"EmailNotifyFailure\":true"));
+  writeCredentials(qxtest::davServer().user, qxtest::davServer().password);
+  startService({"--mail-ca-file", smtp.caFile().string()});
+  auto smtpLines = [&] {
+    qxtest::Child client(QX_CLI_PROGRAM, {"--runtime-dir", (dir / "run").string(), "test-config"}, dir / "cli.out",
+                         dir / "cli.err");
+    EXPECT_TRUE(client.wait());
+    // The SMTP lines, each with the reason below it, if any.
+    std::string lines;
+    bool smtpLine = false;
+    for (std::string const& line : logLines(client.out())) {
+      bool const reason = line.rfind("    -> ", 0) == 0;
+      if (!reason) smtpLine = line.find("SMTP") != std::string::npos;
+      if (smtpLine) lines += line + "\n";
+    }
+    return lines;
+  };
+  EXPECT_EQ("+ The SMTP URL \"" + smtp.url() + "\" is well formed\n" +
+                "+ The SMTP server \"" + smtp.url() +
+                "\" answers and accepts the login of \"notices\": 235 2.7.0 Authentication successful\n",
+            smtpLines());
+
+  writeConfig(qxtest::davServer().url, emailKeys(smtp.url(), "wrong", ",\"EmailNotifyFailure\":true"));
+  service->signal(SIGHUP);
+  ASSERT_TRUE(logSays("INFO:qxlite-svc Configuration reloaded from ")) << service->err();
+  EXPECT_EQ("+ The SMTP URL \"" + smtp.url() + "\" is well formed\n" +
+                "- The SMTP server \"" + smtp.url() + "\" does not take notices\n" +
+                "    -> Login denied (server said: 535 5.7.8 Authentication credentials invalid)\n",
+            smtpLines());
+  EXPECT_EQ(0u, smtp.messages().size());
+  stopService();
+}
+
 }  // namespace
