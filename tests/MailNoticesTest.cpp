@@ -346,6 +346,45 @@ TEST_F(MailNoticesTest, AStalledSmtpServerDelaysNeitherUploadsNorTheStop) {
   EXPECT_LT(stop, std::chrono::seconds(3)) << service->err();
 }
 
+TEST_F(MailNoticesTest, NoticesNotYetMailedSurviveARestart) {
+  MailTestServer smtp(dir, MailTestServer::Tls::starttls);
+  ASSERT_NE(0, smtp.port());
+  writeConfig(qxtest::davServer().url, emailKeys(smtp.url(), MailTestServer::kPassword, ",\"EmailNotifyFailure\":true"));
+  writeCredentials(qxtest::davServer().user, qxtest::davServer().password);
+  startService({"--mail-window", "3600", "--mail-ca-file", smtp.caFile().string()});
+  drop("kept.exe", "x");
+  ASSERT_TRUE(logSays("WARNING:qxlite-svc rejected \"kept.exe\"")) << service->err();
+  stopService();
+  EXPECT_EQ(0u, smtp.messages().size());
+
+  startService({"--mail-window", "1", "--mail-ca-file", smtp.caFile().string()});
+  ASSERT_TRUE(smtp.waitForMessages(1)) << service->err();
+  std::string const shown = steady(smtp.shown(smtp.messages().front()));
+  EXPECT_NE(std::string::npos, shown.find("\n\nqxlite-svc on HOST:\n\nRejected at TIME: \"kept.exe\"\n")) << shown;
+  stopService();
+  // Mailed once: not again at the next start.
+  startService({"--mail-window", "0", "--mail-ca-file", smtp.caFile().string()});
+  std::this_thread::sleep_for(std::chrono::seconds(1));
+  stopService();
+  EXPECT_EQ(1u, smtp.messages().size());
+}
+
+TEST_F(MailNoticesTest, TheHourlyLimitLeavesNoticesOutWithALogLine) {
+  MailTestServer smtp(dir, MailTestServer::Tls::starttls);
+  ASSERT_NE(0, smtp.port());
+  writeConfig(qxtest::davServer().url, emailKeys(smtp.url(), MailTestServer::kPassword, ",\"EmailNotifyFailure\":true"));
+  writeCredentials(qxtest::davServer().user, qxtest::davServer().password);
+  startService({"--mail-window", "0", "--mail-per-hour", "1", "--mail-ca-file", smtp.caFile().string()});
+  drop("first.exe", "x");
+  ASSERT_TRUE(smtp.waitForMessages(1)) << service->err();
+  drop("second.exe", "x");
+  ASSERT_TRUE(logSays("WARNING:qxlite-svc leaves out 1 e-mail notice(s) of kind \"rejected\": 1 mails went out in "
+                      "the last hour"))
+      << service->err();
+  stopService();
+  EXPECT_EQ(1u, smtp.messages().size());
+}
+
 TEST_F(MailNoticesTest, NotifyTestMailsOneNoticeAndPrintsTheServersAnswer) {
   MailTestServer smtp(dir, MailTestServer::Tls::starttls);
   ASSERT_NE(0, smtp.port());
