@@ -261,8 +261,8 @@ void Notifier::run() {
       ids.push_back(n.id);
       texts += "\n" + n.text;
     }
-    if (!info) {
-      forget(ids);  // a kind of a later version's
+    if (!info || !wanted(info->kind)) {
+      forget(ids);  // a kind of a later version's, or one the settings no longer ask for
       continue;
     }
     while (!m_sentTimes.empty() && now - m_sentTimes.front() >= 3600) m_sentTimes.pop_front();

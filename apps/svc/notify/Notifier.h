@@ -14,7 +14,8 @@
 //
 // Which notices are kept: rejected, held and resumed when EmailNotifyFailure
 // is set, done when EmailNotifySuccess is set, and none without an SMTP
-// server, a sender or a recipient.
+// server, a sender or a recipient; a notice kept before the settings
+// stopped asking for its kind is dropped when it is due.
 //
 // Threads: every public member may be called from any thread; post() and
 // setSettings() never wait on the network. stop() returns within about a

@@ -1379,6 +1379,8 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
     std::lock_guard<std::mutex> lock(m_mutex);
     row = m_jobs[jobId].row;
   }
+  // A final job here is one whose move a crash interrupted: told already.
+  bool const news = !isFinal(row.state);
   row.state = state;
   row.lastError = message;
   row.nextTry = 0;
@@ -1389,7 +1391,7 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
     logError(std::string("cannot record job ") + jobId + ": " + e.what());
     return;
   }
-  if (state == JobState::rejected || state == JobState::failed) {
+  if (news && (state == JobState::rejected || state == JobState::failed)) {
     // A person's cancel or discard is no news to mail.
     bool const byServer = rule == "server" || rule == "expired";
     tell(PipelineEvent{PipelineEvent::Kind::rejected, row.title, filesOf(row), {},
