@@ -188,6 +188,7 @@ class Pipeline::Impl {
   bool m_scanRequested = true;       // guarded by m_mutex
   bool m_woken = false;              // guarded by m_mutex
   std::string m_held;                // guarded by m_mutex: why the queue is held
+  bool m_holdTold = false;           // guarded by m_mutex: a hold was told and no answer since
   std::string m_folderProblem;       // guarded by m_mutex: why nothing moves
   bool m_looping = false;            // guarded by m_mutex: the start's reconciling is over
   std::map<std::string, LiveJob> m_jobs;          // guarded by m_mutex
@@ -765,10 +766,12 @@ void Pipeline::Impl::setHeld(std::string const& why) {
     if (why == m_held) return;
     if (!why.empty()) {
       Log::inst().writeLine("WARNING:", "qxlite-svc holds the upload queue: " + why);
-      if (m_held.empty()) event = PipelineEvent{PipelineEvent::Kind::held, {}, {}, {}, why, 0, {}};
+      if (!m_holdTold) event = PipelineEvent{PipelineEvent::Kind::held, {}, {}, {}, why, 0, {}};
+      m_holdTold = true;
     } else if (!m_held.empty()) {
+      // Only a server that answers tells that the hold is over (settle()):
+      // a new configuration may well be held again at once.
       Log::inst().writeLine("INFO:", "qxlite-svc uploads again");
-      event = PipelineEvent{PipelineEvent::Kind::resumed, {}, {}, {}, {}, 0, {}};
     }
     m_held = why;
     m_nextProbe = SteadyClock::now() + m_options.holdProbe;
@@ -1254,9 +1257,13 @@ void Pipeline::Impl::settle(UploadResult const& result) {
       for (auto const& other : live.tickets) others.push_back(other.second);
     }
     // A server that answered, other than to refuse the credentials, ends a hold.
-    if (!m_held.empty() && result.outcome != Outcome::hold && !result.unreachable) {
+    bool const answered = result.outcome != Outcome::hold && !result.unreachable;
+    if (!m_held.empty() && answered) {
       m_held.clear();
       Log::inst().writeLine("INFO:", "qxlite-svc uploads again: the server answers");
+    }
+    if (answered && m_holdTold) {
+      m_holdTold = false;
       resumed = true;
     }
   }
