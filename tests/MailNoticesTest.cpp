@@ -207,7 +207,10 @@ TEST_F(MailNoticesTest, AHostileFileNameStaysInTheBodyAndAddsNoHeader) {
       "\n",
       shown.substr(0, shown.find("\n\n") + 2))
       << smtp.raw(mails.front());
-  EXPECT_NE(std::string::npos, shown.find("\nRejected at TIME: \"" + hostile + "\"\n")) << shown;
+  // In the body, escaped as in the log: one line.
+  EXPECT_NE(std::string::npos,
+            shown.find("\nRejected at TIME: \"x\\r\\nBcc: victim@example.net\\r\\nSubject: free\\r\\n\\r\\n.exe\"\n"))
+      << shown;
   EXPECT_EQ("from qxlite@scanner.example.org\nto ops@example.org\nto desk@example.com\n", smtp.envelope(mails.front()));
   EXPECT_EQ(std::string::npos, smtp.raw(mails.front()).find("victim")) << smtp.raw(mails.front());
   stopService();

@@ -33,7 +33,7 @@ TEST(NotifierTest, EachEventHasItsText) {
       {{PipelineEvent::Kind::rejected, "scans", {"scans.zip"}, {}, "refused by the server", 2, "HTTP 400: bad\r\nBcc: x"},
        "rejected",
        "Rejected at 2026-11-24 04:49:22 UTC: \"scans\"\n  Files: scans.zip\n  Reason: refused by the server\n"
-       "  Attempts: 2\n  Server's message: HTTP 400: bad\r\nBcc: x\n"},
+       "  Attempts: 2\n  Server's message: HTTP 400: bad\\r\\nBcc: x\n"},
       {{PipelineEvent::Kind::rejected, "a.exe", {"a.exe"}, {}, "not accepted", 0, ""},
        "rejected",
        "Rejected at 2026-11-24 04:49:22 UTC: \"a.exe\"\n  Files: a.exe\n  Reason: not accepted\n  Attempts: 0\n"},

@@ -105,9 +105,17 @@ char const* noticeKindOf(PipelineEvent::Kind kind) {
   return info ? info->name : "unknown";
 }
 
-std::string noticeTextOf(PipelineEvent const& event, std::int64_t unixSeconds) {
+std::string noticeTextOf(PipelineEvent const& raw, std::int64_t unixSeconds) {
   using Kind = PipelineEvent::Kind;
   std::string const when = utcTime(unixSeconds);
+  // Names, reasons and answers come from outside: their control bytes are
+  // shown escaped, as in the log, so that each stays on its line.
+  PipelineEvent event = raw;
+  event.title = logEscaped(event.title);
+  event.reason = logEscaped(event.reason);
+  event.serverMessage = logEscaped(event.serverMessage);
+  for (std::string& file : event.files) file = logEscaped(file);
+  for (std::string& key : event.keys) key = logEscaped(key);
   switch (event.kind) {
     case Kind::rejected: {
       std::string text = "Rejected at " + when + ": \"" + event.title + "\"\n";

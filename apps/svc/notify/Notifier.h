@@ -51,7 +51,8 @@ struct NotifierOptions {
   MailSenderOptions sender;
 };
 
-// The text a notice of event holds (its kind's name is noticeKindOf()).
+// The text a notice of event holds (its kind's name is noticeKindOf()), the
+// control bytes of its names, reasons and answers escaped as the log does.
 std::string noticeTextOf(PipelineEvent const& event, std::int64_t unixSeconds);
 // The name under which notices of event's kind are gathered: "rejected",
 // "held", "resumed", "done".
