@@ -1262,7 +1262,7 @@ void Pipeline::Impl::settle(UploadResult const& result) {
       m_held.clear();
       Log::inst().writeLine("INFO:", "qxlite-svc uploads again: the server answers");
     }
-    if (answered && m_holdTold) {
+    if (answered && result.outcome != Outcome::stopped && m_holdTold) {
       m_holdTold = false;
       resumed = true;
     }

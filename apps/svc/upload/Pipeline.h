@@ -50,8 +50,8 @@ class Journal;
 struct PipelineEvent {
   enum class Kind {
     rejected,  // a job, or an entry of the incoming folder, went to the rejected folder
-    held,      // the queue is held (reason: why); once per hold
-    resumed,   // a held queue goes on
+    held,      // the queue is held (reason: why); once, until the server answers again
+    resumed,   // the server answers again after a hold was told
     done,      // a job is on the server
   };
   Kind kind = Kind::rejected;
