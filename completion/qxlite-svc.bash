@@ -1,5 +1,5 @@
 # bash completion for qxlite-svc, the QXLite upload service: its options,
-# files after --config, --token-file, --log-file and --credentials, folders
+# files after --config, --token-file, --log-file, --credentials and --mail-ca-file, folders
 # after --state-dir and --runtime-dir, groups after --token-group.
 # Needs nothing but bash; installed as share/bash-completion/completions/qxlite-svc.
 
@@ -12,7 +12,7 @@ _qxlite_svc() {
     [[ $cur == = ]] && cur=''
     [[ $prev == = ]] && prev=${COMP_WORDS[COMP_CWORD-2]}
     case $prev in
-        --config|--token-file|--log-file|--credentials)
+        --config|--token-file|--log-file|--credentials|--mail-ca-file)
             COMPREPLY=($(compgen -f -- "$cur"))
             compopt -o filenames 2>/dev/null
             return ;;
@@ -23,7 +23,7 @@ _qxlite_svc() {
         --token-group)
             COMPREPLY=($(compgen -g -- "$cur"))
             return ;;
-        --port|--threads|--scan-interval|--settle-time|--retry-after|--multipart-from|--part-size|--http-timeout)
+        --port|--threads|--scan-interval|--settle-time|--retry-after|--multipart-from|--part-size|--http-timeout|--mail-window|--mail-per-hour)
             return ;;
     esac
     COMPREPLY=($(compgen -W '--config
@@ -43,6 +43,9 @@ _qxlite_svc() {
 --state-dir
 --credentials
 --http-timeout
+--mail-window
+--mail-per-hour
+--mail-ca-file
 --version
 --help' -- "$cur"))
 }

@@ -63,7 +63,7 @@ _qxlite() {
         if [[ $cur == -* ]]; then
             _qxlite_words "$global_options" "$cur"
         else
-            _qxlite_words 'status config pause resume drop test-config call uploads cancel retry' "$cur"
+            _qxlite_words 'status config pause resume drop test-config call uploads cancel retry notify-test' "$cur"
         fi
         return
     fi

@@ -20,6 +20,8 @@ packages=(
   doxygen
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
+  # The SMTP server that receives the e-mail notices in the tests (with openssl's certificates).
+  python3-aiosmtpd openssl
 )
 
 missing=()

@@ -67,7 +67,7 @@ while read -r key; do all_keys+=("$key="); done < <("$qxlite" config keys --name
 ((${#all_keys[@]} >= 30)) || { echo "FAIL: qxlite config keys --names lists ${#all_keys[@]} keys" >&2; exit 1; }
 
 # The commands and the global options.
-q 'qxlite ' status config pause resume drop test-config call uploads cancel retry
+q 'qxlite ' status config pause resume drop test-config call uploads cancel retry notify-test
 q 'qxlite st' status
 q 'qxlite --verbose c' config call cancel
 q 'qxlite -' --host --port --token-file --runtime-dir --timeout --verbose --version --help
@@ -121,6 +121,9 @@ svc 'qxlite-svc --config ' "${files[@]}"
 svc 'qxlite-svc --config = sub/' sub/inner.txt
 svc 'qxlite-svc --credentials a' a.pdf
 svc 'qxlite-svc --log-file b' b.csv
+svc 'qxlite-svc --mail-ca-file a' a.pdf
+svc 'qxlite-svc --mail-' --mail-window --mail-per-hour --mail-ca-file
+svc 'qxlite-svc --mail-window '
 svc 'qxlite-svc --token-file w' 'with space.pdf'
 svc 'qxlite-svc --state-dir ' sub
 svc 'qxlite-svc --runtime-dir ' sub

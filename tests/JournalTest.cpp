@@ -496,9 +496,9 @@ std::vector<UnreadableRow> unreadableRows() {
       {"a journal of a later schema",
        [](fs::path const& file) {
          openJournal(file)->insert(simpleJob("J"));
-         runOnDatabase(file, "PRAGMA user_version = 3;");
+         runOnDatabase(file, "PRAGMA user_version = 4;");
        },
-       "schema version 3, expected 2"},
+       "schema version 4, expected 3"},
       {"a journal with a row that its checks refuse",
        [](fs::path const& file) {
          openJournal(file)->insert(simpleJob("J"));
@@ -808,12 +808,12 @@ std::string firstValue(fs::path const& file, char const* sql) {
   return value;
 }
 
-TEST_F(JournalTest, TheFileIsAWriteAheadLoggedDatabaseOfSchemaVersionTwo) {
+TEST_F(JournalTest, TheFileIsAWriteAheadLoggedDatabaseOfSchemaVersionThree) {
   auto journal = openJournal(file());
   journal->insert(simpleJob("J"));
   EXPECT_EQ("wal", firstValue(file(), "PRAGMA journal_mode"));
-  EXPECT_EQ("2", firstValue(file(), "PRAGMA user_version"));
-  EXPECT_EQ("items,jobs,parts",
+  EXPECT_EQ("3", firstValue(file(), "PRAGMA user_version"));
+  EXPECT_EQ("items,jobs,notices,parts",
             firstValue(file(), "SELECT group_concat(name, ',') FROM (SELECT name FROM sqlite_schema "
                                "WHERE type = 'table' ORDER BY name)"));
   EXPECT_EQ("1", firstValue(file(), "SELECT count(*) FROM items WHERE job_id = 'J'"));
@@ -866,8 +866,8 @@ TEST_F(JournalTest, AJournalOfSchemaVersionOneIsBroughtUpToDateWithEveryRow) {
   if (HasFatalFailure()) return;
   std::string note;
   auto journal = Journal::open(file(), note);
-  EXPECT_EQ("brought the journal " + qxtest::quoted(file()) + " from schema version 1 to 2", note);
-  EXPECT_EQ("2", firstValue(file(), "PRAGMA user_version"));
+  EXPECT_EQ("brought the journal " + qxtest::quoted(file()) + " from schema version 1 to 3", note);
+  EXPECT_EQ("3", firstValue(file(), "PRAGMA user_version"));
   EXPECT_EQ(
       "job J title=tmp state=queued created=10 updated=11 nextTry=12 attempts=3 bytesSent=4 "
       "lastError=HTTP 503 label=\n"
@@ -1007,3 +1007,46 @@ TEST_F(JournalDiskFullTest, AWriteToAFullDiskThrowsNamingTheJobAndWorksAgainOnce
 }
 
 }  // namespace
+
+namespace {
+
+std::string describe(std::vector<qxsvc::NoticeRow> const& notices) {
+  std::string text;
+  for (qxsvc::NoticeRow const& n : notices) {
+    text += std::to_string(n.id) + " " + n.kind + " " + std::to_string(n.created) + " " + n.text + "\n";
+  }
+  return text;
+}
+
+}  // namespace
+
+TEST_F(JournalTest, NoticesAreKeptInOrderUntilRemoved) {
+  auto journal = openJournal(file());
+  EXPECT_EQ(1, journal->addNotice({0, "rejected", 100, "Rejected: a.pdf\r\nBcc: x@y"}));
+  EXPECT_EQ(2, journal->addNotice({0, "held", 101, "held: no server answers"}));
+  EXPECT_EQ(3, journal->addNotice({0, "rejected", 102, "Rejected: b.pdf"}));
+  journal->removeNotices({2, 42});
+  journal.reset();
+  journal = openJournal(file());
+  EXPECT_EQ("1 rejected 100 Rejected: a.pdf\r\nBcc: x@y\n3 rejected 102 Rejected: b.pdf\n",
+            describe(journal->notices()));
+}
+
+TEST_F(JournalTest, AJournalOfSchemaVersionTwoGainsTheNoticesAndKeepsItsJobs) {
+  runOnDatabase(file(), std::string("PRAGMA journal_mode = WAL;") + kSchemaVersionOne +
+                            "ALTER TABLE jobs ADD COLUMN label TEXT NOT NULL DEFAULT '';"
+                            "PRAGMA user_version = 2;"
+                            "INSERT INTO jobs VALUES ('J', 'tmp', 'done', 10, 11, 0, 1, 5, '', 'a.pdf');");
+  if (HasFatalFailure()) return;
+  std::string note;
+  auto journal = Journal::open(file(), note);
+  EXPECT_EQ("brought the journal " + qxtest::quoted(file()) + " from schema version 2 to 3", note);
+  EXPECT_EQ("3", firstValue(file(), "PRAGMA user_version"));
+  EXPECT_EQ("job J title=tmp state=done created=10 updated=11 nextTry=0 attempts=1 bytesSent=5 lastError= label=a.pdf\n",
+            describe(journal->jobs()));
+  EXPECT_EQ(1, journal->addNotice({0, "done", 12, "Uploaded: a.pdf"}));
+  journal.reset();
+  journal = Journal::open(file(), note);
+  EXPECT_EQ("", note);
+  EXPECT_EQ("1 done 12 Uploaded: a.pdf\n", describe(journal->notices()));
+}

@@ -569,6 +569,22 @@ void cmdJob(Session& s, char const* method, std::string const& jobId, char const
   throw Failure(msg.isString() ? msg.asStringSafe() : std::string("the service did not say whether it did"));
 }
 
+// The service mails a test notice through its SMTP server and answers with
+// the server's reply ({"ok":true,"reply":...}) or why not ({"msg":...}).
+constexpr char const* kNotifyTestMethod = "qxlite.notify-test";
+
+void cmdNotifyTest(Session& s) {
+  auto cmd = std::make_shared<Ipc::ServerRequest>(nullptr, kNotifyTestMethod, json::Object(), nullptr);
+  s.run(cmd);
+  if (cmd->payload["ok"].isTrue()) {
+    std::cout << "Test notice sent; the SMTP server answered: " << textOf(cmd->payload, "reply") << "\n";
+    return;
+  }
+  json::Value const msg = cmd->payload["msg"];
+  throw Failure("no test notice was sent: " +
+                (msg.isString() ? logEscaped(msg.asStringSafe()) : std::string("the service did not say why")));
+}
+
 json::Object fetchUploads(Session& s) {
   auto cmd = std::make_shared<Ipc::GetUploads>(nullptr);
   s.run(cmd);
@@ -722,6 +738,8 @@ int main(int argc, char** argv) {
   cancel->add_option("JOB", jobId, "The job's id (see qxlite uploads)")->required();
   auto* retry = app.add_subcommand("retry", "Try a waiting job again now");
   retry->add_option("JOB", jobId, "The job's id (see qxlite uploads)")->required();
+  auto* notifyTest =
+      app.add_subcommand("notify-test", "Have the service mail a test notice and print the SMTP server's answer");
 
   // The first words that are neither options nor their values must name a
   // sub-command, and a sub-command of it when it has some ("config get"):
@@ -780,6 +798,7 @@ int main(int argc, char** argv) {
     else if (*uploads) cmdUploads(s, asJson, watch);
     else if (*cancel) cmdJob(s, kCancelMethod, jobId, "cancelled");
     else if (*retry) cmdJob(s, kRetryMethod, jobId, "retrying");
+    else if (*notifyTest) cmdNotifyTest(s);
     return 0;
   } catch (NotRunning const& e) {
     std::cerr << "qxlite: the service is not running (" << e.what()

@@ -5,6 +5,7 @@
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
 #include "apps/svc/upload/Credentials.h"
+#include "apps/svc/notify/MailSender.h"
 #include "ipc/MsgsUItoSvc.h"
 #include "shared/DeferredResponse.h"
 
@@ -15,6 +16,7 @@
 #include <cstring>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 #include <boost/asio/io_context.hpp>
@@ -80,12 +82,13 @@ ConfigTestRunner::Finding ConfigTestRunner::accountFinding(std::string const& na
 }
 
 ConfigTestRunner::ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, fs::path credentialsFile,
-                                   long httpTimeoutSecs, WorkerPool* workers)
+                                   long httpTimeoutSecs, WorkerPool* workers, MailSenderOptions const* mail)
     : m_cmd(cmd),
       m_service(service),
       m_credentialsFile(std::move(credentialsFile)),
       m_httpTimeoutSecs(httpTimeoutSecs),
       m_workers(workers),
+      m_mail(mail ? std::make_optional(*mail) : std::nullopt),
       m_settings(*cmd.pSetts()) {
   m_steps.push_back([this] { checkValues(); });
   for (std::size_t i = 0; i < 4; ++i) m_steps.push_back([this, i] { checkFolder(i); });
@@ -229,6 +232,14 @@ void ConfigTestRunner::checkServers() {
     report(serverFindings(inet, m_credentialsFile, traceLog, debugLog, m_httpTimeoutSecs, {}));
     return;
   }
+  onWorker("The servers were not checked", [inet, credentials = m_credentialsFile, traceLog, debugLog,
+                                            timeout = m_httpTimeoutSecs](std::function<bool()> abandoned) {
+    return serverFindings(inet, credentials, traceLog, debugLog, timeout, std::move(abandoned));
+  });
+}
+
+void ConfigTestRunner::onWorker(std::string const& notChecked,
+                                std::function<std::vector<Finding>(std::function<bool()>)> work) {
   // The worker fills findings; the test goes on, on the transport's thread,
   // once it is done.
   auto const findings = std::make_shared<std::vector<Finding>>();
@@ -238,14 +249,12 @@ void ConfigTestRunner::checkServers() {
     report(*findings);
     m_cmd.execOneTest();
   });
-  bool const queued = m_workers->submit([wait, findings, inet, credentials = m_credentialsFile, traceLog, debugLog,
-                                         timeout = m_httpTimeoutSecs] {
-    *findings =
-        serverFindings(inet, credentials, traceLog, debugLog, timeout, [wait] { return wait->cancelled(); });
+  bool const queued = m_workers->submit([wait, findings, work = std::move(work)] {
+    *findings = work([wait] { return wait->cancelled(); });
     wait->complete();
   });
   if (!queued) {
-    findings->push_back({Finding::Kind::error, "The servers were not checked", m_workers->busyText()});
+    findings->push_back({Finding::Kind::error, notChecked, m_workers->busyText()});
     wait->complete();
   }
 }
@@ -302,7 +311,32 @@ void ConfigTestRunner::checkSmtp() {
     error("The SMTP URL \"" + url + "\" is not well formed", "it must begin with smtp:// or smtps://");
   } else {
     pass("The SMTP URL \"" + url + "\" is well formed");
+    checkSmtpLogin();
   }
+}
+
+void ConfigTestRunner::checkSmtpLogin() {
+  Inet::EmailCfg const& email = m_settings.EmailConfig;
+  if (email.notifyFailure() || email.notifySuccess()) {
+    std::string const fromWhy = checkMailAddress(email.from());
+    if (!fromWhy.empty()) error("The sender of e-mail notices (EmailFrom) is wrong", fromWhy);
+    try {
+      splitMailAddresses(email.to());
+    } catch (std::invalid_argument const& e) {
+      error("The recipients of e-mail notices (EmailTo) are wrong", e.what());
+    }
+  }
+  if (!m_mail || !m_workers) return;
+  std::string const name = "The SMTP server \"" + email.smtpUrl() + "\"";
+  onWorker(name + " was not checked",
+           [name, email, inet = m_settings.InetConfig, sender = MailSender(*m_mail)](std::function<bool()> abandoned) {
+             MailOutcome const outcome = sender.checkLogin(email, inet, abandoned);
+             std::string const what = email.user().empty() ? " answers (no login is set)"
+                                                           : " answers and accepts the login of \"" + email.user() + "\"";
+             return std::vector<Finding>{outcome.done
+                                             ? Finding{Finding::Kind::pass, name + what + ": " + outcome.reply, ""}
+                                             : Finding{Finding::Kind::error, name + " does not take notices", outcome.reply}};
+           });
 }
 
 void ConfigTestRunner::checkBackup() {

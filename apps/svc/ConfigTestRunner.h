@@ -19,12 +19,14 @@
 
 #include "apps/svc/WorkerPool.h"
 #include "apps/svc/upload/UploadEngine.h"
+#include "apps/svc/notify/MailSender.h"
 #include "ipc/IpcCmdsLite.h"
 
 #include <boost/filesystem/path.hpp>
 
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -47,11 +49,14 @@ class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
     std::string text;
     std::string why;  // of an error
   };
+
   // cmd owns the runner; workers, when given, runs the server checks and
-  // must outlive the server that dispatches the command.
-  // credentialsFile: the upload account that the servers are asked about.
+  // must outlive the server that dispatches the command. credentialsFile:
+  // the upload account that the servers are asked about. With mail (and
+  // workers) a well-formed SMTP URL is also tried: greeting, EHLO, STARTTLS
+  // when required, and the login, sending nothing.
   ConfigTestRunner(Ipc::TestCfg& cmd, ServicePort service, boost::filesystem::path credentialsFile,
-                   long httpTimeoutSecs, WorkerPool* workers = nullptr);
+                   long httpTimeoutSecs, WorkerPool* workers = nullptr, MailSenderOptions const* mail = nullptr);
   bool runStep() override;
   bool waiting() const override { return m_waiting; }
 
@@ -77,6 +82,10 @@ class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
   void checkPort();
   void checkServers();
   void checkSmtp();
+  void checkSmtpLogin();
+  // Runs work on a worker; the test goes on with its findings once it is
+  // done, or with an error that says notChecked when the pool is full.
+  void onWorker(std::string const& notChecked, std::function<std::vector<Finding>(std::function<bool()>)> work);
   void checkBackup();
 
   Ipc::TestCfg& m_cmd;
@@ -84,6 +93,7 @@ class ConfigTestRunner : public Ipc::TestCfg::TestRunnerI {
   boost::filesystem::path const m_credentialsFile;
   long const m_httpTimeoutSecs;
   WorkerPool* const m_workers;
+  std::optional<MailSenderOptions> const m_mail;
   Settings const m_settings;
   std::vector<std::function<void()>> m_steps;
   std::size_t m_next = 0;

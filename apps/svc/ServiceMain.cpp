@@ -19,6 +19,7 @@
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
 #include "apps/svc/FolderFd.h"
+#include "apps/svc/notify/Notifier.h"
 #include "apps/svc/upload/Pipeline.h"
 #include "apps/svc/SvcProcessor.h"
 #include "apps/svc/SystemdNotify.h"
@@ -60,6 +61,9 @@ struct Options {
   std::string credentialsFile;
   unsigned multipartFromMib = 64;
   unsigned partMib = 16;
+  double mailWindowSecs = 300.0;
+  unsigned mailsPerHour = 12;
+  std::string mailCaFile;
 };
 
 // Where the journal lives when --state-dir is not given.
@@ -156,11 +160,19 @@ int serve(Options const& opt) {
   }
   qxsvc::OpenedFolder const state = qxsvc::openSpoolFolder(pipelineOptions.stateFolder, qxsvc::MakeMissing::yes);
   if (!state.why.empty()) throw qxapp::ConfigError("the state folder: " + state.why);
+  qxsvc::NotifierOptions notifierOptions;
+  notifierOptions.window = std::chrono::seconds(static_cast<long long>(opt.mailWindowSecs));
+  notifierOptions.mailsPerHour = opt.mailsPerHour;
+  notifierOptions.retryFirst = millis(opt.retrySecs);
+  notifierOptions.sender.caFile = opt.mailCaFile;
+  // Outlives the pipeline, which hands it its events.
+  qxsvc::Notifier notifier(settings, notifierOptions);
+  pipelineOptions.onEvent = [&notifier](qxsvc::PipelineEvent const& event) { notifier.post(event); };
   qxsvc::Pipeline pipeline(settings, pipelineOptions);
   // Outlives the server, whose stop() waits for the server calls it runs.
   qxsvc::WorkerPool workers;
   auto processor =
-      std::make_shared<qxsvc::SvcProcessor>(settings, configFile, pipeline, workers, opt.httpTimeoutSecs);
+      std::make_shared<qxsvc::SvcProcessor>(settings, configFile, pipeline, workers, opt.httpTimeoutSecs, &notifier);
   Ipc::IoThreads io(opt.threads);
   Ipc::CmdServerOptions serverOptions;
   serverOptions.port = opt.port >= 0 ? static_cast<std::uint16_t>(opt.port) : settings.IpcPort;
@@ -175,6 +187,7 @@ int serve(Options const& opt) {
       processor);
   server.start();  // a port in use stops the start here, before anything moves
   pipeline.start();
+  notifier.start(pipeline.journal());
   processor->setServicePort(server.port(), opt.port >= 0);
   // Where clients that were not told find the service: there before the
   // line that says it serves.
@@ -215,6 +228,7 @@ int serve(Options const& opt) {
   server.stop();
   io.stop();
   pipeline.stop();
+  notifier.stop();  // within about a second, even with a mail in flight
   Log::inst().writeLine("INFO:", "qxlite-svc stopped");
   return 0;
 }
@@ -245,7 +259,8 @@ int main(int argc, char** argv) {
                  "Seconds a file copied into the incoming folder must stay unchanged before it is taken")
       ->check(CLI::Range(0.0, 3600.0));
   app.add_option("--retry-after", opt.retrySecs,
-                 "Seconds before a failed upload is tried again (doubling up to an hour)")
+                 "Seconds before a failed upload is tried again (doubling up to an hour), and a failed e-mail notice "
+                 "(doubling up to half an hour)")
       ->check(CLI::Range(0.01, 3600.0));
   app.add_option("--multipart-from", opt.multipartFromMib,
                  "MiB from which a file goes to S3 in parts that survive a restart (default 64)")
@@ -258,6 +273,14 @@ int main(int argc, char** argv) {
                  "Folder of the upload journal (default: /var/lib/qxlite as root, else \"state\" beside the configuration file)");
   app.add_option("--credentials", opt.credentialsFile,
                  "The upload account's file, mode 0600 (default: $CREDENTIALS_DIRECTORY/upload, else /etc/QXLite/credentials.json)");
+  app.add_option("--mail-window", opt.mailWindowSecs,
+                 "Seconds the first e-mail notice of a kind waits for others to go in the same mail (default 300)")
+      ->check(CLI::Range(0.0, 86400.0));
+  app.add_option("--mail-per-hour", opt.mailsPerHour,
+                 "E-mail notices sent at most in an hour; the next mail counts those left out (default 12)")
+      ->check(CLI::Range(1u, 3600u));
+  app.add_option("--mail-ca-file", opt.mailCaFile,
+                 "Certificate authorities (PEM) that the SMTP server's certificate is checked against, instead of the system's");
   app.add_option("--http-timeout", opt.httpTimeoutSecs, "Seconds an HTTP request to the server may take")->check(CLI::Range(1L, 600L));
   try {
     app.parse(argc, argv);
@@ -270,7 +293,7 @@ int main(int argc, char** argv) {
   // Paths given relative to where the service was started: the runtime file
   // hands them to clients that run elsewhere.
   for (std::string* path : {&opt.configFile, &opt.tokenFile, &opt.logFile, &opt.runtimeFolder, &opt.stateFolder,
-                            &opt.credentialsFile}) {
+                            &opt.credentialsFile, &opt.mailCaFile}) {
     if (!path->empty()) *path = fs::absolute(*path).lexically_normal().string();
   }
   try {

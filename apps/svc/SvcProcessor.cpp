@@ -33,6 +33,10 @@ std::string listedBriefly(std::vector<std::string> const& names) {
   return text;
 }
 
+// The method of ServerRequest by which `qxlite notify-test` has the service
+// mail a test notice ({"ok":true,"reply":...} or {"msg":...}).
+constexpr char kNotifyTestMethod[] = "qxlite.notify-test";
+
 json::Object errorPayload(std::string const& text) {
   json::Object obj;
   obj.setAt("error", json::Value(text));
@@ -97,10 +101,11 @@ Settings acceptConfigFile(boost::filesystem::path const& file) {
 }
 
 SvcProcessor::SvcProcessor(Settings const& settings, fs::path configFile, Pipeline& pipeline,
-                           WorkerPool& workers, long httpTimeoutSecs)
+                           WorkerPool& workers, long httpTimeoutSecs, Notifier* notifier)
     : m_configFile(std::move(configFile)),
       m_pipeline(pipeline),
       m_workers(workers),
+      m_notifier(notifier),
       m_httpTimeoutSecs(httpTimeoutSecs),
       m_started(static_cast<std::int64_t>(std::time(nullptr))),
       m_settings(qxapp::independentCopy(settings)) {}
@@ -137,6 +142,7 @@ std::string SvcProcessor::takeIntoForce(Settings const& base, Settings const& ne
     m_settings = std::move(copy);
   }
   m_pipeline.setSettings(next);
+  if (m_notifier) m_notifier->setSettings(next);
   std::vector<std::string> const changes = qxapp::configChanges(before, next);
   std::string changed;
   for (std::string const& c : changes) changed += (changed.empty() ? "" : "; ") + c;
@@ -230,6 +236,10 @@ void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
       return;
     }
     if (ownMethod(method, params, cmd.payload)) return;
+    if (method == kNotifyTestMethod) {
+      notifyTest(cmd);
+      return;
+    }
     Settings const settings = current();
     call.cfg = inet ? *inet : settings.InetConfig;
     if (call.cfg.serverAddress().empty()) {
@@ -258,6 +268,43 @@ void SvcProcessor::visit(Ipc::ServerRequest& cmd) {
   });
   if (!queued) {
     answer->emplace(errorPayload(m_workers.busyText()));
+    wait->complete();
+  }
+}
+
+void SvcProcessor::notifyTest(Ipc::ServerRequest& cmd) {
+  if (!m_notifier) {
+    cmd.payload = json::Object();
+    cmd.payload.setAt("msg", json::Value("this service sends no e-mail notices"));
+    return;
+  }
+  // As for a server call: the worker makes plain values, the transport's
+  // thread the JSON.
+  auto const outcome = std::make_shared<MailOutcome>();
+  auto const request = std::static_pointer_cast<Ipc::ServerRequest>(cmd.shared_from_this());
+  auto const wait = std::make_shared<Ipc::DeferredResponse>(cmd, [request, outcome] {
+    json::Object answer;
+    if (outcome->done) {
+      answer.setAt("ok", json::Value(json_true()));
+      answer.setAt("reply", json::Value(outcome->reply));
+    } else {
+      answer.setAt("msg", json::Value(outcome->reply));
+    }
+    request->payload = answer;
+    request->sendResp();
+  });
+  Notifier* const notifier = m_notifier;
+  bool const queued = m_workers.submit([wait, outcome, notifier] {
+    // Abandoned within about a second when the client leaves.
+    *outcome = notifier->sendTest([wait] { return wait->cancelled(); });
+    Log::inst().writeLine(outcome->done ? "INFO:" : "WARNING:",
+                          std::string("qxlite-svc ") + (outcome->done ? "mailed a test notice as asked: "
+                                                                      : "cannot mail a test notice: ") +
+                              outcome->reply);
+    wait->complete();
+  });
+  if (!queued) {
+    *outcome = MailOutcome{false, m_workers.busyText()};
     wait->complete();
   }
 }
@@ -293,8 +340,8 @@ void SvcProcessor::visit(Ipc::TestCfg& cmd) {
     std::lock_guard<std::mutex> lock(m_mutex);
     service = m_service;
   }
-  cmd.runner =
-      std::make_unique<ConfigTestRunner>(cmd, service, m_pipeline.credentialsFile(), m_httpTimeoutSecs, &m_workers);
+  cmd.runner = std::make_unique<ConfigTestRunner>(cmd, service, m_pipeline.credentialsFile(), m_httpTimeoutSecs,
+                                                  &m_workers, m_notifier ? &m_notifier->senderOptions() : nullptr);
 }
 
 void SvcProcessor::visit(Ipc::FileDrop& cmd) {

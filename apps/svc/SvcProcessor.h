@@ -16,6 +16,7 @@
 
 #include "apps/svc/ConfigTestRunner.h"
 #include "apps/svc/WorkerPool.h"
+#include "apps/svc/notify/Notifier.h"
 #include "apps/svc/upload/Pipeline.h"
 #include "ipc/IpcCmdsLite.h"
 
@@ -40,9 +41,11 @@ Settings acceptConfigFile(boost::filesystem::path const& file);
 
 class SvcProcessor : public Ipc::CmdProcessorLiteI {
  public:
-  // workers must outlive the server that dispatches to this processor.
+  // workers must outlive the server that dispatches to this processor, and
+  // so must notifier, which takes every configuration taken into force and
+  // sends the test mail of "qxlite.notify-test" (null: no e-mail notices).
   SvcProcessor(Settings const& settings, boost::filesystem::path configFile, Pipeline& pipeline,
-               WorkerPool& workers, long httpTimeoutSecs);
+               WorkerPool& workers, long httpTimeoutSecs, Notifier* notifier = nullptr);
 
   // Reads the configuration file again (SIGHUP) with the checks of the
   // start and takes it into force as SaveCfg does, without writing it; the
@@ -72,7 +75,11 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
   Settings current() const;
   // The service's own methods of ServerRequest ("qxlite.cancel",
   // "qxlite.retry"); false when method is not one of them.
+  // "qxlite.notify-test", which waits on the SMTP server, runs on a worker:
+  // see visit(ServerRequest&).
   bool ownMethod(std::string const& method, json::Object const& params, json::Object& answer);
+  // Mails a test notice on a worker and answers with the server's reply.
+  void notifyTest(Ipc::ServerRequest& cmd);
   // Checks next against base (the configuration in force, as far as a
   // change may depart from it); when it passes, makes its folders, runs keep
   // (which writes the file for SaveCfg), takes next into force and logs done
@@ -84,6 +91,7 @@ class SvcProcessor : public Ipc::CmdProcessorLiteI {
   boost::filesystem::path const m_configFile;
   Pipeline& m_pipeline;
   WorkerPool& m_workers;
+  Notifier* const m_notifier;
   long const m_httpTimeoutSecs;
   std::int64_t const m_started;  // unix seconds
 

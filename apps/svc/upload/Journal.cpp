@@ -84,6 +84,13 @@ CREATE TABLE parts (
 constexpr char const* kMigrations[] = {
     // 2: what the list shows of a job, apart from the name of its drop.
     "ALTER TABLE jobs ADD COLUMN label TEXT NOT NULL DEFAULT '';",
+    // 3: the e-mail notices waiting to be sent.
+    "CREATE TABLE notices (\n"
+    "  id INTEGER PRIMARY KEY,\n"
+    "  kind TEXT NOT NULL,\n"
+    "  created INTEGER NOT NULL,\n"
+    "  text TEXT NOT NULL\n"
+    ") STRICT;",
 };
 constexpr int kSchemaVersion = 1 + static_cast<int>(sizeof kMigrations / sizeof *kMigrations);
 
@@ -482,13 +489,17 @@ struct Journal::Statements {
         selectItems(db, std::string("SELECT job_id, ") + kItemColumns + " FROM items ORDER BY job_id, position"),
         selectPartsOfJob(db,
                          "SELECT item, number, size, etag FROM parts WHERE job_id = ?1 ORDER BY item, number"),
-        selectParts(db, "SELECT job_id, item, number, size, etag FROM parts ORDER BY job_id, item, number") {}
+        selectParts(db, "SELECT job_id, item, number, size, etag FROM parts ORDER BY job_id, item, number"),
+        insertNotice(db, "INSERT INTO notices (kind, created, text) VALUES (?1, ?2, ?3)"),
+        deleteNotice(db, "DELETE FROM notices WHERE id = ?1"),
+        selectNotices(db, "SELECT id, kind, created, text FROM notices ORDER BY id") {}
 
   Statement beginRead, beginWrite, commit, rollback;
   Statement jobExists, insertJob, updateJob, deleteJob;
   Statement deleteItems, insertItem, uploadIdOf, setUploadId;
   Statement deleteParts, putPart;
   Statement selectJob, selectJobs, selectItemsOfJob, selectItems, selectPartsOfJob, selectParts;
+  Statement insertNotice, deleteNotice, selectNotices;
 };
 
 namespace {
@@ -746,6 +757,50 @@ std::vector<JobRow> Journal::jobs() const {
     return jobs;
   } catch (Failure const& failure) {
     throw std::runtime_error("journal " + quoted(m_file) + ": cannot read the jobs: " + failure.what());
+  }
+}
+
+std::int64_t Journal::addNotice(NoticeRow const& notice) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  Statements& s = *m_statements;
+  try {
+    Transaction transaction(s.beginWrite, s.commit, s.rollback);
+    Run(s.insertNotice).text(1, notice.kind).integer(2, notice.created).text(3, notice.text).done();
+    std::int64_t const id = sqlite3_last_insert_rowid(m_db);
+    transaction.commit();
+    return id;
+  } catch (Failure const& failure) {
+    throw std::runtime_error("journal " + quoted(m_file) + ": cannot keep a notice of kind " + quoted(notice.kind) +
+                             ": " + failure.what());
+  }
+}
+
+void Journal::removeNotices(std::vector<std::int64_t> const& ids) {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  Statements& s = *m_statements;
+  try {
+    Transaction transaction(s.beginWrite, s.commit, s.rollback);
+    for (std::int64_t const id : ids) Run(s.deleteNotice).integer(1, id).done();
+    transaction.commit();
+  } catch (Failure const& failure) {
+    throw std::runtime_error("journal " + quoted(m_file) + ": cannot remove notices: " + failure.what());
+  }
+}
+
+std::vector<NoticeRow> Journal::notices() const {
+  std::lock_guard<std::mutex> lock(m_mutex);
+  Statements& s = *m_statements;
+  try {
+    Transaction transaction(s.beginRead, s.commit, s.rollback);
+    std::vector<NoticeRow> notices;
+    {
+      Run select(s.selectNotices);
+      while (select.row()) notices.push_back(NoticeRow{select.integer(0), select.text(1), select.integer(2), select.text(3)});
+    }
+    transaction.commit();
+    return notices;
+  } catch (Failure const& failure) {
+    throw std::runtime_error("journal " + quoted(m_file) + ": cannot read the notices: " + failure.what());
   }
 }
 

@@ -80,13 +80,22 @@ struct JobRow {
   std::vector<ItemRow> items;  // read back in the order written
 };
 
+// An e-mail notice waiting to be sent (notify/Notifier.h): what happened,
+// already in words, and the kind of event that notices are gathered by.
+struct NoticeRow {
+  std::int64_t id = 0;  // given by addNotice()
+  std::string kind;
+  std::int64_t created = 0;  // unix seconds
+  std::string text;
+};
+
 class Journal {
  public:
   // Opens or makes the journal at file (its folder must exist). note gets a
   // line for the log when the file was missing or empty
   // ("made a new journal \"<file>\""), was of an earlier schema and brought
   // up to date ("brought the journal \"<file>\" from schema version 1 to
-  // 2"), or was moved aside as corrupt, and is empty otherwise. Throws std::runtime_error naming the file when no
+  // 3"), or was moved aside as corrupt, and is empty otherwise. Throws std::runtime_error naming the file when no
   // journal can be made there at all.
   static std::unique_ptr<Journal> open(boost::filesystem::path const& file, std::string& note);
   ~Journal();
@@ -112,6 +121,14 @@ class Journal {
   std::optional<JobRow> job(std::string const& jobId) const;
   // Every job, oldest first.
   std::vector<JobRow> jobs() const;
+
+  // Keeps a notice; returns its id (increasing).
+  std::int64_t addNotice(NoticeRow const& notice);
+  // Forgets the notices of these ids (sent, or dropped); missing ones are no
+  // error.
+  void removeNotices(std::vector<std::int64_t> const& ids);
+  // Every notice kept, oldest first.
+  std::vector<NoticeRow> notices() const;
 
   // Every write above throws std::runtime_error with SQLite's message and
   // the job id when the database refuses it (disk full, I/O error), and

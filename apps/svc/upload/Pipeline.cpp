@@ -130,6 +130,10 @@ class Pipeline::Impl {
   Settings currentSettings() const;
   std::string cancel(std::string const& jobId);
   std::string retry(std::string const& jobId);
+  std::shared_ptr<Journal> journal() const {
+    std::lock_guard<std::mutex> moves(m_moveMutex);
+    return m_journal;
+  }
 
  private:
   // Folders in use, opened without following links; replaced as a whole
@@ -184,6 +188,8 @@ class Pipeline::Impl {
   void setHeld(std::string const& why);
   // How many transfers may be handed to the engine at once; m_mutex held.
   std::size_t startLimitLocked() const;
+  // Hands event to the options' onEvent, if any; logs what it throws.
+  void tell(PipelineEvent const& event) const;
   std::chrono::milliseconds backoff(unsigned attempts);
   std::shared_ptr<UploadEngine> engine() const;
   void rebuildEngine(Settings const& settings);
@@ -196,7 +202,7 @@ class Pipeline::Impl {
   PipelineOptions const m_options;
   // Set by start() under m_moveMutex, constant afterwards; null when none
   // could be opened: nothing is uploaded then.
-  std::unique_ptr<Journal> m_journal;
+  std::shared_ptr<Journal> m_journal;
 
   // Held around every move of a job's folder and every change of the
   // folders in use, so that a pause from an IPC thread and the loop never
@@ -214,6 +220,7 @@ class Pipeline::Impl {
   bool m_scanRequested = true;       // guarded by m_mutex
   bool m_woken = false;              // guarded by m_mutex
   std::string m_held;                // guarded by m_mutex: why the queue is held
+  bool m_holdTold = false;           // guarded by m_mutex: a hold was told and no answer since
   std::string m_folderProblem;       // guarded by m_mutex: why nothing moves
   bool m_looping = false;            // guarded by m_mutex: the start's reconciling is over
   std::map<std::string, LiveJob> m_jobs;          // guarded by m_mutex
@@ -288,7 +295,7 @@ void Pipeline::Impl::start() {
   std::unique_ptr<Journal> journal = openJournal(m_options.stateFolder);
   {
     std::lock_guard<std::mutex> moves(m_moveMutex);
-    m_journal = std::move(journal);
+    m_journal = std::shared_ptr<Journal>(std::move(journal));
   }
   // Folders and the engine are ready (or the reason why not logged) before
   // the service serves; the journal's reconciling, which may hash, runs on
@@ -798,16 +805,43 @@ std::size_t Pipeline::Impl::startLimitLocked() const {
 }
 
 void Pipeline::Impl::setHeld(std::string const& why) {
-  std::lock_guard<std::mutex> lock(m_mutex);
-  if (why == m_held) return;
-  if (!why.empty()) {
-    Log::inst().writeLine("WARNING:", "qxlite-svc holds the upload queue: " + why);
-  } else if (!m_held.empty()) {
-    Log::inst().writeLine("INFO:", "qxlite-svc uploads again");
+  std::optional<PipelineEvent> event;
+  {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (why == m_held) return;
+    if (!why.empty()) {
+      Log::inst().writeLine("WARNING:", "qxlite-svc holds the upload queue: " + why);
+      if (!m_holdTold) event = PipelineEvent{PipelineEvent::Kind::held, {}, {}, {}, why, 0, {}};
+      m_holdTold = true;
+    } else if (!m_held.empty()) {
+      // Only a server that answers tells that the hold is over (settle()):
+      // a new configuration may well be held again at once.
+      Log::inst().writeLine("INFO:", "qxlite-svc uploads again");
+    }
+    m_held = why;
+    m_nextProbe = SteadyClock::now() + m_options.holdProbe;
   }
-  m_held = why;
-  m_nextProbe = SteadyClock::now() + m_options.holdProbe;
+  if (event) tell(*event);
 }
+
+void Pipeline::Impl::tell(PipelineEvent const& event) const {
+  if (!m_options.onEvent) return;
+  try {
+    m_options.onEvent(event);
+  } catch (std::exception const& e) {
+    logError(std::string("cannot record a notice: ") + e.what());
+  }
+}
+
+namespace {
+
+std::vector<std::string> filesOf(JobRow const& row) {
+  std::vector<std::string> files;
+  for (ItemRow const& item : row.items) files.push_back(item.name);
+  return files;
+}
+
+}  // namespace
 
 // ---------------------------------------------------------------------------
 // Reconciling the journal with the folders.
@@ -990,6 +1024,7 @@ void Pipeline::Impl::scanIncoming() {
             std::string const where = reject(in, name, m_folders.rejected.get(), verdict.rule, verdict.message, unixNow());
             logWarning("rejected \"" + name + "\": " + verdict.message + "; moved to \"" +
                        (m_folders.rejectedPath / where).string() + "\"");
+            tell(PipelineEvent{PipelineEvent::Kind::rejected, name, {name}, {}, verdict.message, 0, {}});
           } catch (std::exception const& e) {
             logError(e.what());
           }
@@ -1136,6 +1171,7 @@ std::optional<PreparedJob> Pipeline::Impl::packAndHash(std::string const& jobId,
     if (row.items.empty()) {
       std::string const where = reject(out, jobId, m_folders.rejected.get(), "empty", "\"" + drop + "\" holds no file to upload", unixNow());
       logWarning("rejected \"" + drop + "\": it holds no file to upload; moved to \"" + (m_folders.rejectedPath / where).string() + "\"");
+      tell(PipelineEvent{PipelineEvent::Kind::rejected, drop, {drop}, {}, "it holds no file to upload", 0, {}});
       return std::nullopt;
     }
   } catch (std::exception const& e) {
@@ -1344,6 +1380,7 @@ void Pipeline::Impl::settle(std::deque<UploadResult> const& results) {
 }
 
 std::string Pipeline::Impl::settleOne(UploadResult const& result) {
+  bool resumed = false;
   std::string jobId;
   std::vector<std::uint64_t> others;
   bool ended = false;
@@ -1377,12 +1414,18 @@ std::string Pipeline::Impl::settleOne(UploadResult const& result) {
       for (auto const& other : live.tickets) others.push_back(other.second);
     }
     // A server that answered, other than to refuse the credentials, ends a hold.
-    if (!m_held.empty() && result.outcome != Outcome::hold && !result.unreachable) {
+    bool const answered = result.outcome != Outcome::hold && !result.unreachable;
+    if (!m_held.empty() && answered) {
       m_held.clear();
       Log::inst().writeLine("INFO:", "qxlite-svc uploads again: the server answers");
     }
     ended = live.tickets.empty();
+    if (answered && result.outcome != Outcome::stopped && m_holdTold) {
+      m_holdTold = false;
+      resumed = true;
+    }
   }
+  if (resumed) tell(PipelineEvent{PipelineEvent::Kind::resumed, {}, {}, {}, {}, 0, {}});
   if (std::shared_ptr<UploadEngine> e = engine()) {
     for (std::uint64_t t : others) e->cancel(t);
   }
@@ -1500,11 +1543,14 @@ void Pipeline::Impl::finishAll(std::vector<JobRow> rows) {
     std::lock_guard<std::mutex> lock(m_mutex);
     backupOn = m_settings.BackupExpireSecs != 0;
   }
+  std::vector<PipelineEvent> told;
   {
     std::lock_guard<std::mutex> moves(m_moveMutex);
     int const out = m_folders.outgoing.get();
     for (JobRow const& row : rows) {
       logInfo("uploaded job " + row.id + " (\"" + shownName(row) + "\") to " + row.items.front().key);
+      told.push_back(PipelineEvent{PipelineEvent::Kind::done, row.title, filesOf(row), {}, {}, row.attempts, {}});
+      for (ItemRow const& item : row.items) told.back().keys.push_back(item.key);
       try {
         if (backupOn) {
           moveTree(out, row.id, m_folders.backup.get(), MoveSync::byCaller);
@@ -1518,6 +1564,7 @@ void Pipeline::Impl::finishAll(std::vector<JobRow> rows) {
     }
     if (backupOn) ::fsync(m_folders.backup.get());
   }
+  for (PipelineEvent const& event : told) tell(event);
   std::lock_guard<std::mutex> lock(m_mutex);
   for (JobRow& row : rows) {
     m_open.erase(row.id);
@@ -1558,6 +1605,8 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
     std::lock_guard<std::mutex> lock(m_mutex);
     row = m_jobs[jobId].row;
   }
+  // A final job here is one whose move a crash interrupted: told already.
+  bool const news = !isFinal(row.state);
   row.state = state;
   row.lastError = message;
   row.nextTry = 0;
@@ -1567,6 +1616,15 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
   } catch (std::exception const& e) {
     logError(std::string("cannot record job ") + jobId + ": " + e.what());
     return;
+  }
+  if (news && (state == JobState::rejected || state == JobState::failed)) {
+    // A person's cancel or discard is no news to mail.
+    bool const byServer = rule == "server" || rule == "expired";
+    tell(PipelineEvent{PipelineEvent::Kind::rejected, row.title, filesOf(row), {},
+                       rule == "server"    ? std::string("refused by the server")
+                       : rule == "expired" ? std::string("not uploaded within the retry window")
+                                           : message,
+                       row.attempts, byServer ? message : std::string()});
   }
   // The list shows the new state once the files are where it says.
   struct Publish {
@@ -1823,6 +1881,7 @@ Pipeline::Pipeline(Settings const& settings, PipelineOptions options)
     : m_impl(std::make_unique<Impl>(settings, std::move(options))) {}
 Pipeline::~Pipeline() = default;
 void Pipeline::start() { m_impl->start(); }
+std::shared_ptr<Journal> Pipeline::journal() const { return m_impl->journal(); }
 void Pipeline::stop() { m_impl->stop(); }
 void Pipeline::setSettings(Settings const& settings) { m_impl->setSettings(settings); }
 std::vector<std::string> Pipeline::pause(bool discard) { return m_impl->pause(discard); }

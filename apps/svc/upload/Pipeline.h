@@ -44,6 +44,25 @@
 
 namespace qxsvc {
 
+class Journal;
+
+// What the pipeline tells of its jobs and its queue (for the e-mail notices).
+struct PipelineEvent {
+  enum class Kind {
+    rejected,  // a job, or an entry of the incoming folder, went to the rejected folder
+    held,      // the queue is held (reason: why); once, until the server answers again
+    resumed,   // the server answers again after a hold was told
+    done,      // a job is on the server
+  };
+  Kind kind = Kind::rejected;
+  std::string title;               // what a person dropped (rejected, done)
+  std::vector<std::string> files;  // its files, as the job holds them
+  std::vector<std::string> keys;   // done: the target key of each file
+  std::string reason;              // rejected, held: why
+  unsigned attempts = 0;           // rejected: how often the server was tried
+  std::string serverMessage;       // rejected: the server's last answer, when it gave one
+};
+
 struct PipelineOptions {
   boost::filesystem::path stateFolder;       // the journal lives here
   boost::filesystem::path credentialsFile;   // empty: defaultCredentialsPath()
@@ -61,6 +80,10 @@ struct PipelineOptions {
   // wants to be called again at the latest. A loop that is stuck stops
   // calling it, which is what a watchdog needs to see. Empty: not called.
   std::function<std::chrono::steady_clock::time_point(std::string const& activity)> heartbeat;
+  // Called on the loop's thread (and on a thread that pauses with discard)
+  // with each event; must return at once, and must not call the pipeline.
+  // Empty: not called.
+  std::function<void(PipelineEvent const& event)> onEvent;
 };
 
 class Pipeline {
@@ -130,6 +153,10 @@ class Pipeline {
   // \"x\"", "job \"x\" is done").
   std::string cancel(std::string const& jobId);
   std::string retry(std::string const& jobId);
+
+  // The journal, once start() opened one (null before, or when none could
+  // be opened): the e-mail notices are kept in it too.
+  std::shared_ptr<Journal> journal() const;
 
  private:
   class Impl;
