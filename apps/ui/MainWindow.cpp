@@ -1,0 +1,168 @@
+#include "apps/ui/MainWindow.h"
+
+#include "apps/ui/DropZone.h"
+#include "apps/ui/ProgressDelegate.h"
+#include "apps/ui/UploadsModel.h"
+
+#include <QFileDialog>
+#include <QHBoxLayout>
+#include <QHeaderView>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QStatusBar>
+#include <QTableView>
+#include <QVBoxLayout>
+
+namespace qxui {
+
+MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
+    : QMainWindow(parent),
+      m_session(new UiSession(std::move(where), this)),
+      m_model(new UploadsModel(this)),
+      m_banner(new QLabel),
+      m_pause(new QPushButton(tr("&Pause"))),
+      m_discard(new QPushButton(tr("Pause and &discard waiting…"))),
+      m_resume(new QPushButton(tr("&Resume"))),
+      m_dropZone(new DropZone),
+      m_table(new QTableView),
+      m_connection(new QLabel),
+      m_answer(new QLabel) {
+  setWindowTitle(tr("QXLite uploads"));
+
+  m_banner->setObjectName(QStringLiteral("banner"));
+  m_banner->setAccessibleName(tr("Service state"));
+  m_banner->setTextFormat(Qt::PlainText);
+  m_banner->setWordWrap(true);
+  m_banner->setStyleSheet(QStringLiteral("background: #fff4ce; color: #3b2e00; padding: 6px;"));
+  m_banner->hide();
+
+  m_pause->setObjectName(QStringLiteral("pause"));
+  m_pause->setAccessibleName(tr("Pause the service"));
+  m_discard->setObjectName(QStringLiteral("pauseDiscard"));
+  m_discard->setAccessibleName(tr("Pause the service and discard the waiting items"));
+  m_resume->setObjectName(QStringLiteral("resume"));
+  m_resume->setAccessibleName(tr("Resume the service"));
+  auto* addFiles = new QPushButton(tr("Add &files…"));
+  addFiles->setObjectName(QStringLiteral("addFiles"));
+  addFiles->setAccessibleName(tr("Choose files to hand to the service"));
+  auto* addFolder = new QPushButton(tr("Add f&older…"));
+  addFolder->setObjectName(QStringLiteral("addFolder"));
+  addFolder->setAccessibleName(tr("Choose a folder to hand to the service"));
+  m_answer->setObjectName(QStringLiteral("commandAnswer"));
+  m_answer->setAccessibleName(tr("The service's answer"));
+  m_answer->setTextFormat(Qt::PlainText);
+
+  auto* buttons = new QHBoxLayout;
+  buttons->addWidget(m_pause);
+  buttons->addWidget(m_discard);
+  buttons->addWidget(m_resume);
+  buttons->addWidget(m_answer, 1);
+  buttons->addWidget(addFiles);
+  buttons->addWidget(addFolder);
+
+  m_table->setObjectName(QStringLiteral("uploads"));
+  m_table->setAccessibleName(tr("Uploads"));
+  m_table->setModel(m_model);
+  m_table->setItemDelegate(new ProgressDelegate(m_table));
+  m_table->setSelectionBehavior(QAbstractItemView::SelectRows);
+  m_table->setTabKeyNavigation(false);
+  m_table->verticalHeader()->hide();
+  m_table->horizontalHeader()->setStretchLastSection(true);
+
+  auto* central = new QWidget;
+  auto* layout = new QVBoxLayout(central);
+  layout->addWidget(m_banner);
+  layout->addLayout(buttons);
+  layout->addWidget(m_dropZone);
+  layout->addWidget(m_table, 1);
+  setCentralWidget(central);
+  setTabOrder(m_pause, m_discard);
+  setTabOrder(m_discard, m_resume);
+  setTabOrder(m_resume, addFiles);
+  setTabOrder(addFiles, addFolder);
+  setTabOrder(addFolder, m_table);
+
+  m_connection->setObjectName(QStringLiteral("connectionState"));
+  m_connection->setAccessibleName(tr("Connection to the service"));
+  m_connection->setTextFormat(Qt::PlainText);
+  m_connection->setText(m_session->stateText());
+  statusBar()->addWidget(m_connection, 1);
+
+  connect(m_session, &UiSession::stateChanged, this, &MainWindow::onStateChanged);
+  connect(m_session, &UiSession::uploadsChanged, this, &MainWindow::onUploads);
+  connect(m_session, &UiSession::commandAnswered, m_answer, &QLabel::setText);
+  connect(m_session, &UiSession::dropAnswered, m_dropZone, &DropZone::showOutcome);
+  connect(m_dropZone, &DropZone::pathsDropped, m_session, &UiSession::drop);
+  connect(m_pause, &QPushButton::clicked, this, [this] { m_session->pause(false); });
+  connect(m_discard, &QPushButton::clicked, this, &MainWindow::pauseDiscarding);
+  connect(m_resume, &QPushButton::clicked, this, [this] { m_session->resume(); });
+  connect(addFiles, &QPushButton::clicked, this, &MainWindow::addFiles);
+  connect(addFolder, &QPushButton::clicked, this, &MainWindow::addFolder);
+  updateButtons();
+  m_session->start();
+}
+
+MainWindow::~MainWindow() {
+  // No completion may come once the widgets start to go.
+  m_session->stop();
+}
+
+void MainWindow::dropWhenConnected(QStringList const& paths) {
+  if (m_session->state() == UiSession::State::Connected) {
+    m_session->drop(paths);
+  } else {
+    m_pendingDrop += paths;
+  }
+}
+
+void MainWindow::onStateChanged(UiSession::State state, QString const& text) {
+  m_connection->setText(text);
+  if (state != UiSession::State::Connected) {
+    m_banner->hide();
+  } else if (!m_pendingDrop.isEmpty()) {
+    QStringList const paths = m_pendingDrop;
+    m_pendingDrop.clear();
+    m_session->drop(paths);
+  }
+  updateButtons();
+}
+
+void MainWindow::onUploads(UploadsSnapshot const& snapshot) {
+  m_model->setSnapshot(snapshot);
+  m_paused = snapshot.paused;
+  QStringList lines;
+  if (snapshot.paused) lines << tr("Paused: nothing new starts until you resume.");
+  if (!snapshot.held.isEmpty()) lines << tr("Uploads held: %1").arg(snapshot.held);
+  m_banner->setText(lines.join(QLatin1Char('\n')));
+  m_banner->setVisible(!lines.isEmpty());
+  updateButtons();
+}
+
+void MainWindow::updateButtons() {
+  bool const connected = m_session->state() == UiSession::State::Connected;
+  m_pause->setEnabled(connected && !m_paused);
+  m_discard->setEnabled(connected);
+  m_resume->setEnabled(connected && m_paused);
+}
+
+void MainWindow::pauseDiscarding() {
+  QMessageBox::StandardButton const answer = QMessageBox::question(
+      this, tr("Discard the waiting items?"),
+      tr("The service pauses, and the items waiting in its incoming folder move to the rejected folder. "
+         "They are not uploaded."),
+      QMessageBox::Discard | QMessageBox::Cancel, QMessageBox::Cancel);
+  if (answer == QMessageBox::Discard) m_session->pause(true);
+}
+
+void MainWindow::addFiles() {
+  QStringList const files = QFileDialog::getOpenFileNames(this, tr("Files to upload"));
+  if (!files.isEmpty()) m_session->drop(files);
+}
+
+void MainWindow::addFolder() {
+  QString const folder = QFileDialog::getExistingDirectory(this, tr("Folder to upload"));
+  if (!folder.isEmpty()) m_session->drop({folder});
+}
+
+}  // namespace qxui
