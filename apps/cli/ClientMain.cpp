@@ -9,6 +9,7 @@
 #include "apps/ConfigFile.h"
 #include "apps/RuntimeFile.h"
 #include "apps/ServiceFinder.h"
+#include "apps/SizeText.h"
 #include "apps/cli/DropCheck.h"
 #include "ipc/IpcCmdsLite.h"
 #include "ipc/MsgsUItoSvc.h"
@@ -72,17 +73,7 @@ void findService(Global& g, bool portGiven, bool tokenGiven) {
 
 bool colourOn(int fd) { return ::isatty(fd) && std::getenv("NO_COLOR") == nullptr; }
 
-std::string sizeText(double bytes) {
-  char const* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  int u = 0;
-  while (bytes >= 1024 && u < 4) {
-    bytes /= 1024;
-    ++u;
-  }
-  std::ostringstream os;
-  os << std::fixed << std::setprecision(u == 0 ? 0 : 1) << bytes << " " << units[u];
-  return os.str();
-}
+using qxapp::sizeText;
 
 class Session {
  public:

@@ -1,12 +1,12 @@
 #include "apps/ui/UiSession.h"
 
 #include "apps/ServiceFinder.h"
+#include "apps/SizeText.h"
 #include "apps/cli/DropCheck.h"
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdClient.h"
 #include "shared/IoThreads.h"
 
-#include <QLocale>
 #include <QMetaObject>
 
 #include <boost/filesystem/operations.hpp>
@@ -17,6 +17,9 @@ namespace qxui {
 struct PendingDrop {
   QString path;
   std::shared_ptr<Ipc::FileDrop> cmd;
+  // Counted before sending: the transport takes the files off the command.
+  int files = 0;
+  std::uint64_t bytes = 0;
 };
 
 namespace {
@@ -195,7 +198,9 @@ void UiSession::drop(QStringList const& paths) {
       } catch (boost::filesystem::filesystem_error const& e) {
         problems << QStringLiteral("\"%1\": %2").arg(p, QString::fromStdString(e.code().message()));
       }
-      drops->push_back(PendingDrop{p, cmd});
+      std::uint64_t bytes = 0;
+      for (auto const& f : cmd->files) bytes += f.size;
+      drops->push_back(PendingDrop{p, cmd, static_cast<int>(cmd->files.size()), bytes});
     }
     if (!problems.isEmpty()) {
       nothingDropped(problems);
@@ -229,11 +234,8 @@ void UiSession::sendDrops(std::shared_ptr<std::vector<PendingDrop>> const& drops
       refresh();
       return;
     }
-    std::uint64_t total = 0;
-    for (auto const& f : drop.files) total += f.size;
-    lines << tr("dropped \"%1\": %n file(s), %2", nullptr, static_cast<int>(drop.files.size()))
-                 .arg(current.path, QLocale().formattedDataSize(static_cast<qint64>(total), 1,
-                                                                 QLocale::DataSizeIecFormat));
+    lines << tr("dropped \"%1\": %n file(s), %2", nullptr, current.files)
+                 .arg(current.path, QString::fromStdString(qxapp::sizeText(static_cast<double>(current.bytes))));
     sendDrops(drops, next + 1, lines);
   });
 }

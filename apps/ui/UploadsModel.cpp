@@ -1,5 +1,7 @@
 #include "apps/ui/UploadsModel.h"
 
+#include "apps/SizeText.h"
+
 #include <QDateTime>
 #include <QLocale>
 
@@ -22,7 +24,7 @@ constexpr StateName kStateNames[] = {
     {"waiting", QT_TRANSLATE_NOOP("qxui::UploadsModel", "Waiting")},
 };
 
-QString sizeText(qint64 bytes) { return QLocale().formattedDataSize(bytes, 1, QLocale::DataSizeIecFormat); }
+QString sizeText(qint64 bytes) { return QString::fromStdString(qxapp::sizeText(static_cast<double>(bytes))); }
 
 }  // namespace
 
