@@ -14,9 +14,11 @@
 #include <sys/stat.h>
 
 #include <QApplication>
+#include <QCheckBox>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QLabel>
+#include <QLineEdit>
 #include <QLocale>
 #include <QMimeData>
 #include <QPushButton>
@@ -116,15 +118,25 @@ class UiTest : public ::testing::Test {
     ASSERT_TRUE(drop.isAccepted()) << "the zone does not take the drop";
   }
 
-  // Whether the service says it runs (IsRunning), asked by a client of the test.
-  bool serviceRuns() {
+  // Runs cmd on the service by a client of the test's own.
+  void ask(std::shared_ptr<Ipc::CmdI> const& cmd) {
     Ipc::CmdClientOptions options;
     options.port = port;
     options.tokenFile = tokenFile.string();
     Ipc::CmdClient client(options, Ipc::SecretToken::load(tokenFile));
-    auto cmd = std::make_shared<Ipc::IsRunning>(nullptr);
     EXPECT_EQ("", client.run(cmd));
+  }
+  // Whether the service says it runs (IsRunning).
+  bool serviceRuns() {
+    auto cmd = std::make_shared<Ipc::IsRunning>(nullptr);
+    ask(cmd);
     return cmd->running;
+  }
+  // What the configuration in force holds under key (GetCfg).
+  json::Value configValue(char const* key) {
+    auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
+    ask(cmd);
+    return cmd->payload[key];
   }
 
   // The entries of the job folders in the outgoing folder, with what each
@@ -285,6 +297,53 @@ TEST_F(UiTest, AServiceThatCannotProveTheTokenIsNamedAsSuch) {
   expectText(label(window, "connectionState"), "Ipc the service on port " + std::to_string(port) +
                                                    " could not prove that it holds the token of \"" +
                                                    (tmp / "wrong.token").string() + "\"");
+}
+
+TEST_F(UiTest, SettingsSavedFromTheFormAreWhatGetCfgReturns) {
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  QLineEdit* const uploads = part<QLineEdit>(*window, "ConcurrentUploads");
+  QLineEdit* const spool = part<QLineEdit>(*window, "SpoolFolder");
+  QCheckBox* const dirName = part<QCheckBox>(*window, "UseDirName");
+  QPushButton* const save = part<QPushButton>(*window, "saveSettings");
+  QLabel* const outcome = label(*window, "settingsOutcome");
+  ASSERT_TRUE(uploads && spool && dirName && save && outcome);
+  expectShown([uploads] { return uploads->text(); }, "2");  // the default, filled in
+  EXPECT_EQ(out.string(), spool->text().toStdString());
+  EXPECT_EQ(QLineEdit::Password, part<QLineEdit>(*window, "InetProxyPassword")->echoMode());
+  EXPECT_EQ(QLineEdit::Password, part<QLineEdit>(*window, "EmailPassword")->echoMode());
+  EXPECT_EQ(QLineEdit::Normal, part<QLineEdit>(*window, "InetProxyUser")->echoMode());
+
+  struct Row {
+    char const* uploads;
+    char const* spool;
+    std::string outcome;
+  };
+  // Refused by the check before sending, then by the service itself.
+  std::vector<Row> const refused{
+      {"0", "", "Configuration not saved: \"ConcurrentUploads\" must be an integer from 1 to 1024"},
+      {"many", "", "Configuration not saved: \"ConcurrentUploads\" must be an integer from 1 to 1024"},
+      {"3", "/etc",
+       "Configuration not saved: the outgoing folder \"/etc\": \"/etc\" is a system location"},
+  };
+  for (Row const& row : refused) {
+    SCOPED_TRACE(std::string(row.uploads) + " " + row.spool);
+    uploads->setText(QString::fromLatin1(row.uploads));
+    spool->setText(*row.spool ? QString::fromLatin1(row.spool) : QString::fromStdString(out.string()));
+    QTest::mouseClick(save, Qt::LeftButton);
+    expectText(outcome, row.outcome);
+    EXPECT_TRUE(configValue("ConcurrentUploads").empty());
+  }
+
+  spool->setText(QString::fromStdString(out.string()));
+  uploads->setText(QStringLiteral("3"));
+  dirName->setChecked(true);
+  QTest::mouseClick(save, Qt::LeftButton);
+  expectText(outcome, "Configuration saved to \"" + (tmp / "config.json").string() +
+                          "\"\nUseDirName: false \u2192 true\nConcurrentUploads: 2 \u2192 3");
+  EXPECT_EQ(3, json_integer_value(configValue("ConcurrentUploads").get()));
+  EXPECT_TRUE(configValue("UseDirName").isTrue());
+  EXPECT_EQ(out.string(), configValue("SpoolFolder").asStringSafe());
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 
 #include "apps/ui/DropZone.h"
 #include "apps/ui/ProgressDelegate.h"
+#include "apps/ui/SettingsPage.h"
 #include "apps/ui/UploadsModel.h"
 
 #include <QFileDialog>
@@ -11,6 +12,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QStatusBar>
+#include <QTabWidget>
 #include <QTableView>
 #include <QVBoxLayout>
 
@@ -70,12 +72,21 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   m_table->verticalHeader()->hide();
   m_table->horizontalHeader()->setStretchLastSection(true);
 
-  auto* central = new QWidget;
-  auto* layout = new QVBoxLayout(central);
-  layout->addWidget(m_banner);
+  auto* uploadsPage = new QWidget;
+  auto* layout = new QVBoxLayout(uploadsPage);
   layout->addLayout(buttons);
   layout->addWidget(m_dropZone);
   layout->addWidget(m_table, 1);
+  m_settings = new SettingsPage(*m_session);
+  auto* tabs = new QTabWidget;
+  tabs->setObjectName(QStringLiteral("pages"));
+  tabs->setAccessibleName(tr("Pages"));
+  tabs->addTab(uploadsPage, tr("&Uploads"));
+  tabs->addTab(m_settings, tr("S&ettings"));
+  auto* central = new QWidget;
+  auto* outer = new QVBoxLayout(central);
+  outer->addWidget(m_banner);
+  outer->addWidget(tabs, 1);
   setCentralWidget(central);
   setTabOrder(m_pause, m_discard);
   setTabOrder(m_discard, m_resume);
@@ -120,7 +131,12 @@ void MainWindow::onStateChanged(UiSession::State state, QString const& text) {
   m_connection->setText(text);
   if (state != UiSession::State::Connected) {
     m_banner->hide();
-  } else if (!m_pendingDrop.isEmpty()) {
+  } else if (!m_everConnected) {
+    // The form shows the configuration in force as soon as there is one.
+    m_everConnected = true;
+    m_settings->reload();
+  }
+  if (state == UiSession::State::Connected && !m_pendingDrop.isEmpty()) {
     QStringList const paths = m_pendingDrop;
     m_pendingDrop.clear();
     m_session->drop(paths);

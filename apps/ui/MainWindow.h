@@ -18,6 +18,7 @@ class QTableView;
 namespace qxui {
 
 class DropZone;
+class SettingsPage;
 class UploadsModel;
 
 class MainWindow : public QMainWindow {
@@ -51,7 +52,9 @@ class MainWindow : public QMainWindow {
   QTableView* m_table;
   QLabel* m_connection;
   QLabel* m_answer;
+  SettingsPage* m_settings = nullptr;
   bool m_paused = false;
+  bool m_everConnected = false;
   QStringList m_pendingDrop;
 };
 

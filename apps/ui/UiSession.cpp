@@ -36,6 +36,11 @@ QStringList toQt(std::vector<std::string> const& texts) {
   return result;
 }
 
+// A copy that shares no node with doc. JSON reference counts are not
+// atomic, and the transport lets go of a command on its own thread: a
+// document that stays on the UI thread must not share nodes with it.
+json::Object detached(json::Object const& doc) { return json::Object(json::Value(json_deep_copy(doc.get()))); }
+
 }  // namespace
 
 UiSession::UiSession(Where where, QObject* parent)
@@ -163,6 +168,32 @@ void UiSession::resume() {
     emit commandAnswered(cmd->ok || !cmd->msg.empty() ? QString::fromStdString(cmd->msg) : tr("the service refused it"),
                          cmd->ok);
     refresh();
+  });
+}
+
+void UiSession::fetchConfig() {
+  auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
+  send(cmd, [this, cmd](std::string const& error) {
+    if (!error.empty()) {
+      emit configFailed(QString::fromStdString(error));
+      return;
+    }
+    emit configFetched(detached(cmd->payload));
+  });
+}
+
+void UiSession::saveConfig(json::Object const& config) {
+  auto cmd = std::make_shared<Ipc::SaveCfg>(nullptr);
+  cmd->payload = detached(config);
+  json::Object const saved = detached(config);
+  send(cmd, [this, cmd, saved](std::string const& error) {
+    if (!error.empty()) {
+      emit configSaved(false, QString::fromStdString(error), saved);
+      return;
+    }
+    QString const message = cmd->msg.empty() && !cmd->ok ? tr("the service did not save the configuration")
+                                                         : QString::fromStdString(cmd->msg);
+    emit configSaved(cmd->ok, message, saved);
   });
 }
 

@@ -19,6 +19,7 @@
 #define QX_APPS_UI_UISESSION_H
 
 #include "apps/ui/UploadsSnapshot.h"
+#include "json/Json.h"
 
 #include <QObject>
 #include <QString>
@@ -79,6 +80,11 @@ class UiSession : public QObject {
   // Hands paths (files or folders) to the service one after the other, after
   // the checks of the command-line client; the outcome comes as dropAnswered.
   void drop(QStringList const& paths);
+  // Asks for the configuration in force; the answer comes as configFetched.
+  void fetchConfig();
+  // Has the service save config (already checked); the answer comes as
+  // configSaved.
+  void saveConfig(json::Object const& config);
 
  signals:
   void stateChanged(qxui::UiSession::State state, QString const& text);
@@ -87,6 +93,11 @@ class UiSession : public QObject {
   void commandAnswered(QString const& text, bool ok);
   // One line a path, or the problems that stopped the drop.
   void dropAnswered(QStringList const& lines, bool ok);
+  // The documents of these share no JSON node with any command, so they
+  // are the UI thread's alone.
+  void configFetched(json::Object const& config);
+  void configSaved(bool ok, QString const& message, json::Object const& saved);
+  void configFailed(QString const& why);
 
  private:
   using Done = std::function<void(std::string const& error)>;
