@@ -7,6 +7,7 @@
 #include "apps/ui/UploadsModel.h"
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdClient.h"
+#include "tests/HeldPort.h"
 #include "tests/ProcessHarness.h"
 #include "tests/TestUtil.h"
 
@@ -17,8 +18,11 @@
 #include <QCheckBox>
 #include <QDragEnterEvent>
 #include <QDropEvent>
+#include <QElapsedTimer>
 #include <QLabel>
 #include <QLineEdit>
+#include <QListWidget>
+#include <QTimer>
 #include <QLocale>
 #include <QMimeData>
 #include <QPushButton>
@@ -50,17 +54,21 @@ class UiTest : public ::testing::Test {
   UiTest() : in(tmp / "spool" / "in"), out(tmp / "spool" / "out"), tokenFile(tmp / "ipc.token") {}
 
   void SetUp() override {
-    writeFile(tmp / "config.json", "{\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" + out.string() +
-                                       "\",\"BackupFolder\":\"" + (tmp / "spool" / "backup").string() + "\"}");
+    writeConfig();
     ASSERT_TRUE(startService());
   }
+  void writeConfig(std::string const& extra = "") {
+    writeFile(tmp / "config.json", "{\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" + out.string() +
+                                       "\",\"BackupFolder\":\"" + backup().string() + "\"" + extra + "}");
+  }
+  fs::path backup() const { return tmp / "spool" / "backup"; }
 
-  bool startService() {
+  bool startService(std::uint16_t onPort = 0) {
     std::string const n = std::to_string(++m_starts);
     service = std::make_unique<Child>(
         QX_SVC_PROGRAM,
         std::vector<std::string>{"--config", (tmp / "config.json").string(), "--token-file", tokenFile.string(),
-                                 "--port", "0", "--foreground", "--scan-interval", "0.05", "--settle-time", "0.1",
+                                 "--port", std::to_string(onPort), "--foreground", "--scan-interval", "0.05", "--settle-time", "0.1",
                                  "--state-dir", (tmp / "state").string(), "--credentials",
                                  (tmp / "credentials.json").string(), "--runtime-dir", runtimeFolder().string()},
         tmp / ("svc-" + n + ".out"), tmp / ("svc-" + n + ".err"));
@@ -344,6 +352,56 @@ TEST_F(UiTest, SettingsSavedFromTheFormAreWhatGetCfgReturns) {
   EXPECT_EQ(3, json_integer_value(configValue("ConcurrentUploads").get()));
   EXPECT_TRUE(configValue("UseDirName").isTrue());
   EXPECT_EQ(out.string(), configValue("SpoolFolder").asStringSafe());
+}
+
+TEST_F(UiTest, ConfigurationTestLinesArriveInOrderWhileTheWindowStaysResponsive) {
+  // The service serves on the port of its configuration, so that the port
+  // check does not depend on what else binds ports on this machine.
+  stopService();
+  qxtest::HeldPort ipc;
+  writeConfig(",\"IpcPort\":" + ipc.text());
+  ipc.release();
+  ASSERT_TRUE(startService(ipc.port()));
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  QListWidget* const lines = part<QListWidget>(*window, "testLines");
+  QPushButton* const run = part<QPushButton>(*window, "runTest");
+  ASSERT_TRUE(lines && run);
+
+  // The event loop's longest pause while the test runs.
+  QElapsedTimer sinceTick;
+  qint64 longestPause = 0;
+  QTimer ticker;
+  QObject::connect(&ticker, &QTimer::timeout, [&] {
+    longestPause = std::max(longestPause, sinceTick.restart());
+  });
+  sinceTick.start();
+  ticker.start(5);
+  QTest::mouseClick(run, Qt::LeftButton);
+  expectText(label(*window, "testSummary"), "The test found 0 error(s).");
+  ticker.stop();
+  std::vector<std::string> shown;
+  for (int i = 0; i < lines->count(); ++i) shown.push_back(lines->item(i)->text().toStdString());
+  std::vector<std::string> const expected{
+      "+ The configuration's values are accepted",
+      "+ The incoming folder \"" + in.string() + "\" exists and can be written",
+      "+ The outgoing folder \"" + out.string() + "\" exists and can be written",
+      "+ The backup folder \"" + backup().string() + "\" exists and can be written",
+      "+ The rejected folder \"" + (backup() / ".rejected").string() + "\" exists and can be written",
+      "+ The spool folders are distinct",
+      "+ The extension lists hold texts only",
+      "+ The IPC port " + ipc.text() + " is the one this service uses",
+      "* No server address is set",
+      "* No SMTP server is set: no e-mail notices",
+      "* Backup is off",
+  };
+  EXPECT_EQ(expected, shown);
+  EXPECT_TRUE(run->isEnabled());
+  EXPECT_LT(longestPause, 500) << "the event loop stood still for " << longestPause << " ms";
+  // Each kind has its colour: a warning is not drawn as a passed check.
+  ASSERT_EQ(expected.size(), static_cast<std::size_t>(lines->count()));
+  EXPECT_EQ(QColor(QStringLiteral("#1b6e20")), lines->item(0)->foreground().color());
+  EXPECT_EQ(QColor(QStringLiteral("#8a5a00")), lines->item(8)->foreground().color());
 }
 
 }  // namespace

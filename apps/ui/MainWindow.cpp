@@ -1,5 +1,6 @@
 #include "apps/ui/MainWindow.h"
 
+#include "apps/ui/ConfigTestPage.h"
 #include "apps/ui/DropZone.h"
 #include "apps/ui/ProgressDelegate.h"
 #include "apps/ui/SettingsPage.h"
@@ -83,6 +84,7 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   tabs->setAccessibleName(tr("Pages"));
   tabs->addTab(uploadsPage, tr("&Uploads"));
   tabs->addTab(m_settings, tr("S&ettings"));
+  tabs->addTab(new ConfigTestPage(*m_session), tr("Configuration &check"));
   auto* central = new QWidget;
   auto* outer = new QVBoxLayout(central);
   outer->addWidget(m_banner);

@@ -4,6 +4,7 @@
 #include "apps/SizeText.h"
 #include "apps/cli/DropCheck.h"
 #include "ipc/IpcCmdsLite.h"
+#include "ipc/MsgsUItoSvc.h"
 #include "shared/CmdClient.h"
 #include "shared/IoThreads.h"
 
@@ -20,6 +21,23 @@ struct PendingDrop {
   // Counted before sending: the transport takes the files off the command.
   int files = 0;
   std::uint64_t bytes = 0;
+};
+
+// Told on a transport thread that result lines of a configuration test
+// arrived; has the session take them on its own thread.
+class TestLineNotifier : public Ipc::CmdProcessorI {
+ public:
+  explicit TestLineNotifier(UiSession* session) : m_session(session) {}
+  void processCmd(std::shared_ptr<Ipc::CmdI> cmd) override {
+    // A copy of the command that shares its queue of lines.
+    auto test = std::static_pointer_cast<Ipc::TestCfg>(std::move(cmd));
+    UiSession* const session = m_session;
+    QMetaObject::invokeMethod(
+        session, [session, test] { session->takeTestLines(*test); }, Qt::QueuedConnection);
+  }
+
+ private:
+  UiSession* const m_session;  // stops the transport before it goes
 };
 
 namespace {
@@ -195,6 +213,32 @@ void UiSession::saveConfig(json::Object const& config) {
                                                          : QString::fromStdString(cmd->msg);
     emit configSaved(cmd->ok, message, saved);
   });
+}
+
+void UiSession::testConfig() {
+  auto get = std::make_shared<Ipc::GetCfg>(nullptr);
+  send(get, [this, get](std::string const& error) {
+    if (!error.empty()) {
+      emit testFinished(0, QString::fromStdString(error));
+      return;
+    }
+    m_testErrors = 0;
+    auto test = std::make_shared<Ipc::TestCfg>(std::make_shared<TestLineNotifier>(this));
+    test->payload = detached(get->payload);
+    send(test, [this, test](std::string const& error) {
+      takeTestLines(*test);  // what came with the end
+      emit testFinished(m_testErrors, QString::fromStdString(error));
+    });
+  });
+}
+
+void UiSession::takeTestLines(Ipc::TestCfg& test) {
+  if (m_stopped) return;
+  std::string line;
+  while (test.getRespLine(line)) {
+    if (line.compare(0, Ipc::TST_LINE_START_ERR.size(), Ipc::TST_LINE_START_ERR) == 0) ++m_testErrors;
+    emit testLine(QString::fromStdString(line));
+  }
 }
 
 void UiSession::drop(QStringList const& paths) {

@@ -34,12 +34,14 @@
 namespace Ipc {
 class CmdClient;
 class CmdI;
+class TestCfg;
 class IoThreads;
 }  // namespace Ipc
 
 namespace qxui {
 
 struct PendingDrop;
+class TestLineNotifier;
 
 class UiSession : public QObject {
   Q_OBJECT
@@ -85,6 +87,9 @@ class UiSession : public QObject {
   // Has the service save config (already checked); the answer comes as
   // configSaved.
   void saveConfig(json::Object const& config);
+  // Has the service test the configuration in force; each result line comes
+  // as testLine as it arrives, then testFinished.
+  void testConfig();
 
  signals:
   void stateChanged(qxui::UiSession::State state, QString const& text);
@@ -98,8 +103,12 @@ class UiSession : public QObject {
   void configFetched(json::Object const& config);
   void configSaved(bool ok, QString const& message, json::Object const& saved);
   void configFailed(QString const& why);
+  void testLine(QString const& line);
+  // errors: the lines that report one; failure: why the test did not end.
+  void testFinished(int errors, QString const& failure);
 
  private:
+  friend class TestLineNotifier;
   using Done = std::function<void(std::string const& error)>;
 
   void refresh();
@@ -111,6 +120,8 @@ class UiSession : public QObject {
   // An exchange failed: the state says why, and the next tick looks again.
   void lose(std::string const& error);
   void setState(State state, QString const& text);
+  // Takes the result lines queued so far, on the UI thread.
+  void takeTestLines(Ipc::TestCfg& test);
   void sendDrops(std::shared_ptr<std::vector<PendingDrop>> const& drops, std::size_t next, QStringList lines);
 
   Where const m_where;
@@ -118,6 +129,7 @@ class UiSession : public QObject {
   std::unique_ptr<Ipc::CmdClient> m_client;
   unsigned m_generation = 0;  // of m_client: answers of an older one are stale
   bool m_refreshing = false;
+  int m_testErrors = 0;  // of the test that runs
   bool m_stopped = false;
   State m_state = State::Looking;
   QString m_stateText;
