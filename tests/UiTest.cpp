@@ -404,6 +404,30 @@ TEST_F(UiTest, ConfigurationTestLinesArriveInOrderWhileTheWindowStaysResponsive)
   EXPECT_EQ(QColor(QStringLiteral("#8a5a00")), lines->item(8)->foreground().color());
 }
 
+// The program's command line is read before it needs a display.
+TEST(UiProgramTest, AWrongCommandLineIsOneLineAndStatus2) {
+  qxtest::TempDir tmp;
+  struct Row {
+    std::vector<std::string> args;
+    int status;
+    std::string err;
+  };
+  std::vector<Row> const rows{
+      {{"--port", "0"}, 2, "qxlite-ui: --port: \"0\" is not a port number from 1 to 65535\n"},
+      {{"--port", "http"}, 2, "qxlite-ui: --port: \"http\" is not a port number from 1 to 65535\n"},
+      {{"--bogus"}, 2, "qxlite-ui: Unknown option 'bogus'. (see qxlite-ui --help)\n"},
+      {{"--version"}, 0, ""},
+  };
+  for (Row const& row : rows) {
+    SCOPED_TRACE(::testing::PrintToString(row.args));
+    Child program(QX_UI_PROGRAM, row.args, tmp / "out", tmp / "err");
+    ASSERT_TRUE(program.wait());
+    EXPECT_EQ(row.status, program.status());
+    EXPECT_EQ(row.err, program.err());
+    EXPECT_EQ(row.status == 0 ? "qxlite-ui 7.0.1\n" : "", program.out());
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {

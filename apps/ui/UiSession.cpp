@@ -139,10 +139,13 @@ void UiSession::send(std::shared_ptr<Ipc::CmdI> const& cmd, Done done) {
     done(m_stopped ? std::string("Ipc the client is closing") : m_stateText.toStdString());
     return;
   }
-  m_client->execute(cmd, [this, done = std::move(done)](std::shared_ptr<Ipc::CmdI> const&, std::string const& error) {
+  // done goes whole to the UI thread: the copies of what it holds are made,
+  // and let go of, there only.
+  m_client->execute(cmd, [this, done = std::move(done)](std::shared_ptr<Ipc::CmdI> const&,
+                                                        std::string const& error) mutable {
     // A transport thread: only hand over to the UI thread, by value.
     QMetaObject::invokeMethod(
-        this, [this, done, error] { if (!m_stopped) done(error); }, Qt::QueuedConnection);
+        this, [this, done = std::move(done), error] { if (!m_stopped) done(error); }, Qt::QueuedConnection);
   });
 }
 
@@ -203,8 +206,11 @@ void UiSession::fetchConfig() {
 void UiSession::saveConfig(json::Object const& config) {
   auto cmd = std::make_shared<Ipc::SaveCfg>(nullptr);
   cmd->payload = detached(config);
-  json::Object const saved = detached(config);
-  send(cmd, [this, cmd, saved](std::string const& error) {
+  // Kept here, not in the completion: JSON may be let go of on the UI
+  // thread only.
+  m_configSaving = detached(config);
+  send(cmd, [this, cmd](std::string const& error) {
+    json::Object const saved = m_configSaving;
     if (!error.empty()) {
       emit configSaved(false, QString::fromStdString(error), saved);
       return;

@@ -130,6 +130,7 @@ class UiSession : public QObject {
   unsigned m_generation = 0;  // of m_client: answers of an older one are stale
   bool m_refreshing = false;
   int m_testErrors = 0;  // of the test that runs
+  json::Object m_configSaving;  // the configuration of the last SaveCfg sent
   bool m_stopped = false;
   State m_state = State::Looking;
   QString m_stateText;

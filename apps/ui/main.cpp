@@ -12,14 +12,17 @@
 
 int main(int argc, char** argv) {
   ::signal(SIGPIPE, SIG_IGN);
-  QApplication app(argc, argv);
   QApplication::setApplicationName(QStringLiteral("qxlite-ui"));
   QApplication::setApplicationVersion(QStringLiteral(QX_VERSION));
 
+  // The command line is read before the application connects to a display,
+  // so that --help and a wrong option work without one.
   QCommandLineParser parser;
   parser.setApplicationDescription(QApplication::translate("main", "Hand files to the QXLite service and watch them upload"));
-  parser.addHelpOption();
-  parser.addVersionOption();
+  QCommandLineOption const help({QStringLiteral("h"), QStringLiteral("help")},
+                                QApplication::translate("main", "Print this help and exit"));
+  QCommandLineOption const version(QStringLiteral("version"), QApplication::translate("main", "Print the version and exit"));
+  parser.addOptions({help, version});
   QCommandLineOption const port(QStringLiteral("port"), QApplication::translate("main", "The service's port"),
                                 QStringLiteral("PORT"));
   QCommandLineOption const tokenFile(QStringLiteral("token-file"),
@@ -31,7 +34,22 @@ int main(int argc, char** argv) {
   parser.addOptions({port, tokenFile, runtimeDir});
   parser.addPositionalArgument(QStringLiteral("FILE"), QApplication::translate("main", "Files or folders to upload"),
                                QStringLiteral("[FILE...]"));
-  parser.process(app);
+  QStringList arguments;
+  for (int i = 0; i < argc; ++i) arguments << QString::fromLocal8Bit(argv[i]);
+  if (!parser.parse(arguments)) {
+    std::fprintf(stderr, "qxlite-ui: %s (see qxlite-ui --help)\n", qPrintable(parser.errorText()));
+    return 2;
+  }
+  if (parser.isSet(help)) {
+    // Without an application object the parser cannot know the program's name.
+    std::fputs(qPrintable(parser.helpText().replace(QStringLiteral("<executable_name>"), QStringLiteral("qxlite-ui"))),
+               stdout);
+    return 0;
+  }
+  if (parser.isSet(version)) {
+    std::printf("qxlite-ui %s\n", QX_VERSION);
+    return 0;
+  }
 
   qxui::UiSession::Where where;
   if (parser.isSet(port)) {
@@ -48,6 +66,7 @@ int main(int argc, char** argv) {
   where.tokenFile = parser.value(tokenFile).toStdString();
   where.runtimeFolder = parser.value(runtimeDir).toStdString();
 
+  QApplication app(argc, argv);
   qxui::MainWindow window(where);
   if (!parser.positionalArguments().isEmpty()) window.dropWhenConnected(parser.positionalArguments());
   window.resize(900, 560);
