@@ -116,7 +116,7 @@ bool UiSession::connectClient() {
   } catch (qxapp::ServiceNotRunning const& e) {
     setState(State::NotRunning, QString::fromStdString(qxapp::notRunningText(e.what())));
   } catch (std::exception const& e) {
-    setState(State::Refused, QString::fromStdString(e.what()));
+    setState(State::Failed, QString::fromStdString(e.what()));
   }
   return false;
 }
@@ -126,7 +126,7 @@ void UiSession::lose(std::string const& error) {
   if (!nobody.empty()) {
     setState(State::NotRunning, QString::fromStdString(qxapp::notRunningText(nobody)));
   } else {
-    setState(State::Refused, QString::fromStdString(error));
+    setState(State::Failed, QString::fromStdString(error));
   }
   // The next tick reads the runtime file again: a restarted service may
   // serve on another port, with another token.

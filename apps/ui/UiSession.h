@@ -51,7 +51,7 @@ class UiSession : public QObject {
     Looking,     // not asked yet
     Connected,   // the last exchange went through
     NotRunning,  // nobody there: no runtime file, token file or listener
-    Refused,     // someone there, but we may not talk (the token's group, its proof)
+    Failed,      // not to be asked: the token's group, its proof, a broken exchange; the text says which
   };
 
   // Where the service is; port 0 with no token file: its runtime file says.

@@ -38,8 +38,13 @@ QString UploadsModel::stateText(QString const& state) const {
 }
 
 void UploadsModel::setSnapshot(UploadsSnapshot const& snapshot) {
-  double const secs = m_sinceLast.isValid() ? static_cast<double>(m_sinceLast.restart()) / 1000.0 : 0.0;
+  qint64 const ms = m_sinceLast.isValid() ? m_sinceLast.restart() : 0;
   if (!m_sinceLast.isValid()) m_sinceLast.start();
+  setSnapshot(snapshot, ms);
+}
+
+void UploadsModel::setSnapshot(UploadsSnapshot const& snapshot, qint64 msSinceLast) {
+  double const secs = static_cast<double>(msSinceLast) / 1000.0;
   std::vector<qint64> rates;
   QHash<QString, qint64> sentNow;
   for (UploadRow const& r : snapshot.rows) {

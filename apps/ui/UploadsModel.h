@@ -23,7 +23,9 @@ class UploadsModel : public QAbstractTableModel {
 
   explicit UploadsModel(QObject* parent = nullptr);
 
+  // The time since the last snapshot is measured here, or given.
   void setSnapshot(UploadsSnapshot const& snapshot);
+  void setSnapshot(UploadsSnapshot const& snapshot, qint64 msSinceLast);
   UploadRow const& row(int r) const { return m_rows[static_cast<std::size_t>(r)]; }
 
   int rowCount(QModelIndex const& parent = QModelIndex()) const override;
