@@ -9,6 +9,7 @@
 #include <QFileDialog>
 #include <QHBoxLayout>
 #include <QHeaderView>
+#include <QIcon>
 #include <QLabel>
 #include <QMessageBox>
 #include <QPushButton>
@@ -32,6 +33,7 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
       m_connection(new QLabel),
       m_answer(new QLabel) {
   setWindowTitle(tr("QXLite uploads"));
+  setWindowIcon(QIcon::fromTheme(QStringLiteral("qxlite-ui")));
 
   m_banner->setObjectName(QStringLiteral("banner"));
   m_banner->setAccessibleName(tr("Service state"));
