@@ -22,6 +22,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
+#include <QMessageBox>
 #include <QTimer>
 #include <QLocale>
 #include <QMimeData>
@@ -273,6 +274,42 @@ TEST_F(UiTest, PauseAndResumeChangeTheBannerAndTheService) {
   EXPECT_TRUE(serviceRuns());
   EXPECT_TRUE(pause->isEnabled());
   EXPECT_FALSE(resume->isEnabled());
+}
+
+// Answers the next question box with button, once it shows.
+void answerNextQuestion(QMessageBox::StandardButton button) {
+  auto* poll = new QTimer;
+  QObject::connect(poll, &QTimer::timeout, [poll, button] {
+    auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+    if (!box) return;
+    poll->stop();
+    poll->deleteLater();
+    box->button(button)->click();
+  });
+  poll->start(10);
+}
+
+TEST_F(UiTest, DiscardingTheWaitingItemsAsksFirst) {
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  QTest::mouseClick(part<QPushButton>(*window, "pause"), Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused");
+  writeFile(tmp / "w.pdf", "ww");
+  window->dropWhenConnected({QString::fromStdString((tmp / "w.pdf").string())});
+  expectText(label(*window, "dropOutcome"), "dropped \"" + (tmp / "w.pdf").string() + "\": 1 file(s), 2 B");
+  ASSERT_EQ("ww", readFile(in / "w.pdf"));
+
+  QPushButton* const discard = part<QPushButton>(*window, "pauseDiscard");
+  answerNextQuestion(QMessageBox::Cancel);
+  QTest::mouseClick(discard, Qt::LeftButton);
+  QTest::qWait(300);
+  EXPECT_EQ("Paused", label(*window, "commandAnswer")->text().toStdString());
+  EXPECT_EQ("ww", readFile(in / "w.pdf"));
+
+  answerNextQuestion(QMessageBox::Discard);
+  QTest::mouseClick(discard, Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused; 1 waiting item(s) moved to the rejected folder: w.pdf");
+  EXPECT_FALSE(fs::exists(in / "w.pdf"));
 }
 
 TEST_F(UiTest, TheWindowReconnectsWhenTheServiceStartsAgain) {
