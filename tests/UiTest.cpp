@@ -208,6 +208,8 @@ TEST_F(UiTest, ADropOfAFileAndOfAFolderLandsWholeInTheSpoolAndIsListed) {
   expectText(label(*window, "dropOutcome"), "dropped \"" + (tmp / "report.pdf").string() +
                                                 "\": 1 file(s), 2.9 KiB\ndropped \"" + (tmp / "docs").string() +
                                                 "\": 2 file(s), 13 B");
+  // The progress goes with the drop.
+  EXPECT_TRUE(window->findChild<QWidget*>(QStringLiteral("dropProgress"))->isHidden());
   EXPECT_TRUE(qxtest::waitFor([&] { return spooled().size() == 2; }));
   EXPECT_EQ((std::vector<std::string>{"folder:a.pdf=first;b.csv=x,y\n1,2\n;", "report.pdf=" + std::string(3000, 'r')}),
             spooled());
@@ -439,6 +441,30 @@ TEST_F(UiTest, ConfigurationTestLinesArriveInOrderWhileTheWindowStaysResponsive)
   ASSERT_EQ(expected.size(), static_cast<std::size_t>(lines->count()));
   EXPECT_EQ(QColor(QStringLiteral("#1b6e20")), lines->item(0)->foreground().color());
   EXPECT_EQ(QColor(QStringLiteral("#8a5a00")), lines->item(8)->foreground().color());
+}
+
+TEST(DropZoneTest, TheProgressSaysHowMuchHowFastAndHowLongIsLeft) {
+  struct Row {
+    qint64 sent;
+    qint64 total;
+    double rate;
+    std::string text;
+  };
+  std::vector<Row> const rows{
+      {0, 41943040, 0, "0 B of 40.0 MiB"},
+      {12582912, 41943040, 8493465.6, "12.0 MiB of 40.0 MiB, 8.1 MiB/s, 0:03 left"},
+      {1048576, 1073741824, 1048576, "1.0 MiB of 1.0 GiB, 1.0 MiB/s, 17:03 left"},
+      // More written than the files hold (the request's own bytes): all of it.
+      {5000, 4096, 4096, "4.0 KiB of 4.0 KiB, 4.0 KiB/s, 0:00 left"},
+  };
+  qxui::DropZone zone;
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.text);
+    zone.showProgress(row.sent, row.total, row.rate);
+    EXPECT_EQ(row.text, zone.progressText().toStdString());
+  }
+  zone.hideProgress();
+  EXPECT_EQ("", zone.progressText().toStdString());
 }
 
 // The program's command line is read before it needs a display.

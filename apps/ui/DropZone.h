@@ -9,6 +9,7 @@
 #include <QStringList>
 
 class QLabel;
+class QProgressBar;
 
 namespace qxui {
 
@@ -21,6 +22,10 @@ class DropZone : public QFrame {
   // The answer to the last drop: one line a path, or the problems.
   void showOutcome(QStringList const& lines, bool ok);
   QString outcomeText() const;
+  // A drop on its way: sent of total bytes at rate bytes a second.
+  void showProgress(qint64 sent, qint64 total, double rate);
+  void hideProgress();
+  QString progressText() const;
 
  signals:
   void pathsDropped(QStringList const& paths);
@@ -32,6 +37,8 @@ class DropZone : public QFrame {
  private:
   QLabel* m_hint;
   QLabel* m_outcome;
+  QProgressBar* m_progress;
+  QLabel* m_progressText;
 };
 
 }  // namespace qxui

@@ -16,6 +16,7 @@
 #include <QStatusBar>
 #include <QTabWidget>
 #include <QTableView>
+#include <QTimer>
 #include <QVBoxLayout>
 
 namespace qxui {
@@ -31,7 +32,8 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
       m_dropZone(new DropZone),
       m_table(new QTableView),
       m_connection(new QLabel),
-      m_answer(new QLabel) {
+      m_answer(new QLabel),
+      m_dropTicker(new QTimer(this)) {
   setWindowTitle(tr("QXLite uploads"));
   setWindowIcon(QIcon::fromTheme(QStringLiteral("qxlite-ui")));
 
@@ -108,6 +110,13 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   connect(m_session, &UiSession::uploadsChanged, this, &MainWindow::onUploads);
   connect(m_session, &UiSession::commandAnswered, m_answer, &QLabel::setText);
   connect(m_session, &UiSession::dropAnswered, m_dropZone, &DropZone::showOutcome);
+  connect(m_session, &UiSession::dropStarted, this, &MainWindow::onDropStarted);
+  connect(m_session, &UiSession::dropAnswered, this, [this] {
+    m_dropTicker->stop();
+    m_dropZone->hideProgress();
+  });
+  m_dropTicker->setInterval(200);
+  connect(m_dropTicker, &QTimer::timeout, this, &MainWindow::showDropProgress);
   connect(m_dropZone, &DropZone::pathsDropped, m_session, &UiSession::drop);
   connect(m_pause, &QPushButton::clicked, this, [this] { m_session->pause(false); });
   connect(m_discard, &QPushButton::clicked, this, &MainWindow::pauseDiscarding);
@@ -157,6 +166,22 @@ void MainWindow::onUploads(UploadsSnapshot const& snapshot) {
   m_banner->setText(lines.join(QLatin1Char('\n')));
   m_banner->setVisible(!lines.isEmpty());
   updateButtons();
+}
+
+void MainWindow::onDropStarted(qint64 totalBytes) {
+  m_dropTotal = totalBytes;
+  m_dropBase = m_session->bytesSent();
+  m_dropClock.start();
+  m_dropZone->showProgress(0, m_dropTotal, 0);
+  m_dropTicker->start();
+}
+
+void MainWindow::showDropProgress() {
+  // A connection made again during the drop counts from zero.
+  std::uint64_t const now = m_session->bytesSent();
+  qint64 const sent = now >= m_dropBase ? static_cast<qint64>(now - m_dropBase) : 0;
+  double const secs = static_cast<double>(m_dropClock.elapsed()) / 1000.0;
+  m_dropZone->showProgress(sent, m_dropTotal, secs > 0 ? static_cast<double>(sent) / secs : 0);
 }
 
 void MainWindow::updateButtons() {

@@ -8,12 +8,14 @@
 
 #include "apps/ui/UiSession.h"
 
+#include <QElapsedTimer>
 #include <QMainWindow>
 #include <QStringList>
 
 class QLabel;
 class QPushButton;
 class QTableView;
+class QTimer;
 
 namespace qxui {
 
@@ -41,6 +43,8 @@ class MainWindow : public QMainWindow {
   void addFiles();
   void addFolder();
   void updateButtons();
+  void onDropStarted(qint64 totalBytes);
+  void showDropProgress();
 
   UiSession* m_session;
   UploadsModel* m_model;
@@ -56,6 +60,12 @@ class MainWindow : public QMainWindow {
   bool m_paused = false;
   bool m_everConnected = false;
   QStringList m_pendingDrop;
+  // The drop on its way: its size, and where the connection's count of
+  // bytes written stood when it started.
+  QTimer* m_dropTicker;
+  QElapsedTimer m_dropClock;
+  qint64 m_dropTotal = 0;
+  std::uint64_t m_dropBase = 0;
 };
 
 }  // namespace qxui

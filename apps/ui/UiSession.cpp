@@ -87,6 +87,8 @@ void UiSession::stop() {
   ++m_generation;
 }
 
+std::uint64_t UiSession::bytesSent() const { return m_client ? m_client->bytesSent() : 0; }
+
 void UiSession::setState(State state, QString const& text) {
   if (state == m_state && text == m_stateText) return;
   m_state = state;
@@ -287,6 +289,9 @@ void UiSession::drop(QStringList const& paths) {
       nothingDropped(problems);
       return;
     }
+    std::uint64_t total = 0;
+    for (PendingDrop const& d : *drops) total += d.bytes;
+    emit dropStarted(static_cast<qint64>(total));
     sendDrops(drops, 0, QStringList());
   });
 }

@@ -26,6 +26,7 @@
 #include <QStringList>
 #include <QTimer>
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -75,6 +76,8 @@ class UiSession : public QObject {
   void stop();
 
   State state() const { return m_state; }
+  // What the connection has written so far, for a drop's progress.
+  std::uint64_t bytesSent() const;
   QString stateText() const { return m_stateText; }
 
   void pause(bool discardWaiting);
@@ -96,6 +99,8 @@ class UiSession : public QObject {
   void uploadsChanged(qxui::UploadsSnapshot const& snapshot);
   // The service's answer to pause or resume, or why there was none.
   void commandAnswered(QString const& text, bool ok);
+  // The drop's files are checked and about to be sent.
+  void dropStarted(qint64 totalBytes);
   // One line a path, or the problems that stopped the drop.
   void dropAnswered(QStringList const& lines, bool ok);
   // The documents of these share no JSON node with any command, so they
