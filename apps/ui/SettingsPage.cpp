@@ -146,7 +146,7 @@ SettingsPage::SettingsPage(UiSession& session, QWidget* parent)
     formLayout->addWidget(box);
   }
   for (qxapp::ConfigKey const& key : qxapp::configKeyTable()) {
-    auto* field = new Field{key, nullptr, nullptr, QString()};
+    auto field = std::make_unique<Field>(Field{key, nullptr, nullptr, QString()});
     QWidget* control = nullptr;
     if (isType(key, "flag")) {
       control = field->check = new QCheckBox;
@@ -159,7 +159,7 @@ SettingsPage::SettingsPage(UiSession& session, QWidget* parent)
     control->setAccessibleDescription(QString::fromLatin1(key.meaning));
     control->setToolTip(QString::fromLatin1(key.meaning));
     layouts[groupOf(key.name)]->addRow(QString::fromLatin1(key.name), control);
-    m_fields[key.name] = field;
+    m_fields[key.name] = std::move(field);
   }
   auto* scroll = new QScrollArea;
   scroll->setWidget(form);
@@ -190,6 +190,8 @@ SettingsPage::SettingsPage(UiSession& session, QWidget* parent)
   connect(&m_session, &UiSession::configFailed, this, [this](QString const& why) { showOutcome(why, false); });
   m_save->setEnabled(false);
 }
+
+SettingsPage::~SettingsPage() = default;
 
 void SettingsPage::reload() { m_session.fetchConfig(); }
 

@@ -14,6 +14,7 @@
 #include <QWidget>
 
 #include <map>
+#include <memory>
 #include <string>
 
 class QLabel;
@@ -28,6 +29,7 @@ class SettingsPage : public QWidget {
 
  public:
   explicit SettingsPage(UiSession& session, QWidget* parent = nullptr);
+  ~SettingsPage() override;
 
   // Asks the service for the configuration in force.
   void reload();
@@ -42,7 +44,7 @@ class SettingsPage : public QWidget {
   void showOutcome(QString const& text, bool ok);
 
   UiSession& m_session;
-  std::map<std::string, Field*> m_fields;  // by key; owned by the page
+  std::map<std::string, std::unique_ptr<Field>> m_fields;  // by key
   json::Object m_loaded;  // the configuration the form was filled from
   QPushButton* m_save;
   QLabel* m_outcome;
