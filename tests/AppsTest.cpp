@@ -288,22 +288,8 @@ class AppsTest : public ::testing::Test {
   bool startServiceWith(fs::path const& config, std::uint16_t onPort = 0) {
     port = 0;
     service = std::make_unique<Child>(kSvc, serviceArgs(onPort, config), nextOutput(".out"), nextOutput(".err"));
-    static std::string const serving = "INFO:qxlite-svc 7.0.1 serving on 127.0.0.1:";
-    bool const up = waitFor([&] {
-      std::string const log = service->err();
-      std::string::size_type const at = log.find(serving);
-      if (at != std::string::npos && log.find(' ', at + serving.size()) != std::string::npos) {
-        port = static_cast<std::uint16_t>(numberAt(log, at + serving.size()));
-        return true;
-      }
-      return !service->running();
-    }, kProcessDeadline);
-    if (!up || port == 0) {
-      ADD_FAILURE() << "the service does not serve; status " << service->status() << ", log:\n"
-                    << service->err();
-      return false;
-    }
-    return true;
+    port = qxtest::servingPort(*service);
+    return port != 0;
   }
 
   // Stops the service with sig; it must end cleanly, its last lines saying so.

@@ -21,6 +21,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 #include <cstring>
 #include <functional>
 #include <string>
@@ -171,6 +172,28 @@ class Child {
   int m_waitStatus = 0;
   int m_status = -1;
 };
+
+// Waits until the log of a starting qxlite-svc (its standard error) says it
+// serves, and returns the port it serves on; 0, with a failure that shows
+// its status and log, when it ends or does not serve in time.
+inline std::uint16_t servingPort(Child& service) {
+  static std::string const serving = "INFO:qxlite-svc 7.0.1 serving on 127.0.0.1:";
+  std::uint16_t port = 0;
+  bool const up = waitFor([&] {
+    std::string const log = service.err();
+    std::string::size_type const at = log.find(serving);
+    if (at != std::string::npos && log.find(' ', at + serving.size()) != std::string::npos) {
+      port = static_cast<std::uint16_t>(std::stoul(log.substr(at + serving.size())));
+      return true;
+    }
+    return !service.running();
+  }, kProcessDeadline);
+  if (!up || port == 0) {
+    ADD_FAILURE() << "the service does not serve; status " << service.status() << ", log:\n" << service.err();
+    return 0;
+  }
+  return port;
+}
 
 }  // namespace qxtest
 

@@ -8,6 +8,8 @@
 #include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
 #include "apps/RuntimeFile.h"
+#include "apps/ServiceFinder.h"
+#include "apps/SizeText.h"
 #include "apps/cli/DropCheck.h"
 #include "ipc/IpcCmdsLite.h"
 #include "ipc/MsgsUItoSvc.h"
@@ -15,10 +17,7 @@
 #include "shared/Log.h"
 #include "shared/SecretToken.h"
 
-#include <fcntl.h>
-#include <grp.h>
 #include <signal.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
@@ -49,9 +48,7 @@ struct Failure : std::runtime_error {
 
 // The service is not there to ask: a state, not an error (status 3, as
 // `systemctl status` says of a unit that is not active).
-struct NotRunning : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+using NotRunning = qxapp::ServiceNotRunning;
 constexpr int kNotRunningStatus = 3;
 
 struct Global {
@@ -64,49 +61,19 @@ struct Global {
 };
 
 // Without --port and --token-file, the service's runtime file says where it
-// is: the first of the folders that names a running service. A folder the
-// person named is the only one looked at; without any file, the defaults.
+// is; without any file, the defaults.
 void findService(Global& g, bool portGiven, bool tokenGiven) {
   if (portGiven || tokenGiven) return;
-  bool const named = !g.runtimeFolder.empty();
-  std::vector<fs::path> const folders = named ? std::vector<fs::path>{g.runtimeFolder} : qxapp::clientRuntimeFolders();
-  for (fs::path const& folder : folders) {
-    std::string why;
-    std::optional<qxapp::RuntimeFacts> const facts = qxapp::readRuntimeFacts(folder, why);
-    std::string const file = "\"" + qxapp::runtimeFileIn(folder).string() + "\"";
-    if (facts && !qxapp::processRuns(facts->pid)) {
-      // Left behind by a service that was killed.
-      std::string const stale = "the runtime file " + file + " names process " + std::to_string(facts->pid) +
-                                ", which has ended";
-      if (named) throw NotRunning(stale);
-      if (g.verbose) std::cerr << "qxlite: " << stale << "; looking further\n";
-      continue;
-    }
-    if (facts) {
-      g.port = facts->port;
-      g.tokenFile = facts->tokenFile;
-      return;
-    }
-    // The folder a person named: the defaults might find another service.
-    if (named && !why.empty()) throw Failure(why);
-    if (named) throw NotRunning("no runtime file at " + file);
-    if (!why.empty()) std::cerr << "qxlite: " << why << "; looking further\n";
-  }
+  std::optional<qxapp::RuntimeFacts> const facts = qxapp::findRunningService(
+      g.runtimeFolder, g.verbose, [](std::string const& note) { std::cerr << "qxlite: " << note << "\n"; });
+  if (!facts) return;
+  g.port = facts->port;
+  g.tokenFile = facts->tokenFile;
 }
 
 bool colourOn(int fd) { return ::isatty(fd) && std::getenv("NO_COLOR") == nullptr; }
 
-std::string sizeText(double bytes) {
-  char const* const units[] = {"B", "KiB", "MiB", "GiB", "TiB"};
-  int u = 0;
-  while (bytes >= 1024 && u < 4) {
-    bytes /= 1024;
-    ++u;
-  }
-  std::ostringstream os;
-  os << std::fixed << std::setprecision(u == 0 ? 0 : 1) << bytes << " " << units[u];
-  return os.str();
-}
+using qxapp::sizeText;
 
 class Session {
  public:
@@ -119,10 +86,8 @@ class Session {
   void run(std::shared_ptr<Ipc::CmdI> const& cmd) {
     std::string const error = m_client.run(cmd);
     if (error.empty()) return;
-    static std::string const kNoService = "Ipc cannot connect to the service at ";
-    if (error.compare(0, kNoService.size(), kNoService) == 0) {
-      throw NotRunning("nothing answers at " + error.substr(kNoService.size()));
-    }
+    std::string const nobody = qxapp::nobodyAnswers(error);
+    if (!nobody.empty()) throw NotRunning(nobody);
     throw Failure(error);
   }
   Ipc::CmdClient& client() { return m_client; }
@@ -139,26 +104,8 @@ class Session {
     }
     return o;
   }
-  static fs::path tokenFile(Global const& g) {
-    return g.tokenFile.empty() ? Ipc::SecretToken::clientDefaultPath() : fs::path(g.tokenFile);
-  }
-  // A missing token file means a service that never ran here; one that
-  // cannot be read, a person outside the token's group.
-  static Ipc::SecretToken token(Global const& g) {
-    fs::path const file = tokenFile(g);
-    int const fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0 && errno == ENOENT) throw NotRunning("no token file at \"" + file.string() + "\"");
-    if (fd < 0 && errno == EACCES) {
-      struct stat st {};
-      group const* owner = ::stat(file.c_str(), &st) == 0 ? ::getgrgid(st.st_gid) : nullptr;
-      std::string const name = owner ? owner->gr_name : "qxlite";
-      throw Failure("the token file \"" + file.string() + "\" cannot be read: Permission denied; members of the group \"" +
-                    name + "\" may use the service (after `usermod -aG " + name +
-                    " $USER`, log in again for it to count)");
-    }
-    if (fd >= 0) ::close(fd);
-    return Ipc::SecretToken::load(file);
-  }
+  static fs::path tokenFile(Global const& g) { return qxapp::clientTokenFile(g.tokenFile); }
+  static Ipc::SecretToken token(Global const& g) { return qxapp::loadClientToken(tokenFile(g)); }
 
   Ipc::CmdClient m_client;
 };
@@ -801,8 +748,7 @@ int main(int argc, char** argv) {
     else if (*notifyTest) cmdNotifyTest(s);
     return 0;
   } catch (NotRunning const& e) {
-    std::cerr << "qxlite: the service is not running (" << e.what()
-              << "): start it with `systemctl start qxlite-svc`\n";
+    std::cerr << "qxlite: " << qxapp::notRunningText(e.what()) << "\n";
     return kNotRunningStatus;
   } catch (std::exception const& e) {
     std::cerr << "qxlite: " << e.what() << "\n";

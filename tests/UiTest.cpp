@@ -1,0 +1,504 @@
+// The desktop program's main window, in this process with the offscreen
+// platform, against a real qxlite-svc started by the test on a port of the
+// system's choice. Drops are synthesized as a file manager sends them
+// (text/uri-list); every text the window shows is compared whole.
+#include "apps/ui/DropZone.h"
+#include "apps/ui/MainWindow.h"
+#include "apps/ui/UploadsModel.h"
+#include "ipc/IpcCmdsLite.h"
+#include "shared/CmdClient.h"
+#include "tests/HeldPort.h"
+#include "tests/ProcessHarness.h"
+#include "tests/TestUtil.h"
+
+#include <signal.h>
+#include <sys/stat.h>
+
+#include <QApplication>
+#include <QCheckBox>
+#include <QDragEnterEvent>
+#include <QDropEvent>
+#include <QElapsedTimer>
+#include <QLabel>
+#include <QLineEdit>
+#include <QListWidget>
+#include <QMessageBox>
+#include <QTimer>
+#include <QLocale>
+#include <QMimeData>
+#include <QPushButton>
+#include <QTableView>
+#include <QTest>
+#include <QUrl>
+
+#include <boost/filesystem/operations.hpp>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+namespace fs = boost::filesystem;
+using qxtest::Child;
+using qxtest::readFile;
+using qxtest::writeFile;
+
+// The service's types as it lists them when it refuses one.
+std::string const kAccepted = " (it accepts csv, enm, js, json, ods, oxps, pdf, ps, qxw, tar, xls, xlsx, xml, xps, zip)";
+std::string const kHeld = "Uploads held: no server address is set (\"InetServer\")";
+
+class UiTest : public ::testing::Test {
+ protected:
+  UiTest() : in(tmp / "spool" / "in"), out(tmp / "spool" / "out"), tokenFile(tmp / "ipc.token") {}
+
+  void SetUp() override {
+    writeConfig();
+    ASSERT_TRUE(startService());
+  }
+  void writeConfig(std::string const& extra = "") {
+    writeFile(tmp / "config.json", "{\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" + out.string() +
+                                       "\",\"BackupFolder\":\"" + backup().string() + "\"" + extra + "}");
+  }
+  fs::path backup() const { return tmp / "spool" / "backup"; }
+
+  bool startService(std::uint16_t onPort = 0) {
+    std::string const n = std::to_string(++m_starts);
+    service = std::make_unique<Child>(
+        QX_SVC_PROGRAM,
+        std::vector<std::string>{"--config", (tmp / "config.json").string(), "--token-file", tokenFile.string(),
+                                 "--port", std::to_string(onPort), "--foreground", "--scan-interval", "0.05", "--settle-time", "0.1",
+                                 "--state-dir", (tmp / "state").string(), "--credentials",
+                                 (tmp / "credentials.json").string(), "--runtime-dir", runtimeFolder().string()},
+        tmp / ("svc-" + n + ".out"), tmp / ("svc-" + n + ".err"));
+    port = qxtest::servingPort(*service);
+    return port != 0;
+  }
+  void stopService() {
+    service->signal(SIGTERM);
+    ASSERT_TRUE(service->wait()) << "the service did not stop on SIGTERM";
+    EXPECT_EQ(0, service->status()) << service->err();
+  }
+  fs::path runtimeFolder() const { return tmp / "run"; }
+
+  // The window as a person opens it: the service found by its runtime file.
+  std::unique_ptr<qxui::MainWindow> openWindow() {
+    qxui::UiSession::Where where;
+    where.runtimeFolder = runtimeFolder().string();
+    auto window = std::make_unique<qxui::MainWindow>(where);
+    window->show();
+    return window;
+  }
+
+  template <class Widget>
+  static Widget* part(qxui::MainWindow& window, char const* name) {
+    Widget* const w = window.findChild<Widget*>(QString::fromLatin1(name));
+    EXPECT_NE(nullptr, w) << "no " << name << " in the window";
+    return w;
+  }
+  static QLabel* label(qxui::MainWindow& window, char const* name) { return part<QLabel>(window, name); }
+
+  // Waits until what shows reads expected; a failure shows what it read.
+  static void expectShown(std::function<QString()> const& shown, std::string const& expected) {
+    bool const seen = QTest::qWaitFor([&] { return shown().toStdString() == expected; }, 20000);
+    EXPECT_TRUE(seen) << "expected: " << expected << "\n   shown: " << shown().toStdString();
+  }
+  static void expectText(QLabel* l, std::string const& expected) {
+    ASSERT_NE(nullptr, l);
+    expectShown([l] { return l->text(); }, expected);
+  }
+
+  // A drag of paths from a file manager, entered and dropped on the zone.
+  static void dropOn(qxui::DropZone* zone, std::vector<fs::path> const& paths) {
+    ASSERT_NE(nullptr, zone);
+    QMimeData mime;
+    QList<QUrl> urls;
+    for (fs::path const& p : paths) urls << QUrl::fromLocalFile(QString::fromStdString(p.string()));
+    mime.setUrls(urls);
+    ASSERT_TRUE(mime.hasFormat(QStringLiteral("text/uri-list")));
+    QPoint const middle = zone->rect().center();
+    QDragEnterEvent enter(middle, Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(zone, &enter);
+    ASSERT_TRUE(enter.isAccepted()) << "the zone does not take the drag";
+    QDropEvent drop(QPointF(middle), Qt::CopyAction, &mime, Qt::LeftButton, Qt::NoModifier);
+    QApplication::sendEvent(zone, &drop);
+    ASSERT_TRUE(drop.isAccepted()) << "the zone does not take the drop";
+  }
+
+  // Runs cmd on the service by a client of the test's own.
+  void ask(std::shared_ptr<Ipc::CmdI> const& cmd) {
+    Ipc::CmdClientOptions options;
+    options.port = port;
+    options.tokenFile = tokenFile.string();
+    Ipc::CmdClient client(options, Ipc::SecretToken::load(tokenFile));
+    EXPECT_EQ("", client.run(cmd));
+  }
+  // Whether the service says it runs (IsRunning).
+  bool serviceRuns() {
+    auto cmd = std::make_shared<Ipc::IsRunning>(nullptr);
+    ask(cmd);
+    return cmd->running;
+  }
+  // What the configuration in force holds under key (GetCfg).
+  json::Value configValue(char const* key) {
+    auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
+    ask(cmd);
+    return cmd->payload[key];
+  }
+
+  // The entries of the job folders in the outgoing folder, with what each
+  // holds: a file's bytes, or a folder's files as "name=bytes;...".
+  std::vector<std::string> spooled() const {
+    std::vector<std::string> result;
+    if (!fs::exists(out)) return result;
+    for (auto const& job : fs::directory_iterator(out)) {
+      if (!fs::is_directory(job.path())) continue;
+      for (auto const& entry : fs::directory_iterator(job.path())) {
+        if (!fs::is_directory(entry.path())) {
+          result.push_back(entry.path().filename().string() + "=" + readFile(entry.path()));
+          continue;
+        }
+        std::vector<std::string> files;
+        for (auto const& f : fs::directory_iterator(entry.path())) {
+          files.push_back(f.path().filename().string() + "=" + readFile(f.path()));
+        }
+        std::sort(files.begin(), files.end());
+        std::string joined = "folder:";
+        for (std::string const& f : files) joined += f + ";";
+        result.push_back(joined);
+      }
+    }
+    std::sort(result.begin(), result.end());
+    return result;
+  }
+
+  qxtest::TempDir tmp;
+  fs::path const in;
+  fs::path const out;
+  fs::path const tokenFile;
+  std::unique_ptr<Child> service;
+  std::uint16_t port = 0;
+
+ private:
+  unsigned m_starts = 0;
+};
+
+TEST_F(UiTest, TheWindowConnectsAndShowsTheServicesState) {
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  // Without a server address nothing leaves, and the banner says why.
+  expectText(label(*window, "banner"), kHeld);
+  EXPECT_TRUE(label(*window, "banner")->isVisible());
+  EXPECT_TRUE(part<QPushButton>(*window, "pause")->isEnabled());
+  EXPECT_FALSE(part<QPushButton>(*window, "resume")->isEnabled());
+  EXPECT_EQ(0, part<QTableView>(*window, "uploads")->model()->rowCount());
+}
+
+TEST_F(UiTest, ADropOfAFileAndOfAFolderLandsWholeInTheSpoolAndIsListed) {
+  fs::create_directories(tmp / "docs");
+  writeFile(tmp / "docs" / "a.pdf", "first");
+  writeFile(tmp / "docs" / "b.csv", "x,y\n1,2\n");
+  writeFile(tmp / "report.pdf", std::string(3000, 'r'));
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+
+  dropOn(window->findChild<qxui::DropZone*>(), {tmp / "report.pdf", tmp / "docs"});
+  expectText(label(*window, "dropOutcome"), "dropped \"" + (tmp / "report.pdf").string() +
+                                                "\": 1 file(s), 2.9 KiB\ndropped \"" + (tmp / "docs").string() +
+                                                "\": 2 file(s), 13 B");
+  // The progress goes with the drop.
+  EXPECT_TRUE(window->findChild<QWidget*>(QStringLiteral("dropProgress"))->isHidden());
+  EXPECT_TRUE(qxtest::waitFor([&] { return spooled().size() == 2; }));
+  EXPECT_EQ((std::vector<std::string>{"folder:a.pdf=first;b.csv=x,y\n1,2\n;", "report.pdf=" + std::string(3000, 'r')}),
+            spooled());
+
+  // Both jobs wait in the table, with their sizes.
+  QAbstractItemModel* const model = part<QTableView>(*window, "uploads")->model();
+  auto rows = [model] {
+    std::vector<std::string> result;
+    for (int r = 0; r < model->rowCount(); ++r) {
+      std::string row;
+      for (int c : {qxui::UploadsModel::Title, qxui::UploadsModel::State, qxui::UploadsModel::Size,
+                    qxui::UploadsModel::Progress, qxui::UploadsModel::Attempts}) {
+        row += (c == 0 ? "" : " | ") + model->index(r, c).data().toString().toStdString();
+      }
+      result.push_back(row);
+    }
+    std::sort(result.begin(), result.end());
+    return result;
+  };
+  std::vector<std::string> const expected{"2 files: a.pdf, b.csv | Queued | 13 B | 0% | 0",
+                                          "report.pdf | Queued | 2.9 KiB | 0% | 0"};
+  EXPECT_TRUE(QTest::qWaitFor([&] { return rows() == expected; }, 20000)) << ::testing::PrintToString(rows());
+}
+
+TEST_F(UiTest, ARefusedFileShowsTheServicesReasonAndNothingIsSent) {
+  writeFile(tmp / "tool.exe", "MZ");
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  dropOn(window->findChild<qxui::DropZone*>(), {tmp / "tool.exe"});
+  expectText(label(*window, "dropOutcome"), "\"" + (tmp / "tool.exe").string() +
+                                                "\": the service does not accept files of type \"exe\"" + kAccepted +
+                                                "\nnothing was dropped: 1 problem(s)");
+  EXPECT_TRUE(fs::is_empty(in));
+  EXPECT_TRUE(spooled().empty());
+}
+
+TEST_F(UiTest, FilesOfTheCommandLineAreDroppedOnceTheServiceIsReached) {
+  writeFile(tmp / "c.pdf", "cc");
+  auto window = openWindow();
+  window->dropWhenConnected({QString::fromStdString((tmp / "c.pdf").string())});
+  expectText(label(*window, "dropOutcome"), "dropped \"" + (tmp / "c.pdf").string() + "\": 1 file(s), 2 B");
+  EXPECT_TRUE(qxtest::waitFor([&] { return spooled() == std::vector<std::string>{"c.pdf=cc"}; }));
+}
+
+TEST_F(UiTest, PauseAndResumeChangeTheBannerAndTheService) {
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  expectText(label(*window, "banner"), kHeld);
+  QPushButton* const pause = part<QPushButton>(*window, "pause");
+  QPushButton* const resume = part<QPushButton>(*window, "resume");
+
+  QTest::mouseClick(pause, Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused");
+  expectText(label(*window, "banner"), "Paused: nothing new starts until you resume.\n" + kHeld);
+  EXPECT_FALSE(serviceRuns());
+  EXPECT_FALSE(pause->isEnabled());
+  EXPECT_TRUE(resume->isEnabled());
+
+  // The keyboard way: the button's mnemonic.
+  window->activateWindow();
+  QTest::keyClick(window.get(), Qt::Key_R, Qt::AltModifier);
+  expectText(label(*window, "commandAnswer"), "Resumed");
+  expectText(label(*window, "banner"), kHeld);
+  EXPECT_TRUE(serviceRuns());
+  EXPECT_TRUE(pause->isEnabled());
+  EXPECT_FALSE(resume->isEnabled());
+}
+
+// Answers the next question box with button, once it shows.
+void answerNextQuestion(QMessageBox::StandardButton button) {
+  auto* poll = new QTimer;
+  QObject::connect(poll, &QTimer::timeout, [poll, button] {
+    auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+    if (!box) return;
+    poll->stop();
+    poll->deleteLater();
+    box->button(button)->click();
+  });
+  poll->start(10);
+}
+
+TEST_F(UiTest, DiscardingTheWaitingItemsAsksFirst) {
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  QTest::mouseClick(part<QPushButton>(*window, "pause"), Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused");
+  writeFile(tmp / "w.pdf", "ww");
+  window->dropWhenConnected({QString::fromStdString((tmp / "w.pdf").string())});
+  expectText(label(*window, "dropOutcome"), "dropped \"" + (tmp / "w.pdf").string() + "\": 1 file(s), 2 B");
+  ASSERT_EQ("ww", readFile(in / "w.pdf"));
+
+  QPushButton* const discard = part<QPushButton>(*window, "pauseDiscard");
+  answerNextQuestion(QMessageBox::Cancel);
+  QTest::mouseClick(discard, Qt::LeftButton);
+  QTest::qWait(300);
+  EXPECT_EQ("Paused", label(*window, "commandAnswer")->text().toStdString());
+  EXPECT_EQ("ww", readFile(in / "w.pdf"));
+
+  answerNextQuestion(QMessageBox::Discard);
+  QTest::mouseClick(discard, Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused; 1 waiting item(s) moved to the rejected folder: w.pdf");
+  EXPECT_FALSE(fs::exists(in / "w.pdf"));
+}
+
+TEST_F(UiTest, TheWindowReconnectsWhenTheServiceStartsAgain) {
+  auto window = openWindow();
+  QLabel* const state = label(*window, "connectionState");
+  expectText(state, "Connected to the service");
+  std::uint16_t const before = port;
+  stopService();
+  expectText(state, "the service is not running (no runtime file at \"" +
+                        (runtimeFolder() / "qxlite-svc.json").string() +
+                        "\"): start it with `systemctl start qxlite-svc`");
+  EXPECT_FALSE(label(*window, "banner")->isVisible());
+  EXPECT_FALSE(part<QPushButton>(*window, "pause")->isEnabled());
+
+  ASSERT_TRUE(startService());
+  expectText(state, "Connected to the service");
+  expectText(label(*window, "banner"), kHeld);
+  // The new service chose its own port; the window found it by the runtime file.
+  SCOPED_TRACE("ports " + std::to_string(before) + " then " + std::to_string(port));
+}
+
+TEST_F(UiTest, AServiceThatCannotProveTheTokenIsNamedAsSuch) {
+  writeFile(tmp / "wrong.token", std::string(64, 'a') + "\n");
+  ::chmod((tmp / "wrong.token").c_str(), 0600);
+  qxui::UiSession::Where where;
+  where.port = port;
+  where.tokenFile = (tmp / "wrong.token").string();
+  qxui::MainWindow window(where);
+  window.show();
+  expectText(label(window, "connectionState"), "Ipc the service on port " + std::to_string(port) +
+                                                   " could not prove that it holds the token of \"" +
+                                                   (tmp / "wrong.token").string() + "\"");
+}
+
+TEST_F(UiTest, SettingsSavedFromTheFormAreWhatGetCfgReturns) {
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  QLineEdit* const uploads = part<QLineEdit>(*window, "ConcurrentUploads");
+  QLineEdit* const spool = part<QLineEdit>(*window, "SpoolFolder");
+  QCheckBox* const dirName = part<QCheckBox>(*window, "UseDirName");
+  QPushButton* const save = part<QPushButton>(*window, "saveSettings");
+  QLabel* const outcome = label(*window, "settingsOutcome");
+  ASSERT_TRUE(uploads && spool && dirName && save && outcome);
+  expectShown([uploads] { return uploads->text(); }, "2");  // the default, filled in
+  EXPECT_EQ(out.string(), spool->text().toStdString());
+  EXPECT_EQ(QLineEdit::Password, part<QLineEdit>(*window, "InetProxyPassword")->echoMode());
+  EXPECT_EQ(QLineEdit::Password, part<QLineEdit>(*window, "EmailPassword")->echoMode());
+  EXPECT_EQ(QLineEdit::Normal, part<QLineEdit>(*window, "InetProxyUser")->echoMode());
+
+  struct Row {
+    char const* uploads;
+    char const* spool;
+    std::string outcome;
+  };
+  // Refused by the check before sending, then by the service itself.
+  std::vector<Row> const refused{
+      {"0", "", "Configuration not saved: \"ConcurrentUploads\" must be an integer from 1 to 1024"},
+      {"many", "", "Configuration not saved: \"ConcurrentUploads\" must be an integer from 1 to 1024"},
+      {"3", "/etc",
+       "Configuration not saved: the outgoing folder \"/etc\": \"/etc\" is a system location"},
+  };
+  for (Row const& row : refused) {
+    SCOPED_TRACE(std::string(row.uploads) + " " + row.spool);
+    uploads->setText(QString::fromLatin1(row.uploads));
+    spool->setText(*row.spool ? QString::fromLatin1(row.spool) : QString::fromStdString(out.string()));
+    QTest::mouseClick(save, Qt::LeftButton);
+    expectText(outcome, row.outcome);
+    EXPECT_TRUE(configValue("ConcurrentUploads").empty());
+  }
+
+  spool->setText(QString::fromStdString(out.string()));
+  uploads->setText(QStringLiteral("3"));
+  dirName->setChecked(true);
+  QTest::mouseClick(save, Qt::LeftButton);
+  expectText(outcome, "Configuration saved to \"" + (tmp / "config.json").string() +
+                          "\"\nUseDirName: false \u2192 true\nConcurrentUploads: 2 \u2192 3");
+  EXPECT_EQ(3, json_integer_value(configValue("ConcurrentUploads").get()));
+  EXPECT_TRUE(configValue("UseDirName").isTrue());
+  EXPECT_EQ(out.string(), configValue("SpoolFolder").asStringSafe());
+}
+
+TEST_F(UiTest, ConfigurationTestLinesArriveInOrderWhileTheWindowStaysResponsive) {
+  // The service serves on the port of its configuration, so that the port
+  // check does not depend on what else binds ports on this machine.
+  stopService();
+  qxtest::HeldPort ipc;
+  writeConfig(",\"IpcPort\":" + ipc.text());
+  ipc.release();
+  ASSERT_TRUE(startService(ipc.port()));
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  QListWidget* const lines = part<QListWidget>(*window, "testLines");
+  QPushButton* const run = part<QPushButton>(*window, "runTest");
+  ASSERT_TRUE(lines && run);
+
+  // The event loop's longest pause while the test runs.
+  QElapsedTimer sinceTick;
+  qint64 longestPause = 0;
+  QTimer ticker;
+  QObject::connect(&ticker, &QTimer::timeout, [&] {
+    longestPause = std::max(longestPause, sinceTick.restart());
+  });
+  sinceTick.start();
+  ticker.start(5);
+  QTest::mouseClick(run, Qt::LeftButton);
+  expectText(label(*window, "testSummary"), "The test found 0 error(s).");
+  ticker.stop();
+  std::vector<std::string> shown;
+  for (int i = 0; i < lines->count(); ++i) shown.push_back(lines->item(i)->text().toStdString());
+  std::vector<std::string> const expected{
+      "+ The configuration's values are accepted",
+      "+ The incoming folder \"" + in.string() + "\" exists and can be written",
+      "+ The outgoing folder \"" + out.string() + "\" exists and can be written",
+      "+ The backup folder \"" + backup().string() + "\" exists and can be written",
+      "+ The rejected folder \"" + (backup() / ".rejected").string() + "\" exists and can be written",
+      "+ The spool folders are distinct",
+      "+ The extension lists hold texts only",
+      "+ The IPC port " + ipc.text() + " is the one this service uses",
+      "* No server address is set",
+      "* No SMTP server is set: no e-mail notices",
+      "* Backup is off",
+  };
+  EXPECT_EQ(expected, shown);
+  EXPECT_TRUE(run->isEnabled());
+  EXPECT_LT(longestPause, 500) << "the event loop stood still for " << longestPause << " ms";
+  // Each kind has its colour: a warning is not drawn as a passed check.
+  ASSERT_EQ(expected.size(), static_cast<std::size_t>(lines->count()));
+  EXPECT_EQ(QColor(QStringLiteral("#1b6e20")), lines->item(0)->foreground().color());
+  EXPECT_EQ(QColor(QStringLiteral("#8a5a00")), lines->item(8)->foreground().color());
+}
+
+TEST(DropZoneTest, TheProgressSaysHowMuchHowFastAndHowLongIsLeft) {
+  struct Row {
+    qint64 sent;
+    qint64 total;
+    double rate;
+    std::string text;
+  };
+  std::vector<Row> const rows{
+      {0, 41943040, 0, "0 B of 40.0 MiB"},
+      {12582912, 41943040, 8493465.6, "12.0 MiB of 40.0 MiB, 8.1 MiB/s, 0:03 left"},
+      {1048576, 1073741824, 1048576, "1.0 MiB of 1.0 GiB, 1.0 MiB/s, 17:03 left"},
+      // More written than the files hold (the request's own bytes): all of it.
+      {5000, 4096, 4096, "4.0 KiB of 4.0 KiB, 4.0 KiB/s, 0:00 left"},
+  };
+  qxui::DropZone zone;
+  for (Row const& row : rows) {
+    SCOPED_TRACE(row.text);
+    zone.showProgress(row.sent, row.total, row.rate);
+    EXPECT_EQ(row.text, zone.progressText().toStdString());
+  }
+  zone.hideProgress();
+  EXPECT_EQ("", zone.progressText().toStdString());
+}
+
+// The program's command line is read before it needs a display.
+TEST(UiProgramTest, AWrongCommandLineIsOneLineAndStatus2) {
+  qxtest::TempDir tmp;
+  struct Row {
+    std::vector<std::string> args;
+    int status;
+    std::string err;
+  };
+  std::vector<Row> const rows{
+      {{"--port", "0"}, 2, "qxlite-ui: --port: \"0\" is not a port number from 1 to 65535\n"},
+      {{"--port", "http"}, 2, "qxlite-ui: --port: \"http\" is not a port number from 1 to 65535\n"},
+      {{"--bogus"}, 2, "qxlite-ui: Unknown option 'bogus'. (see qxlite-ui --help)\n"},
+      {{"--version"}, 0, ""},
+  };
+  for (Row const& row : rows) {
+    SCOPED_TRACE(::testing::PrintToString(row.args));
+    Child program(QX_UI_PROGRAM, row.args, tmp / "out", tmp / "err");
+    ASSERT_TRUE(program.wait());
+    EXPECT_EQ(row.status, program.status());
+    EXPECT_EQ(row.err, program.err());
+    EXPECT_EQ(row.status == 0 ? "qxlite-ui 7.0.1\n" : "", program.out());
+  }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // No display is needed, nor wanted.
+  if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  ::signal(SIGPIPE, SIG_IGN);
+  QApplication app(argc, argv);
+  QLocale::setDefault(QLocale::c());
+  ::testing::InitGoogleTest(&argc, argv);
+  return RUN_ALL_TESTS();
+}
