@@ -309,6 +309,27 @@ TEST_F(MailNoticesTest, WrongSmtpCredentialsAreLoggedOncePerOutage) {
   stopService();
 }
 
+TEST_F(MailNoticesTest, ASmtpServerThatIsDownIsLoggedOnceAndUploadsGoOn) {
+  qxtest::HeldPort const down;  // bound, not listening: connections are refused
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  std::string const url = "smtp://127.0.0.1:" + down.text();
+  writeConfig(dav.url + "/mail-down-" + fs::unique_path("%%%%%%%%").string(),
+              emailKeys(url, MailTestServer::kPassword, ",\"EmailNotifyFailure\":true,\"EmailNotifySuccess\":true"));
+  writeCredentials(dav.user, dav.password);
+  startService({"--mail-window", "0"});
+  drop("one.exe", "x");
+  std::string const failed = "WARNING:qxlite-svc cannot send e-mail notices through \"" + url +
+                             "\": Failed to connect to 127.0.0.1 port " + down.text() + " after ";
+  ASSERT_TRUE(logSays(failed)) << service->err();
+  drop("two.txt", "two\n");
+  ASSERT_TRUE(logSays("INFO:qxlite-svc uploaded job ")) << service->err();
+  // Tried again after 0.5, 1 and 2 s meanwhile: still the one line.
+  std::this_thread::sleep_for(std::chrono::seconds(4));
+  EXPECT_EQ(1u, countLinesStartingWith(service->err(), "WARNING:qxlite-svc cannot send e-mail notices"))
+      << service->err();
+  EXPECT_LT(stopService(), std::chrono::seconds(3)) << service->err();
+}
+
 TEST_F(MailNoticesTest, AStalledSmtpServerDelaysNeitherUploadsNorTheStop) {
   qxtest::SilentPort silent;
   ASSERT_NE(0, silent.port());
