@@ -36,8 +36,7 @@ cat > "$demo/config.json" <<JSON
 {"ReceiveFolder": "$demo/spool/in", "SpoolFolder": "$demo/spool/out",
  "BackupFolder": "$demo/spool/backup", "BackupExpireSecs": 604800,
  "AccountId": "demo", "MinFilesToZip": -8,
- "InetServer": "$QX_DAV_URL/uploads",
- "EmailSmtpUrl": "smtp://mail.example.org:587"}
+ "InetServer": "$QX_DAV_URL/uploads"}
 JSON
 # The upload account: a file only the service's user may read.
 ( umask 077; printf '{"user": "%s", "secret": "%s"}\n' "$QX_DAV_USER" "$QX_DAV_PASSWORD" > "$demo/credentials.json" )

@@ -44,6 +44,8 @@
 
 namespace {
 
+using qxtest::logLines;
+
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
 using qxtest::Child;
@@ -88,17 +90,6 @@ bool matchesShape(std::string const& text, std::string const& pattern) {
   return true;
 }
 
-// The log lines without their timestamps ("2026-01-31T12:00:00.000Z "); a
-// line without one is kept whole, so that comparisons show it.
-std::vector<std::string> logLines(std::string const& text) {
-  static std::string const stamp = "9999-99-99T99:99:99.999Z ";
-  std::vector<std::string> result;
-  for (std::string const& line : splitLines(text)) {
-    bool const stamped = matchesShape(line.substr(0, stamp.size()), stamp);
-    result.push_back(stamped ? line.substr(stamp.size()) : line);
-  }
-  return result;
-}
 
 // The decimal number at text[pos...], or 0.
 unsigned long numberAt(std::string const& text, std::string::size_type pos) {

@@ -26,21 +26,26 @@
 
 namespace {
 
+using qxtest::logLines;
+
 namespace fs = boost::filesystem;
 using qxtest::MailTestServer;
 
 constexpr char kFrom[] = "qxlite@scanner.example.org";
 constexpr char kTo[] = "ops@example.org, desk@example.com";
 
-// The lines of text without the log's timestamps.
-std::vector<std::string> logLines(std::string const& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(qxtest::LogCapture::hasLineStart(line) ? line.substr(qxtest::LogCapture::kLineStartSize) : line);
-  }
-  return lines;
+// The headers of a notice as shown (steady()), in the service's order, up to
+// the empty line.
+std::string headersWith(std::string const& subject) {
+  return std::string("Date: DATE\n") + "From: " + kFrom + "\nTo: " + kTo + "\nSubject: " + subject +
+         "\n"
+         "Message-ID: <ID@scanner.example.org>\n"
+         "Auto-Submitted: auto-generated\n"
+         "MIME-Version: 1.0\n"
+         "Content-Type: text/plain; charset=\"UTF-8\"\n"
+         "Content-Transfer-Encoding: base64\n";
 }
+
 
 std::size_t countLinesStartingWith(std::string const& text, std::string const& start) {
   std::vector<std::string> const lines = logLines(text);
@@ -136,16 +141,7 @@ TEST_F(MailNoticesTest, ARejectedItemMailsOneNoticeWithItsReason) {
   std::vector<fs::path> const mails = smtp.messages();
   std::string const shown = smtp.shown(mails.front());
   EXPECT_EQ(
-      "Date: DATE\n"
-      "From: qxlite@scanner.example.org\n"
-      "To: ops@example.org, desk@example.com\n"
-      "Subject: QXLite: an upload was rejected\n"
-      "Message-ID: <ID@scanner.example.org>\n"
-      "Auto-Submitted: auto-generated\n"
-      "MIME-Version: 1.0\n"
-      "Content-Type: text/plain; charset=\"UTF-8\"\n"
-      "Content-Transfer-Encoding: base64\n"
-      "\n"
+      headersWith("QXLite: an upload was rejected") + "\n"
       "qxlite-svc on HOST:\n"
       "\n"
       "Rejected at TIME: \"scan.exe\"\n"
@@ -195,16 +191,7 @@ TEST_F(MailNoticesTest, AHostileFileNameStaysInTheBodyAndAddsNoHeader) {
   std::string const shown = steady(smtp.shown(mails.front()));
   // Exactly the service's headers, in its order; the name only in the body.
   EXPECT_EQ(
-      "Date: DATE\n"
-      "From: qxlite@scanner.example.org\n"
-      "To: ops@example.org, desk@example.com\n"
-      "Subject: QXLite: an upload was rejected\n"
-      "Message-ID: <ID@scanner.example.org>\n"
-      "Auto-Submitted: auto-generated\n"
-      "MIME-Version: 1.0\n"
-      "Content-Type: text/plain; charset=\"UTF-8\"\n"
-      "Content-Transfer-Encoding: base64\n"
-      "\n",
+      headersWith("QXLite: an upload was rejected") + "\n",
       shown.substr(0, shown.find("\n\n") + 2))
       << smtp.raw(mails.front());
   // In the body, escaped as in the log: one line.
@@ -433,16 +420,7 @@ TEST_F(MailNoticesTest, NotifyTestMailsOneNoticeAndPrintsTheServersAnswer) {
   EXPECT_EQ("", sent.err);
   ASSERT_EQ(1u, smtp.messages().size());
   EXPECT_EQ(
-      "Date: DATE\n"
-      "From: qxlite@scanner.example.org\n"
-      "To: ops@example.org, desk@example.com\n"
-      "Subject: QXLite: test notice\n"
-      "Message-ID: <ID@scanner.example.org>\n"
-      "Auto-Submitted: auto-generated\n"
-      "MIME-Version: 1.0\n"
-      "Content-Type: text/plain; charset=\"UTF-8\"\n"
-      "Content-Transfer-Encoding: base64\n"
-      "\n"
+      headersWith("QXLite: test notice") + "\n"
       "qxlite-svc on HOST:\n"
       "\n"
       "This is a test notice, sent as asked with qxlite notify-test.\n",

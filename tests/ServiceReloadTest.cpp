@@ -22,17 +22,10 @@
 
 namespace {
 
+using qxtest::logLines;
+
 namespace fs = boost::filesystem;
 
-// The log's lines without their timestamps.
-std::vector<std::string> logLines(std::string const& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(qxtest::LogCapture::hasLineStart(line) ? line.substr(qxtest::LogCapture::kLineStartSize) : line);
-  }
-  return lines;
-}
 
 std::string configText(fs::path const& dir, std::string const& address, std::string const& extra) {
   return "{\"ReceiveFolder\":\"" + (dir / "in").string() + "\",\"SpoolFolder\":\"" + (dir / "out").string() +

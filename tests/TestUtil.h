@@ -143,6 +143,17 @@ class LogCapture {
   std::ostringstream m_stream;
 };
 
+// The lines of a log's text (a service's standard error) without their
+// timestamps; a line without one is kept whole, so that comparisons show it.
+inline std::vector<std::string> logLines(std::string const& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(LogCapture::hasLineStart(line) ? line.substr(LogCapture::kLineStartSize) : line);
+  }
+  return lines;
+}
+
 }  // namespace qxtest
 
 #endif  // QX_TESTS_TESTUTIL_H

@@ -168,8 +168,8 @@ void UiSession::refresh() {
   });
 }
 
-void UiSession::pause(bool discardWaiting) {
-  auto cmd = std::make_shared<Ipc::Pause>(nullptr, discardWaiting);
+template <class Cmd>
+void UiSession::sendAndTell(std::shared_ptr<Cmd> const& cmd) {
   send(cmd, [this, cmd](std::string const& error) {
     if (!error.empty()) {
       emit commandAnswered(QString::fromStdString(error), false);
@@ -181,18 +181,9 @@ void UiSession::pause(bool discardWaiting) {
   });
 }
 
-void UiSession::resume() {
-  auto cmd = std::make_shared<Ipc::Resume>(nullptr);
-  send(cmd, [this, cmd](std::string const& error) {
-    if (!error.empty()) {
-      emit commandAnswered(QString::fromStdString(error), false);
-      return;
-    }
-    emit commandAnswered(cmd->ok || !cmd->msg.empty() ? QString::fromStdString(cmd->msg) : tr("the service refused it"),
-                         cmd->ok);
-    refresh();
-  });
-}
+void UiSession::pause(bool discardWaiting) { sendAndTell(std::make_shared<Ipc::Pause>(nullptr, discardWaiting)); }
+
+void UiSession::resume() { sendAndTell(std::make_shared<Ipc::Resume>(nullptr)); }
 
 void UiSession::fetchConfig() {
   auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);

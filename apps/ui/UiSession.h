@@ -119,6 +119,9 @@ class UiSession : public QObject {
   void refresh();
   // Runs cmd; done(error) then runs on this object's thread.
   void send(std::shared_ptr<Ipc::CmdI> const& cmd, Done done);
+  // Sends cmd (Pause or Resume) and tells its answer (commandAnswered).
+  template <class Cmd>
+  void sendAndTell(std::shared_ptr<Cmd> const& cmd);
   // A client for the service as it is found now; false (the state saying
   // why) when there is none to talk to.
   bool connectClient();
