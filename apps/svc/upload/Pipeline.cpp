@@ -1603,7 +1603,12 @@ void Pipeline::Impl::giveUpLocked(std::string const& jobId, JobState state, std:
   JobRow row;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
-    row = m_jobs[jobId].row;
+    auto const it = m_jobs.find(jobId);
+    if (it == m_jobs.end()) {
+      logError(std::string("cannot give up job ") + jobId + ": the service has no such job");
+      return;
+    }
+    row = it->second.row;
   }
   // A final job here is one whose move a crash interrupted: told already.
   bool const news = !isFinal(row.state);
