@@ -395,7 +395,7 @@ TEST_F(MailNoticesTest, TheHourlyLimitLeavesNoticesOutWithALogLine) {
   drop("first.exe", "x");
   ASSERT_TRUE(smtp.waitForMessages(1)) << service->err();
   drop("second.exe", "x");
-  ASSERT_TRUE(logSays("WARNING:qxlite-svc leaves out 1 e-mail notice(s) of kind \"rejected\": 1 mails went out in "
+  ASSERT_TRUE(logSays("WARNING:qxlite-svc leaves out 1 e-mail notice(s) of kind \"rejected\": 1 mail went out in "
                       "the last hour"))
       << service->err();
   stopService();

@@ -56,6 +56,11 @@ std::string utcTime(std::int64_t unixSeconds) {
   return text;
 }
 
+// "1 mail goes", "12 mails go": the hourly limit as a sentence part.
+std::string mailsOf(std::size_t count, char const* one, char const* many) {
+  return std::to_string(count) + (count == 1 ? " mail " + std::string(one) : " mails " + std::string(many));
+}
+
 std::string joined(std::vector<std::string> const& parts) {
   std::string text;
   for (std::string const& p : parts) text += (text.empty() ? "" : ", ") + p;
@@ -277,14 +282,14 @@ void Notifier::run() {
     if (m_sentTimes.size() >= m_options.mailsPerHour) {
       m_leftOut += ids.size();
       logWarning("leaves out " + std::to_string(ids.size()) + " e-mail notice(s) of kind \"" + kind + "\": " +
-                 std::to_string(m_options.mailsPerHour) + " mails went out in the last hour");
+                 mailsOf(m_options.mailsPerHour, "went", "went") + " out in the last hour");
       forget(ids);
       continue;
     }
     std::string body = "qxlite-svc on " + hostName() + ":\n" + texts;
     if (m_leftOut > 0) {
       body += "\n" + std::to_string(m_leftOut) + " more notice(s) were left out: at most " +
-              std::to_string(m_options.mailsPerHour) + " mails go out in an hour.\n";
+              mailsOf(m_options.mailsPerHour, "goes", "go") + " out in an hour.\n";
     }
     Settings const settings = qxapp::independentCopy(m_settings);
     std::uint64_t const leftOutTold = m_leftOut;
