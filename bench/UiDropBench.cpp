@@ -1,0 +1,369 @@
+// The desktop program's drop of a big file against the command-line
+// client's drop of the same file to the same service, and the longest stall
+// of the window's event loop meanwhile.
+//
+//   UiDropBench [--size=BYTES] [--runs=N] [--warmups=N] [--dir=FOLDER] [--check-targets]
+//
+// A real qxlite-svc runs for the whole bench, started here on a port of the
+// system's choice with its own configuration, folders and runtime file; the
+// window (qxui::MainWindow, in this process, on the offscreen platform
+// unless QT_QPA_PLATFORM says otherwise) and `qxlite drop` both find it by
+// that runtime file. The window pauses the service first: a paused service
+// leaves its incoming folder alone, so that no intake work of one drop runs
+// during the next; every dropped copy is compared with the source there,
+// then removed.
+//
+// The window's drop is timed from the window's drop call (what a drop on
+// the zone and the command line both end in) to the answer it shows; the
+// client's from its start to its exit, after it printed its answer. Both
+// include the same checks and the same GetCfg round trip. Meanwhile a timer
+// of kTickMs on the window's thread records the longest gap between its
+// runs: the longest time a person would wait for the window to react.
+//
+// The size defaults to 1 GiB (or QX_BENCH_DROP_SIZE), in a file of a type
+// that the service takes (".pdf"). The source is written
+// once and read once before timing (page cache). Each run times both drops,
+// starting with a different one each run, after untimed warm-up rounds (1 by
+// default); the medians of the timed runs (5 by default) are reported, with
+// each run's figure.
+//
+// Targets: the window's rate is at least 0.9 times the client's, and its
+// event loop never stalls for 50 ms or more. With --check-targets the exit
+// status is 1 when one is missed; it is 2 when something fails.
+#include "apps/ui/MainWindow.h"
+#include "bench/BenchBytes.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <QApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QProcess>
+#include <QTimer>
+
+#include <boost/filesystem.hpp>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace fs = boost::filesystem;
+using Clock = std::chrono::steady_clock;
+
+namespace {
+
+constexpr std::size_t kBlock = 1 << 20;
+constexpr int kTickMs = 5;
+constexpr int kTransferLimitMs = 10 * 60 * 1000;
+constexpr double kRatioTarget = 0.9;
+constexpr double kStallTargetMs = 50;
+
+[[noreturn]] void fail(std::string const& what) {
+  std::fprintf(stderr, "UiDropBench: %s\n", what.c_str());
+  std::exit(2);
+}
+
+std::string errnoText(std::string const& what) { return what + ": " + std::strerror(errno); }
+
+struct Options {
+  std::uint64_t size = std::uint64_t(1) << 30;
+  int runs = 5;
+  int warmups = 1;  // untimed rounds first
+  fs::path dir;
+  bool checkTargets = false;
+};
+
+Options parseOptions(int argc, char** argv) {
+  Options o;
+  if (char const* env = std::getenv("QX_BENCH_DROP_SIZE")) o.size = std::strtoull(env, nullptr, 10);
+  for (int i = 1; i < argc; ++i) {
+    std::string const arg = argv[i];
+    auto value = [&](char const* key) -> char const* {
+      std::size_t const len = std::strlen(key);
+      return arg.compare(0, len, key) == 0 ? argv[i] + len : nullptr;
+    };
+    if (char const* v = value("--size=")) {
+      o.size = std::strtoull(v, nullptr, 10);
+    } else if (char const* v = value("--runs=")) {
+      o.runs = std::atoi(v);
+    } else if (char const* v = value("--warmups=")) {
+      o.warmups = std::atoi(v);
+    } else if (char const* v = value("--dir=")) {
+      o.dir = v;
+    } else if (arg == "--check-targets") {
+      o.checkTargets = true;
+    } else {
+      std::fprintf(stderr,
+                   "usage: UiDropBench [--size=BYTES] [--runs=N] [--warmups=N] [--dir=FOLDER] [--check-targets]\n");
+      std::exit(2);
+    }
+  }
+  if (o.size == 0 || o.runs < 1 || o.warmups < 0) fail("the size and the number of runs must be positive");
+  return o;
+}
+
+void writeText(fs::path const& file, std::string const& text) {
+  std::ofstream out(file.string(), std::ios::binary | std::ios::trunc);
+  out << text;
+  if (!out.flush()) fail("cannot write " + file.string());
+}
+
+void writeSource(fs::path const& file, std::uint64_t size) {
+  int const fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  if (fd < 0) fail(errnoText("create " + file.string()));
+  std::vector<char> block(kBlock);
+  for (std::uint64_t done = 0, index = 0; done < size; ++index) {
+    qxbench::fillBlock(block, index);
+    std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size - done));
+    if (::write(fd, block.data(), n) != static_cast<ssize_t>(n)) fail(errnoText("write " + file.string()));
+    done += n;
+  }
+  // On disk before timing, so that its write-back does not slow the runs.
+  if (::fsync(fd) != 0) fail(errnoText("fsync " + file.string()));
+  ::close(fd);
+}
+
+// Reads the whole file (to have it in the page cache).
+void readThrough(fs::path const& file) {
+  std::ifstream in(file.string(), std::ios::binary);
+  std::vector<char> block(kBlock);
+  while (in.read(block.data(), static_cast<std::streamsize>(block.size())) || in.gcount() > 0) {
+  }
+}
+
+bool sameContent(fs::path const& a, fs::path const& b) {
+  std::ifstream x(a.string(), std::ios::binary), y(b.string(), std::ios::binary);
+  if (!x || !y) return false;
+  std::vector<char> bx(kBlock), by(kBlock);
+  for (;;) {
+    x.read(bx.data(), static_cast<std::streamsize>(bx.size()));
+    y.read(by.data(), static_cast<std::streamsize>(by.size()));
+    if (x.gcount() != y.gcount()) return false;
+    if (x.gcount() == 0) return true;
+    if (std::memcmp(bx.data(), by.data(), static_cast<std::size_t>(x.gcount())) != 0) return false;
+  }
+}
+
+double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
+
+double median(std::vector<double> v) {
+  std::sort(v.begin(), v.end());
+  std::size_t const n = v.size();
+  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
+}
+
+std::string runsText(std::vector<double> const& v, char const* format) {
+  std::string text;
+  char buf[32];
+  for (double x : v) {
+    std::snprintf(buf, sizeof buf, format, x);
+    text += (text.empty() ? "" : " ") + std::string(buf);
+  }
+  return text;
+}
+
+// The longest gap between two runs of a timer on this thread, from start()
+// on: how long the event loop was kept from anything else.
+class StallMeter {
+ public:
+  StallMeter() {
+    m_timer.setTimerType(Qt::PreciseTimer);
+    m_timer.setInterval(kTickMs);
+    QObject::connect(&m_timer, &QTimer::timeout, [this] {
+      m_longestMs = std::max(m_longestMs, static_cast<double>(m_sinceLast.nsecsElapsed()) / 1e6);
+      m_sinceLast.restart();
+    });
+  }
+  StallMeter(StallMeter const&) = delete;
+  StallMeter& operator=(StallMeter const&) = delete;
+
+  void start() {
+    m_longestMs = 0;
+    m_sinceLast.start();
+    m_timer.start();
+  }
+  // The longest gap, the one still open included.
+  double stop() {
+    m_timer.stop();
+    return std::max(m_longestMs, static_cast<double>(m_sinceLast.nsecsElapsed()) / 1e6);
+  }
+
+ private:
+  QTimer m_timer;
+  QElapsedTimer m_sinceLast;
+  double m_longestMs = 0;
+};
+
+// Runs the event loop until done() holds or limitMs pass; false on the limit.
+bool runUntil(std::function<bool()> const& done, int limitMs) {
+  QElapsedTimer clock;
+  clock.start();
+  while (!done()) {
+    if (clock.elapsed() > limitMs) return false;
+    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+  }
+  return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options const options = parseOptions(argc, argv);
+  ::signal(SIGPIPE, SIG_IGN);
+  if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  QApplication app(argc, argv);
+
+  fs::path const work = (options.dir.empty() ? fs::temp_directory_path() : options.dir) /
+                        fs::unique_path("qx-uidropbench-%%%%-%%%%");
+  fs::path const in = work / "spool" / "in";
+  fs::path const runtimeFolder = work / "run";
+  fs::path const source = work / "source.pdf";
+  fs::path const dropped = in / source.filename();
+  fs::create_directories(work);
+  writeText(work / "config.json", "{\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" +
+                                      (work / "spool" / "out").string() + "\",\"BackupFolder\":\"" +
+                                      (work / "spool" / "backup").string() + "\"}");
+
+  QProcess service;
+  service.setStandardOutputFile(QProcess::nullDevice());
+  service.setStandardErrorFile(QString::fromStdString((work / "svc.err").string()));
+  service.start(QStringLiteral(QX_SVC_PROGRAM),
+                {QStringLiteral("--config"), QString::fromStdString((work / "config.json").string()),
+                 QStringLiteral("--token-file"), QString::fromStdString((work / "ipc.token").string()),
+                 QStringLiteral("--port"), QStringLiteral("0"), QStringLiteral("--foreground"), QStringLiteral("--state-dir"),
+                 QString::fromStdString((work / "state").string()), QStringLiteral("--credentials"),
+                 QString::fromStdString((work / "credentials.json").string()), QStringLiteral("--runtime-dir"),
+                 QString::fromStdString(runtimeFolder.string())});
+  if (!service.waitForStarted()) fail("cannot start " QX_SVC_PROGRAM ": " + service.errorString().toStdString());
+
+  writeSource(source, options.size);
+  readThrough(source);
+
+  qxui::UiSession::Where where;
+  where.runtimeFolder = runtimeFolder.string();
+  qxui::MainWindow window(where);
+  window.show();
+  if (!runUntil([&] { return window.session().state() == qxui::UiSession::State::Connected; }, 30000)) {
+    fail("the window did not reach the service: " + window.session().stateText().toStdString());
+  }
+
+  bool paused = false;
+  QObject::connect(&window.session(), &qxui::UiSession::commandAnswered, [&](QString const& text, bool ok) {
+    if (!ok) fail("the service did not pause: " + text.toStdString());
+    paused = true;
+  });
+  window.session().pause(false);
+  if (!runUntil([&] { return paused; }, 30000)) fail("the service did not answer the pause");
+
+  QStringList const sourceList{QString::fromStdString(source.string())};
+  QStringList answered;  // the window's answer to its last drop
+  bool answerOk = false;
+  bool hasAnswer = false;
+  QObject::connect(&window.session(), &qxui::UiSession::dropAnswered, [&](QStringList const& lines, bool ok) {
+    answered = lines;
+    answerOk = ok;
+    hasAnswer = true;
+  });
+
+  double const gib = static_cast<double>(options.size) / double(1 << 30);
+  std::vector<double> uiRate, cliRate, stallMs;
+  QString cliAnswer;
+  StallMeter meter;
+
+  auto checkAndRemoveCopy = [&](char const* who) {
+    if (!sameContent(source, dropped)) {
+      std::string held;
+      for (auto const& entry : fs::directory_iterator(in)) held += " \"" + entry.path().filename().string() + "\"";
+      fail(std::string("the copy of ") + who + " differs from the source, or is not " + dropped.string() +
+           " (the incoming folder holds:" + held + ")");
+    }
+    fs::remove(dropped);
+  };
+
+  auto timeWindow = [&] {
+    hasAnswer = false;
+    meter.start();
+    auto const t0 = Clock::now();
+    window.dropWhenConnected(sourceList);
+    if (!runUntil([&] { return hasAnswer; }, kTransferLimitMs)) fail("the window's drop got no answer in time");
+    auto const t1 = Clock::now();
+    stallMs.push_back(meter.stop());
+    if (!answerOk) fail("the window's drop failed: " + answered.join(QLatin1Char('\n')).toStdString());
+    checkAndRemoveCopy("the window");
+    uiRate.push_back(gib / seconds(t1 - t0));
+  };
+
+  auto timeClient = [&] {
+    QProcess client;
+    client.setProcessChannelMode(QProcess::SeparateChannels);
+    auto const t0 = Clock::now();
+    client.start(QStringLiteral(QX_CLI_PROGRAM), {QStringLiteral("--runtime-dir"),
+                                                  QString::fromStdString(runtimeFolder.string()),
+                                                  QStringLiteral("drop"), sourceList.front()});
+    if (!client.waitForFinished(kTransferLimitMs)) fail("qxlite drop did not end in time");
+    auto const t1 = Clock::now();
+    if (client.exitStatus() != QProcess::NormalExit || client.exitCode() != 0) {
+      fail("qxlite drop failed: " + client.readAllStandardError().toStdString());
+    }
+    cliAnswer = QString::fromUtf8(client.readAllStandardOutput()).trimmed();
+    checkAndRemoveCopy("qxlite drop");
+    cliRate.push_back(gib / seconds(t1 - t0));
+  };
+
+  // The order turns with each run: whichever comes first after a pause tends
+  // to pay for page-cache memory that the system has to find.
+  std::vector<std::function<void()>> const drops{timeWindow, timeClient};
+  for (int run = -options.warmups; run < options.runs; ++run) {
+    for (std::size_t i = 0; i < drops.size(); ++i) {
+      drops[(i + static_cast<std::size_t>(run + options.warmups)) % drops.size()]();
+    }
+    if (run < 0) {
+      uiRate.clear();
+      cliRate.clear();
+      stallMs.clear();
+    }
+  }
+  // Both tell a person the same.
+  if (answered != QStringList{cliAnswer}) {
+    fail("the window answered \"" + answered.join(QLatin1Char('\n')).toStdString() + "\", qxlite drop \"" +
+         cliAnswer.toStdString() + "\"");
+  }
+
+  window.session().stop();
+  service.terminate();
+  bool const serviceStopped = service.waitForFinished(20000);
+  bool const serviceClean =
+      serviceStopped && service.exitStatus() == QProcess::NormalExit && service.exitCode() == 0;
+  if (!serviceStopped) service.kill();
+  fs::remove_all(work);
+
+  std::vector<double> ratios;
+  for (std::size_t i = 0; i < uiRate.size(); ++i) ratios.push_back(uiRate[i] / cliRate[i]);
+  double const ratio = median(uiRate) / median(cliRate);
+  double const worstStall = *std::max_element(stallMs.begin(), stallMs.end());
+  bool const ratioMet = ratio >= kRatioTarget, stallMet = worstStall < kStallTargetMs;
+  std::printf("UiDropBench: %llu bytes (%.3f GiB), %d run(s) after %d warm-up round(s), medians\n",
+              static_cast<unsigned long long>(options.size), gib, options.runs, options.warmups);
+  std::printf("  drop from the window      %7.3f GiB/s   (runs: %s)\n", median(uiRate),
+              runsText(uiRate, "%.3f").c_str());
+  std::printf("  qxlite drop               %7.3f GiB/s   (runs: %s)\n", median(cliRate),
+              runsText(cliRate, "%.3f").c_str());
+  std::printf("  window / qxlite           %7.2f        (target >= %.2f: %s; runs: %s)\n", ratio, kRatioTarget,
+              ratioMet ? "met" : "MISSED", runsText(ratios, "%.2f").c_str());
+  std::printf("  event loop's longest gap  %7.1f ms     (median; worst %.1f, target < %.0f ms: %s; timer %d ms; "
+              "runs: %s)\n",
+              median(stallMs), worstStall, kStallTargetMs, stallMet ? "met" : "MISSED", kTickMs,
+              runsText(stallMs, "%.1f").c_str());
+  if (!serviceClean) fail("the service did not end cleanly");
+  return options.checkTargets && !(ratioMet && stallMet) ? 1 : 0;
+}
