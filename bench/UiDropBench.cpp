@@ -205,12 +205,16 @@ class StallMeter {
 };
 
 // Runs the event loop until done() holds or limitMs pass; false on the limit.
+// It sleeps between events: processEvents with a time limit never waits, and
+// its spinning would take a core from the transfer being timed.
 bool runUntil(std::function<bool()> const& done, int limitMs) {
   QElapsedTimer clock;
   clock.start();
+  QTimer wakeUp;  // so that the limit is seen when no event comes
+  wakeUp.start(100);
   while (!done()) {
     if (clock.elapsed() > limitMs) return false;
-    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 50);
+    QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
   }
   return true;
 }
