@@ -97,9 +97,9 @@ store or a WebDAV server, crash-safe, and runs as its own user under
 systemd. qxlite drives it (status, drops, uploads, configuration);
 qxlite-cfg checks and normalises a configuration file.")
 
-# Qt's libraries come from dpkg-shlibdeps. The program talks to a service on
-# this machine, most often the one of the package qxlite; one on another
-# machine, or started by hand, serves as well.
+# Qt's libraries come from dpkg-shlibdeps. The program talks to the service
+# on this machine: most often the one of the package qxlite, but one
+# installed without the package serves as well, hence only Recommends.
 set(CPACK_DEBIAN_UI_PACKAGE_SECTION net)
 set(CPACK_DEBIAN_UI_PACKAGE_DEPENDS "libqxlitecommon7 ${qx_exact}")
 set(CPACK_DEBIAN_UI_PACKAGE_RECOMMENDS qxlite)
