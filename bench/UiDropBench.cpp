@@ -56,6 +56,8 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
+#include <iterator>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -70,10 +72,29 @@ constexpr int kTransferLimitMs = 10 * 60 * 1000;
 constexpr double kRatioTarget = 0.9;
 constexpr double kStallTargetMs = 50;
 
-[[noreturn]] void fail(std::string const& what) {
-  std::fprintf(stderr, "UiDropBench: %s\n", what.c_str());
-  std::exit(2);
-}
+// Thrown, never from a slot, so that the service and the work folder go on
+// the way out.
+struct BenchFailure : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+[[noreturn]] void fail(std::string const& what) { throw BenchFailure(what); }
+
+// Removes a folder and all it holds when it goes.
+class RemovedFolder {
+ public:
+  explicit RemovedFolder(fs::path folder) : m_folder(std::move(folder)) { fs::create_directories(m_folder); }
+  ~RemovedFolder() {
+    boost::system::error_code ignored;
+    fs::remove_all(m_folder, ignored);
+  }
+  RemovedFolder(RemovedFolder const&) = delete;
+  RemovedFolder& operator=(RemovedFolder const&) = delete;
+  fs::path const& path() const { return m_folder; }
+
+ private:
+  fs::path const m_folder;
+};
 
 std::string errnoText(std::string const& what) { return what + ": " + std::strerror(errno); }
 
@@ -110,8 +131,16 @@ Options parseOptions(int argc, char** argv) {
       std::exit(2);
     }
   }
-  if (o.size == 0 || o.runs < 1 || o.warmups < 0) fail("the size and the number of runs must be positive");
+  if (o.size == 0 || o.runs < 1 || o.warmups < 0) {
+    std::fprintf(stderr, "UiDropBench: the size and the number of runs must be positive\n");
+    std::exit(2);
+  }
   return o;
+}
+
+std::string readText(fs::path const& file) {
+  std::ifstream in(file.string(), std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void writeText(fs::path const& file, std::string const& text) {
@@ -127,7 +156,15 @@ void writeSource(fs::path const& file, std::uint64_t size) {
   for (std::uint64_t done = 0, index = 0; done < size; ++index) {
     qxbench::fillBlock(block, index);
     std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size - done));
-    if (::write(fd, block.data(), n) != static_cast<ssize_t>(n)) fail(errnoText("write " + file.string()));
+    for (std::size_t written = 0; written < n;) {
+      ssize_t const w = ::write(fd, block.data() + written, n - written);
+      if (w < 0 && errno == EINTR) continue;
+      if (w <= 0) {
+        ::close(fd);
+        fail(w < 0 ? errnoText("write " + file.string()) : "write " + file.string() + ": nothing written");
+      }
+      written += static_cast<std::size_t>(w);
+    }
     done += n;
   }
   // On disk before timing, so that its write-back does not slow the runs.
@@ -234,21 +271,16 @@ bool runUntil(std::function<bool()> const& done, int limitMs) {
   return true;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-  Options const options = parseOptions(argc, argv);
-  ::signal(SIGPIPE, SIG_IGN);
-  if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-  QApplication app(argc, argv);
-
-  fs::path const work = (options.dir.empty() ? fs::temp_directory_path() : options.dir) /
-                        fs::unique_path("qx-uidropbench-%%%%-%%%%");
+// Returns the exit status; the service is stopped (QProcess kills what
+// still runs when it goes) and the work folder removed, also on a failure.
+int runBench(Options const& options) {
+  RemovedFolder const workFolder((options.dir.empty() ? fs::temp_directory_path() : options.dir) /
+                                 fs::unique_path("qx-uidropbench-%%%%-%%%%"));
+  fs::path const& work = workFolder.path();
   fs::path const in = work / "spool" / "in";
   fs::path const runtimeFolder = work / "run";
   fs::path const source = work / "source.pdf";
   fs::path const dropped = in / source.filename();
-  fs::create_directories(work);
   writeText(work / "config.json", "{\"ReceiveFolder\":\"" + in.string() + "\",\"SpoolFolder\":\"" +
                                       (work / "spool" / "out").string() + "\",\"BackupFolder\":\"" +
                                       (work / "spool" / "backup").string() + "\"}");
@@ -276,13 +308,17 @@ int main(int argc, char** argv) {
     fail("the window did not reach the service: " + window.session().stateText().toStdString());
   }
 
-  bool paused = false;
+  QString pauseAnswer;
+  bool pauseOk = false;
+  bool pauseAnswered = false;
   QObject::connect(&window.session(), &qxui::UiSession::commandAnswered, [&](QString const& text, bool ok) {
-    if (!ok) fail("the service did not pause: " + text.toStdString());
-    paused = true;
+    pauseAnswer = text;
+    pauseOk = ok;
+    pauseAnswered = true;
   });
   window.session().pause(false);
-  if (!runUntil([&] { return paused; }, 30000)) fail("the service did not answer the pause");
+  if (!runUntil([&] { return pauseAnswered; }, 30000)) fail("the service did not answer the pause");
+  if (!pauseOk) fail("the service did not pause: " + pauseAnswer.toStdString());
 
   QStringList const sourceList{QString::fromStdString(source.string())};
   QStringList answered;  // the window's answer to its last drop
@@ -330,9 +366,10 @@ int main(int argc, char** argv) {
     QProcess client;
     client.setProcessChannelMode(QProcess::SeparateChannels);
     bool ended = false;
+    bool startFailed = false;
     QObject::connect(&client, &QProcess::finished, [&] { ended = true; });
     QObject::connect(&client, &QProcess::errorOccurred, [&](QProcess::ProcessError error) {
-      if (error == QProcess::FailedToStart) fail("cannot start " QX_CLI_PROGRAM ": " + client.errorString().toStdString());
+      if (error == QProcess::FailedToStart) ended = startFailed = true;
     });
     // The window's event loop runs meanwhile, idle: its longest gap then is
     // what the machine alone costs it while a drop runs.
@@ -342,6 +379,7 @@ int main(int argc, char** argv) {
                                                   QString::fromStdString(runtimeFolder.string()),
                                                   QStringLiteral("drop"), sourceList.front()});
     if (!runUntil([&] { return ended; }, kTransferLimitMs)) fail("qxlite drop did not end in time");
+    if (startFailed) fail("cannot start " QX_CLI_PROGRAM ": " + client.errorString().toStdString());
     auto const t1 = Clock::now();
     idleStallMs.push_back(meter.stop());
     if (client.exitStatus() != QProcess::NormalExit || client.exitCode() != 0) {
@@ -377,8 +415,6 @@ int main(int argc, char** argv) {
   bool const serviceStopped = service.waitForFinished(20000);
   bool const serviceClean =
       serviceStopped && service.exitStatus() == QProcess::NormalExit && service.exitCode() == 0;
-  if (!serviceStopped) service.kill();
-  fs::remove_all(work);
 
   std::vector<double> ratios;
   for (std::size_t i = 0; i < uiRate.size(); ++i) ratios.push_back(uiRate[i] / cliRate[i]);
@@ -400,6 +436,21 @@ int main(int argc, char** argv) {
   std::printf("  the same, window idle     %7.1f ms     (median during qxlite drop; worst %.1f; runs: %s)\n",
               median(idleStallMs), *std::max_element(idleStallMs.begin(), idleStallMs.end()),
               runsText(idleStallMs, "%.1f").c_str());
-  if (!serviceClean) fail("the service did not end cleanly");
+  if (!serviceClean) fail("the service did not end cleanly: " + readText(work / "svc.err"));
   return options.checkTargets && !(ratioMet && stallMet) ? 1 : 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options const options = parseOptions(argc, argv);
+  ::signal(SIGPIPE, SIG_IGN);
+  if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+  QApplication app(argc, argv);
+  try {
+    return runBench(options);
+  } catch (std::exception const& e) {
+    std::fprintf(stderr, "UiDropBench: %s\n", e.what());
+    return 2;
+  }
 }
