@@ -178,6 +178,8 @@ if $with_ui; then
     grep -qF -- "  $option  " "$work/ui-help.txt" || { cat "$work/ui-help.txt" >&2; fail "qxlite-ui --help does not name $option"; }
   done
   ui_files=(/usr/bin/qxlite-ui /usr/share/applications/qxlite-ui.desktop /usr/share/icons/hicolor/scalable/apps/qxlite-ui.svg)
+  # Its manual page, where the build made the pages (scdoc).
+  [ ! -f "$build/man/qxlite-ui.1.gz" ] || ui_files+=(/usr/share/man/man1/qxlite-ui.1.gz)
   for f in "${ui_files[@]}"; do
     dpkg -L qxlite-ui | grep -qxF "$f" || fail "the package qxlite-ui does not hold $f"
   done
