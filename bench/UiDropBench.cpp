@@ -32,8 +32,10 @@
 // Targets: the window's rate is at least 0.9 times the client's, and its
 // event loop never stalls for 50 ms or more. With --check-targets the exit
 // status is 1 when one is missed; it is 2 when something fails.
+#include "apps/ServiceFinder.h"
 #include "apps/ui/MainWindow.h"
 #include "bench/BenchBytes.h"
+#include "bench/BenchProcess.h"
 
 #include <fcntl.h>
 #include <signal.h>
@@ -42,7 +44,6 @@
 #include <QApplication>
 #include <QElapsedTimer>
 #include <QEventLoop>
-#include <QProcess>
 #include <QTimer>
 
 #include <boost/filesystem.hpp>
@@ -56,13 +57,15 @@
 #include <cstring>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
+using qxbench::Process;
+using qxbench::readText;
 
 namespace {
 
@@ -136,11 +139,6 @@ Options parseOptions(int argc, char** argv) {
     std::exit(2);
   }
   return o;
-}
-
-std::string readText(fs::path const& file) {
-  std::ifstream in(file.string(), std::ios::binary);
-  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 void writeText(fs::path const& file, std::string const& text) {
@@ -271,7 +269,7 @@ bool runUntil(std::function<bool()> const& done, int limitMs) {
   return true;
 }
 
-// Returns the exit status; the service is stopped (QProcess kills what
+// Returns the exit status; the service is stopped (a Process kills what
 // still runs when it goes) and the work folder removed, also on a failure.
 int runBench(Options const& options) {
   RemovedFolder const workFolder((options.dir.empty() ? fs::temp_directory_path() : options.dir) /
@@ -285,20 +283,25 @@ int runBench(Options const& options) {
                                       (work / "spool" / "out").string() + "\",\"BackupFolder\":\"" +
                                       (work / "spool" / "backup").string() + "\"}");
 
-  QProcess service;
-  service.setStandardOutputFile(QProcess::nullDevice());
-  service.setStandardErrorFile(QString::fromStdString((work / "svc.err").string()));
-  service.start(QStringLiteral(QX_SVC_PROGRAM),
-                {QStringLiteral("--config"), QString::fromStdString((work / "config.json").string()),
-                 QStringLiteral("--token-file"), QString::fromStdString((work / "ipc.token").string()),
-                 QStringLiteral("--port"), QStringLiteral("0"), QStringLiteral("--foreground"), QStringLiteral("--state-dir"),
-                 QString::fromStdString((work / "state").string()), QStringLiteral("--credentials"),
-                 QString::fromStdString((work / "credentials.json").string()), QStringLiteral("--runtime-dir"),
-                 QString::fromStdString(runtimeFolder.string())});
-  if (!service.waitForStarted()) fail("cannot start " QX_SVC_PROGRAM ": " + service.errorString().toStdString());
+  Process service({QX_SVC_PROGRAM, "--config", (work / "config.json").string(), "--token-file",
+                   (work / "ipc.token").string(), "--port", "0", "--foreground", "--state-dir", (work / "state").string(),
+                   "--credentials", (work / "credentials.json").string(), "--runtime-dir", runtimeFolder.string()},
+                  work / "svc.out", work / "svc.err");
 
   writeSource(source, options.size);
   readThrough(source);
+  // The window opens on a service that serves already, as a person meets it
+  // (and as UiTest opens it).
+  for (auto const deadline = Clock::now() + std::chrono::seconds(30);;) {
+    try {
+      if (qxapp::findRunningService(runtimeFolder.string(), false, [](std::string const&) {})) break;
+    } catch (std::exception const&) {
+      // Not written yet.
+    }
+    if (!service.running()) fail("the service ended: " + service.err());
+    if (Clock::now() > deadline) fail("the service wrote no runtime file in " + runtimeFolder.string());
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
 
   qxui::UiSession::Where where;
   where.runtimeFolder = runtimeFolder.string();
@@ -363,29 +366,18 @@ int runBench(Options const& options) {
   };
 
   auto timeClient = [&] {
-    QProcess client;
-    client.setProcessChannelMode(QProcess::SeparateChannels);
-    bool ended = false;
-    bool startFailed = false;
-    QObject::connect(&client, &QProcess::finished, [&] { ended = true; });
-    QObject::connect(&client, &QProcess::errorOccurred, [&](QProcess::ProcessError error) {
-      if (error == QProcess::FailedToStart) ended = startFailed = true;
-    });
     // The window's event loop runs meanwhile, idle: its longest gap then is
     // what the machine alone costs it while a drop runs.
     meter.start();
     auto const t0 = Clock::now();
-    client.start(QStringLiteral(QX_CLI_PROGRAM), {QStringLiteral("--runtime-dir"),
-                                                  QString::fromStdString(runtimeFolder.string()),
-                                                  QStringLiteral("drop"), sourceList.front()});
-    if (!runUntil([&] { return ended; }, kTransferLimitMs)) fail("qxlite drop did not end in time");
-    if (startFailed) fail("cannot start " QX_CLI_PROGRAM ": " + client.errorString().toStdString());
+    Process client({QX_CLI_PROGRAM, "--runtime-dir", runtimeFolder.string(), "drop", source.string()},
+                   work / "cli.out", work / "cli.err");
+    // The meter's timer wakes the loop every kTickMs to look.
+    if (!runUntil([&] { return !client.running(); }, kTransferLimitMs)) fail("qxlite drop did not end in time");
     auto const t1 = Clock::now();
     idleStallMs.push_back(meter.stop());
-    if (client.exitStatus() != QProcess::NormalExit || client.exitCode() != 0) {
-      fail("qxlite drop failed: " + client.readAllStandardError().toStdString());
-    }
-    cliAnswer = QString::fromUtf8(client.readAllStandardOutput()).trimmed();
+    client.expectSuccess(std::chrono::milliseconds(0));
+    cliAnswer = QString::fromStdString(readText(work / "cli.out")).trimmed();
     checkAndRemoveCopy("qxlite drop");
     cliRate.push_back(gib / seconds(t1 - t0));
   };
@@ -411,10 +403,7 @@ int runBench(Options const& options) {
   }
 
   window.session().stop();
-  service.terminate();
-  bool const serviceStopped = service.waitForFinished(20000);
-  bool const serviceClean =
-      serviceStopped && service.exitStatus() == QProcess::NormalExit && service.exitCode() == 0;
+  bool const serviceClean = service.stop() == 0;
 
   std::vector<double> ratios;
   for (std::size_t i = 0; i < uiRate.size(); ++i) ratios.push_back(uiRate[i] / cliRate[i]);
@@ -436,7 +425,7 @@ int runBench(Options const& options) {
   std::printf("  the same, window idle     %7.1f ms     (median during qxlite drop; worst %.1f; runs: %s)\n",
               median(idleStallMs), *std::max_element(idleStallMs.begin(), idleStallMs.end()),
               runsText(idleStallMs, "%.1f").c_str());
-  if (!serviceClean) fail("the service did not end cleanly: " + readText(work / "svc.err"));
+  if (!serviceClean) fail("the service did not end cleanly: " + service.err());
   return options.checkTargets && !(ratioMet && stallMet) ? 1 : 0;
 }
 
