@@ -4,7 +4,10 @@
 #   libqxlitecommon-dev  headers, the CMake package, the pkg-config file
 #   qxlite               the three programs and the service's systemd unit,
 #                        with the maintainer scripts of packaging/deb/
-# Each install rule names its package by its component (libs, dev, qxlite);
+#   qxlite-ui            the desktop program, its desktop entry and icon
+#                        (when Qt is found); a package of its own, so that
+#                        the service's never pulls in Qt
+# Each install rule names its package by its component (libs, dev, qxlite, ui);
 # a rule that names none goes to qxlite (CMAKE_INSTALL_DEFAULT_COMPONENT_NAME).
 
 set(QX_DEB_SOURCE_DIR ${PROJECT_SOURCE_DIR}/packaging/deb)
@@ -28,9 +31,13 @@ set(QX_DEB_COMPONENTS libs dev)
 if(QX_BUILD_APPS)
   list(APPEND QX_DEB_COMPONENTS qxlite)
 endif()
+if(TARGET qxlite-ui)
+  list(APPEND QX_DEB_COMPONENTS ui)
+endif()
 set(CPACK_DEBIAN_LIBS_PACKAGE_NAME libqxlitecommon7)
 set(CPACK_DEBIAN_DEV_PACKAGE_NAME libqxlitecommon-dev)
 set(CPACK_DEBIAN_QXLITE_PACKAGE_NAME qxlite)
+set(CPACK_DEBIAN_UI_PACKAGE_NAME qxlite-ui)
 foreach(component IN LISTS QX_DEB_COMPONENTS)
   string(TOUPPER ${component} upper)
   install(FILES ${QX_DEB_SOURCE_DIR}/copyright ${QX_DEB_CHANGELOG_GZ}
@@ -89,5 +96,19 @@ qxlite-svc uploads what arrives in its spool to an S3-compatible object
 store or a WebDAV server, crash-safe, and runs as its own user under
 systemd. qxlite drives it (status, drops, uploads, configuration);
 qxlite-cfg checks and normalises a configuration file.")
+
+# Qt's libraries come from dpkg-shlibdeps. The program talks to the service
+# on this machine: most often the one of the package qxlite, but one
+# installed without the package serves as well, hence only Recommends.
+set(CPACK_DEBIAN_UI_PACKAGE_SECTION net)
+set(CPACK_DEBIAN_UI_PACKAGE_DEPENDS "libqxlitecommon7 ${qx_exact}")
+set(CPACK_DEBIAN_UI_PACKAGE_RECOMMENDS qxlite)
+set(CPACK_COMPONENT_UI_DESCRIPTION
+  "desktop program of the QXLite document upload service
+qxlite-ui hands files and folders to the QXLite upload service (dragged
+from the file manager, chosen in a dialog, or opened with it), lists the
+uploads as they go, pauses and resumes the service, edits its settings and
+runs its configuration check. It talks to qxlite-svc through the service's
+secret token, as a member of the group qxlite.")
 
 include(CPack)

@@ -2,10 +2,13 @@
 # The manual pages as a person reads them: each renders at 80 columns without
 # a single warning, its SYNOPSIS, OPTIONS and COMMANDS name every option that
 # its program's --help (and each sub-command's) lists, and qxlite-config(5)
-# shows every key of `qxlite config keys` with its type and default.
-#   ManPagesTest.sh MAN_DIR QXLITE QXLITE_SVC QXLITE_CFG
+# shows every key of `qxlite config keys` with its type and default. With
+# QXLITE_UI (a build with the desktop program) qxlite-ui(1) is checked too.
+#   ManPagesTest.sh MAN_DIR QXLITE QXLITE_SVC QXLITE_CFG [QXLITE_UI]
 set -uo pipefail
-man_dir=$1 qxlite=$2 qxlite_svc=$3 qxlite_cfg=$4
+man_dir=$1 qxlite=$2 qxlite_svc=$3 qxlite_cfg=$4 qxlite_ui=${5:-}
+pages=(qxlite.1 qxlite-cfg.1 qxlite-config.5 qxlite-svc.8)
+[ -z "$qxlite_ui" ] || pages+=(qxlite-ui.1)
 failures=0
 fail() { echo "FAIL: $*" >&2; failures=$((failures + 1)); }
 
@@ -35,7 +38,7 @@ qxlite_commands() {
 }
 
 # 1. Every page renders without a warning.
-for page in qxlite.1 qxlite-cfg.1 qxlite-config.5 qxlite-svc.8; do
+for page in "${pages[@]}"; do
   [ -s "$man_dir/$page" ] || { fail "$page was not built in $man_dir"; continue; }
   [ -s "$man_dir/$page.gz" ] || fail "$page.gz (the installed form) was not built"
   warnings=$(MANWIDTH=80 man --warnings -l "$man_dir/$page" 2>&1 >/dev/null)
@@ -58,6 +61,8 @@ check_options() {  # PAGE HELP-TEXT WHAT
 check_options qxlite-svc.8 "$("$qxlite_svc" --help)" qxlite-svc
 check_options qxlite-cfg.1 "$("$qxlite_cfg" --help)" qxlite-cfg
 check_options qxlite.1 "$("$qxlite" --help)" qxlite
+# --help needs no display (the program reads its command line first).
+[ -z "$qxlite_ui" ] || check_options qxlite-ui.1 "$(env -u DISPLAY -u WAYLAND_DISPLAY "$qxlite_ui" --help)" qxlite-ui
 commands=$(qxlite_commands)
 [ "$(wc -l <<<"$commands")" -ge 10 ] || fail "qxlite --help lists too few commands: $commands"
 while read -r command; do

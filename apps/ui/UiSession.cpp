@@ -141,13 +141,21 @@ void UiSession::send(std::shared_ptr<Ipc::CmdI> const& cmd, Done done) {
     done(m_stopped ? std::string("Ipc the client is closing") : m_stateText.toStdString());
     return;
   }
-  // done goes whole to the UI thread: the copies of what it holds are made,
-  // and let go of, there only.
-  m_client->execute(cmd, [this, done = std::move(done)](std::shared_ptr<Ipc::CmdI> const&,
-                                                        std::string const& error) mutable {
+  // done runs, and what it holds is let go of, on the UI thread only. The
+  // posted functor itself may die on the transport thread (when the UI
+  // thread ran it before invokeMethod returned there), so done travels in a
+  // box that the UI thread empties.
+  auto box = std::make_shared<Done>(std::move(done));
+  m_client->execute(cmd, [this, box](std::shared_ptr<Ipc::CmdI> const&, std::string const& error) {
     // A transport thread: only hand over to the UI thread, by value.
     QMetaObject::invokeMethod(
-        this, [this, done = std::move(done), error] { if (!m_stopped) done(error); }, Qt::QueuedConnection);
+        this,
+        [this, box, error] {
+          Done run;
+          run.swap(*box);
+          if (!m_stopped) run(error);
+        },
+        Qt::QueuedConnection);
   });
 }
 

@@ -5,7 +5,12 @@
 # service exactly as its unit's ExecStart would (as its user, without
 # systemd), drops a file with the installed client and sees it queued (no
 # upload server is set), stops the service, purges the packages and checks
-# that what they made is gone while the dropped document stays.
+# that what they made is gone while the dropped document stays. When the build
+# has the desktop program, its package qxlite-ui goes the same way: its
+# dependencies (Qt's libraries, which the service's package must not pull
+# in), the program run from the installed files (--version, --help, with no
+# display), its desktop entry checked by desktop-file-validate, and nothing
+# of it left after the purge.
 #
 # It installs system-wide: it needs root, runs alone (RUN_SERIAL), refuses a
 # machine that already has the packages or the user qxlite, sets the
@@ -16,6 +21,12 @@ set -euo pipefail
 build=$1
 
 packages=(qxlite libqxlitecommon-dev libqxlitecommon7)
+components=$(sed -n 's/^set(CPACK_COMPONENTS_ALL "\(.*\)")$/\1/p' "$build/CPackConfig.cmake")
+with_ui=false
+if [[ ";$components;" == *";ui;"* ]]; then
+  with_ui=true
+  packages=(qxlite-ui "${packages[@]}")
+fi
 made=(/etc/QXLite /var/lib/qxlite /var/spool/QXUpload)
 spool=/var/spool/QXUpload
 version=$(sed -n 's/^CMAKE_PROJECT_VERSION:STATIC=//p' "$build/CMakeCache.txt")
@@ -115,6 +126,21 @@ lintian --fail-on error --no-tag-display-limit "${debs[@]}" 2>/dev/null | tee "$
   fail "lintian reports an error"
 echo "lintian: $(grep -c '^E:' "$work/lintian.txt" || true) errors, $(grep -c '^W:' "$work/lintian.txt" || true) warnings in $((SECONDS - lintian_started)) s"
 
+# What each package depends on: the libraries' package of the same version,
+# and Qt for the desktop program only.
+qxlite_depends=$(dpkg-deb -f "$work/cpack/qxlite_${version}_"*.deb Depends)
+[[ "$qxlite_depends" == "libqxlitecommon7 (= $version), "* ]] || fail "qxlite's dependencies: $qxlite_depends"
+[[ "$qxlite_depends" != *libqt* ]] || fail "the service's package pulls in Qt: $qxlite_depends"
+if $with_ui; then
+  ui_deb=$(echo "$work/cpack/qxlite-ui_${version}_"*.deb)
+  ui_depends=$(dpkg-deb -f "$ui_deb" Depends)
+  [[ "$ui_depends" == "libqxlitecommon7 (= $version), "* ]] || fail "qxlite-ui's dependencies: $ui_depends"
+  for qt in libqt6core6 libqt6gui6 libqt6widgets6; do
+    [[ "$ui_depends" == *"$qt "* ]] || fail "qxlite-ui does not depend on $qt: $ui_depends"
+  done
+  expect "qxlite-ui's recommendations" "qxlite" "$(dpkg-deb -f "$ui_deb" Recommends)"
+fi
+
 # Installation.
 DEBIAN_FRONTEND=noninteractive apt-get install -y -qq --no-install-recommends "${debs[@]}" >"$work/install.log" 2>&1 ||
   { cat "$work/install.log" >&2; fail "apt-get install"; }
@@ -142,6 +168,25 @@ expect "qxlite's uid after postinst ran again" "$first_uid" "$uid"
 expect "qxlite --version" "qxlite $version" "$(qxlite --version)"
 expect "qxlite-svc --version" "qxlite-svc $version" "$(qxlite-svc --version)"
 expect "qxlite-cfg --version" "qxlite-cfg $version" "$(qxlite-cfg --version)"
+if $with_ui; then
+  # As from a terminal with no display: neither option needs one.
+  no_display=(env -u DISPLAY -u WAYLAND_DISPLAY -u QT_QPA_PLATFORM)
+  expect "qxlite-ui --version" "qxlite-ui $version" "$("${no_display[@]}" qxlite-ui --version 2>&1)"
+  "${no_display[@]}" qxlite-ui --help >"$work/ui-help.txt" 2>&1 || { cat "$work/ui-help.txt" >&2; fail "qxlite-ui --help"; }
+  expect "qxlite-ui --help, first line" "Usage: qxlite-ui [options] [FILE...]" "$(head -n 1 "$work/ui-help.txt")"
+  for option in "-h, --help" "--version" "--port <PORT>" "--token-file <FILE>" "--runtime-dir <DIR>"; do
+    grep -qF -- "  $option  " "$work/ui-help.txt" || { cat "$work/ui-help.txt" >&2; fail "qxlite-ui --help does not name $option"; }
+  done
+  ui_files=(/usr/bin/qxlite-ui /usr/share/applications/qxlite-ui.desktop /usr/share/icons/hicolor/scalable/apps/qxlite-ui.svg)
+  # Its manual page, where the build made the pages (scdoc).
+  [ ! -f "$build/man/qxlite-ui.1.gz" ] || ui_files+=(/usr/share/man/man1/qxlite-ui.1.gz)
+  for f in "${ui_files[@]}"; do
+    dpkg -L qxlite-ui | grep -qxF "$f" || fail "the package qxlite-ui does not hold $f"
+  done
+  # Hints (a remark on the categories) are not errors; an error fails.
+  desktop-file-validate /usr/share/applications/qxlite-ui.desktop >"$work/desktop.txt" 2>&1 ||
+    { cat "$work/desktop.txt" >&2; fail "desktop-file-validate finds the installed desktop entry invalid"; }
+fi
 unit=$(dpkg -L qxlite | grep '/systemd/system/qxlite-svc.service$') || fail "the package has no unit"
 [ -L /etc/systemd/system/multi-user.target.wants/qxlite-svc.service ] || fail "the unit is not enabled"
 
@@ -210,8 +255,10 @@ for p in "${packages[@]}"; do
 done
 ! getent passwd qxlite >/dev/null || fail "the user qxlite is still there"
 ! getent group qxlite >/dev/null || fail "the group qxlite is still there"
+ui_gone=()
+$with_ui && ui_gone=("${ui_files[@]}")
 for gone in /etc/QXLite /var/lib/qxlite "$spool/in" "$spool/backup" "$unit" /usr/bin/qxlite-svc \
-            /etc/systemd/system/multi-user.target.wants/qxlite-svc.service; do
+            /etc/systemd/system/multi-user.target.wants/qxlite-svc.service "${ui_gone[@]}"; do
   [ ! -e "$gone" ] && [ ! -L "$gone" ] || fail "$gone is still there after the purge"
 done
 cmp "$work/scan.pdf" "$spool/out/$job/scan.pdf" || fail "the purge took the document that was not uploaded"
