@@ -46,6 +46,17 @@ std::string trimmed(std::string text) {
 class UiXvfbTest : public ::testing::Test {
  protected:
   void SetUp() override {
+#ifdef QX_TSAN_BUILD
+    // ThreadSanitizer does not see the locks inside the system's Qt and GLib,
+    // which are not instrumented. Offscreen (UiTest) the main loop's GLib
+    // wake-up descriptor carries the hand-over from the transport threads;
+    // on a real X server Qt's X event thread and its wake-ups pass data
+    // through those libraries too, and the sanitizer reports races there
+    // (the X event thread's GLib wake-up descriptor, written by the main
+    // thread) that no suppression can single out without hiding our own.
+    GTEST_SKIP() << "qxlite-ui on a real X server is not checked under ThreadSanitizer: "
+                    "Qt's X event thread synchronises inside uninstrumented Qt and GLib";
+#endif
     for (char const* tool : {"/usr/bin/Xvfb", "/usr/bin/xdotool", "/usr/bin/trayer"}) {
       ASSERT_TRUE(fs::exists(tool)) << tool << " is missing: scripts/install-deps.sh installs it";
     }
@@ -134,9 +145,12 @@ class UiXvfbTest : public ::testing::Test {
   }
   // Waits until the window shows expected as name; a failure shows it all.
   void expectShown(std::string const& name, std::string const& expected) {
-    bool const seen = qxtest::waitFor([&] { return shown()[name] == expected; }, kDeadline);
+    // A program that ended shows nothing more: no need to wait.
+    bool const seen = qxtest::waitFor([&] { return shown()[name] == expected || (ui && !ui->running()); }, kDeadline) &&
+                      shown()[name] == expected;
     EXPECT_TRUE(seen) << "expected " << name << ": " << expected << "\nthe window shows:\n"
-                      << readFile(recorded() / "window.txt") << "qxlite-ui's log:\n" << (ui ? ui->err() : "");
+                      << readFile(recorded() / "window.txt") << "qxlite-ui (" << (ui && ui->running() ? "runs" : "ended")
+                      << "), its log:\n" << (ui ? ui->err() : "");
   }
 
   // The pictures of a step: the whole screen, and the window as it is now.
