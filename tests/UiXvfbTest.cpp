@@ -73,6 +73,16 @@ class UiXvfbTest : public ::testing::Test {
     startService();
   }
 
+  // Politely first, so that Xvfb takes its socket and lock file along;
+  // whatever is left is killed by its Child.
+  void TearDown() override {
+    for (std::unique_ptr<Child>* child : {&ui, &service, &tray, &xserver}) {
+      if (!*child) continue;
+      (*child)->signal(SIGTERM);
+      (*child)->wait(std::chrono::seconds(10));
+    }
+  }
+
   void startXServer() {
     // -displayfd: the server picks a free display and writes its number.
     xserver = start("/usr/bin/Xvfb", {"-displayfd", "1", "-screen", "0", "1280x800x24", "-nolisten", "tcp"});
@@ -204,6 +214,7 @@ TEST_F(UiXvfbTest, KeyboardAndARealDragUploadFiles) {
   ui = start(QX_UI_PROGRAM, {"--runtime-dir", (tmp / "run").string()});
   expectShown("connectionState", "Connected to the service");
   picture("connected");
+  ASSERT_FALSE(HasFailure());
 
   // The keyboard way: Alt+F, the path typed into the dialog, Enter.
   focus("QXLite uploads");
@@ -217,11 +228,13 @@ TEST_F(UiXvfbTest, KeyboardAndARealDragUploadFiles) {
   EXPECT_TRUE(reportArrived) << "report.pdf is not on the WebDAV server whole";
   expectShown("uploads.1", "report.pdf | Done | 3.0 KiB | 100% |  | 0 |  | ");
   picture("report-uploaded");
+  ASSERT_FALSE(HasFailure());
 
   // Paused, so that the dragged file waits where the drop put it.
   focus("QXLite uploads");
   xdotool({"key", "alt+p"});
   expectShown("banner", "Paused: nothing new starts until you resume.");
+  ASSERT_FALSE(HasFailure());
 
   // A real drag from another program onto the drop zone.
   std::unique_ptr<Child> source = start(QX_XCLIENT_TOOL, {"drag-source", invoice.string(), "1000", "600"});
@@ -254,6 +267,7 @@ TEST_F(UiXvfbTest, KeyboardAndARealDragUploadFiles) {
       << "the dragged file is not whole in the incoming folder";
   expectShown("uploads.2", "Rechnung März.xml | Waiting | 4.9 KiB |  |  |  |  | ");
   picture("paused-one-done-one-waiting");
+  ASSERT_FALSE(HasFailure());
 
   focus("QXLite uploads");
   xdotool({"key", "alt+r"});
