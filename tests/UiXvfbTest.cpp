@@ -68,8 +68,10 @@ class UiXvfbTest : public ::testing::Test {
     ::unsetenv("QT_QPA_PLATFORM");
     ::setenv("QXLITE_UI_RECORD_DIR", recorded().c_str(), 1);
     tray = start("/usr/bin/trayer", {"--edge", "top", "--align", "right", "--widthtype", "request", "--height", "24"});
-    bool const trayUp = qxtest::waitFor([&] { return tool({"tray"}).out == "tray: yes\n"; }, kDeadline);
-    ASSERT_TRUE(trayUp) << "trayer does not hold the tray; its log:\n" << tray->err();
+    Outcome asked;
+    bool const trayUp = qxtest::waitFor([&] { return (asked = tool({"tray"})).out == "tray: yes\n"; }, kDeadline);
+    ASSERT_TRUE(trayUp) << "trayer does not hold the tray; it says:\n" << tray->err() << "XClientTool tray says:\n"
+                        << asked.out << asked.err;
     startService();
   }
 

@@ -8,7 +8,8 @@
 //   XClientTool grab-screen OUT.png    saves the whole screen, prints its size
 //   XClientTool tray                   prints "tray: yes" or "tray: no"
 //
-// Exit status 0, or 2 with a line on standard error.
+// Exit status 0, or 2 with a line on standard error. Every answer is flushed
+// at once: a sanitizer's report at exit may end the program before stdio does.
 #include <QApplication>
 #include <QDrag>
 #include <QLabel>
@@ -84,10 +85,12 @@ int main(int argc, char** argv) {
     QPixmap const shot = screen->grabWindow(0);
     if (shot.isNull() || !shot.save(args[2])) return fail("cannot grab the screen or save the picture");
     std::printf("%dx%d\n", shot.width(), shot.height());
+    std::fflush(stdout);
     return 0;
   }
   if (mode == QLatin1String("tray") && args.size() == 2) {
     std::printf("tray: %s\n", QSystemTrayIcon::isSystemTrayAvailable() ? "yes" : "no");
+    std::fflush(stdout);
     return 0;
   }
   return fail("usage: drag-source FILE X Y | grab-screen OUT.png | tray");
