@@ -21,6 +21,9 @@ packages=(
   # The desktop program qxlite-ui (Qt 6 Widgets and Qt Test); its package's
   # test checks the installed desktop entry (desktop-file-validate).
   qt6-base-dev desktop-file-utils
+  # qxlite-ui under a real X server (UiXvfbTest): the server, xauth (which
+  # xvfb-run needs and does not pull in), keyboard and mouse from outside, a tray.
+  xvfb xauth xdotool trayer
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
   # The SMTP server that receives the e-mail notices in the tests (with openssl's certificates).

@@ -2,6 +2,7 @@
 // command line are handed to the service once it is reached, so that a file
 // manager's "Open with" works.
 #include "apps/ui/MainWindow.h"
+#include "apps/ui/WindowRecorder.h"
 
 #include <signal.h>
 
@@ -71,5 +72,6 @@ int main(int argc, char** argv) {
   if (!parser.positionalArguments().isEmpty()) window.dropWhenConnected(parser.positionalArguments());
   window.resize(900, 560);
   window.show();
+  qxui::WindowRecorder::startIfAsked(window);
   return QApplication::exec();
 }
