@@ -8,6 +8,7 @@
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdClient.h"
 #include "tests/HeldPort.h"
+#include "tests/IntakeTestUtil.h"
 #include "tests/ProcessHarness.h"
 #include "tests/TestUtil.h"
 
@@ -278,17 +279,21 @@ TEST_F(UiTest, PauseAndResumeChangeTheBannerAndTheService) {
   EXPECT_FALSE(resume->isEnabled());
 }
 
-// Answers the next question box with button, once it shows.
-void answerNextQuestion(QMessageBox::StandardButton button) {
+// Answers the next question box with button, once it shows; the flag turns
+// true then.
+std::shared_ptr<bool> answerNextQuestion(QMessageBox::StandardButton button) {
+  auto answered = std::make_shared<bool>(false);
   auto* poll = new QTimer;
-  QObject::connect(poll, &QTimer::timeout, [poll, button] {
+  QObject::connect(poll, &QTimer::timeout, [poll, button, answered] {
     auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
     if (!box) return;
     poll->stop();
     poll->deleteLater();
     box->button(button)->click();
+    *answered = true;
   });
   poll->start(10);
+  return answered;
 }
 
 TEST_F(UiTest, DiscardingTheWaitingItemsAsksFirst) {
@@ -312,6 +317,97 @@ TEST_F(UiTest, DiscardingTheWaitingItemsAsksFirst) {
   QTest::mouseClick(discard, Qt::LeftButton);
   expectText(label(*window, "commandAnswer"), "Paused; 1 waiting item(s) moved to the rejected folder: w.pdf");
   EXPECT_FALSE(fs::exists(in / "w.pdf"));
+}
+
+// Selects the table's row whose title is title; false when there is none.
+bool selectRowTitled(QTableView* table, std::string const& title) {
+  QAbstractItemModel* const model = table->model();
+  for (int r = 0; r < model->rowCount(); ++r) {
+    if (model->index(r, qxui::UploadsModel::Title).data().toString().toStdString() != title) continue;
+    table->selectRow(r);
+    return true;
+  }
+  return false;
+}
+
+TEST_F(UiTest, AQueuedJobCancelledFromTheWindowIsCancelledAndItsFilesRejected) {
+  writeFile(tmp / "q.pdf", "queued");
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  window->dropWhenConnected({QString::fromStdString((tmp / "q.pdf").string())});
+  QTableView* const table = part<QTableView>(*window, "uploads");
+  QPushButton* const cancel = part<QPushButton>(*window, "cancelJob");
+  QPushButton* const retry = part<QPushButton>(*window, "retryJob");
+  ASSERT_TRUE(table && cancel && retry);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return selectRowTitled(table, "q.pdf"); }, 20000));
+  // The paused service holds the job as it is.
+  QTest::mouseClick(part<QPushButton>(*window, "pause"), Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused");
+  auto list = std::make_shared<Ipc::GetUploads>(nullptr);
+  ask(list);
+  std::string const id = json::Object(json::Array(list->payload["uploads"])[0])["id"].asStringSafe();
+  ASSERT_FALSE(id.empty()) << json::jsonToString(list->payload, false);
+  EXPECT_TRUE(cancel->isEnabled());
+  EXPECT_TRUE(retry->isEnabled());
+
+  // Delete asks first; no leaves the job alone.
+  window->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+  table->setFocus();
+  std::shared_ptr<bool> const asked = answerNextQuestion(QMessageBox::No);
+  QTest::keyClick(table, Qt::Key_Delete);
+  EXPECT_TRUE(QTest::qWaitFor([asked] { return *asked; })) << "Delete did not ask";
+  QTest::qWait(300);
+  EXPECT_EQ("Paused", label(*window, "commandAnswer")->text().toStdString());
+
+  // The box took the activation; the window gets it back as a person's click would.
+  window->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+  table->setFocus();
+  std::shared_ptr<bool> const confirmed = answerNextQuestion(QMessageBox::Yes);
+  QTest::keyClick(table, Qt::Key_Delete);
+  EXPECT_TRUE(QTest::qWaitFor([confirmed] { return *confirmed; })) << "Delete did not ask";
+  expectText(label(*window, "commandAnswer"), "cancelled job " + id);
+  auto stateOfJob = [&] {
+    auto cmd = std::make_shared<Ipc::GetUploads>(nullptr);
+    ask(cmd);
+    return json::Object(json::Array(cmd->payload["uploads"])[0])["state"].asStringSafe();
+  };
+  EXPECT_TRUE(qxtest::waitFor([&] { return stateOfJob() == "cancelled"; })) << stateOfJob();
+  fs::path const rejected = backup() / ".rejected";
+  ASSERT_EQ(1u, qxtest::namesIn(rejected).size());
+  EXPECT_EQ("queued", readFile(rejected / qxtest::namesIn(rejected).front() / "q.pdf"));
+  // The table shows it, still selected, and a cancelled job takes neither.
+  expectShown([&] { return table->model()->index(0, qxui::UploadsModel::State).data().toString(); }, "Cancelled");
+  ASSERT_EQ(1, table->selectionModel()->selectedRows().size());
+  EXPECT_FALSE(cancel->isEnabled());
+  EXPECT_FALSE(retry->isEnabled());
+
+  // A refusal is the service's own words.
+  window->session().jobCommand(qxapp::JobAction::Cancel, QString::fromStdString(id));
+  expectText(label(*window, "commandAnswer"), "job \"" + id + "\" is cancelled already");
+}
+
+TEST_F(UiTest, AWaitingJobIsRetriedFromTheWindowByItsShortcut) {
+  writeFile(tmp / "r.pdf", "retry");
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  window->dropWhenConnected({QString::fromStdString((tmp / "r.pdf").string())});
+  QTableView* const table = part<QTableView>(*window, "uploads");
+  ASSERT_TRUE(table);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return selectRowTitled(table, "r.pdf"); }, 20000));
+  auto list = std::make_shared<Ipc::GetUploads>(nullptr);
+  ask(list);
+  std::string const id = json::Object(json::Array(list->payload["uploads"])[0])["id"].asStringSafe();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return part<QPushButton>(*window, "retryJob")->isEnabled(); }, 20000));
+  window->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+  table->setFocus();
+  QTest::keyClick(table, Qt::Key_R, Qt::ControlModifier);
+  expectText(label(*window, "commandAnswer"), "retrying job " + id);
+  std::vector<std::string> const log = qxtest::logLines(service->err());
+  EXPECT_EQ(1, std::count(log.begin(), log.end(), "INFO:qxlite-svc retrying job " + id + " as asked"))
+      << service->err();
 }
 
 TEST_F(UiTest, TheWindowReconnectsWhenTheServiceStartsAgain) {

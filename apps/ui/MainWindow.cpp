@@ -6,7 +6,11 @@
 #include "apps/ui/SettingsPage.h"
 #include "apps/ui/UploadsModel.h"
 
+#include <QAction>
 #include <QFileDialog>
+#include <QItemSelectionModel>
+#include <QKeySequence>
+#include <QMenu>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QIcon>
@@ -31,6 +35,10 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
       m_resume(new QPushButton(tr("&Resume"))),
       m_dropZone(new DropZone),
       m_table(new QTableView),
+      m_cancelJob(new QPushButton(tr("Ca&ncel job…"))),
+      m_retryJob(new QPushButton(tr("Retr&y job"))),
+      m_cancelAction(new QAction(tr("Cancel job…"), this)),
+      m_retryAction(new QAction(tr("Retry job now"), this)),
       m_connection(new QLabel),
       m_answer(new QLabel),
       m_dropTicker(new QTimer(this)) {
@@ -77,11 +85,38 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   m_table->verticalHeader()->hide();
   m_table->horizontalHeader()->setStretchLastSection(true);
 
+  // Cancel and retry act on the selected job: by button, by the table's
+  // context menu, and by key while the table has the focus.
+  m_cancelJob->setObjectName(QStringLiteral("cancelJob"));
+  m_cancelJob->setAccessibleName(tr("Cancel the selected job"));
+  m_retryJob->setObjectName(QStringLiteral("retryJob"));
+  m_retryJob->setAccessibleName(tr("Retry the selected job now"));
+  m_cancelAction->setObjectName(QStringLiteral("cancelJobAction"));
+  m_cancelAction->setShortcut(QKeySequence::Delete);
+  m_cancelAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+  m_retryAction->setObjectName(QStringLiteral("retryJobAction"));
+  m_retryAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_R));
+  m_retryAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+  m_table->addAction(m_cancelAction);
+  m_table->addAction(m_retryAction);
+  m_table->setContextMenuPolicy(Qt::CustomContextMenu);
+  connect(m_table, &QWidget::customContextMenuRequested, this, [this](QPoint const& at) {
+    QMenu menu(this);
+    menu.addAction(m_cancelAction);
+    menu.addAction(m_retryAction);
+    menu.exec(m_table->viewport()->mapToGlobal(at));
+  });
+  auto* jobButtons = new QHBoxLayout;
+  jobButtons->addWidget(m_cancelJob);
+  jobButtons->addWidget(m_retryJob);
+  jobButtons->addStretch(1);
+
   auto* uploadsPage = new QWidget;
   auto* layout = new QVBoxLayout(uploadsPage);
   layout->addLayout(buttons);
   layout->addWidget(m_dropZone);
   layout->addWidget(m_table, 1);
+  layout->addLayout(jobButtons);
   m_settings = new SettingsPage(*m_session);
   auto* tabs = new QTabWidget;
   tabs->setObjectName(QStringLiteral("pages"));
@@ -99,6 +134,8 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   setTabOrder(m_resume, addFiles);
   setTabOrder(addFiles, addFolder);
   setTabOrder(addFolder, m_table);
+  setTabOrder(m_table, m_cancelJob);
+  setTabOrder(m_cancelJob, m_retryJob);
 
   m_connection->setObjectName(QStringLiteral("connectionState"));
   m_connection->setAccessibleName(tr("Connection to the service"));
@@ -121,6 +158,15 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   connect(m_pause, &QPushButton::clicked, this, [this] { m_session->pause(false); });
   connect(m_discard, &QPushButton::clicked, this, &MainWindow::pauseDiscarding);
   connect(m_resume, &QPushButton::clicked, this, [this] { m_session->resume(); });
+  connect(m_cancelJob, &QPushButton::clicked, this, &MainWindow::cancelSelected);
+  connect(m_retryJob, &QPushButton::clicked, this, &MainWindow::retrySelected);
+  connect(m_cancelAction, &QAction::triggered, this, &MainWindow::cancelSelected);
+  connect(m_retryAction, &QAction::triggered, this, &MainWindow::retrySelected);
+  connect(m_session, &UiSession::jobAnswered, this, &MainWindow::onJobAnswered);
+  connect(m_table->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] {
+    m_selectedId = selectedJob().id;
+    updateButtons();
+  });
   connect(addFiles, &QPushButton::clicked, this, &MainWindow::addFiles);
   connect(addFolder, &QPushButton::clicked, this, &MainWindow::addFolder);
   updateButtons();
@@ -158,7 +204,16 @@ void MainWindow::onStateChanged(UiSession::State state, QString const& text) {
 }
 
 void MainWindow::onUploads(UploadsSnapshot const& snapshot) {
+  QString const selected = m_selectedId;
   m_model->setSnapshot(snapshot);
+  // A snapshot with other rows resets the model: the job stays selected.
+  if (!selected.isEmpty() && selectedJob().id != selected) {
+    for (int r = 0; r < m_model->rowCount(); ++r) {
+      if (m_model->row(r).id != selected) continue;
+      m_table->selectRow(r);
+      break;
+    }
+  }
   m_paused = snapshot.paused;
   QStringList lines;
   if (snapshot.paused) lines << tr("Paused: nothing new starts until you resume.");
@@ -189,6 +244,45 @@ void MainWindow::updateButtons() {
   m_pause->setEnabled(connected && !m_paused);
   m_discard->setEnabled(connected);
   m_resume->setEnabled(connected && m_paused);
+  std::string const state = selectedJob().state.toStdString();
+  bool const job = connected && !selectedJob().id.isEmpty();
+  bool const cancel = job && qxapp::jobActionAllowed(qxapp::JobAction::Cancel, state);
+  bool const retry = job && qxapp::jobActionAllowed(qxapp::JobAction::Retry, state);
+  m_cancelJob->setEnabled(cancel);
+  m_cancelAction->setEnabled(cancel);
+  m_retryJob->setEnabled(retry);
+  m_retryAction->setEnabled(retry);
+}
+
+UploadRow MainWindow::selectedJob() const {
+  QModelIndexList const rows = m_table->selectionModel()->selectedRows();
+  if (rows.isEmpty()) return UploadRow();
+  return m_model->row(rows.first().row());
+}
+
+void MainWindow::cancelSelected() {
+  UploadRow const job = selectedJob();
+  if (job.id.isEmpty() || !qxapp::jobActionAllowed(qxapp::JobAction::Cancel, job.state.toStdString())) return;
+  QMessageBox::StandardButton const answer = QMessageBox::question(
+      this, tr("Cancel the job?"),
+      tr("The service stops \"%1\" and moves its files to the rejected folder. They are not uploaded.").arg(job.title),
+      QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
+  if (answer == QMessageBox::Yes) m_session->jobCommand(qxapp::JobAction::Cancel, job.id);
+}
+
+void MainWindow::retrySelected() {
+  UploadRow const job = selectedJob();
+  if (job.id.isEmpty() || !qxapp::jobActionAllowed(qxapp::JobAction::Retry, job.state.toStdString())) return;
+  m_session->jobCommand(qxapp::JobAction::Retry, job.id);
+}
+
+void MainWindow::onJobAnswered(qxapp::JobAction action, QString const& jobId, bool ok, QString const& refusal) {
+  if (!ok) {
+    m_answer->setText(refusal);
+  } else {
+    m_answer->setText(action == qxapp::JobAction::Cancel ? tr("cancelled job %1").arg(jobId)
+                                                         : tr("retrying job %1").arg(jobId));
+  }
 }
 
 void MainWindow::pauseDiscarding() {

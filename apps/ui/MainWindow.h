@@ -1,6 +1,8 @@
 // qxui::MainWindow: wires the session to what a person sees. The banner
 // (paused, held), the pause and resume buttons, the drop zone with its file
-// dialogs, the uploads table and the connection state in the status bar.
+// dialogs, the uploads table with cancel and retry of the selected job
+// (buttons, context menu, Delete and Ctrl+R), and the connection state in
+// the status bar.
 // The session is the window's: the destructor stops its transport before
 // any widget goes. UI thread only.
 #ifndef QX_APPS_UI_MAINWINDOW_H
@@ -12,6 +14,7 @@
 #include <QMainWindow>
 #include <QStringList>
 
+class QAction;
 class QLabel;
 class QPushButton;
 class QTableView;
@@ -43,6 +46,11 @@ class MainWindow : public QMainWindow {
   void addFiles();
   void addFolder();
   void updateButtons();
+  // The job of the selected row; empty id when none, or a waiting item.
+  UploadRow selectedJob() const;
+  void cancelSelected();
+  void retrySelected();
+  void onJobAnswered(qxapp::JobAction action, QString const& jobId, bool ok, QString const& refusal);
   void onDropStarted(qint64 totalBytes);
   void showDropProgress();
 
@@ -54,6 +62,11 @@ class MainWindow : public QMainWindow {
   QPushButton* m_resume;
   DropZone* m_dropZone;
   QTableView* m_table;
+  QPushButton* m_cancelJob;
+  QPushButton* m_retryJob;
+  QAction* m_cancelAction;
+  QAction* m_retryAction;
+  QString m_selectedId;  // kept across snapshots that change the rows
   QLabel* m_connection;
   QLabel* m_answer;
   SettingsPage* m_settings = nullptr;

@@ -185,6 +185,15 @@ void UiSession::pause(bool discardWaiting) { sendAndTell(std::make_shared<Ipc::P
 
 void UiSession::resume() { sendAndTell(std::make_shared<Ipc::Resume>(nullptr)); }
 
+void UiSession::jobCommand(qxapp::JobAction action, QString const& jobId) {
+  auto cmd = qxapp::jobRequest(action, jobId.toStdString());
+  send(cmd, [this, cmd, action, jobId](std::string const& error) {
+    std::string const refusal = error.empty() ? qxapp::jobRefusal(cmd->payload) : error;
+    emit jobAnswered(action, jobId, refusal.empty(), QString::fromStdString(refusal));
+    refresh();
+  });
+}
+
 void UiSession::fetchConfig() {
   auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
   send(cmd, [this, cmd](std::string const& error) {

@@ -18,6 +18,7 @@
 #ifndef QX_APPS_UI_UISESSION_H
 #define QX_APPS_UI_UISESSION_H
 
+#include "apps/JobCommand.h"
 #include "apps/ui/UploadsSnapshot.h"
 #include "json/Json.h"
 
@@ -82,6 +83,9 @@ class UiSession : public QObject {
 
   void pause(bool discardWaiting);
   void resume();
+  // Has the service cancel or retry job jobId (its own methods); the answer
+  // comes as jobAnswered.
+  void jobCommand(qxapp::JobAction action, QString const& jobId);
   // Hands paths (files or folders) to the service one after the other, after
   // the checks of the command-line client; the outcome comes as dropAnswered.
   void drop(QStringList const& paths);
@@ -99,6 +103,9 @@ class UiSession : public QObject {
   void uploadsChanged(qxui::UploadsSnapshot const& snapshot);
   // The service's answer to pause or resume, or why there was none.
   void commandAnswered(QString const& text, bool ok);
+  // The service's answer to a cancel or retry: ok, or its reason, as it
+  // said it.
+  void jobAnswered(qxapp::JobAction action, QString const& jobId, bool ok, QString const& refusal);
   // The drop's files are checked and about to be sent.
   void dropStarted(qint64 totalBytes);
   // One line a path, or the problems that stopped the drop.
