@@ -12,7 +12,9 @@
 #include "tests/ProcessHarness.h"
 #include "tests/TestUtil.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
 #include <QApplication>
@@ -408,6 +410,55 @@ TEST_F(UiTest, AWaitingJobIsRetriedFromTheWindowByItsShortcut) {
   std::vector<std::string> const log = qxtest::logLines(service->err());
   EXPECT_EQ(1, std::count(log.begin(), log.end(), "INFO:qxlite-svc retrying job " + id + " as asked"))
       << service->err();
+}
+
+TEST_F(UiTest, ADropCancelledOnItsWayLeavesNothingInTheSpool) {
+  // Large enough to be on its way for a while, written at once: holes but
+  // for a start.
+  std::uint64_t const bigSize = std::uint64_t(400) << 20;
+  fs::path const big = tmp / "big.pdf";
+  {
+    int const fd = ::open(big.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bigSize)));
+    ASSERT_EQ(5, ::pwrite(fd, "start", 5, 0));
+    ::close(fd);
+  }
+  auto window = openWindow();
+  QLabel* const state = label(*window, "connectionState");
+  expectText(state, "Connected to the service");
+  QPushButton* const cancel = part<QPushButton>(*window, "cancelDrop");
+  ASSERT_TRUE(cancel);
+  EXPECT_TRUE(cancel->isHidden());
+  dropOn(window->findChild<qxui::DropZone*>(), {big});
+  fs::path const partial = in / "big.pdf.noqx";
+  bool const arriving = QTest::qWaitFor(
+      [&] {
+        boost::system::error_code ec;
+        return fs::file_size(partial, ec) > 0 && !ec;
+      },
+      20000);
+  ASSERT_TRUE(arriving) << "nothing arrived; the drop says: " << label(*window, "dropOutcome")->text().toStdString();
+  ASSERT_TRUE(cancel->isVisible());
+  QTest::mouseClick(cancel, Qt::LeftButton);
+  expectText(label(*window, "dropOutcome"), "Drop cancelled");
+  EXPECT_TRUE(cancel->isHidden());
+  EXPECT_TRUE(window->findChild<QWidget*>(QStringLiteral("dropProgress"))->isHidden());
+  // The service removes what it received, and takes in none of it.
+  EXPECT_TRUE(qxtest::waitFor([&] { return qxtest::namesIn(in).empty(); }))
+      << ::testing::PrintToString(qxtest::namesIn(in));
+  auto removals = [&] {
+    std::vector<std::string> const log = qxtest::logLines(service->err());
+    return std::count(log.begin(), log.end(), "INFO:qxlite-svc removed the partial drop \"" + partial.string() + "\"");
+  };
+  EXPECT_TRUE(qxtest::waitFor([&] { return removals() == 1; })) << service->err();
+  EXPECT_TRUE(spooled().empty());
+  // The window connects again by itself and goes on as before.
+  expectText(state, "Connected to the service");
+  writeFile(tmp / "after.pdf", "after");
+  dropOn(window->findChild<qxui::DropZone*>(), {tmp / "after.pdf"});
+  expectText(label(*window, "dropOutcome"), "dropped \"" + (tmp / "after.pdf").string() + "\": 1 file(s), 5 B");
+  EXPECT_TRUE(qxtest::waitFor([&] { return spooled() == std::vector<std::string>{"after.pdf=after"}; }));
 }
 
 TEST_F(UiTest, TheWindowReconnectsWhenTheServiceStartsAgain) {

@@ -155,6 +155,7 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   m_dropTicker->setInterval(200);
   connect(m_dropTicker, &QTimer::timeout, this, &MainWindow::showDropProgress);
   connect(m_dropZone, &DropZone::pathsDropped, m_session, &UiSession::drop);
+  connect(m_dropZone, &DropZone::cancelRequested, m_session, &UiSession::cancelDrop);
   connect(m_pause, &QPushButton::clicked, this, [this] { m_session->pause(false); });
   connect(m_discard, &QPushButton::clicked, this, &MainWindow::pauseDiscarding);
   connect(m_resume, &QPushButton::clicked, this, [this] { m_session->resume(); });

@@ -255,16 +255,19 @@ void UiSession::drop(QStringList const& paths) {
   QStringList problems = toQt(qxcli::localDropProblems(all));
   auto nothingDropped = [this](QStringList lines) {
     lines << tr("nothing was dropped: %n problem(s)", nullptr, static_cast<int>(lines.size()));
-    emit dropAnswered(lines, false);
+    endDrop(lines, false);
   };
   if (!problems.isEmpty()) {
     nothingDropped(problems);
     return;
   }
   auto cfg = std::make_shared<Ipc::GetCfg>(nullptr);
-  send(cfg, [this, cfg, paths, all, nothingDropped](std::string const& error) {
+  m_dropping = true;
+  unsigned const number = ++m_dropNumber;
+  send(cfg, [this, cfg, paths, all, nothingDropped, number](std::string const& error) {
+    if (number != m_dropNumber) return;  // cancelled
     if (!error.empty()) {
-      emit dropAnswered({QString::fromStdString(error)}, false);
+      endDrop({QString::fromStdString(error)}, false);
       return;
     }
     // The service's own file-type rules, in its own words.
@@ -296,15 +299,34 @@ void UiSession::drop(QStringList const& paths) {
   });
 }
 
+void UiSession::endDrop(QStringList const& lines, bool ok) {
+  m_dropping = false;
+  emit dropAnswered(lines, ok);
+}
+
+void UiSession::cancelDrop() {
+  if (!m_dropping || m_stopped) return;
+  ++m_dropNumber;
+  m_dropping = false;
+  // The service removes what it received when the connection goes; the
+  // client's end waits for the completions it still owes, and those of
+  // this connection are stale from here on.
+  m_client.reset();
+  ++m_generation;
+  emit dropAnswered({tr("Drop cancelled")}, false);
+}
+
 void UiSession::sendDrops(std::shared_ptr<std::vector<PendingDrop>> const& drops, std::size_t next,
                           QStringList lines) {
   if (next == drops->size()) {
-    emit dropAnswered(lines, true);
+    endDrop(lines, true);
     refresh();
     return;
   }
   PendingDrop const current = (*drops)[next];
-  send(current.cmd, [this, drops, next, lines, current](std::string const& error) mutable {
+  unsigned const number = m_dropNumber;
+  send(current.cmd, [this, drops, next, lines, current, number](std::string const& error) mutable {
+    if (number != m_dropNumber) return;  // cancelled
     Ipc::FileDrop const& drop = *current.cmd;
     QString failure = QString::fromStdString(error);
     if (failure.isEmpty() && !drop.ok) {
@@ -316,7 +338,7 @@ void UiSession::sendDrops(std::shared_ptr<std::vector<PendingDrop>> const& drops
       QString line = QStringLiteral("\"%1\": %2").arg(current.path, failure);
       if (!notSent.isEmpty()) line += tr("; not sent: %1").arg(notSent.join(QStringLiteral(", ")));
       lines << line;
-      emit dropAnswered(lines, false);
+      endDrop(lines, false);
       refresh();
       return;
     }
