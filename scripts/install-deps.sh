@@ -18,8 +18,9 @@ packages=(
   scdoc man-db groff-base bash-completion
   # The reference of the public headers (the docs target and its test).
   doxygen
-  # The desktop program qxlite-ui (Qt 6 Widgets and Qt Test).
-  qt6-base-dev
+  # The desktop program qxlite-ui (Qt 6 Widgets and Qt Test), its SVG icon
+  # (the icon engine), and lupdate/lrelease for its translations.
+  qt6-base-dev libqt6svg6 qt6-l10n-tools
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
   # The SMTP server that receives the e-mail notices in the tests (with openssl's certificates).

@@ -22,6 +22,7 @@
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QElapsedTimer>
+#include <QIcon>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListWidget>
@@ -30,6 +31,8 @@
 #include <QLocale>
 #include <QMimeData>
 #include <QPushButton>
+#include <QSignalSpy>
+#include <QSystemTrayIcon>
 #include <QTableView>
 #include <QTest>
 #include <QUrl>
@@ -197,6 +200,21 @@ TEST_F(UiTest, TheWindowConnectsAndShowsTheServicesState) {
   EXPECT_TRUE(part<QPushButton>(*window, "pause")->isEnabled());
   EXPECT_FALSE(part<QPushButton>(*window, "resume")->isEnabled());
   EXPECT_EQ(0, part<QTableView>(*window, "uploads")->model()->rowCount());
+}
+
+TEST_F(UiTest, WithoutATrayTheHeldQueueIsToldOnceInTheStatusBar) {
+  ASSERT_FALSE(QSystemTrayIcon::isSystemTrayAvailable()) << "the offscreen platform has no tray";
+  // The icon a tray would show travels inside the program, and draws.
+  EXPECT_FALSE(QIcon(QStringLiteral(":/qxlite-ui.svg")).pixmap(64, 64).isNull());
+  auto window = openWindow();
+  QSignalSpy told(window.get(), &qxui::MainWindow::noticeShown);
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  expectText(label(*window, "notice"), "Uploads held: no server address is set (\"InetServer\")");
+  // Snapshots keep coming; the same reason is not told again.
+  QTest::qWait(2 * qxui::UiSession::kRefreshMs + 500);
+  ASSERT_EQ(1, told.count());
+  EXPECT_EQ("Uploads held", told.at(0).at(0).toString().toStdString());
+  EXPECT_EQ("no server address is set (\"InetServer\")", told.at(0).at(1).toString().toStdString());
 }
 
 TEST_F(UiTest, ADropOfAFileAndOfAFolderLandsWholeInTheSpoolAndIsListed) {

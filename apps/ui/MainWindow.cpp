@@ -7,6 +7,7 @@
 #include "apps/ui/UploadsModel.h"
 
 #include <QAction>
+#include <QApplication>
 #include <QFileDialog>
 #include <QItemSelectionModel>
 #include <QKeySequence>
@@ -18,6 +19,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QStatusBar>
+#include <QSystemTrayIcon>
 #include <QTabWidget>
 #include <QTableView>
 #include <QTimer>
@@ -41,9 +43,10 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
       m_retryAction(new QAction(tr("Retry job now"), this)),
       m_connection(new QLabel),
       m_answer(new QLabel),
+      m_notice(new QLabel),
       m_dropTicker(new QTimer(this)) {
   setWindowTitle(tr("QXLite uploads"));
-  setWindowIcon(QIcon::fromTheme(QStringLiteral("qxlite-ui")));
+  setWindowIcon(QIcon::fromTheme(QStringLiteral("qxlite-ui"), QIcon(QStringLiteral(":/qxlite-ui.svg"))));
 
   m_banner->setObjectName(QStringLiteral("banner"));
   m_banner->setAccessibleName(tr("Service state"));
@@ -142,6 +145,11 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   m_connection->setTextFormat(Qt::PlainText);
   m_connection->setText(m_session->stateText());
   statusBar()->addWidget(m_connection, 1);
+  m_notice->setObjectName(QStringLiteral("notice"));
+  m_notice->setAccessibleName(tr("Last notice"));
+  m_notice->setTextFormat(Qt::PlainText);
+  statusBar()->addPermanentWidget(m_notice);
+  if (QSystemTrayIcon::isSystemTrayAvailable()) makeTrayIcon();
 
   connect(m_session, &UiSession::stateChanged, this, &MainWindow::onStateChanged);
   connect(m_session, &UiSession::uploadsChanged, this, &MainWindow::onUploads);
@@ -204,7 +212,40 @@ void MainWindow::onStateChanged(UiSession::State state, QString const& text) {
   updateButtons();
 }
 
+void MainWindow::makeTrayIcon() {
+  m_tray = new QSystemTrayIcon(windowIcon(), this);
+  m_tray->setToolTip(windowTitle());
+  auto* menu = new QMenu(this);
+  QAction* const showHide = menu->addAction(tr("Show or hide the window"));
+  connect(showHide, &QAction::triggered, this, [this] { setVisible(!isVisible()); });
+  menu->addSeparator();
+  connect(menu->addAction(tr("Pause")), &QAction::triggered, this, [this] { m_session->pause(false); });
+  connect(menu->addAction(tr("Resume")), &QAction::triggered, this, [this] { m_session->resume(); });
+  menu->addSeparator();
+  connect(menu->addAction(tr("Quit")), &QAction::triggered, qApp, &QApplication::quit);
+  m_tray->setContextMenu(menu);
+  connect(m_tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+    if (reason == QSystemTrayIcon::Trigger) setVisible(!isVisible());
+  });
+  m_tray->show();
+}
+
+void MainWindow::tell(UploadsNotice const& notice) {
+  if (m_tray) {
+    m_tray->showMessage(notice.title, notice.text,
+                        notice.kind == UploadsNotice::Kind::JobRejected ? QSystemTrayIcon::Warning
+                                                                        : QSystemTrayIcon::Information);
+  } else {
+    m_notice->setText(tr("%1: %2").arg(notice.title, notice.text));
+  }
+  emit noticeShown(notice.title, notice.text);
+}
+
 void MainWindow::onUploads(UploadsSnapshot const& snapshot) {
+  for (UploadsNotice const& notice : noticesBetween(m_lastSnapshot ? &*m_lastSnapshot : nullptr, snapshot)) {
+    tell(notice);
+  }
+  m_lastSnapshot = snapshot;
   QString const selected = m_selectedId;
   m_model->setSnapshot(snapshot);
   // A snapshot with other rows resets the model: the job stays selected.

@@ -2,21 +2,26 @@
 // (paused, held), the pause and resume buttons, the drop zone with its file
 // dialogs, the uploads table with cancel and retry of the selected job
 // (buttons, context menu, Delete and Ctrl+R), and the connection state in
-// the status bar.
+// the status bar. Notices (a job rejected, the queue held) go to the tray
+// icon where the desktop has a tray, else to the status bar.
 // The session is the window's: the destructor stops its transport before
 // any widget goes. UI thread only.
 #ifndef QX_APPS_UI_MAINWINDOW_H
 #define QX_APPS_UI_MAINWINDOW_H
 
 #include "apps/ui/UiSession.h"
+#include "apps/ui/UploadsEvents.h"
 
 #include <QElapsedTimer>
 #include <QMainWindow>
 #include <QStringList>
 
+#include <optional>
+
 class QAction;
 class QLabel;
 class QPushButton;
+class QSystemTrayIcon;
 class QTableView;
 class QTimer;
 
@@ -39,6 +44,10 @@ class MainWindow : public QMainWindow {
   // Paths to hand to the service once it is first reached (the command line).
   void dropWhenConnected(QStringList const& paths);
 
+ signals:
+  // A notice was told (by the tray or the status bar).
+  void noticeShown(QString const& title, QString const& text);
+
  private:
   void onStateChanged(UiSession::State state, QString const& text);
   void onUploads(UploadsSnapshot const& snapshot);
@@ -50,6 +59,8 @@ class MainWindow : public QMainWindow {
   UploadRow selectedJob() const;
   void cancelSelected();
   void retrySelected();
+  void makeTrayIcon();
+  void tell(UploadsNotice const& notice);
   void onJobAnswered(qxapp::JobAction action, QString const& jobId, bool ok, QString const& refusal);
   void onDropStarted(qint64 totalBytes);
   void showDropProgress();
@@ -69,6 +80,9 @@ class MainWindow : public QMainWindow {
   QString m_selectedId;  // kept across snapshots that change the rows
   QLabel* m_connection;
   QLabel* m_answer;
+  QLabel* m_notice;
+  QSystemTrayIcon* m_tray = nullptr;  // only where the desktop has a tray
+  std::optional<UploadsSnapshot> m_lastSnapshot;  // what the notices compare with
   SettingsPage* m_settings = nullptr;
   bool m_paused = false;
   bool m_everConnected = false;
