@@ -4,6 +4,7 @@
 // (text/uri-list); every text the window shows is compared whole.
 #include "apps/ui/DropZone.h"
 #include "apps/ui/MainWindow.h"
+#include "apps/ui/Translation.h"
 #include "apps/ui/UploadsModel.h"
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdClient.h"
@@ -630,6 +631,36 @@ TEST(DropZoneTest, TheProgressSaysHowMuchHowFastAndHowLongIsLeft) {
   }
   zone.hideProgress();
   EXPECT_EQ("", zone.progressText().toStdString());
+}
+
+// With the German translation, the window's texts are German; without a
+// translation for the language, English.
+TEST(UiTranslationTest, TheGermanTranslationNamesTheButtonsInGerman) {
+  EXPECT_EQ(nullptr, qxui::translatorFor(QLocale(QLocale::English, QLocale::UnitedStates)));
+  std::unique_ptr<QTranslator> const german = qxui::translatorFor(QLocale(QLocale::German, QLocale::Austria));
+  ASSERT_NE(nullptr, german);
+  ASSERT_TRUE(QApplication::installTranslator(german.get()));
+  {
+    qxui::UiSession::Where nowhere;
+    nowhere.port = 1;  // nobody listens there; the texts are what counts
+    nowhere.tokenFile = "/nonexistent/ipc.token";
+    qxui::MainWindow window(nowhere);
+    EXPECT_EQ("&Anhalten", window.findChild<QPushButton*>(QStringLiteral("pause"))->text().toStdString());
+    EXPECT_EQ("Auftrag a&bbrechen\u2026", window.findChild<QPushButton*>(QStringLiteral("cancelJob"))->text().toStdString());
+    EXPECT_EQ("QXLite-Uploads", window.windowTitle().toStdString());
+    qxui::UploadsSnapshot snapshot;
+    qxui::UploadRow queued;
+    queued.id = QStringLiteral("j1");
+    queued.title = QStringLiteral("a.pdf");
+    queued.state = QStringLiteral("queued");
+    snapshot.rows.push_back(queued);
+    qxui::UploadsModel model;
+    model.setSnapshot(snapshot, 0);
+    EXPECT_EQ("Eingereiht", model.index(0, qxui::UploadsModel::State).data().toString().toStdString());
+    EXPECT_EQ("N\u00e4chster Versuch", model.headerData(qxui::UploadsModel::NextTry, Qt::Horizontal).toString().toStdString());
+  }
+  QApplication::removeTranslator(german.get());
+  EXPECT_EQ("Pause", QCoreApplication::translate("qxui::MainWindow", "Pause").toStdString());
 }
 
 // The program's command line is read before it needs a display.

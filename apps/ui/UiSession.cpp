@@ -175,7 +175,7 @@ void UiSession::sendAndTell(std::shared_ptr<Cmd> const& cmd) {
       emit commandAnswered(QString::fromStdString(error), false);
       return;
     }
-    emit commandAnswered(cmd->ok || !cmd->msg.empty() ? QString::fromStdString(cmd->msg) : tr("the service refused it"),
+    emit commandAnswered(cmd->ok || !cmd->msg.empty() ? QString::fromStdString(cmd->msg) : UiSession::tr("the service refused it"),
                          cmd->ok);
     refresh();
   });
