@@ -18,13 +18,19 @@
 #include <unistd.h>
 #include <sys/stat.h>
 
+#include <QAbstractButton>
+#include <QAccessible>
 #include <QApplication>
+#include <QGroupBox>
+#include <QKeySequence>
+#include <QTabWidget>
 #include <QCheckBox>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QElapsedTimer>
 #include <QIcon>
 #include <QLabel>
+#include <QLayout>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
@@ -42,6 +48,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -633,6 +640,75 @@ TEST(DropZoneTest, TheProgressSaysHowMuchHowFastAndHowLongIsLeft) {
   EXPECT_EQ("", zone.progressText().toStdString());
 }
 
+// What a keyboard user meets in window: a control (a widget that takes the
+// focus by Tab) that a screen reader would have to announce without a name,
+// and a mnemonic (&X) that two texts of one page claim; the window's own
+// texts (its tab names, the buttons above the pages) count on every page.
+// One line a problem.
+std::vector<std::string> keyboardProblems(qxui::MainWindow& window) {
+  std::vector<std::string> problems;
+  auto nameOf = [](QWidget* w) {
+    return w->objectName().isEmpty() ? std::string(w->metaObject()->className()) : w->objectName().toStdString();
+  };
+  for (QWidget* w : window.findChildren<QWidget*>()) {
+    if (!(w->focusPolicy() & Qt::TabFocus)) continue;
+    QAccessibleInterface* const a = QAccessible::queryAccessibleInterface(w);
+    if (!a || a->text(QAccessible::Name).trimmed().isEmpty()) {
+      problems.push_back("no accessible name: " + nameOf(w));
+    }
+  }
+  auto* tabs = window.findChild<QTabWidget*>(QStringLiteral("pages"));
+  if (!tabs) return {"no pages"};
+  // The texts that may carry a mnemonic, each with what it labels.
+  auto texts = [&](QWidget* within, bool pagesToo) {
+    std::vector<std::pair<QString, std::string>> found;
+    for (QWidget* w : within->findChildren<QWidget*>()) {
+      bool inPage = false;
+      for (int i = 0; i < tabs->count(); ++i) inPage = inPage || tabs->widget(i)->isAncestorOf(w);
+      if (inPage && !pagesToo) continue;
+      if (auto* b = qobject_cast<QAbstractButton*>(w)) found.emplace_back(b->text(), nameOf(w));
+      if (auto* l = qobject_cast<QLabel*>(w); l && l->buddy()) found.emplace_back(l->text(), nameOf(w));
+      if (auto* g = qobject_cast<QGroupBox*>(w)) found.emplace_back(g->title(), nameOf(w));
+    }
+    return found;
+  };
+  std::vector<std::pair<QString, std::string>> shared = texts(&window, false);
+  for (int i = 0; i < tabs->count(); ++i) shared.emplace_back(tabs->tabText(i), "tab " + std::to_string(i));
+  for (int i = 0; i < tabs->count(); ++i) {
+    std::vector<std::pair<QString, std::string>> page = shared;
+    for (auto const& t : texts(tabs->widget(i), true)) page.push_back(t);
+    std::map<int, std::string> owner;
+    for (auto const& [text, who] : page) {
+      QKeySequence const key = QKeySequence::mnemonic(text);
+      if (key.isEmpty()) continue;
+      auto const [at, fresh] = owner.emplace(key[0].toCombined(), who);
+      if (!fresh) {
+        problems.push_back("page " + tabs->tabText(i).toStdString() + ": " + key.toString().toStdString() +
+                           " of " + at->second + " and of " + who);
+      }
+    }
+  }
+  return problems;
+}
+
+TEST_F(UiTest, EveryControlHasAnAccessibleNameAndNoMnemonicIsUsedTwice) {
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  EXPECT_EQ(std::vector<std::string>{}, keyboardProblems(*window));
+
+  // The walk sees both faults: a mnemonic of the tab names taken again on
+  // a page, and a control with a blank name.
+  auto* tabs = window->findChild<QTabWidget*>(QStringLiteral("pages"));
+  ASSERT_NE(nullptr, tabs);
+  auto* probe = new QPushButton(QStringLiteral("&Everything"));
+  probe->setObjectName(QStringLiteral("probe"));
+  probe->setAccessibleName(QStringLiteral(" "));
+  tabs->widget(1)->layout()->addWidget(probe);
+  EXPECT_EQ((std::vector<std::string>{"no accessible name: probe",
+                                      "page S&ettings: Alt+E of tab 1 and of probe"}),
+            keyboardProblems(*window));
+}
+
 // With the German translation, the window's texts are German; without a
 // translation for the language, English.
 TEST(UiTranslationTest, TheGermanTranslationNamesTheButtonsInGerman) {
@@ -648,6 +724,8 @@ TEST(UiTranslationTest, TheGermanTranslationNamesTheButtonsInGerman) {
     EXPECT_EQ("&Anhalten", window.findChild<QPushButton*>(QStringLiteral("pause"))->text().toStdString());
     EXPECT_EQ("Auftrag a&bbrechen\u2026", window.findChild<QPushButton*>(QStringLiteral("cancelJob"))->text().toStdString());
     EXPECT_EQ("QXLite-Uploads", window.windowTitle().toStdString());
+    // The German mnemonics are distinct too.
+    EXPECT_EQ(std::vector<std::string>{}, keyboardProblems(window));
     qxui::UploadsSnapshot snapshot;
     qxui::UploadRow queued;
     queued.id = QStringLiteral("j1");

@@ -346,6 +346,10 @@
         <source>Nothing changed.</source>
         <translation>Nichts geändert.</translation>
     </message>
+    <message>
+        <source>Settings form</source>
+        <translation>Einstellungsformular</translation>
+    </message>
 </context>
 <context>
     <name>qxui::UiSession</name>
