@@ -11,6 +11,8 @@
 #include "tests/HeldPort.h"
 #include "tests/IntakeTestUtil.h"
 #include "tests/ProcessHarness.h"
+#include "tests/FaultProxy.h"
+#include "tests/TestServers.h"
 #include "tests/TestUtil.h"
 
 #include <fcntl.h>
@@ -638,6 +640,67 @@ TEST(DropZoneTest, TheProgressSaysHowMuchHowFastAndHowLongIsLeft) {
   }
   zone.hideProgress();
   EXPECT_EQ("", zone.progressText().toStdString());
+}
+
+// The real WebDAV test server (the ctest fixture TestServers starts it),
+// behind a proxy that slows the upload enough for the table to show it.
+TEST_F(UiTest, AnUploadToTheWebDavServerGoesThroughTheStatesToDoneInTheTable) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  qxtest::HostPort const upstream = qxtest::hostPortOf(dav.url);
+  constexpr std::uint64_t kBytesPerSecond = 256 * 1024;
+  qxtest::FaultProxy proxy(upstream.host, upstream.port, [](std::string const& method, std::string const&) {
+    return method == "PUT" ? qxtest::Fault::throttle(kBytesPerSecond) : qxtest::Fault::pass();
+  });
+  std::string const base = "ui-" + std::to_string(::getpid());
+  std::string const davPath = dav.url.substr(dav.url.find('/', dav.url.find("//") + 2));
+  stopService();
+  json::Object account;
+  account.setAt("user", json::Value(dav.user));
+  account.setAt("secret", json::Value(dav.password));
+  writeFile(tmp / "credentials.json", json::jsonToString(account, false));
+  ::chmod((tmp / "credentials.json").c_str(), 0600);
+  writeConfig(",\"InetServer\":\"" + proxy.origin() + davPath + "/" + base + "\"");
+  ASSERT_TRUE(startService());
+  std::string const content(3 * kBytesPerSecond, 'u');  // three seconds on the way
+  writeFile(tmp / "up.pdf", content);
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  EXPECT_FALSE(label(*window, "banner")->isVisible());
+  // Paused first, so that the item waits in the table before it is a job.
+  QTest::mouseClick(part<QPushButton>(*window, "pause"), Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused");
+  window->dropWhenConnected({QString::fromStdString((tmp / "up.pdf").string())});
+
+  // Every state the table shows for the item, in order, until it is done.
+  QAbstractItemModel* const model = part<QTableView>(*window, "uploads")->model();
+  std::vector<std::string> states;
+  auto cell = [model](int column) { return model->index(0, column).data().toString().toStdString(); };
+  auto watch = [&](char const* until) {
+    return QTest::qWaitFor(
+        [&] {
+          if (model->rowCount() != 1 || cell(qxui::UploadsModel::Title) != "up.pdf") return false;
+          std::string const state = cell(qxui::UploadsModel::State);
+          if (states.empty() || states.back() != state) states.push_back(state);
+          return state == until;
+        },
+        60000);
+  };
+  ASSERT_TRUE(watch("Waiting")) << ::testing::PrintToString(states);
+  QTest::mouseClick(part<QPushButton>(*window, "resume"), Qt::LeftButton);
+  ASSERT_TRUE(watch("Done")) << ::testing::PrintToString(states) << "\n" << service->err() << proxy.report();
+  // Snapshots come once a second: "Queued" may fall between two.
+  std::vector<std::string> shown = states;
+  shown.erase(std::remove(shown.begin(), shown.end(), "Queued"), shown.end());
+  EXPECT_EQ((std::vector<std::string>{"Waiting", "Uploading", "Done"}), shown) << ::testing::PrintToString(states);
+  EXPECT_EQ("100%", cell(qxui::UploadsModel::Progress));
+  EXPECT_EQ("0", cell(qxui::UploadsModel::Attempts));  // the failed ones
+  EXPECT_EQ("", cell(qxui::UploadsModel::LastError));
+  // On the server, below the base of the address.
+  std::vector<std::string> stored;
+  for (fs::recursive_directory_iterator it(fs::path(dav.root) / base), end; it != end; ++it) {
+    if (fs::is_regular_file(it->path())) stored.push_back(it->path().filename().string() + "=" + readFile(it->path()));
+  }
+  EXPECT_EQ(std::vector<std::string>{"up.pdf=" + content}, stored);
 }
 
 // What a keyboard user meets in window: a control (a widget that takes the
