@@ -441,9 +441,10 @@ TEST_F(UiTest, AWaitingJobIsRetriedFromTheWindowByItsShortcut) {
 }
 
 TEST_F(UiTest, ADropCancelledOnItsWayLeavesNothingInTheSpool) {
-  // Large enough to be on its way for a while, written at once: holes but
-  // for a start.
-  std::uint64_t const bigSize = std::uint64_t(400) << 20;
+  // Large enough to be on its way for a while even when a busy machine (a
+  // sanitizer's build, tests in parallel) lets the window's thread wait,
+  // written at once: holes but for a start.
+  std::uint64_t const bigSize = std::uint64_t(1) << 30;
   fs::path const big = tmp / "big.pdf";
   {
     int const fd = ::open(big.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
