@@ -18,9 +18,10 @@ packages=(
   scdoc man-db groff-base bash-completion
   # The reference of the public headers (the docs target and its test).
   doxygen
-  # The desktop program qxlite-ui (Qt 6 Widgets and Qt Test); its package's
+  # The desktop program qxlite-ui (Qt 6 Widgets and Qt Test), its SVG icon
+  # (the icon engine), lupdate/lrelease for its translations; its package's
   # test checks the installed desktop entry (desktop-file-validate).
-  qt6-base-dev desktop-file-utils
+  qt6-base-dev libqt6svg6 qt6-l10n-tools desktop-file-utils
   # qxlite-ui under a real X server (UiXvfbTest): the server, xauth (which
   # xvfb-run needs and does not pull in), keyboard and mouse from outside, a tray.
   xvfb xauth xdotool trayer

@@ -1426,6 +1426,37 @@ TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
   EXPECT_EQ(1u, listing(out).size());
 }
 
+// A client killed in the middle of a folder's drop: the service removes the
+// temporary folder it was filling, and what waited before stays.
+TEST_F(AppsTest, AClientKilledDuringADropLeavesNothingPartialBehind) {
+  writeConfig();
+  ASSERT_TRUE(startService());
+  expectOutput({"pause"}, "Paused\n");
+  writeFile(in / "earlier.pdf.noqx", "half");
+  fs::create_directories(tmp / "docs");
+  writeFile(tmp / "docs" / "a.pdf", "first");
+  std::uint64_t const bigSize = std::uint64_t(400) << 20;
+  {
+    int const fd = ::open((tmp / "docs" / "big.pdf").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bigSize)));
+    ::close(fd);
+  }
+  Child client(kCli, {"--port", std::to_string(port), "--token-file", tokenFile.string(), "drop", (tmp / "docs").string()},
+               nextOutput(".out"), nextOutput(".err"));
+  fs::path const partial = in / "tmp.noqx";
+  bool const caught = waitFor([&] { return !listing(partial).empty(); });
+  client.kill();
+  ASSERT_TRUE(caught) << "no partial folder appeared; client: " << client.err();
+  EXPECT_TRUE(waitFor([&] { return !fs::exists(partial); })) << ::testing::PrintToString(listing(partial));
+  EXPECT_TRUE(waitFor([&] {
+    std::vector<std::string> const lines = logLines(service->err());
+    return std::count(lines.begin(), lines.end(), "INFO:qxlite-svc removed the partial drop \"" + partial.string() + "\"") == 1;
+  })) << service->err();
+  EXPECT_EQ((std::map<std::string, std::uint64_t>{{"earlier.pdf.noqx", 4}}), listing(in));
+  EXPECT_TRUE(listing(out).empty());
+}
+
 // ---------------------------------------------------------------------------
 // What the service logs
 

@@ -4,22 +4,35 @@
 // (text/uri-list); every text the window shows is compared whole.
 #include "apps/ui/DropZone.h"
 #include "apps/ui/MainWindow.h"
+#include "apps/ui/Translation.h"
 #include "apps/ui/UploadsModel.h"
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdClient.h"
 #include "tests/HeldPort.h"
+#include "tests/IntakeTestUtil.h"
 #include "tests/ProcessHarness.h"
+#include "tests/FaultProxy.h"
+#include "tests/TestServers.h"
 #include "tests/TestUtil.h"
 
+#include <fcntl.h>
 #include <signal.h>
+#include <unistd.h>
 #include <sys/stat.h>
 
+#include <QAbstractButton>
+#include <QAccessible>
 #include <QApplication>
+#include <QGroupBox>
+#include <QKeySequence>
+#include <QTabWidget>
 #include <QCheckBox>
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QElapsedTimer>
+#include <QIcon>
 #include <QLabel>
+#include <QLayout>
 #include <QLineEdit>
 #include <QListWidget>
 #include <QMessageBox>
@@ -27,6 +40,8 @@
 #include <QLocale>
 #include <QMimeData>
 #include <QPushButton>
+#include <QSignalSpy>
+#include <QSystemTrayIcon>
 #include <QTableView>
 #include <QTest>
 #include <QUrl>
@@ -35,6 +50,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -196,6 +212,21 @@ TEST_F(UiTest, TheWindowConnectsAndShowsTheServicesState) {
   EXPECT_EQ(0, part<QTableView>(*window, "uploads")->model()->rowCount());
 }
 
+TEST_F(UiTest, WithoutATrayTheHeldQueueIsToldOnceInTheStatusBar) {
+  ASSERT_FALSE(QSystemTrayIcon::isSystemTrayAvailable()) << "the offscreen platform has no tray";
+  // The icon a tray would show travels inside the program, and draws.
+  EXPECT_FALSE(QIcon(QStringLiteral(":/qxlite-ui.svg")).pixmap(64, 64).isNull());
+  auto window = openWindow();
+  QSignalSpy told(window.get(), &qxui::MainWindow::noticeShown);
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  expectText(label(*window, "notice"), "Uploads held: no server address is set (\"InetServer\")");
+  // Snapshots keep coming; the same reason is not told again.
+  QTest::qWait(2 * qxui::UiSession::kRefreshMs + 500);
+  ASSERT_EQ(1, told.count());
+  EXPECT_EQ("Uploads held", told.at(0).at(0).toString().toStdString());
+  EXPECT_EQ("no server address is set (\"InetServer\")", told.at(0).at(1).toString().toStdString());
+}
+
 TEST_F(UiTest, ADropOfAFileAndOfAFolderLandsWholeInTheSpoolAndIsListed) {
   fs::create_directories(tmp / "docs");
   writeFile(tmp / "docs" / "a.pdf", "first");
@@ -278,17 +309,21 @@ TEST_F(UiTest, PauseAndResumeChangeTheBannerAndTheService) {
   EXPECT_FALSE(resume->isEnabled());
 }
 
-// Answers the next question box with button, once it shows.
-void answerNextQuestion(QMessageBox::StandardButton button) {
+// Answers the next question box with button, once it shows; the flag turns
+// true then.
+std::shared_ptr<bool> answerNextQuestion(QMessageBox::StandardButton button) {
+  auto answered = std::make_shared<bool>(false);
   auto* poll = new QTimer;
-  QObject::connect(poll, &QTimer::timeout, [poll, button] {
+  QObject::connect(poll, &QTimer::timeout, [poll, button, answered] {
     auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
     if (!box) return;
     poll->stop();
     poll->deleteLater();
     box->button(button)->click();
+    *answered = true;
   });
   poll->start(10);
+  return answered;
 }
 
 TEST_F(UiTest, DiscardingTheWaitingItemsAsksFirst) {
@@ -312,6 +347,147 @@ TEST_F(UiTest, DiscardingTheWaitingItemsAsksFirst) {
   QTest::mouseClick(discard, Qt::LeftButton);
   expectText(label(*window, "commandAnswer"), "Paused; 1 waiting item(s) moved to the rejected folder: w.pdf");
   EXPECT_FALSE(fs::exists(in / "w.pdf"));
+}
+
+// Selects the table's row whose title is title; false when there is none.
+bool selectRowTitled(QTableView* table, std::string const& title) {
+  QAbstractItemModel* const model = table->model();
+  for (int r = 0; r < model->rowCount(); ++r) {
+    if (model->index(r, qxui::UploadsModel::Title).data().toString().toStdString() != title) continue;
+    table->selectRow(r);
+    return true;
+  }
+  return false;
+}
+
+TEST_F(UiTest, AQueuedJobCancelledFromTheWindowIsCancelledAndItsFilesRejected) {
+  writeFile(tmp / "q.pdf", "queued");
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  window->dropWhenConnected({QString::fromStdString((tmp / "q.pdf").string())});
+  QTableView* const table = part<QTableView>(*window, "uploads");
+  QPushButton* const cancel = part<QPushButton>(*window, "cancelJob");
+  QPushButton* const retry = part<QPushButton>(*window, "retryJob");
+  ASSERT_TRUE(table && cancel && retry);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return selectRowTitled(table, "q.pdf"); }, 20000));
+  // The paused service holds the job as it is.
+  QTest::mouseClick(part<QPushButton>(*window, "pause"), Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused");
+  auto list = std::make_shared<Ipc::GetUploads>(nullptr);
+  ask(list);
+  std::string const id = json::Object(json::Array(list->payload["uploads"])[0])["id"].asStringSafe();
+  ASSERT_FALSE(id.empty()) << json::jsonToString(list->payload, false);
+  EXPECT_TRUE(cancel->isEnabled());
+  EXPECT_TRUE(retry->isEnabled());
+
+  // Delete asks first; no leaves the job alone.
+  window->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+  table->setFocus();
+  std::shared_ptr<bool> const asked = answerNextQuestion(QMessageBox::No);
+  QTest::keyClick(table, Qt::Key_Delete);
+  EXPECT_TRUE(QTest::qWaitFor([asked] { return *asked; })) << "Delete did not ask";
+  QTest::qWait(300);
+  EXPECT_EQ("Paused", label(*window, "commandAnswer")->text().toStdString());
+
+  // The box took the activation; the window gets it back as a person's click would.
+  window->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+  table->setFocus();
+  std::shared_ptr<bool> const confirmed = answerNextQuestion(QMessageBox::Yes);
+  QTest::keyClick(table, Qt::Key_Delete);
+  EXPECT_TRUE(QTest::qWaitFor([confirmed] { return *confirmed; })) << "Delete did not ask";
+  expectText(label(*window, "commandAnswer"), "cancelled job " + id);
+  auto stateOfJob = [&] {
+    auto cmd = std::make_shared<Ipc::GetUploads>(nullptr);
+    ask(cmd);
+    return json::Object(json::Array(cmd->payload["uploads"])[0])["state"].asStringSafe();
+  };
+  EXPECT_TRUE(qxtest::waitFor([&] { return stateOfJob() == "cancelled"; })) << stateOfJob();
+  fs::path const rejected = backup() / ".rejected";
+  ASSERT_EQ(1u, qxtest::namesIn(rejected).size());
+  EXPECT_EQ("queued", readFile(rejected / qxtest::namesIn(rejected).front() / "q.pdf"));
+  // The table shows it, still selected, and a cancelled job takes neither.
+  expectShown([&] { return table->model()->index(0, qxui::UploadsModel::State).data().toString(); }, "Cancelled");
+  ASSERT_EQ(1, table->selectionModel()->selectedRows().size());
+  EXPECT_FALSE(cancel->isEnabled());
+  EXPECT_FALSE(retry->isEnabled());
+
+  // A refusal is the service's own words.
+  window->session().jobCommand(qxapp::JobAction::Cancel, QString::fromStdString(id));
+  expectText(label(*window, "commandAnswer"), "job \"" + id + "\" is cancelled already");
+}
+
+TEST_F(UiTest, AWaitingJobIsRetriedFromTheWindowByItsShortcut) {
+  writeFile(tmp / "r.pdf", "retry");
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  window->dropWhenConnected({QString::fromStdString((tmp / "r.pdf").string())});
+  QTableView* const table = part<QTableView>(*window, "uploads");
+  ASSERT_TRUE(table);
+  ASSERT_TRUE(QTest::qWaitFor([&] { return selectRowTitled(table, "r.pdf"); }, 20000));
+  auto list = std::make_shared<Ipc::GetUploads>(nullptr);
+  ask(list);
+  std::string const id = json::Object(json::Array(list->payload["uploads"])[0])["id"].asStringSafe();
+  ASSERT_TRUE(QTest::qWaitFor([&] { return part<QPushButton>(*window, "retryJob")->isEnabled(); }, 20000));
+  window->activateWindow();
+  ASSERT_TRUE(QTest::qWaitForWindowActive(window.get()));
+  table->setFocus();
+  QTest::keyClick(table, Qt::Key_R, Qt::ControlModifier);
+  expectText(label(*window, "commandAnswer"), "retrying job " + id);
+  std::vector<std::string> const log = qxtest::logLines(service->err());
+  EXPECT_EQ(1, std::count(log.begin(), log.end(), "INFO:qxlite-svc retrying job " + id + " as asked"))
+      << service->err();
+}
+
+TEST_F(UiTest, ADropCancelledOnItsWayLeavesNothingInTheSpool) {
+  // Large enough to be on its way for a while even when a busy machine (a
+  // sanitizer's build, tests in parallel) lets the window's thread wait,
+  // written at once: holes but for a start.
+  std::uint64_t const bigSize = std::uint64_t(1) << 30;
+  fs::path const big = tmp / "big.pdf";
+  {
+    int const fd = ::open(big.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bigSize)));
+    ASSERT_EQ(5, ::pwrite(fd, "start", 5, 0));
+    ::close(fd);
+  }
+  auto window = openWindow();
+  QLabel* const state = label(*window, "connectionState");
+  expectText(state, "Connected to the service");
+  QPushButton* const cancel = part<QPushButton>(*window, "cancelDrop");
+  ASSERT_TRUE(cancel);
+  EXPECT_TRUE(cancel->isHidden());
+  dropOn(window->findChild<qxui::DropZone*>(), {big});
+  fs::path const partial = in / "big.pdf.noqx";
+  bool const arriving = QTest::qWaitFor(
+      [&] {
+        boost::system::error_code ec;
+        return fs::file_size(partial, ec) > 0 && !ec;
+      },
+      20000);
+  ASSERT_TRUE(arriving) << "nothing arrived; the drop says: " << label(*window, "dropOutcome")->text().toStdString();
+  ASSERT_TRUE(cancel->isVisible());
+  QTest::mouseClick(cancel, Qt::LeftButton);
+  expectText(label(*window, "dropOutcome"), "Drop cancelled");
+  EXPECT_TRUE(cancel->isHidden());
+  EXPECT_TRUE(window->findChild<QWidget*>(QStringLiteral("dropProgress"))->isHidden());
+  // The service removes what it received, and takes in none of it.
+  EXPECT_TRUE(qxtest::waitFor([&] { return qxtest::namesIn(in).empty(); }))
+      << ::testing::PrintToString(qxtest::namesIn(in));
+  auto removals = [&] {
+    std::vector<std::string> const log = qxtest::logLines(service->err());
+    return std::count(log.begin(), log.end(), "INFO:qxlite-svc removed the partial drop \"" + partial.string() + "\"");
+  };
+  EXPECT_TRUE(qxtest::waitFor([&] { return removals() == 1; })) << service->err();
+  EXPECT_TRUE(spooled().empty());
+  // The window connects again by itself and goes on as before.
+  expectText(state, "Connected to the service");
+  writeFile(tmp / "after.pdf", "after");
+  dropOn(window->findChild<qxui::DropZone*>(), {tmp / "after.pdf"});
+  expectText(label(*window, "dropOutcome"), "dropped \"" + (tmp / "after.pdf").string() + "\": 1 file(s), 5 B");
+  EXPECT_TRUE(qxtest::waitFor([&] { return spooled() == std::vector<std::string>{"after.pdf=after"}; }));
 }
 
 TEST_F(UiTest, TheWindowReconnectsWhenTheServiceStartsAgain) {
@@ -465,6 +641,168 @@ TEST(DropZoneTest, TheProgressSaysHowMuchHowFastAndHowLongIsLeft) {
   }
   zone.hideProgress();
   EXPECT_EQ("", zone.progressText().toStdString());
+}
+
+// The real WebDAV test server (the ctest fixture TestServers starts it),
+// behind a proxy that slows the upload enough for the table to show it.
+TEST_F(UiTest, AnUploadToTheWebDavServerGoesThroughTheStatesToDoneInTheTable) {
+  qxtest::DavTestServer const& dav = qxtest::davServer();
+  qxtest::HostPort const upstream = qxtest::hostPortOf(dav.url);
+  constexpr std::uint64_t kBytesPerSecond = 256 * 1024;
+  qxtest::FaultProxy proxy(upstream.host, upstream.port, [](std::string const& method, std::string const&) {
+    return method == "PUT" ? qxtest::Fault::throttle(kBytesPerSecond) : qxtest::Fault::pass();
+  });
+  std::string const base = "ui-" + std::to_string(::getpid());
+  std::string const davPath = dav.url.substr(dav.url.find('/', dav.url.find("//") + 2));
+  stopService();
+  json::Object account;
+  account.setAt("user", json::Value(dav.user));
+  account.setAt("secret", json::Value(dav.password));
+  writeFile(tmp / "credentials.json", json::jsonToString(account, false));
+  ::chmod((tmp / "credentials.json").c_str(), 0600);
+  writeConfig(",\"InetServer\":\"" + proxy.origin() + davPath + "/" + base + "\"");
+  ASSERT_TRUE(startService());
+  std::string const content(3 * kBytesPerSecond, 'u');  // three seconds on the way
+  writeFile(tmp / "up.pdf", content);
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  EXPECT_FALSE(label(*window, "banner")->isVisible());
+  // Paused first, so that the item waits in the table before it is a job.
+  QTest::mouseClick(part<QPushButton>(*window, "pause"), Qt::LeftButton);
+  expectText(label(*window, "commandAnswer"), "Paused");
+  window->dropWhenConnected({QString::fromStdString((tmp / "up.pdf").string())});
+
+  // Every state the table shows for the item, in order, until it is done.
+  QAbstractItemModel* const model = part<QTableView>(*window, "uploads")->model();
+  std::vector<std::string> states;
+  auto cell = [model](int column) { return model->index(0, column).data().toString().toStdString(); };
+  auto watch = [&](char const* until) {
+    return QTest::qWaitFor(
+        [&] {
+          if (model->rowCount() != 1 || cell(qxui::UploadsModel::Title) != "up.pdf") return false;
+          std::string const state = cell(qxui::UploadsModel::State);
+          if (states.empty() || states.back() != state) states.push_back(state);
+          return state == until;
+        },
+        60000);
+  };
+  ASSERT_TRUE(watch("Waiting")) << ::testing::PrintToString(states);
+  QTest::mouseClick(part<QPushButton>(*window, "resume"), Qt::LeftButton);
+  ASSERT_TRUE(watch("Done")) << ::testing::PrintToString(states) << "\n" << service->err() << proxy.report();
+  // Snapshots come once a second: "Queued" may fall between two.
+  std::vector<std::string> shown = states;
+  shown.erase(std::remove(shown.begin(), shown.end(), "Queued"), shown.end());
+  EXPECT_EQ((std::vector<std::string>{"Waiting", "Uploading", "Done"}), shown) << ::testing::PrintToString(states);
+  EXPECT_EQ("100%", cell(qxui::UploadsModel::Progress));
+  EXPECT_EQ("0", cell(qxui::UploadsModel::Attempts));  // the failed ones
+  EXPECT_EQ("", cell(qxui::UploadsModel::LastError));
+  // On the server, below the base of the address.
+  std::vector<std::string> stored;
+  for (fs::recursive_directory_iterator it(fs::path(dav.root) / base), end; it != end; ++it) {
+    if (fs::is_regular_file(it->path())) stored.push_back(it->path().filename().string() + "=" + readFile(it->path()));
+  }
+  EXPECT_EQ(std::vector<std::string>{"up.pdf=" + content}, stored);
+}
+
+// What a keyboard user meets in window: a control (a widget that takes the
+// focus by Tab) that a screen reader would have to announce without a name,
+// and a mnemonic (&X) that two texts of one page claim; the window's own
+// texts (its tab names, the buttons above the pages) count on every page.
+// One line a problem.
+std::vector<std::string> keyboardProblems(qxui::MainWindow& window) {
+  std::vector<std::string> problems;
+  auto nameOf = [](QWidget* w) {
+    return w->objectName().isEmpty() ? std::string(w->metaObject()->className()) : w->objectName().toStdString();
+  };
+  for (QWidget* w : window.findChildren<QWidget*>()) {
+    if (!(w->focusPolicy() & Qt::TabFocus)) continue;
+    QAccessibleInterface* const a = QAccessible::queryAccessibleInterface(w);
+    if (!a || a->text(QAccessible::Name).trimmed().isEmpty()) {
+      problems.push_back("no accessible name: " + nameOf(w));
+    }
+  }
+  auto* tabs = window.findChild<QTabWidget*>(QStringLiteral("pages"));
+  if (!tabs) return {"no pages"};
+  // The texts that may carry a mnemonic, each with what it labels.
+  auto texts = [&](QWidget* within, bool pagesToo) {
+    std::vector<std::pair<QString, std::string>> found;
+    for (QWidget* w : within->findChildren<QWidget*>()) {
+      bool inPage = false;
+      for (int i = 0; i < tabs->count(); ++i) inPage = inPage || tabs->widget(i)->isAncestorOf(w);
+      if (inPage && !pagesToo) continue;
+      if (auto* b = qobject_cast<QAbstractButton*>(w)) found.emplace_back(b->text(), nameOf(w));
+      if (auto* l = qobject_cast<QLabel*>(w); l && l->buddy()) found.emplace_back(l->text(), nameOf(w));
+      if (auto* g = qobject_cast<QGroupBox*>(w)) found.emplace_back(g->title(), nameOf(w));
+    }
+    return found;
+  };
+  std::vector<std::pair<QString, std::string>> shared = texts(&window, false);
+  for (int i = 0; i < tabs->count(); ++i) shared.emplace_back(tabs->tabText(i), "tab " + std::to_string(i));
+  for (int i = 0; i < tabs->count(); ++i) {
+    std::vector<std::pair<QString, std::string>> page = shared;
+    for (auto const& t : texts(tabs->widget(i), true)) page.push_back(t);
+    std::map<int, std::string> owner;
+    for (auto const& [text, who] : page) {
+      QKeySequence const key = QKeySequence::mnemonic(text);
+      if (key.isEmpty()) continue;
+      auto const [at, fresh] = owner.emplace(key[0].toCombined(), who);
+      if (!fresh) {
+        problems.push_back("page " + tabs->tabText(i).toStdString() + ": " + key.toString().toStdString() +
+                           " of " + at->second + " and of " + who);
+      }
+    }
+  }
+  return problems;
+}
+
+TEST_F(UiTest, EveryControlHasAnAccessibleNameAndNoMnemonicIsUsedTwice) {
+  auto window = openWindow();
+  expectText(label(*window, "connectionState"), "Connected to the service");
+  EXPECT_EQ(std::vector<std::string>{}, keyboardProblems(*window));
+
+  // The walk sees both faults: a mnemonic of the tab names taken again on
+  // a page, and a control with a blank name.
+  auto* tabs = window->findChild<QTabWidget*>(QStringLiteral("pages"));
+  ASSERT_NE(nullptr, tabs);
+  auto* probe = new QPushButton(QStringLiteral("&Everything"));
+  probe->setObjectName(QStringLiteral("probe"));
+  probe->setAccessibleName(QStringLiteral(" "));
+  tabs->widget(1)->layout()->addWidget(probe);
+  EXPECT_EQ((std::vector<std::string>{"no accessible name: probe",
+                                      "page S&ettings: Alt+E of tab 1 and of probe"}),
+            keyboardProblems(*window));
+}
+
+// With the German translation, the window's texts are German; without a
+// translation for the language, English.
+TEST(UiTranslationTest, TheGermanTranslationNamesTheButtonsInGerman) {
+  EXPECT_EQ(nullptr, qxui::translatorFor(QLocale(QLocale::English, QLocale::UnitedStates)));
+  std::unique_ptr<QTranslator> const german = qxui::translatorFor(QLocale(QLocale::German, QLocale::Austria));
+  ASSERT_NE(nullptr, german);
+  ASSERT_TRUE(QApplication::installTranslator(german.get()));
+  {
+    qxui::UiSession::Where nowhere;
+    nowhere.port = 1;  // nobody listens there; the texts are what counts
+    nowhere.tokenFile = "/nonexistent/ipc.token";
+    qxui::MainWindow window(nowhere);
+    EXPECT_EQ("&Anhalten", window.findChild<QPushButton*>(QStringLiteral("pause"))->text().toStdString());
+    EXPECT_EQ("Auftrag a&bbrechen\u2026", window.findChild<QPushButton*>(QStringLiteral("cancelJob"))->text().toStdString());
+    EXPECT_EQ("QXLite-Uploads", window.windowTitle().toStdString());
+    // The German mnemonics are distinct too.
+    EXPECT_EQ(std::vector<std::string>{}, keyboardProblems(window));
+    qxui::UploadsSnapshot snapshot;
+    qxui::UploadRow queued;
+    queued.id = QStringLiteral("j1");
+    queued.title = QStringLiteral("a.pdf");
+    queued.state = QStringLiteral("queued");
+    snapshot.rows.push_back(queued);
+    qxui::UploadsModel model;
+    model.setSnapshot(snapshot, 0);
+    EXPECT_EQ("Eingereiht", model.index(0, qxui::UploadsModel::State).data().toString().toStdString());
+    EXPECT_EQ("N\u00e4chster Versuch", model.headerData(qxui::UploadsModel::NextTry, Qt::Horizontal).toString().toStdString());
+  }
+  QApplication::removeTranslator(german.get());
+  EXPECT_EQ("Pause", QCoreApplication::translate("qxui::MainWindow", "Pause").toStdString());
 }
 
 // The program's command line is read before it needs a display.

@@ -7,6 +7,7 @@
 // a wrong command line.
 #include "apps/CommandLine.h"
 #include "apps/ConfigFile.h"
+#include "apps/JobCommand.h"
 #include "apps/RuntimeFile.h"
 #include "apps/ServiceFinder.h"
 #include "apps/SizeText.h"
@@ -498,22 +499,14 @@ void cmdCall(Session& s, std::string const& method, json::Object const& params) 
   std::cout << json::jsonToString(cmd->payload, true) << "\n";
 }
 
-// The service's own commands on one job travel as server calls of these
-// methods, which the service answers itself ({"ok":true} or {"msg":...}).
-constexpr char const* kCancelMethod = "qxlite.cancel";
-constexpr char const* kRetryMethod = "qxlite.retry";
-
-void cmdJob(Session& s, char const* method, std::string const& jobId, char const* done) {
-  json::Object params;
-  params.setAt("id", json::Value(jobId));
-  auto cmd = std::make_shared<Ipc::ServerRequest>(nullptr, method, params, nullptr);
+// The service's own commands on one job travel as server calls of its own
+// methods, which it answers itself.
+void cmdJob(Session& s, qxapp::JobAction action, std::string const& jobId) {
+  auto cmd = qxapp::jobRequest(action, jobId);
   s.run(cmd);
-  if (cmd->payload["ok"].isTrue()) {
-    std::cout << done << " job " << jobId << "\n";
-    return;
-  }
-  json::Value const msg = cmd->payload["msg"];
-  throw Failure(msg.isString() ? msg.asStringSafe() : std::string("the service did not say whether it did"));
+  std::string const refusal = qxapp::jobRefusal(cmd->payload);
+  if (!refusal.empty()) throw Failure(refusal);
+  std::cout << qxapp::jobDoneWord(action) << " job " << jobId << "\n";
 }
 
 // The service mails a test notice through its SMTP server and answers with
@@ -743,8 +736,8 @@ int main(int argc, char** argv) {
     else if (*testConfig) cmdTestConfig(s, withFile ? &fileConfig : nullptr);
     else if (*call) cmdCall(s, method, params);
     else if (*uploads) cmdUploads(s, asJson, watch);
-    else if (*cancel) cmdJob(s, kCancelMethod, jobId, "cancelled");
-    else if (*retry) cmdJob(s, kRetryMethod, jobId, "retrying");
+    else if (*cancel) cmdJob(s, qxapp::JobAction::Cancel, jobId);
+    else if (*retry) cmdJob(s, qxapp::JobAction::Retry, jobId);
     else if (*notifyTest) cmdNotifyTest(s);
     return 0;
   } catch (NotRunning const& e) {

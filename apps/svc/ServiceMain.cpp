@@ -17,6 +17,7 @@
 #include "apps/ConfigFile.h"
 #include "apps/RuntimeFile.h"
 #include "apps/svc/HttpClient.h"
+#include "apps/svc/SpoolDrop.h"
 #include "apps/svc/SpoolPolicy.h"
 #include "apps/svc/FolderFd.h"
 #include "apps/svc/notify/Notifier.h"
@@ -182,7 +183,7 @@ int serve(Options const& opt) {
   Ipc::CmdServer server(
       io, serverOptions, token,
       [proc](Ipc::CmdI::TypeCode type, std::shared_ptr<Ipc::CmdProcessorI> const& p) -> std::shared_ptr<Ipc::CmdI> {
-        return Ipc::createLiteCmd(type, p, proc->incomingFolder());
+        return qxsvc::makeServiceCmd(type, p, proc->incomingFolder());
       },
       processor);
   server.start();  // a port in use stops the start here, before anything moves

@@ -1,6 +1,7 @@
 #include "apps/svc/SvcProcessor.h"
 
 #include "apps/ConfigFile.h"
+#include "apps/JobCommand.h"
 #include "apps/svc/ConfigTestRunner.h"
 #include "apps/svc/HttpClient.h"
 #include "apps/svc/SpoolPolicy.h"
@@ -311,21 +312,20 @@ void SvcProcessor::notifyTest(Ipc::ServerRequest& cmd) {
 
 bool SvcProcessor::ownMethod(std::string const& method, json::Object const& params, json::Object& answer) {
   struct JobMethod {
-    char const* name;
+    qxapp::JobAction action;
     std::string (Pipeline::*act)(std::string const&);
-    char const* done;
   };
-  static JobMethod const kJobMethods[] = {{"qxlite.cancel", &Pipeline::cancel, "cancelled"},
-                                          {"qxlite.retry", &Pipeline::retry, "retrying"}};
+  static JobMethod const kJobMethods[] = {{qxapp::JobAction::Cancel, &Pipeline::cancel},
+                                          {qxapp::JobAction::Retry, &Pipeline::retry}};
   for (JobMethod const& m : kJobMethods) {
-    if (method != m.name) continue;
+    if (method != qxapp::jobMethod(m.action)) continue;
     json::Value const id = params["id"];
     std::string const why = !id.isString() ? std::string("\"id\" must be the job's id, a text")
                                            : (m_pipeline.*m.act)(id.asStringSafe());
     answer = json::Object();
     if (why.empty()) {
       answer.setAt("ok", json::Value(json_true()));
-      Log::inst().writeLine("INFO:", std::string("qxlite-svc ") + m.done + " job " + id.asStringSafe() + " as asked");
+      Log::inst().writeLine("INFO:", std::string("qxlite-svc ") + qxapp::jobDoneWord(m.action) + " job " + id.asStringSafe() + " as asked");
     } else {
       answer.setAt("msg", json::Value(why));
     }

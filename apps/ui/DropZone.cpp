@@ -6,7 +6,9 @@
 #include <QDropEvent>
 #include <QLabel>
 #include <QMimeData>
+#include <QHBoxLayout>
 #include <QProgressBar>
+#include <QPushButton>
 #include <QUrl>
 #include <QVBoxLayout>
 
@@ -31,7 +33,7 @@ QStringList localPaths(QMimeData const* mime) {
 
 DropZone::DropZone(QWidget* parent)
     : QFrame(parent), m_hint(new QLabel(this)), m_outcome(new QLabel(this)), m_progress(new QProgressBar(this)),
-      m_progressText(new QLabel(this)) {
+      m_progressText(new QLabel(this)), m_cancel(new QPushButton(tr("C&ancel drop"), this)) {
   setObjectName(QStringLiteral("dropZone"));
   setAccessibleName(tr("Drop zone"));
   setAccessibleDescription(tr("Drop files or folders here to hand them to the service"));
@@ -50,10 +52,17 @@ DropZone::DropZone(QWidget* parent)
   m_progress->setRange(0, 1000);
   m_progressText->setObjectName(QStringLiteral("dropProgressText"));
   m_progressText->setTextFormat(Qt::PlainText);
+  m_progressText->setAccessibleName(tr("Sent, rate and time left"));
+  m_cancel->setObjectName(QStringLiteral("cancelDrop"));
+  m_cancel->setAccessibleName(tr("Cancel the drop on its way"));
+  connect(m_cancel, &QPushButton::clicked, this, &DropZone::cancelRequested);
   hideProgress();
+  auto* progressRow = new QHBoxLayout;
+  progressRow->addWidget(m_progress, 1);
+  progressRow->addWidget(m_cancel);
   auto* layout = new QVBoxLayout(this);
   layout->addWidget(m_hint);
-  layout->addWidget(m_progress);
+  layout->addLayout(progressRow);
   layout->addWidget(m_progressText);
   layout->addWidget(m_outcome);
 }
@@ -82,11 +91,13 @@ void DropZone::showProgress(qint64 sent, qint64 total, double rate) {
   m_progressText->setText(text);
   m_progress->show();
   m_progressText->show();
+  m_cancel->show();
 }
 
 void DropZone::hideProgress() {
   m_progress->hide();
   m_progressText->hide();
+  m_cancel->hide();
   m_progressText->clear();
 }
 

@@ -1,7 +1,8 @@
 // qxui::DropZone: the area that takes files and folders dragged from a file
 // manager (text/uri-list of local files) and says what became of the last
 // drop. It only collects paths: pathsDropped goes to whoever hands them to
-// the service, and showOutcome shows the answer. UI thread only.
+// the service, and showOutcome shows the answer. While a drop is on its way
+// its progress shows with a cancel button (cancelRequested). UI thread only.
 #ifndef QX_APPS_UI_DROPZONE_H
 #define QX_APPS_UI_DROPZONE_H
 
@@ -10,6 +11,7 @@
 
 class QLabel;
 class QProgressBar;
+class QPushButton;
 
 namespace qxui {
 
@@ -29,6 +31,7 @@ class DropZone : public QFrame {
 
  signals:
   void pathsDropped(QStringList const& paths);
+  void cancelRequested();
 
  protected:
   void dragEnterEvent(QDragEnterEvent* event) override;
@@ -39,6 +42,7 @@ class DropZone : public QFrame {
   QLabel* m_outcome;
   QProgressBar* m_progress;
   QLabel* m_progressText;
+  QPushButton* m_cancel;
 };
 
 }  // namespace qxui

@@ -6,7 +6,12 @@
 #include "apps/ui/SettingsPage.h"
 #include "apps/ui/UploadsModel.h"
 
+#include <QAction>
+#include <QApplication>
 #include <QFileDialog>
+#include <QItemSelectionModel>
+#include <QKeySequence>
+#include <QMenu>
 #include <QHBoxLayout>
 #include <QHeaderView>
 #include <QIcon>
@@ -14,6 +19,7 @@
 #include <QMessageBox>
 #include <QPushButton>
 #include <QStatusBar>
+#include <QSystemTrayIcon>
 #include <QTabWidget>
 #include <QTableView>
 #include <QTimer>
@@ -31,11 +37,16 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
       m_resume(new QPushButton(tr("&Resume"))),
       m_dropZone(new DropZone),
       m_table(new QTableView),
+      m_cancelJob(new QPushButton(tr("Ca&ncel job…"))),
+      m_retryJob(new QPushButton(tr("Retr&y job"))),
+      m_cancelAction(new QAction(tr("Cancel job…"), this)),
+      m_retryAction(new QAction(tr("Retry job now"), this)),
       m_connection(new QLabel),
       m_answer(new QLabel),
+      m_notice(new QLabel),
       m_dropTicker(new QTimer(this)) {
   setWindowTitle(tr("QXLite uploads"));
-  setWindowIcon(QIcon::fromTheme(QStringLiteral("qxlite-ui")));
+  setWindowIcon(QIcon::fromTheme(QStringLiteral("qxlite-ui"), QIcon(QStringLiteral(":/qxlite-ui.svg"))));
 
   m_banner->setObjectName(QStringLiteral("banner"));
   m_banner->setAccessibleName(tr("Service state"));
@@ -77,11 +88,38 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   m_table->verticalHeader()->hide();
   m_table->horizontalHeader()->setStretchLastSection(true);
 
+  // Cancel and retry act on the selected job: by button, by the table's
+  // context menu, and by key while the table has the focus.
+  m_cancelJob->setObjectName(QStringLiteral("cancelJob"));
+  m_cancelJob->setAccessibleName(tr("Cancel the selected job"));
+  m_retryJob->setObjectName(QStringLiteral("retryJob"));
+  m_retryJob->setAccessibleName(tr("Retry the selected job now"));
+  m_cancelAction->setObjectName(QStringLiteral("cancelJobAction"));
+  m_cancelAction->setShortcut(QKeySequence::Delete);
+  m_cancelAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+  m_retryAction->setObjectName(QStringLiteral("retryJobAction"));
+  m_retryAction->setShortcut(QKeySequence(Qt::CTRL | Qt::Key_R));
+  m_retryAction->setShortcutContext(Qt::WidgetWithChildrenShortcut);
+  m_table->addAction(m_cancelAction);
+  m_table->addAction(m_retryAction);
+  m_table->setContextMenuPolicy(Qt::CustomContextMenu);
+  connect(m_table, &QWidget::customContextMenuRequested, this, [this](QPoint const& at) {
+    QMenu menu(this);
+    menu.addAction(m_cancelAction);
+    menu.addAction(m_retryAction);
+    menu.exec(m_table->viewport()->mapToGlobal(at));
+  });
+  auto* jobButtons = new QHBoxLayout;
+  jobButtons->addWidget(m_cancelJob);
+  jobButtons->addWidget(m_retryJob);
+  jobButtons->addStretch(1);
+
   auto* uploadsPage = new QWidget;
   auto* layout = new QVBoxLayout(uploadsPage);
   layout->addLayout(buttons);
   layout->addWidget(m_dropZone);
   layout->addWidget(m_table, 1);
+  layout->addLayout(jobButtons);
   m_settings = new SettingsPage(*m_session);
   auto* tabs = new QTabWidget;
   tabs->setObjectName(QStringLiteral("pages"));
@@ -99,12 +137,19 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   setTabOrder(m_resume, addFiles);
   setTabOrder(addFiles, addFolder);
   setTabOrder(addFolder, m_table);
+  setTabOrder(m_table, m_cancelJob);
+  setTabOrder(m_cancelJob, m_retryJob);
 
   m_connection->setObjectName(QStringLiteral("connectionState"));
   m_connection->setAccessibleName(tr("Connection to the service"));
   m_connection->setTextFormat(Qt::PlainText);
   m_connection->setText(m_session->stateText());
   statusBar()->addWidget(m_connection, 1);
+  m_notice->setObjectName(QStringLiteral("notice"));
+  m_notice->setAccessibleName(tr("Last notice"));
+  m_notice->setTextFormat(Qt::PlainText);
+  statusBar()->addPermanentWidget(m_notice);
+  if (QSystemTrayIcon::isSystemTrayAvailable()) makeTrayIcon();
 
   connect(m_session, &UiSession::stateChanged, this, &MainWindow::onStateChanged);
   connect(m_session, &UiSession::uploadsChanged, this, &MainWindow::onUploads);
@@ -118,9 +163,19 @@ MainWindow::MainWindow(UiSession::Where where, QWidget* parent)
   m_dropTicker->setInterval(200);
   connect(m_dropTicker, &QTimer::timeout, this, &MainWindow::showDropProgress);
   connect(m_dropZone, &DropZone::pathsDropped, m_session, &UiSession::drop);
+  connect(m_dropZone, &DropZone::cancelRequested, m_session, &UiSession::cancelDrop);
   connect(m_pause, &QPushButton::clicked, this, [this] { m_session->pause(false); });
   connect(m_discard, &QPushButton::clicked, this, &MainWindow::pauseDiscarding);
   connect(m_resume, &QPushButton::clicked, this, [this] { m_session->resume(); });
+  connect(m_cancelJob, &QPushButton::clicked, this, &MainWindow::cancelSelected);
+  connect(m_retryJob, &QPushButton::clicked, this, &MainWindow::retrySelected);
+  connect(m_cancelAction, &QAction::triggered, this, &MainWindow::cancelSelected);
+  connect(m_retryAction, &QAction::triggered, this, &MainWindow::retrySelected);
+  connect(m_session, &UiSession::jobAnswered, this, &MainWindow::onJobAnswered);
+  connect(m_table->selectionModel(), &QItemSelectionModel::selectionChanged, this, [this] {
+    m_selectedId = selectedJob().id;
+    updateButtons();
+  });
   connect(addFiles, &QPushButton::clicked, this, &MainWindow::addFiles);
   connect(addFolder, &QPushButton::clicked, this, &MainWindow::addFolder);
   updateButtons();
@@ -157,8 +212,50 @@ void MainWindow::onStateChanged(UiSession::State state, QString const& text) {
   updateButtons();
 }
 
+void MainWindow::makeTrayIcon() {
+  m_tray = new QSystemTrayIcon(windowIcon(), this);
+  m_tray->setToolTip(windowTitle());
+  auto* menu = new QMenu(this);
+  QAction* const showHide = menu->addAction(tr("Show or hide the window"));
+  connect(showHide, &QAction::triggered, this, [this] { setVisible(!isVisible()); });
+  menu->addSeparator();
+  connect(menu->addAction(tr("Pause")), &QAction::triggered, this, [this] { m_session->pause(false); });
+  connect(menu->addAction(tr("Resume")), &QAction::triggered, this, [this] { m_session->resume(); });
+  menu->addSeparator();
+  connect(menu->addAction(tr("Quit")), &QAction::triggered, qApp, &QApplication::quit);
+  m_tray->setContextMenu(menu);
+  connect(m_tray, &QSystemTrayIcon::activated, this, [this](QSystemTrayIcon::ActivationReason reason) {
+    if (reason == QSystemTrayIcon::Trigger) setVisible(!isVisible());
+  });
+  m_tray->show();
+}
+
+void MainWindow::tell(UploadsNotice const& notice) {
+  if (m_tray) {
+    m_tray->showMessage(notice.title, notice.text,
+                        notice.kind == UploadsNotice::Kind::JobRejected ? QSystemTrayIcon::Warning
+                                                                        : QSystemTrayIcon::Information);
+  } else {
+    m_notice->setText(tr("%1: %2").arg(notice.title, notice.text));
+  }
+  emit noticeShown(notice.title, notice.text);
+}
+
 void MainWindow::onUploads(UploadsSnapshot const& snapshot) {
+  for (UploadsNotice const& notice : noticesBetween(m_lastSnapshot ? &*m_lastSnapshot : nullptr, snapshot)) {
+    tell(notice);
+  }
+  m_lastSnapshot = snapshot;
+  QString const selected = m_selectedId;
   m_model->setSnapshot(snapshot);
+  // A snapshot with other rows resets the model: the job stays selected.
+  if (!selected.isEmpty() && selectedJob().id != selected) {
+    for (int r = 0; r < m_model->rowCount(); ++r) {
+      if (m_model->row(r).id != selected) continue;
+      m_table->selectRow(r);
+      break;
+    }
+  }
   m_paused = snapshot.paused;
   QStringList lines;
   if (snapshot.paused) lines << tr("Paused: nothing new starts until you resume.");
@@ -189,6 +286,45 @@ void MainWindow::updateButtons() {
   m_pause->setEnabled(connected && !m_paused);
   m_discard->setEnabled(connected);
   m_resume->setEnabled(connected && m_paused);
+  std::string const state = selectedJob().state.toStdString();
+  bool const job = connected && !selectedJob().id.isEmpty();
+  bool const cancel = job && qxapp::jobActionAllowed(qxapp::JobAction::Cancel, state);
+  bool const retry = job && qxapp::jobActionAllowed(qxapp::JobAction::Retry, state);
+  m_cancelJob->setEnabled(cancel);
+  m_cancelAction->setEnabled(cancel);
+  m_retryJob->setEnabled(retry);
+  m_retryAction->setEnabled(retry);
+}
+
+UploadRow MainWindow::selectedJob() const {
+  QModelIndexList const rows = m_table->selectionModel()->selectedRows();
+  if (rows.isEmpty()) return UploadRow();
+  return m_model->row(rows.first().row());
+}
+
+void MainWindow::cancelSelected() {
+  UploadRow const job = selectedJob();
+  if (job.id.isEmpty() || !qxapp::jobActionAllowed(qxapp::JobAction::Cancel, job.state.toStdString())) return;
+  QMessageBox::StandardButton const answer = QMessageBox::question(
+      this, tr("Cancel the job?"),
+      tr("The service stops \"%1\" and moves its files to the rejected folder. They are not uploaded.").arg(job.title),
+      QMessageBox::Yes | QMessageBox::No, QMessageBox::No);
+  if (answer == QMessageBox::Yes) m_session->jobCommand(qxapp::JobAction::Cancel, job.id);
+}
+
+void MainWindow::retrySelected() {
+  UploadRow const job = selectedJob();
+  if (job.id.isEmpty() || !qxapp::jobActionAllowed(qxapp::JobAction::Retry, job.state.toStdString())) return;
+  m_session->jobCommand(qxapp::JobAction::Retry, job.id);
+}
+
+void MainWindow::onJobAnswered(qxapp::JobAction action, QString const& jobId, bool ok, QString const& refusal) {
+  if (!ok) {
+    m_answer->setText(refusal);
+  } else {
+    m_answer->setText(action == qxapp::JobAction::Cancel ? tr("cancelled job %1").arg(jobId)
+                                                         : tr("retrying job %1").arg(jobId));
+  }
 }
 
 void MainWindow::pauseDiscarding() {

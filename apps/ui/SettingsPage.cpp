@@ -162,6 +162,8 @@ SettingsPage::SettingsPage(UiSession& session, QWidget* parent)
     m_fields[key.name] = std::move(field);
   }
   auto* scroll = new QScrollArea;
+  scroll->setObjectName(QStringLiteral("settingsForm"));
+  scroll->setAccessibleName(tr("Settings form"));
   scroll->setWidget(form);
   scroll->setWidgetResizable(true);
 

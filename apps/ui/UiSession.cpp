@@ -183,7 +183,7 @@ void UiSession::sendAndTell(std::shared_ptr<Cmd> const& cmd) {
       emit commandAnswered(QString::fromStdString(error), false);
       return;
     }
-    emit commandAnswered(cmd->ok || !cmd->msg.empty() ? QString::fromStdString(cmd->msg) : tr("the service refused it"),
+    emit commandAnswered(cmd->ok || !cmd->msg.empty() ? QString::fromStdString(cmd->msg) : UiSession::tr("the service refused it"),
                          cmd->ok);
     refresh();
   });
@@ -192,6 +192,15 @@ void UiSession::sendAndTell(std::shared_ptr<Cmd> const& cmd) {
 void UiSession::pause(bool discardWaiting) { sendAndTell(std::make_shared<Ipc::Pause>(nullptr, discardWaiting)); }
 
 void UiSession::resume() { sendAndTell(std::make_shared<Ipc::Resume>(nullptr)); }
+
+void UiSession::jobCommand(qxapp::JobAction action, QString const& jobId) {
+  auto cmd = qxapp::jobRequest(action, jobId.toStdString());
+  send(cmd, [this, cmd, action, jobId](std::string const& error) {
+    std::string const refusal = error.empty() ? qxapp::jobRefusal(cmd->payload) : error;
+    emit jobAnswered(action, jobId, refusal.empty(), QString::fromStdString(refusal));
+    refresh();
+  });
+}
 
 void UiSession::fetchConfig() {
   auto cmd = std::make_shared<Ipc::GetCfg>(nullptr);
@@ -254,16 +263,19 @@ void UiSession::drop(QStringList const& paths) {
   QStringList problems = toQt(qxcli::localDropProblems(all));
   auto nothingDropped = [this](QStringList lines) {
     lines << tr("nothing was dropped: %n problem(s)", nullptr, static_cast<int>(lines.size()));
-    emit dropAnswered(lines, false);
+    endDrop(lines, false);
   };
   if (!problems.isEmpty()) {
     nothingDropped(problems);
     return;
   }
   auto cfg = std::make_shared<Ipc::GetCfg>(nullptr);
-  send(cfg, [this, cfg, paths, all, nothingDropped](std::string const& error) {
+  m_dropping = true;
+  unsigned const number = ++m_dropNumber;
+  send(cfg, [this, cfg, paths, all, nothingDropped, number](std::string const& error) {
+    if (number != m_dropNumber) return;  // cancelled
     if (!error.empty()) {
-      emit dropAnswered({QString::fromStdString(error)}, false);
+      endDrop({QString::fromStdString(error)}, false);
       return;
     }
     // The service's own file-type rules, in its own words.
@@ -295,15 +307,34 @@ void UiSession::drop(QStringList const& paths) {
   });
 }
 
+void UiSession::endDrop(QStringList const& lines, bool ok) {
+  m_dropping = false;
+  emit dropAnswered(lines, ok);
+}
+
+void UiSession::cancelDrop() {
+  if (!m_dropping || m_stopped) return;
+  ++m_dropNumber;
+  m_dropping = false;
+  // The service removes what it received when the connection goes; the
+  // client's end waits for the completions it still owes, and those of
+  // this connection are stale from here on.
+  m_client.reset();
+  ++m_generation;
+  emit dropAnswered({tr("Drop cancelled")}, false);
+}
+
 void UiSession::sendDrops(std::shared_ptr<std::vector<PendingDrop>> const& drops, std::size_t next,
                           QStringList lines) {
   if (next == drops->size()) {
-    emit dropAnswered(lines, true);
+    endDrop(lines, true);
     refresh();
     return;
   }
   PendingDrop const current = (*drops)[next];
-  send(current.cmd, [this, drops, next, lines, current](std::string const& error) mutable {
+  unsigned const number = m_dropNumber;
+  send(current.cmd, [this, drops, next, lines, current, number](std::string const& error) mutable {
+    if (number != m_dropNumber) return;  // cancelled
     Ipc::FileDrop const& drop = *current.cmd;
     QString failure = QString::fromStdString(error);
     if (failure.isEmpty() && !drop.ok) {
@@ -315,7 +346,7 @@ void UiSession::sendDrops(std::shared_ptr<std::vector<PendingDrop>> const& drops
       QString line = QStringLiteral("\"%1\": %2").arg(current.path, failure);
       if (!notSent.isEmpty()) line += tr("; not sent: %1").arg(notSent.join(QStringLiteral(", ")));
       lines << line;
-      emit dropAnswered(lines, false);
+      endDrop(lines, false);
       refresh();
       return;
     }

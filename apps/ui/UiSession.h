@@ -18,6 +18,7 @@
 #ifndef QX_APPS_UI_UISESSION_H
 #define QX_APPS_UI_UISESSION_H
 
+#include "apps/JobCommand.h"
 #include "apps/ui/UploadsSnapshot.h"
 #include "json/Json.h"
 
@@ -82,9 +83,16 @@ class UiSession : public QObject {
 
   void pause(bool discardWaiting);
   void resume();
+  // Has the service cancel or retry job jobId (its own methods); the answer
+  // comes as jobAnswered.
+  void jobCommand(qxapp::JobAction action, QString const& jobId);
   // Hands paths (files or folders) to the service one after the other, after
   // the checks of the command-line client; the outcome comes as dropAnswered.
   void drop(QStringList const& paths);
+  // Stops the drop on its way by letting the connection go (the service
+  // removes what it received of it); dropAnswered says so, and the next
+  // tick connects again. Nothing when no drop is on its way.
+  void cancelDrop();
   // Asks for the configuration in force; the answer comes as configFetched.
   void fetchConfig();
   // Has the service save config (already checked); the answer comes as
@@ -99,6 +107,9 @@ class UiSession : public QObject {
   void uploadsChanged(qxui::UploadsSnapshot const& snapshot);
   // The service's answer to pause or resume, or why there was none.
   void commandAnswered(QString const& text, bool ok);
+  // The service's answer to a cancel or retry: ok, or its reason, as it
+  // said it.
+  void jobAnswered(qxapp::JobAction action, QString const& jobId, bool ok, QString const& refusal);
   // The drop's files are checked and about to be sent.
   void dropStarted(qint64 totalBytes);
   // One line a path, or the problems that stopped the drop.
@@ -131,12 +142,16 @@ class UiSession : public QObject {
   // Takes the result lines queued so far, on the UI thread.
   void takeTestLines(Ipc::TestCfg& test);
   void sendDrops(std::shared_ptr<std::vector<PendingDrop>> const& drops, std::size_t next, QStringList lines);
+  void endDrop(QStringList const& lines, bool ok);
 
   Where const m_where;
   std::unique_ptr<Ipc::IoThreads> m_io;
   std::unique_ptr<Ipc::CmdClient> m_client;
   unsigned m_generation = 0;  // of m_client: answers of an older one are stale
   bool m_refreshing = false;
+  // The drop on its way: answers of a drop since cancelled are stale.
+  unsigned m_dropNumber = 0;
+  bool m_dropping = false;
   int m_testErrors = 0;  // of the test that runs
   json::Object m_configSaving;  // the configuration of the last SaveCfg sent
   bool m_stopped = false;

@@ -2,6 +2,7 @@
 // command line are handed to the service once it is reached, so that a file
 // manager's "Open with" works.
 #include "apps/ui/MainWindow.h"
+#include "apps/ui/Translation.h"
 #include "apps/ui/WindowRecorder.h"
 
 #include <signal.h>
@@ -68,6 +69,9 @@ int main(int argc, char** argv) {
   where.runtimeFolder = parser.value(runtimeDir).toStdString();
 
   QApplication app(argc, argv);
+  // The user's language, where the program has it.
+  std::unique_ptr<QTranslator> const translator = qxui::translatorFor(QLocale());
+  if (translator) QApplication::installTranslator(translator.get());
   qxui::MainWindow window(where);
   if (!parser.positionalArguments().isEmpty()) window.dropWhenConnected(parser.positionalArguments());
   window.resize(900, 560);
