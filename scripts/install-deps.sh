@@ -23,8 +23,9 @@ packages=(
   # test checks the installed desktop entry (desktop-file-validate).
   qt6-base-dev libqt6svg6 qt6-l10n-tools desktop-file-utils
   # qxlite-ui under a real X server (UiXvfbTest): the server, xauth (which
-  # xvfb-run needs and does not pull in), keyboard and mouse from outside, a tray.
-  xvfb xauth xdotool trayer
+  # xvfb-run needs and does not pull in), keyboard and mouse from outside, a
+  # tray, and xwininfo to see the program's icon inside it.
+  xvfb xauth xdotool trayer x11-utils
   # The upload targets of the tests (scripts/test-servers.sh) and a reference client.
   ceph-mon ceph-osd radosgw ceph-common nginx libnginx-mod-http-dav-ext curl rclone
   # The SMTP server that receives the e-mail notices in the tests (with openssl's certificates).

@@ -58,7 +58,7 @@ class UiXvfbTest : public ::testing::Test {
     GTEST_SKIP() << "qxlite-ui on a real X server is not checked under ThreadSanitizer: "
                     "Qt's X event thread and queued calls synchronise inside uninstrumented Qt and GLib";
 #endif
-    for (char const* tool : {"/usr/bin/Xvfb", "/usr/bin/xdotool", "/usr/bin/trayer"}) {
+    for (char const* tool : {"/usr/bin/Xvfb", "/usr/bin/xdotool", "/usr/bin/trayer", "/usr/bin/xwininfo"}) {
       ASSERT_TRUE(fs::exists(tool)) << tool << " is missing: scripts/install-deps.sh installs it";
     }
     fs::remove_all(shots);
@@ -145,6 +145,25 @@ class UiXvfbTest : public ::testing::Test {
   // Gives the keyboard to a window: there is no window manager to do it.
   void focus(std::string const& title) { xdotool({"windowfocus", "--sync", windowNamed(title)}); }
 
+  // The window tree of the display, as xwininfo draws it.
+  std::string windowTree() { return run("/usr/bin/xwininfo", {"-root", "-tree"}).out; }
+  // Whether trayer's panel holds a window of qxlite-ui: its tray icon, embedded.
+  static bool trayHoldsTheIcon(std::string const& tree) {
+    std::istringstream in(tree);
+    std::string::size_type panelIndent = std::string::npos;
+    for (std::string line; std::getline(in, line);) {
+      std::string::size_type const indent = line.find_first_not_of(' ');
+      if (indent == std::string::npos) continue;
+      if (panelIndent != std::string::npos && indent <= panelIndent) panelIndent = std::string::npos;
+      if (line.find("(\"panel\" \"trayer\")") != std::string::npos) {
+        panelIndent = indent;
+      } else if (panelIndent != std::string::npos && line.find("(\"qxlite-ui\" \"qxlite-ui\")") != std::string::npos) {
+        return true;
+      }
+    }
+    return false;
+  }
+
   fs::path recorded() const { return tmp / "recorded"; }
   // What the window shows, line by line as its recorder wrote it.
   std::map<std::string, std::string> shown() const {
@@ -216,6 +235,10 @@ TEST_F(UiXvfbTest, KeyboardAndARealDragUploadFiles) {
 
   ui = start(QX_UI_PROGRAM, {"--runtime-dir", (tmp / "run").string()});
   expectShown("connectionState", "Connected to the service");
+  // Where the desktop has a tray, the program puts its icon there.
+  std::string tree;
+  bool const iconInTray = qxtest::waitFor([&] { return trayHoldsTheIcon(tree = windowTree()); }, kDeadline);
+  EXPECT_TRUE(iconInTray) << "no window of qxlite-ui inside trayer's panel; the windows:\n" << tree;
   picture("connected");
   ASSERT_FALSE(HasFailure());
 
