@@ -18,7 +18,7 @@
 // Targets: the drop reaches at least 0.8 times the plain transfer, and the
 // service's resident memory grows by at most 8 MiB. With --check-targets the
 // exit status is 1 when one is missed; it is 2 when a transfer fails.
-#include "bench/BenchBytes.h"
+#include "bench/BenchFiles.h"
 #include "ipc/IpcCmdsLite.h"
 #include "shared/CmdClient.h"
 #include "shared/CmdServer.h"
@@ -53,6 +53,11 @@
 #include <vector>
 
 namespace fs = boost::filesystem;
+using qxbench::errnoText;
+using qxbench::median;
+using qxbench::runsText;
+using qxbench::sameContent;
+using qxbench::seconds;
 
 namespace {
 
@@ -63,7 +68,6 @@ constexpr std::size_t kBlock = 1 << 20;
   std::exit(2);
 }
 
-std::string errnoText(std::string const& what) { return what + ": " + std::strerror(errno); }
 
 void writeAll(int fd, char const* data, std::size_t len, char const* what) {
   while (len > 0) {
@@ -210,84 +214,6 @@ int serviceMain(fs::path const& spool, fs::path const& plainTarget, Ipc::SecretT
 // ---------------------------------------------------------------------------
 // The parent
 
-struct Options {
-  std::uint64_t size = std::uint64_t(1) << 30;
-  int runs = 5;
-  int warmups = 1;  // untimed rounds first
-  fs::path dir;
-  bool checkTargets = false;
-};
-
-Options parseOptions(int argc, char** argv) {
-  Options o;
-  if (char const* env = std::getenv("QX_BENCH_DROP_SIZE")) o.size = std::strtoull(env, nullptr, 10);
-  for (int i = 1; i < argc; ++i) {
-    std::string const arg = argv[i];
-    auto value = [&](char const* key) -> char const* {
-      std::size_t const len = std::strlen(key);
-      return arg.compare(0, len, key) == 0 ? argv[i] + len : nullptr;
-    };
-    if (char const* v = value("--size=")) {
-      o.size = std::strtoull(v, nullptr, 10);
-    } else if (char const* v = value("--runs=")) {
-      o.runs = std::atoi(v);
-    } else if (char const* v = value("--warmups=")) {
-      o.warmups = std::atoi(v);
-    } else if (char const* v = value("--dir=")) {
-      o.dir = v;
-    } else if (arg == "--check-targets") {
-      o.checkTargets = true;
-    } else {
-      std::fprintf(stderr,
-                   "usage: FileDropBench [--size=BYTES] [--runs=N] [--warmups=N] [--dir=FOLDER] "
-                   "[--check-targets]\n");
-      std::exit(2);
-    }
-  }
-  if (o.size == 0 || o.runs < 1 || o.warmups < 0) fail("the size and the number of runs must be positive");
-  return o;
-}
-
-using qxbench::fillBlock;
-
-void writeSource(fs::path const& file, std::uint64_t size) {
-  int const fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) fail(errnoText("create " + file.string()));
-  std::vector<char> block(kBlock);
-  for (std::uint64_t done = 0, index = 0; done < size; ++index) {
-    fillBlock(block, index);
-    std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size - done));
-    writeAll(fd, block.data(), n, "write source");
-    done += n;
-  }
-  // On disk before timing, so that its write-back does not slow the runs.
-  if (::fsync(fd) != 0) fail(errnoText("fsync source"));
-  ::close(fd);
-}
-
-// Reads the whole file (to have it in the page cache).
-void readThrough(fs::path const& file) {
-  int const fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) fail(errnoText("open " + file.string()));
-  std::vector<char> block(kBlock);
-  while (::read(fd, block.data(), block.size()) > 0) {
-  }
-  ::close(fd);
-}
-
-bool sameContent(fs::path const& a, fs::path const& b) {
-  std::ifstream x(a.string(), std::ios::binary), y(b.string(), std::ios::binary);
-  if (!x || !y) return false;
-  std::vector<char> bx(kBlock), by(kBlock);
-  for (;;) {
-    x.read(bx.data(), static_cast<std::streamsize>(bx.size()));
-    y.read(by.data(), static_cast<std::streamsize>(by.size()));
-    if (x.gcount() != y.gcount()) return false;
-    if (x.gcount() == 0) return true;
-    if (std::memcmp(bx.data(), by.data(), static_cast<std::size_t>(x.gcount())) != 0) return false;
-  }
-}
-
 // A value in kB from /proc/PID/status ("VmRSS", "VmHWM").
 long statusKb(pid_t pid, std::string const& key) {
   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
@@ -304,30 +230,10 @@ void resetPeak(pid_t pid) {
   if (!out) fail("cannot reset the peak resident set of the service (clear_refs)");
 }
 
-double seconds(std::chrono::steady_clock::duration d) {
-  return std::chrono::duration<double>(d).count();
-}
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  std::size_t const n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
-std::string runsText(std::vector<double> const& v) {
-  std::string text;
-  char buf[32];
-  for (double x : v) {
-    std::snprintf(buf, sizeof buf, "%s%.3f", text.empty() ? "" : " ", x);
-    text += buf;
-  }
-  return text;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options const options = parseOptions(argc, argv);
+  qxbench::DropOptions const options = qxbench::parseDropOptions(argc, argv, "FileDropBench");
   fs::path const work = (options.dir.empty() ? fs::temp_directory_path() : options.dir) /
                         fs::unique_path("qx-dropbench-%%%%-%%%%");
   fs::path const spool = work / "spool";
@@ -353,8 +259,12 @@ int main(int argc, char** argv) {
   if (::read(info[0], ports, sizeof ports) != static_cast<ssize_t>(sizeof ports)) fail("the service did not start");
   ::close(info[0]);
 
-  writeSource(source, options.size);
-  readThrough(source);
+  try {
+    qxbench::writeSource(source, options.size, 0, 0600);
+    qxbench::readThrough(source);
+  } catch (std::exception const& e) {
+    fail(e.what());
+  }
 
   Ipc::IoThreads io(2);
   Ipc::CmdClientOptions clientOptions;

@@ -34,7 +34,7 @@
 // status is 1 when one is missed; it is 2 when something fails.
 #include "apps/ServiceFinder.h"
 #include "apps/ui/MainWindow.h"
-#include "bench/BenchBytes.h"
+#include "bench/BenchFiles.h"
 #include "bench/BenchProcess.h"
 
 #include <fcntl.h>
@@ -64,12 +64,18 @@
 
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
+using qxbench::DropOptions;
+using qxbench::median;
 using qxbench::Process;
 using qxbench::readText;
+using qxbench::readThrough;
+using qxbench::runsText;
+using qxbench::sameContent;
+using qxbench::seconds;
+using qxbench::writeSource;
 
 namespace {
 
-constexpr std::size_t kBlock = 1 << 20;
 constexpr int kTickMs = 5;
 constexpr int kTransferLimitMs = 10 * 60 * 1000;
 constexpr double kRatioTarget = 0.9;
@@ -99,114 +105,10 @@ class RemovedFolder {
   fs::path const m_folder;
 };
 
-std::string errnoText(std::string const& what) { return what + ": " + std::strerror(errno); }
-
-struct Options {
-  std::uint64_t size = std::uint64_t(1) << 30;
-  int runs = 5;
-  int warmups = 1;  // untimed rounds first
-  fs::path dir;
-  bool checkTargets = false;
-};
-
-Options parseOptions(int argc, char** argv) {
-  Options o;
-  if (char const* env = std::getenv("QX_BENCH_DROP_SIZE")) o.size = std::strtoull(env, nullptr, 10);
-  for (int i = 1; i < argc; ++i) {
-    std::string const arg = argv[i];
-    auto value = [&](char const* key) -> char const* {
-      std::size_t const len = std::strlen(key);
-      return arg.compare(0, len, key) == 0 ? argv[i] + len : nullptr;
-    };
-    if (char const* v = value("--size=")) {
-      o.size = std::strtoull(v, nullptr, 10);
-    } else if (char const* v = value("--runs=")) {
-      o.runs = std::atoi(v);
-    } else if (char const* v = value("--warmups=")) {
-      o.warmups = std::atoi(v);
-    } else if (char const* v = value("--dir=")) {
-      o.dir = v;
-    } else if (arg == "--check-targets") {
-      o.checkTargets = true;
-    } else {
-      std::fprintf(stderr,
-                   "usage: UiDropBench [--size=BYTES] [--runs=N] [--warmups=N] [--dir=FOLDER] [--check-targets]\n");
-      std::exit(2);
-    }
-  }
-  if (o.size == 0 || o.runs < 1 || o.warmups < 0) {
-    std::fprintf(stderr, "UiDropBench: the size and the number of runs must be positive\n");
-    std::exit(2);
-  }
-  return o;
-}
-
 void writeText(fs::path const& file, std::string const& text) {
   std::ofstream out(file.string(), std::ios::binary | std::ios::trunc);
   out << text;
   if (!out.flush()) fail("cannot write " + file.string());
-}
-
-void writeSource(fs::path const& file, std::uint64_t size) {
-  int const fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) fail(errnoText("create " + file.string()));
-  std::vector<char> block(kBlock);
-  for (std::uint64_t done = 0, index = 0; done < size; ++index) {
-    qxbench::fillBlock(block, index);
-    std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size - done));
-    for (std::size_t written = 0; written < n;) {
-      ssize_t const w = ::write(fd, block.data() + written, n - written);
-      if (w < 0 && errno == EINTR) continue;
-      if (w <= 0) {
-        ::close(fd);
-        fail(w < 0 ? errnoText("write " + file.string()) : "write " + file.string() + ": nothing written");
-      }
-      written += static_cast<std::size_t>(w);
-    }
-    done += n;
-  }
-  // On disk before timing, so that its write-back does not slow the runs.
-  if (::fsync(fd) != 0) fail(errnoText("fsync " + file.string()));
-  ::close(fd);
-}
-
-// Reads the whole file (to have it in the page cache).
-void readThrough(fs::path const& file) {
-  std::ifstream in(file.string(), std::ios::binary);
-  std::vector<char> block(kBlock);
-  while (in.read(block.data(), static_cast<std::streamsize>(block.size())) || in.gcount() > 0) {
-  }
-}
-
-bool sameContent(fs::path const& a, fs::path const& b) {
-  std::ifstream x(a.string(), std::ios::binary), y(b.string(), std::ios::binary);
-  if (!x || !y) return false;
-  std::vector<char> bx(kBlock), by(kBlock);
-  for (;;) {
-    x.read(bx.data(), static_cast<std::streamsize>(bx.size()));
-    y.read(by.data(), static_cast<std::streamsize>(by.size()));
-    if (x.gcount() != y.gcount()) return false;
-    if (x.gcount() == 0) return true;
-    if (std::memcmp(bx.data(), by.data(), static_cast<std::size_t>(x.gcount())) != 0) return false;
-  }
-}
-
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  std::size_t const n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
-std::string runsText(std::vector<double> const& v, char const* format) {
-  std::string text;
-  char buf[32];
-  for (double x : v) {
-    std::snprintf(buf, sizeof buf, format, x);
-    text += (text.empty() ? "" : " ") + std::string(buf);
-  }
-  return text;
 }
 
 // The longest gap between two runs of a timer on this thread, from start()
@@ -271,7 +173,7 @@ bool runUntil(std::function<bool()> const& done, int limitMs) {
 
 // Returns the exit status; the service is stopped (a Process kills what
 // still runs when it goes) and the work folder removed, also on a failure.
-int runBench(Options const& options) {
+int runBench(DropOptions const& options) {
   RemovedFolder const workFolder((options.dir.empty() ? fs::temp_directory_path() : options.dir) /
                                  fs::unique_path("qx-uidropbench-%%%%-%%%%"));
   fs::path const& work = workFolder.path();
@@ -432,7 +334,7 @@ int runBench(Options const& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  Options const options = parseOptions(argc, argv);
+  DropOptions const options = qxbench::parseDropOptions(argc, argv, "UiDropBench");
   ::signal(SIGPIPE, SIG_IGN);
   if (!qEnvironmentVariableIsSet("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
   QApplication app(argc, argv);

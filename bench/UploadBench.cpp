@@ -27,7 +27,7 @@
 //
 // Exit status: 0; 1 with --check-targets when a target is missed; 2 when
 // something fails (a transfer, a server, the service).
-#include "bench/BenchBytes.h"
+#include "bench/BenchFiles.h"
 #include "bench/BenchProcess.h"
 #include "json/Json.h"
 #include "tests/FaultProxy.h"
@@ -66,16 +66,18 @@ extern char** environ;
 
 namespace fs = boost::filesystem;
 using Clock = std::chrono::steady_clock;
+using qxbench::errnoText;
+using qxbench::median;
 using qxbench::Process;
 using qxbench::readText;
+using qxbench::readThrough;
+using qxbench::seconds;
+using qxbench::writeSource;
 
 namespace {
 
-constexpr std::size_t kBlock = 1 << 20;
 constexpr auto kTransferLimit = std::chrono::minutes(10);
 constexpr auto kRssSampleEvery = std::chrono::milliseconds(50);
-
-std::string errnoText(std::string const& what) { return what + ": " + std::strerror(errno); }
 
 // Set by SIGINT and SIGTERM: every wait then throws, so that the servers and
 // the programs started are stopped on the way out, as on any failure.
@@ -85,50 +87,12 @@ void throwIfInterrupted() {
   if (g_interrupted) throw std::runtime_error("interrupted");
 }
 
-double seconds(Clock::duration d) { return std::chrono::duration<double>(d).count(); }
-
-double median(std::vector<double> v) {
-  std::sort(v.begin(), v.end());
-  std::size_t const n = v.size();
-  return n % 2 ? v[n / 2] : (v[n / 2 - 1] + v[n / 2]) / 2;
-}
-
 void writeText(fs::path const& file, std::string const& text, mode_t mode = 0644) {
   int const fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
   if (fd < 0) throw std::runtime_error(errnoText("create " + file.string()));
   bool const ok = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
   ::close(fd);
   if (!ok) throw std::runtime_error(errnoText("write " + file.string()));
-}
-
-using qxbench::fillBlock;
-
-void writeSource(fs::path const& file, std::uint64_t size, std::uint64_t seed) {
-  int const fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-  if (fd < 0) throw std::runtime_error(errnoText("create " + file.string()));
-  std::vector<char> block(kBlock);
-  for (std::uint64_t done = 0, index = 0; done < size; ++index) {
-    fillBlock(block, seed * 1000003 + index);
-    std::size_t const n = static_cast<std::size_t>(std::min<std::uint64_t>(kBlock, size - done));
-    if (::write(fd, block.data(), n) != static_cast<ssize_t>(n)) {
-      ::close(fd);
-      throw std::runtime_error(errnoText("write " + file.string()));
-    }
-    done += n;
-  }
-  // On disk before timing, so that its write-back does not slow the runs.
-  ::fsync(fd);
-  ::close(fd);
-}
-
-// Reads the file through, to have it in the page cache.
-void readThrough(fs::path const& file) {
-  int const fd = ::open(file.c_str(), O_RDONLY | O_CLOEXEC);
-  if (fd < 0) throw std::runtime_error(errnoText("open " + file.string()));
-  std::vector<char> block(kBlock);
-  while (::read(fd, block.data(), block.size()) > 0) {
-  }
-  ::close(fd);
 }
 
 // ---------------------------------------------------------------------------
