@@ -56,6 +56,7 @@ using qxtest::Outcome;
 using qxtest::readFile;
 using qxtest::waitFor;
 using qxtest::writeFile;
+using qxtest::writeSparseFile;
 
 char const* const kSvc = QX_SVC_PROGRAM;
 char const* const kCli = QX_CLI_PROGRAM;
@@ -1375,13 +1376,7 @@ TEST_F(AppsTest, KilledDuringADropKeepsThePartialItemAndServesAgain) {
 
   std::uint64_t const bigSize = std::uint64_t(200) << 20;
   fs::path const big = tmp / "big.pdf";
-  {
-    int const fd = ::open(big.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bigSize)));
-    ASSERT_EQ(5, ::pwrite(fd, "start", 5, 0));
-    ::close(fd);
-  }
+  ASSERT_TRUE(writeSparseFile(big, bigSize, "start")) << big << ": " << std::strerror(errno);
   Child client(kCli, {"--port", std::to_string(port), "--token-file", tokenFile.string(), "drop", big.string()},
                nextOutput(".out"), nextOutput(".err"));
   fs::path const partial = in / "big.pdf.noqx";
@@ -1436,12 +1431,7 @@ TEST_F(AppsTest, AClientKilledDuringADropLeavesNothingPartialBehind) {
   fs::create_directories(tmp / "docs");
   writeFile(tmp / "docs" / "a.pdf", "first");
   std::uint64_t const bigSize = std::uint64_t(400) << 20;
-  {
-    int const fd = ::open((tmp / "docs" / "big.pdf").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bigSize)));
-    ::close(fd);
-  }
+  ASSERT_TRUE(writeSparseFile(tmp / "docs" / "big.pdf", bigSize)) << std::strerror(errno);
   Child client(kCli, {"--port", std::to_string(port), "--token-file", tokenFile.string(), "drop", (tmp / "docs").string()},
                nextOutput(".out"), nextOutput(".err"));
   fs::path const partial = in / "tmp.noqx";

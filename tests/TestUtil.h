@@ -9,6 +9,11 @@
 #include <boost/filesystem.hpp>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cstdint>
 #include <exception>
 #include <fstream>
 #include <functional>
@@ -88,6 +93,19 @@ class TempDir {
 inline void writeFile(boost::filesystem::path const& file, std::string const& content) {
   std::ofstream out(file.string(), std::ios::binary | std::ios::trunc);
   out << content;
+}
+
+// Makes file size bytes long at once, holes but for start at its beginning,
+// so that a big file costs no disk and no time. False (errno says why) when
+// it cannot.
+inline bool writeSparseFile(boost::filesystem::path const& file, std::uint64_t size, std::string const& start = "",
+                            mode_t mode = 0644) {
+  int const fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, mode);
+  if (fd < 0) return false;
+  bool const ok = ::ftruncate(fd, static_cast<off_t>(size)) == 0 &&
+                  ::pwrite(fd, start.data(), start.size(), 0) == static_cast<ssize_t>(start.size());
+  ::close(fd);
+  return ok;
 }
 
 inline std::string readFile(boost::filesystem::path const& file) {

@@ -446,13 +446,7 @@ TEST_F(UiTest, ADropCancelledOnItsWayLeavesNothingInTheSpool) {
   // written at once: holes but for a start.
   std::uint64_t const bigSize = std::uint64_t(1) << 30;
   fs::path const big = tmp / "big.pdf";
-  {
-    int const fd = ::open(big.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(bigSize)));
-    ASSERT_EQ(5, ::pwrite(fd, "start", 5, 0));
-    ::close(fd);
-  }
+  ASSERT_TRUE(qxtest::writeSparseFile(big, bigSize, "start")) << big << ": " << std::strerror(errno);
   auto window = openWindow();
   QLabel* const state = label(*window, "connectionState");
   expectText(state, "Connected to the service");

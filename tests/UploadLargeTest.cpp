@@ -42,12 +42,7 @@ TEST(UploadLarge, AFiveGibFileGoesInPartsAndArrivesWhole) {
   settings.SrvFileExtsSet.clear();
 
   std::uint64_t const size = 5ull << 30;
-  {
-    int const fd = ::open((tmp / "disk.iso").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0640);
-    ASSERT_GE(fd, 0);
-    ASSERT_EQ(0, ::ftruncate(fd, static_cast<off_t>(size)));
-    ::close(fd);
-  }
+  ASSERT_TRUE(qxtest::writeSparseFile(tmp / "disk.iso", size, "", 0640)) << std::strerror(errno);
   qxsvc::Pipeline p(settings, qxtest::pipelineOptions(tmp / "state", tmp / "credentials.json"));
   p.start();
   fs::rename(tmp / "disk.iso", in / "disk.iso");
