@@ -82,8 +82,12 @@ void UiSession::stop() {
   m_timer.stop();
   // The client fails what is still queued and waits for its completions;
   // what they posted is dropped below, with this object's events.
-  m_client.reset();
+  dropClient();
   m_io->stop();
+}
+
+void UiSession::dropClient() {
+  m_client.reset();
   ++m_generation;
 }
 
@@ -132,8 +136,7 @@ void UiSession::lose(std::string const& error) {
   }
   // The next tick reads the runtime file again: a restarted service may
   // serve on another port, with another token.
-  m_client.reset();
-  ++m_generation;
+  dropClient();
 }
 
 void UiSession::send(std::shared_ptr<Ipc::CmdI> const& cmd, Done done) {
@@ -319,8 +322,7 @@ void UiSession::cancelDrop() {
   // The service removes what it received when the connection goes; the
   // client's end waits for the completions it still owes, and those of
   // this connection are stale from here on.
-  m_client.reset();
-  ++m_generation;
+  dropClient();
   emit dropAnswered({tr("Drop cancelled")}, false);
 }
 

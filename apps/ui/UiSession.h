@@ -138,6 +138,9 @@ class UiSession : public QObject {
   bool connectClient();
   // An exchange failed: the state says why, and the next tick looks again.
   void lose(std::string const& error);
+  // Lets the client go: it fails what is still queued and waits for its
+  // completions, and answers of it are stale from here on.
+  void dropClient();
   void setState(State state, QString const& text);
   // Takes the result lines queued so far, on the UI thread.
   void takeTestLines(Ipc::TestCfg& test);
