@@ -1,12 +1,14 @@
 #include "apps/svc/upload/Sha256.h"
 
 #include <openssl/evp.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <condition_variable>
 #include <exception>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <thread>
@@ -22,6 +24,14 @@ namespace {
 // Files are read in pieces of this size: large enough for few calls, small
 // enough not to matter in memory.
 constexpr std::size_t kReadChunk = 1 << 20;
+
+// The size of the reads of the file open as fd: kReadChunk, or less for a
+// smaller file (at least one page; a file that grows is read in more pieces).
+std::size_t readChunkFor(int fd) {
+  struct stat st {};
+  if (::fstat(fd, &st) != 0 || st.st_size >= static_cast<off_t>(kReadChunk)) return kReadChunk;
+  return std::max<std::size_t>(static_cast<std::size_t>(std::max<off_t>(st.st_size, 0)), 4096);
+}
 
 std::string toHex(unsigned char const* bytes, unsigned size) {
   static char const digits[] = "0123456789abcdef";
@@ -173,20 +183,23 @@ FileDigests sha256OfFileAndParts(int fd, std::uint64_t partSize, std::string con
                                  std::function<void()> const& afterBlock) {
   Sha256 whole;
   // Two buffers: one is read into while the parts' thread hashes the other
-  // (they outlive it).
-  std::vector<unsigned char> buffers[2] = {std::vector<unsigned char>(kReadChunk),
-                                           std::vector<unsigned char>(partSize ? kReadChunk : 0)};
+  // (they outlive it). Left unset, and no larger than the file, so that a
+  // small file does not pay for clearing a megabyte.
+  std::size_t const chunk = readChunkFor(fd);
+  std::unique_ptr<unsigned char[]> const buffers[2] = {
+      std::unique_ptr<unsigned char[]>(new unsigned char[chunk]),
+      std::unique_ptr<unsigned char[]>(partSize ? new unsigned char[chunk] : nullptr)};
   std::optional<PartHasher> parts;
   if (partSize) parts.emplace(partSize);
   int current = 0;
   std::uint64_t offset = 0;
   std::uint64_t inPart = 0;  // bytes of the current part read so far
   for (;;) {
-    std::vector<unsigned char>& buffer = buffers[current];
-    std::size_t want = buffer.size();
+    unsigned char* const buffer = buffers[current].get();
+    std::size_t want = chunk;
     // A read ends where a part ends.
     if (partSize) want = static_cast<std::size_t>(std::min<std::uint64_t>(want, partSize - inPart));
-    ssize_t const got = ::pread(fd, buffer.data(), want, static_cast<off_t>(offset));
+    ssize_t const got = ::pread(fd, buffer, want, static_cast<off_t>(offset));
     if (got < 0) {
       if (errno == EINTR) continue;
       throw std::system_error(errno, std::generic_category(), "cannot read " + what);
@@ -196,11 +209,11 @@ FileDigests sha256OfFileAndParts(int fd, std::uint64_t partSize, std::string con
     offset += n;
     if (parts) {
       parts->wait();  // done with the other buffer
-      parts->start(buffer.data(), n);
+      parts->start(buffer, n);
       inPart = (inPart + n) % partSize;
       current ^= 1;
     }
-    whole.update(buffer.data(), n);
+    whole.update(buffer, n);
     if (afterBlock) afterBlock();
   }
   FileDigests digests;
