@@ -784,6 +784,11 @@ TEST(UiTranslationTest, TheGermanTranslationNamesTheButtonsInGerman) {
     EXPECT_EQ("QXLite-Uploads", window.windowTitle().toStdString());
     // The German mnemonics are distinct too.
     EXPECT_EQ(std::vector<std::string>{}, keyboardProblems(window));
+    // A setting's meaning, shown as its tip and read out by a screen reader.
+    auto const* concurrent = window.findChild<QLineEdit*>(QStringLiteral("ConcurrentUploads"));
+    ASSERT_NE(nullptr, concurrent);
+    EXPECT_EQ("die gr\u00f6\u00dfte Zahl gleichzeitig laufender Uploads", concurrent->toolTip().toStdString());
+    EXPECT_EQ(concurrent->toolTip(), concurrent->accessibleDescription());
     qxui::UploadsSnapshot snapshot;
     qxui::UploadRow queued;
     queued.id = QStringLiteral("j1");

@@ -11,6 +11,7 @@ tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 mkdir -p "$tmp/apps"
 cp -r "$root/apps/ui" "$tmp/apps/ui"
+cp "$root/apps/ConfigFile.cpp" "$tmp/apps/"
 cat >>"$tmp/apps/ui/DropZone.cpp" <<'CPP'
 namespace qxui {
 QString probeText() { return DropZone::tr("A text the translation lacks"); }

@@ -13,7 +13,7 @@ status=0
 for ts in "$root"/apps/ui/translations/*.ts; do
   fresh="$tmp/$(basename "$ts")"
   cp "$ts" "$fresh"
-  "$lupdate" -silent -I "$root" -locations none -no-obsolete "$root/apps/ui" -ts "$fresh"
+  "$lupdate" -silent -I "$root" -locations none -no-obsolete "$root/apps/ui" "$root/apps/ConfigFile.cpp" -ts "$fresh"
   if ! diff -u "$ts" "$fresh"; then
     echo "$ts is stale: run scripts/update-translations.sh and translate what it adds" >&2
     status=1

@@ -4,6 +4,7 @@
 #include "apps/ui/UiSession.h"
 
 #include <QCheckBox>
+#include <QCoreApplication>
 #include <QFormLayout>
 #include <QGroupBox>
 #include <QHBoxLayout>
@@ -156,8 +157,9 @@ SettingsPage::SettingsPage(UiSession& session, QWidget* parent)
     }
     control->setObjectName(QString::fromLatin1(key.name));
     control->setAccessibleName(QString::fromLatin1(key.name));
-    control->setAccessibleDescription(QString::fromLatin1(key.meaning));
-    control->setToolTip(QString::fromLatin1(key.meaning));
+    QString const meaning = QCoreApplication::translate("ConfigKey", key.meaning);
+    control->setAccessibleDescription(meaning);
+    control->setToolTip(meaning);
     layouts[groupOf(key.name)]->addRow(QString::fromLatin1(key.name), control);
     m_fields[key.name] = std::move(field);
   }

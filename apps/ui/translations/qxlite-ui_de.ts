@@ -2,6 +2,157 @@
 <!DOCTYPE TS>
 <TS version="2.1" language="de_DE">
 <context>
+    <name>ConfigKey</name>
+    <message>
+        <source>the account at the upload server that this node belongs to</source>
+        <translation>das Konto beim Upload-Server, zu dem dieser Knoten gehört</translation>
+    </message>
+    <message>
+        <source>this node&apos;s id at the server</source>
+        <translation>die Kennung dieses Knotens beim Server</translation>
+    </message>
+    <message>
+        <source>id of the node&apos;s key pair at the server</source>
+        <translation>Kennung des Schlüsselpaars dieses Knotens beim Server</translation>
+    </message>
+    <message>
+        <source>the node&apos;s public key</source>
+        <translation>der öffentliche Schlüssel des Knotens</translation>
+    </message>
+    <message>
+        <source>file extensions that are never uploaded</source>
+        <translation>Dateiendungen, die nie hochgeladen werden</translation>
+    </message>
+    <message>
+        <source>file extensions that the server accepts</source>
+        <translation>Dateiendungen, die der Server annimmt</translation>
+    </message>
+    <message>
+        <source>incoming folder: files dropped here are uploaded</source>
+        <translation>Eingangsordner: hier abgelegte Dateien werden hochgeladen</translation>
+    </message>
+    <message>
+        <source>outgoing folder</source>
+        <translation>Ausgangsordner</translation>
+    </message>
+    <message>
+        <source>backup of uploaded items: 0 off, 4294967295 kept for ever, else seconds until they expire</source>
+        <translation>Sicherung hochgeladener Dateien: 0 aus, 4294967295 für immer behalten, sonst Sekunden bis zum Löschen</translation>
+    </message>
+    <message>
+        <source>backup folder (rejected files go to its .rejected)</source>
+        <translation>Sicherungsordner (abgewiesene Dateien kommen in seinen Unterordner .rejected)</translation>
+    </message>
+    <message>
+        <source>trace logging of the service</source>
+        <translation>ausführliches Protokoll des Dienstes</translation>
+    </message>
+    <message>
+        <source>whether remote clients may configure the service</source>
+        <translation>ob entfernte Clients den Dienst einrichten dürfen</translation>
+    </message>
+    <message>
+        <source>zip an upload from 10 plus this many files on (-7: from 3 files, 15: from 25)</source>
+        <translation>einen Upload ab 10 plus so vielen Dateien zippen (-7: ab 3 Dateien, 15: ab 25)</translation>
+    </message>
+    <message>
+        <source>use a dropped folder&apos;s name as the title of its upload</source>
+        <translation>den Namen eines abgelegten Ordners als Titel seines Uploads verwenden</translation>
+    </message>
+    <message>
+        <source>the most uploads that run at once</source>
+        <translation>die größte Zahl gleichzeitig laufender Uploads</translation>
+    </message>
+    <message>
+        <source>TCP port between the client and the service</source>
+        <translation>TCP-Port zwischen Client und Dienst</translation>
+    </message>
+    <message>
+        <source>seconds a connection may stay idle</source>
+        <translation>Sekunden, die eine Verbindung untätig bleiben darf</translation>
+    </message>
+    <message>
+        <source>use IPv4 only between the client and the service</source>
+        <translation>zwischen Client und Dienst nur IPv4 verwenden</translation>
+    </message>
+    <message>
+        <source>debug tracing of the transfers to the server</source>
+        <translation>Debug-Protokoll der Übertragungen zum Server</translation>
+    </message>
+    <message>
+        <source>address of the upload server</source>
+        <translation>Adresse des Upload-Servers</translation>
+    </message>
+    <message>
+        <source>alternative address of the upload server</source>
+        <translation>Ausweichadresse des Upload-Servers</translation>
+    </message>
+    <message>
+        <source>reach the server through a proxy</source>
+        <translation>den Server über einen Proxy erreichen</translation>
+    </message>
+    <message>
+        <source>the proxy&apos;s address</source>
+        <translation>die Adresse des Proxys</translation>
+    </message>
+    <message>
+        <source>tunnel through the proxy</source>
+        <translation>durch den Proxy tunneln</translation>
+    </message>
+    <message>
+        <source>the proxy speaks SOCKS5 (else HTTP)</source>
+        <translation>der Proxy spricht SOCKS5 (sonst HTTP)</translation>
+    </message>
+    <message>
+        <source>skip the check of the server&apos;s certificate</source>
+        <translation>das Zertifikat des Servers nicht prüfen</translation>
+    </message>
+    <message>
+        <source>how to authenticate at the proxy</source>
+        <translation>wie beim Proxy angemeldet wird</translation>
+    </message>
+    <message>
+        <source>user name at the proxy</source>
+        <translation>Benutzername beim Proxy</translation>
+    </message>
+    <message>
+        <source>password at the proxy</source>
+        <translation>Passwort beim Proxy</translation>
+    </message>
+    <message>
+        <source>SMTP server for e-mail notices (none: no notices)</source>
+        <translation>SMTP-Server für E-Mail-Hinweise (keiner: keine Hinweise)</translation>
+    </message>
+    <message>
+        <source>user name at the SMTP server</source>
+        <translation>Benutzername beim SMTP-Server</translation>
+    </message>
+    <message>
+        <source>password at the SMTP server</source>
+        <translation>Passwort beim SMTP-Server</translation>
+    </message>
+    <message>
+        <source>require TLS with the SMTP server</source>
+        <translation>TLS mit dem SMTP-Server verlangen</translation>
+    </message>
+    <message>
+        <source>send an e-mail when an upload succeeds</source>
+        <translation>eine E-Mail senden, wenn ein Upload gelingt</translation>
+    </message>
+    <message>
+        <source>send an e-mail when an upload fails</source>
+        <translation>eine E-Mail senden, wenn ein Upload scheitert</translation>
+    </message>
+    <message>
+        <source>sender of the e-mail notices</source>
+        <translation>Absender der E-Mail-Hinweise</translation>
+    </message>
+    <message>
+        <source>recipient of the e-mail notices</source>
+        <translation>Empfänger der E-Mail-Hinweise</translation>
+    </message>
+</context>
+<context>
     <name>main</name>
     <message>
         <source>Hand files to the QXLite service and watch them upload</source>
