@@ -1214,9 +1214,11 @@ struct LayoutCase {
 
 TEST(UploadEngineTest, MultipartLayoutsKeepThePartsInFlightWithinTheBudget) {
   LayoutCase const cases[] = {
-      // The default budget: two parts of 8 MiB at once.
+      // The default budget: two parts of 16 MiB at once.
+      {1024 * kMiB, 32 * kMiB, {16 * kMiB, 64, 2}},
+      {5ull << 30, 32 * kMiB, {16 * kMiB, 320, 2}},
+      // Half of it: two parts of 8 MiB.
       {1024 * kMiB, 16 * kMiB, {8 * kMiB, 128, 2}},
-      {5ull << 30, 16 * kMiB, {8 * kMiB, 640, 2}},
       // The smallest budget holds one part of S3's smallest size.
       {12 * kMiB, 5 * kMiB, {5 * kMiB, 3, 1}},
       // Below S3's smallest part, the budget is raised to it.

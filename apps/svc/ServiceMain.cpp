@@ -61,7 +61,7 @@ struct Options {
   std::string stateFolder;
   std::string credentialsFile;
   unsigned multipartFromMib = 64;
-  unsigned partMib = 16;
+  unsigned partMib = 32;
   double mailWindowSecs = 300.0;
   unsigned mailsPerHour = 12;
   std::string mailCaFile;
@@ -268,7 +268,7 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(5u, 1048576u));
   app.add_option("--part-size", opt.partMib,
                  "MiB of one file on the wire at once in a multipart upload, the most a restart sends again "
-                 "(default 16: two parts of 8 at once; at least 5: one part)")
+                 "(default 32: two parts of 16 at once; from 5 to 9: one part)")
       ->check(CLI::Range(5u, 5120u));
   app.add_option("--state-dir", opt.stateFolder,
                  "Folder of the upload journal (default: /var/lib/qxlite as root, else \"state\" beside the configuration file)");

@@ -109,7 +109,7 @@ struct EngineOptions {
   std::uint64_t multipartThreshold = 64ull << 20;
   // The bytes of one multipart upload in flight at once: the parts are cut
   // so that those in flight never hold more (multipartLayout()).
-  std::uint64_t partSize = 16ull << 20;
+  std::uint64_t partSize = 32ull << 20;
   std::chrono::seconds connectTimeout{10};
   std::chrono::seconds stallTimeout{60};  // no byte moved for this long: transient
   bool traceRequests = false;
