@@ -536,15 +536,7 @@ class Bench {
     for (int run = 0; run < m_options.runs; ++run) {
       {
         auto service = s3Service("small" + transfers + "-" + std::to_string(run + 1), bucket, concurrency);
-        std::vector<std::function<void()>> drops;
-        for (std::string const& name : m_smallNames) {
-          drops.push_back(service->prepareDrop(m_work / "sources" / "small" / name, name));
-        }
-        auto const t0 = Clock::now();
-        for (auto const& drop : drops) drop();
-        service->await("the small uploads", [&] { return service->uploadedJobs() == n + 1; },
-                       std::chrono::milliseconds(10));
-        svcSeconds.push_back(seconds(Clock::now() - t0));
+        svcSeconds.push_back(timeSmallDrops(*service, "the small uploads"));
         if (keyCount(m_s3, bucket, "") != n + 1) throw std::runtime_error("the service did not upload every small file");
       }
       removeObjects(m_s3, bucket);
@@ -574,15 +566,7 @@ class Bench {
       {
         ServiceConfig config{m_dav.url + "/" + folder + "/svc", m_dav.user, m_dav.password, 2};
         auto service = startWarm("dav-" + std::to_string(run + 1), config, [&] { return fileCount(root / "svc") == 1; });
-        std::vector<std::function<void()>> drops;
-        for (std::string const& name : m_smallNames) {
-          drops.push_back(service->prepareDrop(m_work / "sources" / "small" / name, name));
-        }
-        auto const t0 = Clock::now();
-        for (auto const& drop : drops) drop();
-        service->await("the WebDAV uploads", [&] { return service->uploadedJobs() == n + 1; },
-                       std::chrono::milliseconds(10));
-        svcSeconds.push_back(seconds(Clock::now() - t0));
+        svcSeconds.push_back(timeSmallDrops(*service, "the WebDAV uploads"));
         if (fileCount(root / "svc") != n + 1) throw std::runtime_error("the service did not upload every small file to WebDAV");
       }
       auto const t0 = Clock::now();
@@ -670,6 +654,20 @@ class Bench {
   }
 
  private:
+  // Drops every small file into a started service (after its warm-up drop)
+  // at once; the seconds until its log says that the server has them all.
+  double timeSmallDrops(Service& service, std::string const& what) {
+    std::vector<std::function<void()>> drops;
+    for (std::string const& name : m_smallNames) {
+      drops.push_back(service.prepareDrop(m_work / "sources" / "small" / name, name));
+    }
+    auto const t0 = Clock::now();
+    for (auto const& drop : drops) drop();
+    service.await(what, [&] { return service.uploadedJobs() == m_smallNames.size() + 1; },
+                  std::chrono::milliseconds(10));
+    return seconds(Clock::now() - t0);
+  }
+
   // Under the table: each run's time of the service and its ratio to an
   // anchor's time in the same run.
   void noteRuns(std::string const& figure, std::vector<double> const& svcSeconds,
