@@ -211,11 +211,19 @@ fs::path createUniquePath(fs::path const& folder, std::string const& base,
   return fs::path();
 }
 
+// Nothing is there under candidate. A name the folder cannot hold (too
+// long, say) or cannot be looked at is not free either: it counts as one
+// failed attempt, never as an exception out of a request.
+bool isFreeName(fs::path const& candidate) {
+  boost::system::error_code ec;
+  return fs::status(candidate, ec).type() == fs::file_not_found;
+}
+
 bool createEmptyFile(fs::path& candidate, fs::path const& folder, std::string const& base,
                      unsigned int n, std::string const& ext) {
   candidate = createUniName(folder, base, n, ext);
   boost::lock_guard<boost::mutex> lock(g_mutexUniPath());
-  if (fs::exists(fs::status(candidate))) return false;
+  if (!isFreeName(candidate)) return false;
   fs::ofstream file(candidate, std::ios::out);
   bool const made = file.is_open();
   file.close();
@@ -226,7 +234,7 @@ bool createEmptyDir(fs::path& candidate, fs::path const& folder, std::string con
                     unsigned int n, std::string const& ext) {
   candidate = createUniName(folder, base, n, ext);
   boost::lock_guard<boost::mutex> lock(g_mutexUniPath());
-  if (fs::exists(fs::status(candidate))) return false;
+  if (!isFreeName(candidate)) return false;
   boost::system::error_code ec;
   return fs::create_directory(candidate, ec) && !ec;
 }

@@ -912,6 +912,26 @@ TEST_F(FileDropNames, UnwritableFolderFailsAfter1009AttemptsWithOneErrLine) {
   }
 }
 
+// A name of 251 bytes is a valid file name, but not with the reserved
+// extension that its temporary item takes: the folder cannot hold any of
+// the candidates, and the request fails with its message instead of an
+// exception of the file system's.
+TEST_F(FileDropNames, ANameTooLongForItsTemporaryItemFailsWithItsMessageAndLeavesNothing) {
+  std::string const name = std::string(247, 'a') + ".pdf";
+  auto drop = makeDrop(spool);
+  qxtest::LogWatch log;
+  try {
+    drop->deserializeReq(parse(R"({"files":[{"name":")" + name + R"(","size":1}]})"));
+    ADD_FAILURE() << "no exception";
+  } catch (json::Exc const& e) {
+    EXPECT_EQ("Svc failed to create temp file for " + name, e.what());
+  }
+  EXPECT_EQ(std::vector<std::string>{"ERR:Ipc Failed too many times to create temp file item \"" + name + ".noqx\""},
+            log.lines());
+  EXPECT_TRUE(drop->files.empty());
+  EXPECT_TRUE(listNames(spool).empty());
+}
+
 TEST_F(FileDropNames, RenameWhenTheFinalNameIsTakenAddsACounterAndLeavesTheOtherAlone) {
   writeFile(spool / "report.pdf", "old");
   writeFile(spool / "report.pdf.noqx", "new");
